@@ -1,0 +1,1 @@
+"""Numeric functions on day-by-instrument data."""

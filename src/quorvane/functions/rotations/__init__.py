@@ -1,0 +1,1 @@
+"""Rotations: functions called once per day on that day's row of values."""

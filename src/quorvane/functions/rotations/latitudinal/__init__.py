@@ -1,0 +1,1 @@
+"""Rotations across instruments: each value is set against the others of its day."""

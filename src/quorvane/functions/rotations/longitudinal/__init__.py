@@ -1,0 +1,1 @@
+"""Rotations along time: each column is transformed by its own past."""

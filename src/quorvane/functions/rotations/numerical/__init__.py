@@ -1,0 +1,1 @@
+"""Element-wise rotations."""

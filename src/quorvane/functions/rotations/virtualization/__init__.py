@@ -1,0 +1,1 @@
+"""Rotations that map instruments through a space of virtual structures and back."""
