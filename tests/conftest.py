@@ -1,0 +1,31 @@
+"""Fixtures that run one test on both the native module and its plain-Python twin."""
+
+import pytest
+
+from support.siblings import Siblings, installed_base, installed_real_base
+
+
+@pytest.fixture(params=["native", "twin"])
+def kind(request):
+    """Which of the two modules the test runs on."""
+    return request.param
+
+
+@pytest.fixture
+def siblings():
+    """The recording stand-in siblings that `base` is built on."""
+    return Siblings()
+
+
+@pytest.fixture
+def base(kind, siblings):
+    """A fresh base module on stand-in siblings, all of them importable during the test."""
+    with installed_base(kind, siblings) as module:
+        yield module
+
+
+@pytest.fixture
+def real_base(kind):
+    """The base module on the package's real siblings, importable during the test."""
+    with installed_real_base(kind) as module:
+        yield module
