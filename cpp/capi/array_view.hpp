@@ -1,0 +1,85 @@
+#pragma once
+
+#include <cstddef>
+#include <span>
+
+#include "capi/numpy.hpp"
+#include "capi/objects.hpp"
+
+namespace quorvane::capi {
+
+template <class T>
+inline constexpr int type_number_of = NPY_NOTYPE;
+template <>
+inline constexpr int type_number_of<double> = NPY_DOUBLE;
+template <>
+inline constexpr int type_number_of<npy_bool> = NPY_BOOL;
+
+// A one-dimensional array as it lies in memory. It is valid until the next Python code runs: code
+// can resize or drop the array, so views are made right before the loop that uses them.
+template <class T>
+class VectorView {
+public:
+    VectorView() = default;
+    VectorView(char* data, npy_intp size, npy_intp stride)
+        : data_(data), size_(size), stride_(stride) {}
+
+    [[nodiscard]] npy_intp size() const noexcept { return size_; }
+    [[nodiscard]] bool contiguous() const noexcept {
+        return stride_ == static_cast<npy_intp>(sizeof(T)) || size_ <= 1;
+    }
+    T& operator[](npy_intp index) const noexcept {
+        return *reinterpret_cast<T*>(data_ + index * stride_);
+    }
+    // Only of a contiguous view.
+    [[nodiscard]] std::span<T> span() const noexcept {
+        return {reinterpret_cast<T*>(data_), static_cast<std::size_t>(size_)};
+    }
+    explicit operator bool() const noexcept { return data_ != nullptr; }
+
+private:
+    char* data_ = nullptr;
+    npy_intp size_ = 0;
+    npy_intp stride_ = 0;
+};
+
+inline PyArrayObject* as_array(PyObject* object) noexcept {
+    return reinterpret_cast<PyArrayObject*>(object);
+}
+
+namespace detail {
+
+template <class T>
+VectorView<T> view_of(PyObject* object, int type_number, int flags) noexcept {
+    if (!PyArray_CheckExact(object)) return {};
+    PyArrayObject* array = as_array(object);
+    if (PyArray_NDIM(array) != 1 || PyArray_TYPE(array) != type_number ||
+        (PyArray_FLAGS(array) & flags) != flags || !PyArray_ISNOTSWAPPED(array)) {
+        return {};
+    }
+    return {PyArray_BYTES(array), PyArray_DIM(array, 0), PyArray_STRIDE(array, 0)};
+}
+
+}  // namespace detail
+
+// The view of an exact, one-dimensional, aligned, native array of T; empty for anything else.
+template <class T>
+VectorView<const T> readable_vector(PyObject* object) noexcept {
+    return detail::view_of<const T>(object, type_number_of<T>, NPY_ARRAY_ALIGNED);
+}
+
+// The same, and it can be written.
+template <class T>
+VectorView<T> writable_vector(PyObject* object) noexcept {
+    return detail::view_of<T>(object, type_number_of<T>, NPY_ARRAY_ALIGNED | NPY_ARRAY_WRITEABLE);
+}
+
+// A mask of bytes: a one-dimensional array of bool or uint8.
+inline VectorView<const npy_uint8> readable_mask(PyObject* object) noexcept {
+    if (const auto bytes = detail::view_of<const npy_uint8>(object, NPY_UINT8, NPY_ARRAY_ALIGNED)) {
+        return bytes;
+    }
+    return detail::view_of<const npy_uint8>(object, NPY_BOOL, NPY_ARRAY_ALIGNED);
+}
+
+}  // namespace quorvane::capi

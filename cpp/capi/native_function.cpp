@@ -1,0 +1,173 @@
+#include "capi/native_function.hpp"
+
+#include <structmember.h>
+
+#include <cstddef>
+#include <new>
+
+namespace quorvane::capi {
+
+namespace {
+
+// The object's C++ half, built after the interpreter has zeroed the whole object.
+struct Content {
+    const FunctionDef* definition;
+    void* state;
+    Signature signature;
+    Ref module;
+};
+
+struct NativeFunction {
+    PyObject_HEAD
+    vectorcallfunc vectorcall;
+    PyObject* name;
+    PyObject* qualified_name;
+    PyObject* doc;
+    PyObject* text_signature;
+    PyObject* dict;
+    PyObject* weak_references;
+    alignas(Content) std::byte content[sizeof(Content)];
+};
+
+NativeFunction& function_of(PyObject* object) {
+    return *reinterpret_cast<NativeFunction*>(object);
+}
+
+Content& content_of(PyObject* object) {
+    return *std::launder(reinterpret_cast<Content*>(function_of(object).content));
+}
+
+PyObject* vectorcall(PyObject* object, PyObject* const* arguments, std::size_t flagged_count,
+                     PyObject* keyword_names) noexcept {
+    return guarded([&] {
+        const Content& content = content_of(object);
+        const Py_ssize_t count = PyVectorcall_NARGS(flagged_count);
+        if (keyword_names == nullptr && content.signature.takes_as_they_are(count)) {
+            return content.definition->body(content.state, arguments);
+        }
+        Signature::Bound bound;
+        content.signature.bind(bound, function_of(object).qualified_name, arguments, count,
+                               keyword_names);
+        return content.definition->body(content.state, bound.values);
+    });
+}
+
+PyObject* bind_to_instance(PyObject* self, PyObject* instance, PyObject* /*owner*/) {
+    if (instance == nullptr || instance == Py_None) return Py_NewRef(self);
+    return PyMethod_New(self, instance);
+}
+
+PyObject* represent(PyObject* self) {
+    return PyUnicode_FromFormat("<function %U at %p>", function_of(self).qualified_name, self);
+}
+
+// Pickled and copied by its qualified name, as functions are.
+PyObject* reduce(PyObject* self, PyObject* /*unused*/) {
+    return Py_NewRef(function_of(self).qualified_name);
+}
+
+int traverse(PyObject* self, visitproc visit, void* arg) {
+    Py_VISIT(Py_TYPE(self));
+    Py_VISIT(function_of(self).dict);
+    Py_VISIT(content_of(self).module.get());
+    return 0;
+}
+
+int clear(PyObject* self) {
+    Py_CLEAR(function_of(self).dict);
+    return 0;
+}
+
+void deallocate(PyObject* self) {
+    PyObject_GC_UnTrack(self);
+    NativeFunction& function = function_of(self);
+    if (function.weak_references != nullptr) PyObject_ClearWeakRefs(self);
+    const Ref type = Ref::steal(reinterpret_cast<PyObject*>(Py_TYPE(self)));
+    for (PyObject** member : {&function.name, &function.qualified_name, &function.doc,
+                              &function.text_signature, &function.dict}) {
+        Ref::steal(std::exchange(*member, nullptr));
+    }
+    content_of(self).~Content();
+    PyObject_GC_Del(self);
+}
+
+PyMemberDef members[] = {
+    {"__name__", T_OBJECT, offsetof(NativeFunction, name), 0, nullptr},
+    {"__qualname__", T_OBJECT, offsetof(NativeFunction, qualified_name), 0, nullptr},
+    {"__doc__", T_OBJECT, offsetof(NativeFunction, doc), 0, nullptr},
+    {"__text_signature__", T_OBJECT, offsetof(NativeFunction, text_signature), READONLY, nullptr},
+    {"__vectorcalloffset__", T_PYSSIZET, offsetof(NativeFunction, vectorcall), READONLY, nullptr},
+    {"__dictoffset__", T_PYSSIZET, offsetof(NativeFunction, dict), READONLY, nullptr},
+    {"__weaklistoffset__", T_PYSSIZET, offsetof(NativeFunction, weak_references), READONLY,
+     nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+PyGetSetDef properties[] = {
+    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyMethodDef methods[] = {
+    {"__reduce__", reduce, METH_NOARGS, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+template <class Function>
+void* slot(Function function) {
+    return reinterpret_cast<void*>(function);
+}
+
+}  // namespace
+
+Ref make_native_function_type(PyObject* module) {
+    PyType_Slot slots[] = {
+        {Py_tp_dealloc, slot(deallocate)},
+        {Py_tp_traverse, slot(traverse)},
+        {Py_tp_clear, slot(clear)},
+        {Py_tp_repr, slot(represent)},
+        {Py_tp_descr_get, slot(bind_to_instance)},
+        {Py_tp_call, slot(PyVectorcall_Call)},
+        {Py_tp_members, members},
+        {Py_tp_getset, properties},
+        {Py_tp_methods, methods},
+        {0, nullptr},
+    };
+    PyType_Spec spec = {
+        "quorvane.native_function",
+        static_cast<int>(sizeof(NativeFunction)),
+        0,
+        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
+            Py_TPFLAGS_METHOD_DESCRIPTOR | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+        slots,
+    };
+    return require(PyType_FromModuleAndSpec(module, &spec, nullptr));
+}
+
+Ref make_native_function(PyObject* type, const FunctionDef& definition, PyObject* module,
+                         void* state, PyObject* module_name, const char* owner) {
+    Signature signature(definition.parameters);
+    Ref name = require(PyUnicode_InternFromString(definition.name));
+    Ref qualified_name = require(PyUnicode_FromFormat("%s.%s", owner, definition.name));
+    Ref text = make_str(signature.text().c_str());
+    Ref doc = definition.doc != nullptr ? make_str(definition.doc) : none();
+    Ref dict = make_dict();
+    require(PyDict_SetItemString(dict.get(), "__module__", module_name));
+
+    auto* heap_type = reinterpret_cast<PyTypeObject*>(type);
+    auto* function = PyObject_GC_New(NativeFunction, heap_type);
+    Ref result = require(reinterpret_cast<PyObject*>(function));
+    function->vectorcall = vectorcall;
+    function->name = name.release();
+    function->qualified_name = qualified_name.release();
+    function->doc = doc.release();
+    function->text_signature = text.release();
+    function->dict = dict.release();
+    function->weak_references = nullptr;
+    new (function->content)
+        Content{&definition, state, std::move(signature), Ref::borrow(module)};
+    PyObject_GC_Track(result.get());
+    return result;
+}
+
+}  // namespace quorvane::capi

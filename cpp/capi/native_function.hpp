@@ -1,0 +1,35 @@
+#pragma once
+
+#include <span>
+
+#include "capi/signature.hpp"
+
+namespace quorvane::capi {
+
+// A function written in C++ that Python cannot tell from one of its own where it matters: it binds
+// as a method, has a signature, a name, a qualified name, a module and a dictionary.
+struct FunctionDef {
+    // Gets the state of its module and one borrowed value per parameter, in order.
+    using Body = Ref (*)(void* state, PyObject* const* values);
+
+    const char* name;
+    std::span<const Parameter> parameters;
+    Body body;
+    const char* doc = nullptr;
+};
+
+// Adapts a body that names its module's state type.
+template <class State, Ref (*function)(State&, PyObject* const*)>
+Ref body_of(void* state, PyObject* const* values) {
+    return function(*static_cast<State*>(state), values);
+}
+
+// The type of native functions, made once per module.
+Ref make_native_function_type(PyObject* module);
+
+// A new function; it keeps `module`, and so the state that its body works on, alive.
+// `definition` must outlive it (the tables are static).
+Ref make_native_function(PyObject* type, const FunctionDef& definition, PyObject* module,
+                         void* state, PyObject* module_name, const char* owner);
+
+}  // namespace quorvane::capi

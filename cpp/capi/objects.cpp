@@ -1,0 +1,105 @@
+#include "capi/objects.hpp"
+
+namespace quorvane::capi {
+
+Ref optional_attr(PyObject* object, PyObject* name) {
+    PyObject* value = nullptr;
+#if PY_VERSION_HEX >= 0x030D0000
+    require(PyObject_GetOptionalAttr(object, name, &value));
+#else
+    require(_PyObject_LookupAttr(object, name, &value));
+#endif
+    return Ref::steal(value);
+}
+
+Ref slice_of(PyObject* object, PyObject* start, PyObject* stop) {
+    const Ref slice = require(PySlice_New(start, stop, nullptr));
+    return item(object, slice.get());
+}
+
+Ref dict_get(PyObject* dict, PyObject* key) {
+    PyObject* value = PyDict_GetItemWithError(dict, key);
+    if (value == nullptr && PyErr_Occurred() != nullptr) throw PythonError();
+    return Ref::borrow(value);
+}
+
+bool compare(PyObject* left, PyObject* right, int operation) {
+    return truth(require(PyObject_RichCompare(left, right, operation)).get());
+}
+
+Ref to_dict(PyObject* object) {
+    return require(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), object));
+}
+
+Ref import_module(const char* name) { return require(PyImport_ImportModule(name)); }
+
+Ref import_from(const char* module, const char* name) {
+    // As the statement does: the attribute, else a submodule that is still being imported.
+    const Ref key = make_str(name);
+    const Ref wanted = make_tuple(key.get());
+    const Ref imported =
+        require(PyImport_ImportModuleLevel(module, nullptr, nullptr, wanted.get(), 0));
+    if (Ref found = optional_attr(imported.get(), key.get())) return found;
+    const Ref dotted = require(PyUnicode_FromFormat("%s.%s", module, name));
+    if (Ref found = Ref::steal(PyImport_GetModule(dotted.get()))) return found;
+    const Ref module_name = make_str(module);
+    Ref path = Ref::steal(PyModule_GetFilenameObject(imported.get()));
+    if (!path) PyErr_Clear();
+    const Ref text = require(PyUnicode_FromFormat("cannot import name %R from %R (%V)", key.get(),
+                                                  module_name.get(), path.get(),
+                                                  "unknown location"));
+    PyErr_SetImportError(text.get(), module_name.get(), path.get());
+    throw PythonError();
+}
+
+namespace {
+
+Pair pair_of(PyObject* first, PyObject* second) {
+    return {Ref::borrow(first), Ref::borrow(second)};
+}
+
+[[noreturn]] void raise_not_unpackable(PyObject* object) {
+    // Only a type that cannot be iterated at all gets this text; an error of __iter__ is kept.
+    if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(object)->tp_iter == nullptr &&
+        !PySequence_Check(object)) {
+        PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object",
+                     Py_TYPE(object)->tp_name);
+    }
+    throw PythonError();
+}
+
+[[noreturn]] void raise_too_few(Py_ssize_t got) {
+    PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 2, got %zd)", got);
+    throw PythonError();
+}
+
+[[noreturn]] void raise_too_many() {
+    raise(PyExc_ValueError, "too many values to unpack (expected 2)");
+}
+
+}  // namespace
+
+Pair unpack_pair(PyObject* object) {
+    if (PyTuple_CheckExact(object) && PyTuple_GET_SIZE(object) == 2) {
+        return pair_of(PyTuple_GET_ITEM(object, 0), PyTuple_GET_ITEM(object, 1));
+    }
+    if (PyList_CheckExact(object) && PyList_GET_SIZE(object) == 2) {
+        return pair_of(PyList_GET_ITEM(object, 0), PyList_GET_ITEM(object, 1));
+    }
+    const Ref iterator = Ref::steal(PyObject_GetIter(object));
+    if (!iterator) raise_not_unpackable(object);
+    Ref parts[2];
+    for (Py_ssize_t i = 0; i < 2; ++i) {
+        parts[i] = Ref::steal(PyIter_Next(iterator.get()));
+        if (!parts[i]) {
+            if (PyErr_Occurred() != nullptr) throw PythonError();
+            raise_too_few(i);
+        }
+    }
+    const Ref surplus = Ref::steal(PyIter_Next(iterator.get()));
+    if (surplus) raise_too_many();
+    if (PyErr_Occurred() != nullptr) throw PythonError();
+    return {std::move(parts[0]), std::move(parts[1])};
+}
+
+}  // namespace quorvane::capi

@@ -1,0 +1,158 @@
+#pragma once
+
+// What Python expressions mean, under short names: attribute access, subscription, calls, truth and
+// the builtin conversions. Each raises what the expression would raise.
+
+#include <cstddef>
+
+#include "capi/error.hpp"
+
+namespace quorvane::capi {
+
+// ---- attributes --------------------------------------------------------------------------------
+
+// object.name
+inline Ref attr(PyObject* object, PyObject* name) {
+    return require(PyObject_GetAttr(object, name));
+}
+
+// getattr(object, name, None-as-empty): empty when, and only when, AttributeError is raised.
+Ref optional_attr(PyObject* object, PyObject* name);
+
+// hasattr(object, name)
+inline bool has_attr(PyObject* object, PyObject* name) {
+    return static_cast<bool>(optional_attr(object, name));
+}
+
+// object.name = value
+inline void set_attr(PyObject* object, PyObject* name, PyObject* value) {
+    require(PyObject_SetAttr(object, name, value));
+}
+
+// ---- subscription ------------------------------------------------------------------------------
+
+// object[key]
+inline Ref item(PyObject* object, PyObject* key) { return require(PyObject_GetItem(object, key)); }
+
+// object[key] = value
+inline void set_item(PyObject* object, PyObject* key, PyObject* value) {
+    require(PyObject_SetItem(object, key, value));
+}
+
+// object[start:stop], an empty bound being None
+Ref slice_of(PyObject* object, PyObject* start, PyObject* stop);
+
+// mapping.get(key) of an exact dict; empty when the key is absent.
+Ref dict_get(PyObject* dict, PyObject* key);
+
+// ---- calls -------------------------------------------------------------------------------------
+
+// callable(arguments...)
+template <class... Arguments>
+Ref call(PyObject* callable, Arguments... arguments) {
+    PyObject* stack[] = {nullptr, arguments...};
+    return require(PyObject_Vectorcall(
+        callable, stack + 1, sizeof...(Arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+// callable(positional..., name=value...): the last len(names) arguments are the keywords' values.
+template <class... Arguments>
+Ref call_with_keywords(PyObject* callable, PyObject* names, Arguments... arguments) {
+    PyObject* stack[] = {nullptr, arguments...};
+    const auto keywords = static_cast<std::size_t>(PyTuple_GET_SIZE(names));
+    return require(PyObject_Vectorcall(
+        callable, stack + 1,
+        (sizeof...(Arguments) - keywords) | PY_VECTORCALL_ARGUMENTS_OFFSET, names));
+}
+
+// object.name(arguments...), without making the bound method. The method is looked up when the
+// arguments are already there; where evaluating them can run Python code, use attr() and call().
+template <class... Arguments>
+Ref call_method(PyObject* object, PyObject* name, Arguments... arguments) {
+    PyObject* stack[] = {nullptr, object, arguments...};
+    return require(PyObject_VectorcallMethod(
+        name, stack + 1, (sizeof...(Arguments) + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+// ---- truth and comparison ----------------------------------------------------------------------
+
+// bool(object)
+inline bool truth(PyObject* object) {
+    if (object == Py_True) return true;
+    if (object == Py_False || object == Py_None) return false;
+    return require(PyObject_IsTrue(object)) != 0;
+}
+
+// bool(left <op> right) with no shortcut for identical objects, as the operators have none.
+bool compare(PyObject* left, PyObject* right, int operation);
+
+// key in container
+inline bool contains(PyObject* container, PyObject* key) {
+    return require(PySequence_Contains(container, key)) != 0;
+}
+
+inline bool is_none(PyObject* object) noexcept { return object == Py_None; }
+
+// isinstance(object, int) and not isinstance(object, bool)
+inline bool is_integer(PyObject* object) noexcept {
+    return PyLong_Check(object) && !PyBool_Check(object);
+}
+
+// ---- conversions -------------------------------------------------------------------------------
+
+// int(object), float(object), tuple(object), list(object), dict(object), len(object), str(object)
+inline Ref to_int(PyObject* object) { return require(PyNumber_Long(object)); }
+inline Ref to_float(PyObject* object) { return require(PyNumber_Float(object)); }
+inline Ref to_tuple(PyObject* object) { return require(PySequence_Tuple(object)); }
+inline Ref to_list(PyObject* object) { return require(PySequence_List(object)); }
+Ref to_dict(PyObject* object);
+inline Py_ssize_t length(PyObject* object) { return require(PyObject_Size(object)); }
+inline Ref to_str(PyObject* object) { return require(PyObject_Str(object)); }
+inline Ref to_repr(PyObject* object) { return require(PyObject_Repr(object)); }
+inline Ref to_bool(bool value) { return Ref::borrow(value ? Py_True : Py_False); }
+
+inline Ref make_int(Py_ssize_t value) { return require(PyLong_FromSsize_t(value)); }
+inline Ref make_float(double value) { return require(PyFloat_FromDouble(value)); }
+inline Ref make_str(const char* text) { return require(PyUnicode_FromString(text)); }
+inline Ref make_dict() { return require(PyDict_New()); }
+inline Ref make_list(Py_ssize_t size = 0) { return require(PyList_New(size)); }
+
+// (items...)
+template <class... Items>
+Ref make_tuple(Items... items) {
+    return require(PyTuple_Pack(static_cast<Py_ssize_t>(sizeof...(Items)), items...));
+}
+
+inline void append(PyObject* list, PyObject* element) { require(PyList_Append(list, element)); }
+
+// import name: the module itself, also for a dotted name.
+Ref import_module(const char* name);
+
+// from module import name
+Ref import_from(const char* module, const char* name);
+
+// ---- iteration ---------------------------------------------------------------------------------
+
+// for element in iterable: the elements are asked for one by one, as the loop goes on.
+class Iteration {
+public:
+    explicit Iteration(PyObject* iterable) : iterator_(require(PyObject_GetIter(iterable))) {}
+
+    // The next element; empty at the end.
+    Ref next() {
+        Ref element = Ref::steal(PyIter_Next(iterator_.get()));
+        if (!element && PyErr_Occurred() != nullptr) throw PythonError();
+        return element;
+    }
+
+private:
+    Ref iterator_;
+};
+
+// first, second = object: unpacks exactly two, by ordinary iteration, with the interpreter's errors.
+struct Pair {
+    Ref first, second;
+};
+Pair unpack_pair(PyObject* object);
+
+}  // namespace quorvane::capi
