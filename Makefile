@@ -1,0 +1,134 @@
+# Everything below sets itself up in $(VENV) on first use:
+#
+#   make demo        decades of daily prices through the package, with a picture
+#   make test        build, format, lint, type and stub checks, C++ tests, Python tests
+#   make format      rewrite the sources as `make test` wants to see them
+#   make coverage    line and branch coverage of the C++, report in build/coverage/report
+#   make asan        the tests under the address and undefined-behaviour sanitizers
+#   make tidy        clang-tidy over the C++
+#   make dist-test   build and test with the distribution's Python and NumPy, without pip
+#   make clean       remove what was built; `make distclean` removes $(VENV) too
+#
+# PYTHON=python3.12 chooses the interpreter (with VENV=.venv312 beside the usual one).
+
+VENV ?= .venv
+PYTHON ?=
+
+PY := $(CURDIR)/$(VENV)/bin/python
+WHEEL_BUILD := build/wheel-$(patsubst .%,%,$(VENV))
+DIST := $(WHEEL_BUILD)/dist
+
+# cmake, ninja and the linters come from the environment; tests must see the installed wheel only.
+export PATH := $(CURDIR)/$(VENV)/bin:$(PATH)
+export PIP_DISABLE_PIP_VERSION_CHECK := 1
+export CMAKE_GENERATOR ?= Ninja
+unexport PYTHONPATH
+
+TOOLS_READY := $(VENV)/.ready-tools
+WHEEL_READY := $(VENV)/.ready-wheel
+DEMO_READY := $(VENV)/.ready-demo
+TEST_READY := $(VENV)/.ready-test
+
+# Folders are listed too: their time changes when a file is added or removed.
+SOURCES := CMakeLists.txt README.md LICENSE \
+    $(shell find cmake cpp src -name __pycache__ -prune -o \( -type d -o -type f \) -print)
+CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
+STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
+
+.PHONY: demo test lint types check format coverage asan tidy dist-test clean distclean
+.DELETE_ON_ERROR:
+
+demo: $(WHEEL_READY) $(DEMO_READY)
+	$(PY) -m quorvane.cli.demo
+
+test: lint types check
+
+lint: $(TEST_READY)
+	ruff format --check .
+	ruff check .
+	clang-format --dry-run -Werror $(CXX_SOURCES)
+
+types: $(WHEEL_READY) $(TEST_READY)
+	mypy
+	cd $(WHEEL_BUILD) && $(PY) -m mypy.stubtest $(STUBBED)
+
+check: $(WHEEL_READY) $(TEST_READY)
+	ctest --test-dir $(WHEEL_BUILD) --output-on-failure
+	$(PY) -m pytest -n 2
+
+format: $(TEST_READY)
+	ruff format .
+	ruff check --fix .
+	clang-format -i $(CXX_SOURCES)
+
+# One process: the counters are written at a normal exit, which pytest-xdist's workers do not make.
+coverage: $(TEST_READY)
+	cmake --preset coverage -DPython_EXECUTABLE=$(PY)
+	cmake --build --preset coverage
+	find build/coverage -name '*.gcda' -delete
+	ctest --preset coverage
+	PYTHONPATH=build/coverage/python $(PY) -m pytest -q
+	mkdir -p build/coverage/report
+	gcovr --root . --filter cpp/ --exclude cpp/tests/ --object-directory build/coverage \
+	    --exclude-throw-branches --exclude-unreachable-branches \
+	    --html-details build/coverage/report/index.html --txt --txt-metric branch --print-summary
+
+# The interpreter is not instrumented, so the runtime is loaded before it, and with it libstdc++,
+# whose throw it intercepts. CPython keeps memory until exit on purpose: leaks are not looked for.
+asan: $(TEST_READY)
+	cmake --preset asan -DPython_EXECUTABLE=$(PY)
+	cmake --build --preset asan
+	ASAN_OPTIONS=detect_leaks=0 ctest --preset asan
+	LD_PRELOAD="$$(c++ -print-file-name=libasan.so) $$(c++ -print-file-name=libstdc++.so)" \
+	    ASAN_OPTIONS=detect_leaks=0 PYTHONMALLOC=malloc PYTHONPATH=build/asan/python \
+	    $(PY) -m pytest -q
+
+tidy: $(TEST_READY)
+	command -v clang-tidy >/dev/null || $(PY) -m pip install -q clang-tidy
+	cmake --preset tidy -DPython_EXECUTABLE=$(PY)
+	cmake --build --preset tidy
+
+# Nothing of $(VENV) may be seen here, its cmake and ninja included.
+dist-test: export PATH := /usr/local/bin:/usr/bin:/bin
+dist-test: export CMAKE_GENERATOR := Unix Makefiles
+dist-test:
+	cmake --preset distro
+	cmake --build --preset distro
+	ctest --preset distro
+	PYTHONPATH=build/distro/python /usr/bin/python3 -m pytest -q
+
+clean:
+	rm -rf build $(VENV)/.ready-wheel
+
+distclean: clean
+	rm -rf $(VENV)
+
+# The interpreter, and what the wheel is built with.
+$(TOOLS_READY): pyproject.toml tools/make_venv.sh
+	@PYTHON="$(PYTHON)" tools/make_venv.sh $(VENV)
+	$(PY) -m pip install -q "scikit-build-core>=0.10" "numpy>=2.0" cmake ninja
+	@touch $@
+
+# The wheel itself, as a user gets it, but with our own warnings as errors and the C++ tests
+# beside it. The build folder is kept, so that a second build compiles only what has changed.
+$(WHEEL_READY): $(TOOLS_READY) $(SOURCES)
+	@echo "Building the wheel (some minutes the first time) ..."
+	@rm -rf $(DIST)
+	$(PY) -m pip wheel -q . --no-build-isolation --no-deps --wheel-dir $(DIST) \
+	    --config-settings=build-dir=$(WHEEL_BUILD) \
+	    --config-settings=cmake.define.QUORVANE_WERROR=ON \
+	    --config-settings=cmake.define.QUORVANE_TESTS=ON
+	$(PY) -m pip install -q --no-deps --force-reinstall $(DIST)/quorvane-*.whl
+	@touch $@
+
+# Extras are asked of the wheel, so that what users are promised is what is tested. The prices of
+# the demo are in skfolio, whose own many dependencies are not needed to read them.
+$(DEMO_READY): pyproject.toml | $(WHEEL_READY)
+	$(PY) -m pip install -q "$$(echo $(DIST)/quorvane-*.whl)[demo]"
+	$(PY) -m pip install -q --no-deps skfolio
+	@touch $@
+
+$(TEST_READY): pyproject.toml | $(WHEEL_READY)
+	$(PY) -m pip install -q "$$(echo $(DIST)/quorvane-*.whl)[test,bench,dev]"
+	$(PY) -m pip install -q --no-deps skfolio
+	@touch $@
