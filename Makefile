@@ -84,7 +84,7 @@ asan: $(TEST_READY)
 	    $(PY) -m pytest -q
 
 tidy: $(TEST_READY)
-	command -v clang-tidy >/dev/null || $(PY) -m pip install -q clang-tidy
+	command -v clang-tidy >/dev/null || $(PY) -m pip install -qq clang-tidy
 	cmake --preset tidy -DPython_EXECUTABLE=$(PY)
 	cmake --build --preset tidy
 
@@ -106,7 +106,7 @@ distclean: clean
 # The interpreter, and what the wheel is built with.
 $(TOOLS_READY): pyproject.toml tools/make_venv.sh
 	@PYTHON="$(PYTHON)" tools/make_venv.sh $(VENV)
-	$(PY) -m pip install -q "scikit-build-core>=0.10" "numpy>=2.0" cmake ninja
+	$(PY) -m pip install -qq "scikit-build-core>=0.10" "numpy>=2.0" cmake ninja
 	@touch $@
 
 # The wheel itself, as a user gets it, but with our own warnings as errors and the C++ tests
@@ -124,11 +124,11 @@ $(WHEEL_READY): $(TOOLS_READY) $(SOURCES)
 # Extras are asked of the wheel, so that what users are promised is what is tested. The prices of
 # the demo are in skfolio, whose own many dependencies are not needed to read them.
 $(DEMO_READY): pyproject.toml | $(WHEEL_READY)
-	$(PY) -m pip install -q "$$(echo $(DIST)/quorvane-*.whl)[demo]"
-	$(PY) -m pip install -q --no-deps skfolio
+	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[demo]"
+	$(PY) -m pip install -qq --no-deps skfolio
 	@touch $@
 
 $(TEST_READY): pyproject.toml | $(WHEEL_READY)
-	$(PY) -m pip install -q "$$(echo $(DIST)/quorvane-*.whl)[test,bench,dev]"
-	$(PY) -m pip install -q --no-deps skfolio
+	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[test,bench,dev]"
+	$(PY) -m pip install -qq --no-deps skfolio
 	@touch $@
