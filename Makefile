@@ -35,7 +35,7 @@ SOURCES := CMakeLists.txt README.md LICENSE \
 CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
 STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
 
-.PHONY: demo test lint types check format coverage asan tidy dist-test clean distclean
+.PHONY: demo test lint types check format coverage asan tidy dist-test clean distclean python-matches
 .DELETE_ON_ERROR:
 
 demo: $(WHEEL_READY) $(DEMO_READY)
@@ -103,8 +103,12 @@ clean:
 distclean: clean
 	rm -rf $(VENV)
 
+# A PYTHON that was asked for is compared with the environment each time, never silently ignored.
+python-matches:
+	@PYTHON="$(PYTHON)" tools/make_venv.sh $(VENV)
+
 # The interpreter, and what the wheel is built with.
-$(TOOLS_READY): pyproject.toml tools/make_venv.sh
+$(TOOLS_READY): pyproject.toml tools/make_venv.sh | $(if $(PYTHON),python-matches)
 	@PYTHON="$(PYTHON)" tools/make_venv.sh $(VENV)
 	$(PY) -m pip install -qq "scikit-build-core>=0.10" "numpy>=2.0" cmake ninja
 	@touch $@

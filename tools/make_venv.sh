@@ -73,5 +73,8 @@ sys.exit(not os.path.exists(os.path.join(sysconfig.get_path("include"), "Python.
 
 if [ ! -x "$folder/bin/python" ]; then
     echo "Making $folder with $("$python" -V) ..."
-    "$python" -m venv "$folder"
+    "$python" -m venv "$folder" || {
+        rm -rf "$folder"
+        fail "$python -m venv $folder did not work, see above."
+    }
 fi
