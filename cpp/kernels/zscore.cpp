@@ -1,0 +1,144 @@
+// First, since it says how all that follows is compiled.
+// clang-format off
+#include "kernels/simd.hpp"
+// clang-format on
+
+#include "kernels/zscore.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+namespace quorvane::kernels {
+namespace {
+
+constexpr double kLargest = std::numeric_limits<double>::max();
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+
+// Eight running sums side by side; the compiler maps them to whatever vectors the machine has.
+constexpr std::size_t kLanes = 8;
+using Lanes [[gnu::vector_size(kLanes * sizeof(double))]] = double;
+using LaneBits [[gnu::vector_size(kLanes * sizeof(double))]] = std::int64_t;
+
+// Sums of one block are plain, sums of blocks compensated: the error does not grow with the length.
+constexpr std::size_t kBlock = 128 * kLanes;
+
+class CompensatedSum {
+public:
+    void add(double term) {
+        const double next = sum_ + term;
+        lost_ += std::abs(sum_) >= std::abs(term) ? (sum_ - next) + term : (term - next) + sum_;
+        sum_ = next;
+    }
+    [[nodiscard]] double value() const { return sum_ + lost_; }
+
+private:
+    double sum_ = 0.0;
+    double lost_ = 0.0;
+};
+
+struct BlockSums {
+    double count;    // finite values
+    double largest;  // of |x - center|
+    double first;    // sum of x - center
+    double second;   // sum of (x - center)^2
+};
+
+// The sums over at most kBlock values, each multiplied by `scale` first.
+QUORVANE_SIMD void sum_block(const double* values, std::size_t size, double scale, double center,
+                             BlockSums& sums) {
+    Lanes count{}, largest{}, first{}, second{};
+    for (std::size_t i = 0; i < size; i += kLanes) {
+        Lanes value;
+        if (size - i >= kLanes) {
+            std::memcpy(&value, values + i, sizeof value);
+        } else {
+            value = kNan - Lanes{};
+            std::memcpy(&value, values + i, (size - i) * sizeof(double));
+        }
+        const Lanes size_of = value < 0.0 ? -value : value;
+        const LaneBits finite = size_of <= kLargest;
+        const Lanes deviation = finite ? value * scale - center : Lanes{};
+        const Lanes distance = deviation < 0.0 ? -deviation : deviation;
+        count += finite ? Lanes{} + 1.0 : Lanes{};
+        largest = distance > largest ? distance : largest;
+        first += deviation;
+        second += deviation * deviation;
+    }
+    sums = {};
+    for (std::size_t lane = 0; lane < kLanes; ++lane) {
+        sums.count += count[lane];
+        sums.largest = std::max(sums.largest, largest[lane]);
+        sums.first += first[lane];
+        sums.second += second[lane];
+    }
+}
+
+struct Sums {
+    double count = 0.0;
+    double largest = 0.0;
+    double first = 0.0;
+    double second = 0.0;
+};
+
+Sums sum_all(std::span<const double> values, double scale, double center) {
+    Sums total;
+    CompensatedSum first, second;
+    for (std::size_t start = 0; start < values.size(); start += kBlock) {
+        BlockSums block;
+        sum_block(values.data() + start, std::min(kBlock, values.size() - start), scale, center,
+                  block);
+        total.count += block.count;
+        total.largest = std::max(total.largest, block.largest);
+        first.add(block.first);
+        second.add(block.second);
+    }
+    total.first = first.value();
+    total.second = second.value();
+    return total;
+}
+
+QUORVANE_SIMD void standardise(const double* __restrict values, double* __restrict out,
+                               std::size_t count, double scale, double mean, double deviation) {
+    for (std::size_t i = 0; i < count; ++i) {
+        const bool finite = std::abs(values[i]) <= kLargest;
+        const double usable = finite ? values[i] : kNan;
+        out[i] = (usable * scale - mean) / deviation;
+    }
+}
+
+// 1 where squares and sums of the values stay well inside the double range, else the power of two
+// that brings the largest value near 1.
+double safe_scale(double largest) {
+    constexpr double low = 0x1p-400, high = 0x1p400;
+    if (largest == 0.0 || (largest >= low && largest <= high)) return 1.0;
+    // Two's exponent of the smallest subnormal would overflow when negated.
+    return std::ldexp(1.0, std::min(-std::ilogb(largest), 1023));
+}
+
+}  // namespace
+
+void zscore(std::span<const double> values, std::span<double> out) {
+    Sums raw = sum_all(values, 1.0, 0.0);
+    const double scale = safe_scale(raw.largest);
+    if (scale != 1.0) raw = sum_all(values, scale, 0.0);
+
+    double mean = kNan, deviation = kNan;
+    if (raw.count >= 2.0) {
+        // Sums around the first estimate give what that estimate lost to rounding.
+        const double estimate = raw.first / raw.count;
+        const Sums centered = sum_all(values, scale, estimate);
+        const double correction = centered.first / centered.count;
+        const double variance = centered.second / centered.count - correction * correction;
+        const double spread = std::sqrt(std::max(variance, 0.0));
+        mean = estimate + correction;
+        const bool constant = spread <= std::numeric_limits<double>::epsilon() * std::abs(mean);
+        deviation = constant ? kNan : spread;
+    }
+    standardise(values.data(), out.data(), values.size(), scale, mean, deviation);
+}
+
+}  // namespace quorvane::kernels

@@ -1,0 +1,105 @@
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "check.hpp"
+#include "kernels/rank.hpp"
+
+using quorvane::kernels::rank_fraction;
+using quorvane::kernels::RankWorkspace;
+
+namespace {
+
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+constexpr double kInf = std::numeric_limits<double>::infinity();
+using Row = std::vector<double>;
+
+RankWorkspace workspace;  // one for all checks, as a caller would keep it
+
+Row ranked(const Row& values) {
+    Row out(values.size(), 3.0);
+    rank_fraction(values, workspace, out);
+    return out;
+}
+
+// By counting, quadratic.
+Row reference(const Row& values) {
+    double count = 0;
+    for (const double x : values) count += !std::isnan(x);
+    Row out;
+    for (const double x : values) {
+        double below = 0, equal = 0;
+        for (const double y : values) below += y < x, equal += y == x;
+        out.push_back(std::isnan(x) ? kNan : (below + (equal + 1.0) / 2.0) / count);
+    }
+    return out;
+}
+
+bool same(const Row& left, const Row& right) {
+    for (std::size_t i = 0; i < left.size(); ++i) {
+        if (left[i] != right[i] && !(std::isnan(left[i]) && std::isnan(right[i]))) return false;
+    }
+    return left.size() == right.size();
+}
+
+using Source = std::function<double(std::mt19937_64&)>;
+
+void check_source(const Source& source, std::size_t size, std::mt19937_64& random) {
+    Row values(size);
+    for (double& value : values) value = random() % 10 == 0 ? kNan : source(random);
+    CHECK(same(ranked(values), reference(values)));
+}
+
+// Too long for counting: distinct values in a shuffled order, whose ranks are known.
+void check_long(std::size_t size, std::mt19937_64& random) {
+    Row values(size), expected(size);
+    for (std::size_t i = 0; i < size; ++i) values[i] = static_cast<double>(i) - 1000.25;
+    std::shuffle(values.begin(), values.end(), random);
+    for (std::size_t i = 0; i < size; ++i) {
+        expected[i] = (values[i] + 1001.25) / static_cast<double>(size);
+    }
+    CHECK(same(ranked(values), expected));
+}
+
+void knows_the_special_values() {
+    CHECK(ranked({}).empty());
+    CHECK(same(ranked({kNan}), {kNan}));
+    CHECK(same(ranked({kInf}), {1.0}));
+    CHECK(same(ranked({-kInf, -kInf}), {0.75, 0.75}));
+    CHECK(same(ranked({0.0, -0.0, kNan, 5e-324}), {0.5, 0.5, kNan, 1.0}));
+    CHECK(same(ranked({kInf, -kInf, 0.0, 1e308, -5e-324}), {1.0, 0.2, 0.6, 0.8, 0.4}));
+    CHECK(same(ranked({-kNan, 3.0, 1.0, 3.0, 2.0}), {kNan, 0.875, 0.25, 0.875, 0.5}));
+}
+
+}  // namespace
+
+int main() {
+    knows_the_special_values();
+
+    const Source sources[] = {
+        [](auto& random) { return std::normal_distribution<double>()(random); },
+        [](auto& random) { return static_cast<double>(random() % 5); },
+        [](auto& random) { return static_cast<double>(random() % 3) - 1.0; },
+        [](auto& random) { return std::bit_cast<double>(random()); },
+        [](auto&) { return -0.1; },
+        // So near each other beside one far away that their leading bits agree.
+        [](auto& random) {
+            return random() % 50 == 0 ? 1e300 : 1.0 + 0x1p-50 * static_cast<double>(random() % 8);
+        },
+        [](auto& random) { return random() % 2 != 0 ? kInf : -kInf; },
+        [](auto& random) { return std::bit_cast<double>(random() % 100); },
+    };
+    std::mt19937_64 random(5);
+    for (const Source& source : sources) {
+        for (const std::size_t size : {2u, 9u, 255u, 256u, 257u, 1000u, 4100u}) {
+            check_source(source, size, random);
+        }
+    }
+    check_long(70'000, random);
+    check_long(300, random);
+    return check::result();
+}
