@@ -26,4 +26,4 @@ inline void that(bool holds, const char* expression, const char* file, int line)
 
 // A macro, because only one can show the expression as it was written. Variadic, so that commas in
 // template arguments and braces need no further parentheses.
-#define CHECK(...) ::check::that(static_cast<bool>(__VA_ARGS__), #__VA_ARGS__, __FILE__, __LINE__)
+#define CHECK(...) ::check::that((__VA_ARGS__), #__VA_ARGS__, __FILE__, __LINE__)
