@@ -7,7 +7,7 @@
 namespace quorvane::capi {
 
 // A module with multi-phase initialisation whose state is a C++ object: State(PyObject* module)
-// binds the module's names in order, State::visit(visitproc, void*) shows its objects to the
+// binds the module's names in order, State::traverse(visitproc, void*) shows its objects to the
 // garbage collector. The state lives as long as the module, which every function of it keeps alive.
 //
 // There is no m_clear: the classes in the module's dictionary break every cycle that goes through
@@ -37,7 +37,7 @@ private:
 
     static int traverse(PyObject* module, visitproc visit, void* argument) {
         State* state = state_of(module);
-        return state == nullptr ? 0 : state->visit(visit, argument);
+        return state == nullptr ? 0 : state->traverse(visit, argument);
     }
 
     static void release(void* module) {

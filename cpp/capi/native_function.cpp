@@ -37,9 +37,19 @@ Content& content_of(PyObject* object) {
     return *std::launder(reinterpret_cast<Content*>(function_of(object).content));
 }
 
+// Native methods that call each other use the C stack, which only this check bounds.
+class RecursionGuard {
+public:
+    RecursionGuard() { require(Py_EnterRecursiveCall(" while calling a native function")); }
+    RecursionGuard(const RecursionGuard&) = delete;
+    RecursionGuard& operator=(const RecursionGuard&) = delete;
+    ~RecursionGuard() { Py_LeaveRecursiveCall(); }
+};
+
 PyObject* vectorcall(PyObject* object, PyObject* const* arguments, std::size_t flagged_count,
                      PyObject* keyword_names) noexcept {
     return guarded([&] {
+        const RecursionGuard recursion;
         const Content& content = content_of(object);
         const Py_ssize_t count = PyVectorcall_NARGS(flagged_count);
         if (keyword_names == nullptr && content.signature.takes_as_they_are(count)) {

@@ -45,11 +45,16 @@ Ref slice_of(PyObject* object, PyObject* start, PyObject* stop);
 // mapping.get(key) of an exact dict; empty when the key is absent.
 Ref dict_get(PyObject* dict, PyObject* key);
 
+// dict.setdefault(key, value) of an exact dict
+inline void set_default(PyObject* dict, PyObject* key, PyObject* value) {
+    if (PyDict_SetDefault(dict, key, value) == nullptr) throw PythonError();
+}
+
 // ---- calls -------------------------------------------------------------------------------------
 
 // callable(arguments...)
 template <class... Arguments>
-Ref call(PyObject* callable, Arguments... arguments) {
+Ref call(PyObject* callable, const Arguments&... arguments) {
     PyObject* stack[] = {nullptr, arguments...};
     return require(PyObject_Vectorcall(
         callable, stack + 1, sizeof...(Arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
@@ -57,7 +62,7 @@ Ref call(PyObject* callable, Arguments... arguments) {
 
 // callable(positional..., name=value...): the last len(names) arguments are the keywords' values.
 template <class... Arguments>
-Ref call_with_keywords(PyObject* callable, PyObject* names, Arguments... arguments) {
+Ref call_with_keywords(PyObject* callable, PyObject* names, const Arguments&... arguments) {
     PyObject* stack[] = {nullptr, arguments...};
     const auto keywords = static_cast<std::size_t>(PyTuple_GET_SIZE(names));
     return require(PyObject_Vectorcall(
@@ -68,7 +73,7 @@ Ref call_with_keywords(PyObject* callable, PyObject* names, Arguments... argumen
 // object.name(arguments...), without making the bound method. The method is looked up when the
 // arguments are already there; where evaluating them can run Python code, use attr() and call().
 template <class... Arguments>
-Ref call_method(PyObject* object, PyObject* name, Arguments... arguments) {
+Ref call_method(PyObject* object, PyObject* name, const Arguments&... arguments) {
     PyObject* stack[] = {nullptr, object, arguments...};
     return require(PyObject_VectorcallMethod(
         name, stack + 1, (sizeof...(Arguments) + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
@@ -119,8 +124,9 @@ inline Ref make_list(Py_ssize_t size = 0) { return require(PyList_New(size)); }
 
 // (items...)
 template <class... Items>
-Ref make_tuple(Items... items) {
-    return require(PyTuple_Pack(static_cast<Py_ssize_t>(sizeof...(Items)), items...));
+Ref make_tuple(const Items&... items) {
+    return require(PyTuple_Pack(static_cast<Py_ssize_t>(sizeof...(Items)),
+                                static_cast<PyObject*>(items)...));
 }
 
 inline void append(PyObject* list, PyObject* element) { require(PyList_Append(list, element)); }

@@ -1,0 +1,82 @@
+#include "virtualization/child_chain.hpp"
+
+namespace quorvane::virtualization {
+
+namespace {
+
+using capi::Parameter;
+using capi::positional;
+
+constexpr Parameter context_parameters[] = {
+    positional("self"),
+    positional("parent_context"),
+    positional("day_index"),
+};
+constexpr Parameter chain_parameters[] = {
+    positional("self"),
+    positional("txi_values"),
+    positional("child_context"),
+};
+
+// The universe as the children see it: day d has d + 1 rows and every slot is in. The parent's
+// context is not looked at: children see only the virtual universe and the day index.
+Ref make_child_context(State& state, PyObject* const* values) {
+    const Names& names = state.names;
+    PyObject* self = values[0];
+    PyObject* day_index = values[2];
+    const Ref day = capi::to_int(day_index);
+    Ref rows = require(PyNumber_Add(day.get(), state.one.get()));
+    if (capi::compare(rows.get(), state.one.get(), Py_LT)) rows = state.one.share();
+    const Ref mask_class = state.global(names.AllOnesVirtualMask);
+    const Ref universe_row = attr(self, names.txi_universe_row);
+    const Ref mask = call(mask_class.get(), rows.get(), universe_row.get());
+    const Ref context_class = state.global(names.VirtualContext);
+    return call(context_class.get(), mask.get(), day_index);
+}
+
+[[noreturn]] void raise_wrong_shape(const State& state, PyObject* self, PyObject* current) {
+    const Names& names = state.names;
+    message_of(state, self)
+        .text(": child rotation returned shape ")
+        .value(attr(current, names.shape))
+        .text(", expected (")
+        .value(attr(self, names.max_structures))
+        .text(",)")
+        .raise(PyExc_ValueError);
+}
+
+void check_shape(const State& state, PyObject* self, PyObject* current) {
+    const Names& names = state.names;
+    const Ref shape = attr(current, names.shape);
+    const Ref expected = capi::make_tuple(attr(self, names.max_structures).get());
+    if (capi::compare(shape.get(), expected.get(), Py_NE)) {
+        raise_wrong_shape(state, self, current);
+    }
+}
+
+Ref run_child_chain(State& state, PyObject* const* values) {
+    const Names& names = state.names;
+    PyObject* self = values[0];
+    PyObject* child_context = values[2];
+    Ref current = state.numpy_with_dtype(names.asarray, values[1], names.float64);
+    capi::Iteration children(attr(self, names.child_rotations).get());
+    while (const Ref child = children.next()) {
+        const Ref asarray = state.numpy(names.asarray);
+        const Ref output = call_with_keywords(child.get(), state.context_keyword.get(),
+                                              current.get(), child_context);
+        current = call_with_keywords(asarray.get(), state.dtype_keyword.get(), output.get(),
+                                     state.numpy(names.float64).get());
+        check_shape(state, self, current.get());
+    }
+    return copy_as_float64(state, [&] { return current.share(); });
+}
+
+}  // namespace
+
+const capi::FunctionDef make_child_context_def{"_make_child_context", context_parameters,
+                                               capi::body_of<State, make_child_context>};
+
+const capi::FunctionDef run_child_chain_def{"_run_child_chain", chain_parameters,
+                                            capi::body_of<State, run_child_chain>};
+
+}  // namespace quorvane::virtualization

@@ -1,0 +1,11 @@
+#pragma once
+
+#include "virtualization/state.hpp"
+
+namespace quorvane::virtualization {
+
+extern const capi::FunctionDef compute_def;
+extern const capi::FunctionDef call_def;
+extern const capi::FunctionDef batch_reference_def;
+
+}  // namespace quorvane::virtualization

@@ -1,0 +1,60 @@
+#include "virtualization/slots.hpp"
+
+namespace quorvane::virtualization {
+
+namespace {
+
+using capi::Parameter;
+using capi::positional;
+
+constexpr Parameter self_only[] = {positional("self")};
+constexpr Parameter refresh_parameters[] = {
+    positional("self"),      positional("space_input"),       positional("structure_inputs"),
+    positional("nan_masks"), positional("combined_nan_mask"), positional("N"),
+};
+constexpr Parameter slot_parameters[] = {positional("self"), positional("key")};
+
+Ref stateful(State& /*state*/, PyObject* const* /*values*/) { return capi::to_bool(true); }
+
+Ref refresh_active_structures(State& state, PyObject* const* /*values*/) {
+    const Ref hook = state.global(state.names.abstract_method_required);
+    return call(hook.get(), capi::make_str("VirtualizationBase._refresh_active_structures").get());
+}
+
+[[noreturn]] void raise_full(const State& state, PyObject* self) {
+    message_of(state, self)
+        .text(": active structure count exceeds max_structures=")
+        .value(attr(self, state.names.max_structures))
+        .raise(PyExc_ValueError);
+}
+
+// A known key always succeeds; a new one takes the next slot, for good.
+Ref slot_for_key(State& state, PyObject* const* values) {
+    const Names& names = state.names;
+    PyObject* self = values[0];
+    const Ref key = capi::to_tuple(values[1]);
+    if (capi::contains(attr(self, names.slot_by_key).get(), key.get())) {
+        return item(attr(self, names.slot_by_key).get(), key.get());
+    }
+    const Ref used = capi::make_int(capi::length(attr(self, names.slot_by_key).get()));
+    const Ref capacity = attr(self, names.max_structures);
+    if (capi::compare(used.get(), capacity.get(), Py_GE)) raise_full(state, self);
+    Ref slot = capi::make_int(capi::length(attr(self, names.slot_by_key).get()));
+    set_item(attr(self, names.slot_by_key).get(), key.get(), slot.get());
+    set_item(attr(self, names.key_by_slot).get(), slot.get(), key.get());
+    return slot;
+}
+
+}  // namespace
+
+const capi::FunctionDef stateful_def{"stateful", self_only, capi::body_of<State, stateful>,
+                                     "True: the slots and the children carry state between days."};
+
+const capi::FunctionDef refresh_active_structures_def{
+    "_refresh_active_structures", refresh_parameters,
+    capi::body_of<State, refresh_active_structures>};
+
+const capi::FunctionDef slot_for_key_def{"_slot_for_key", slot_parameters,
+                                         capi::body_of<State, slot_for_key>};
+
+}  // namespace quorvane::virtualization

@@ -1,0 +1,78 @@
+#pragma once
+
+#include "capi/class_builder.hpp"
+#include "capi/message.hpp"
+#include "capi/objects.hpp"
+#include "virtualization/names.hpp"
+
+namespace quorvane::virtualization {
+
+using capi::call;
+using capi::call_method;
+using capi::call_with_keywords;
+using capi::attr;
+using capi::item;
+using capi::Message;
+using capi::Ref;
+using capi::require;
+using capi::set_attr;
+using capi::set_default;
+using capi::set_item;
+
+// What one import of the module holds besides its dictionary. Nothing here is a second home for a
+// global: limits, tables and classes are looked up in the dictionary whenever they are used.
+class State {
+public:
+    // Runs the module's body: binds every name, in order.
+    explicit State(PyObject* module);
+
+    int traverse(visitproc visit, void* arg) const;
+
+    // The value of a module global now; NameError when it was deleted.
+    [[nodiscard]] Ref global(PyObject* name) const;
+
+    // np.<name>, through the module's own global.
+    [[nodiscard]] Ref numpy(PyObject* name) const { return attr(global(names.np).get(), name); }
+
+    // np.<function>(argument, dtype=np.<dtype>)
+    [[nodiscard]] Ref numpy_with_dtype(PyObject* function, PyObject* argument,
+                                       PyObject* dtype) const;
+
+    // super().<name>, as a method of the rotation class would write it.
+    [[nodiscard]] Ref super_attr(PyObject* self, PyObject* name) const;
+
+    const Names names;
+
+    // Tuples of keyword names, for calls.
+    const Ref context_keyword, dtype_keyword, N_alloc_keyword, current_day_index_keyword,
+        dtype_and_copy_keywords;
+    const Ref zero, one;
+
+private:
+    void bind(const char* name, PyObject* value);
+    void bind_imports();
+
+    PyObject* module_;   // borrowed: the module owns this state
+    PyObject* globals_;  // borrowed: the module's dictionary
+    Ref function_type_;
+    Ref rotation_class_cell_;
+};
+
+// np.array(<argument>, dtype=np.float64, copy=True): an array that nobody else holds. The argument is
+// an expression, evaluated between the two looks at NumPy as the statement evaluates it.
+template <class Argument>
+Ref copy_as_float64(const State& state, Argument&& argument) {
+    const Ref array = state.numpy(state.names.array);
+    const Ref source = std::forward<Argument>(argument)();
+    return call_with_keywords(array.get(), state.dtype_and_copy_keywords.get(), source.get(),
+                              state.numpy(state.names.float64).get(), Py_True);
+}
+
+// A message that begins with the rotation's own name, as every one of an instance method does.
+inline Message message_of(const State& state, PyObject* self) {
+    Message message;
+    message.value(attr(self, state.names.name));
+    return message;
+}
+
+}  // namespace quorvane::virtualization

@@ -1,0 +1,102 @@
+#include "virtualization/unmapping.hpp"
+
+namespace quorvane::virtualization {
+
+namespace {
+
+using capi::positional;
+
+constexpr capi::Parameter parameters[] = {
+    positional("self"),
+    positional("txi_output"),
+    positional("output_buf"),
+    positional("N"),
+};
+
+// The running totals per instrument and which instruments got any contribution.
+struct Totals {
+    Ref sums, has_contribution;
+};
+
+Totals zero_totals(const State& state, PyObject* N) {
+    const Names& names = state.names;
+    Totals totals;
+    totals.sums = state.numpy_with_dtype(names.zeros, N, names.float64);
+    totals.has_contribution =
+        call_with_keywords(state.numpy(names.zeros).get(), state.dtype_keyword.get(), N,
+                           reinterpret_cast<PyObject*>(&PyBool_Type));
+    return totals;
+}
+
+// sums[leg] += amount; has_contribution[leg] = True
+void contribute(const Totals& totals, PyObject* leg, PyObject* amount) {
+    const Ref before = item(totals.sums.get(), leg);
+    const Ref after = require(PyNumber_InPlaceAdd(before.get(), amount));
+    set_item(totals.sums.get(), leg, after.get());
+    set_item(totals.has_contribution.get(), leg, Py_True);
+}
+
+// Every leg gets the same magnitude; its weight gives only the sign, and 0 counts as positive.
+void split_equally(const Totals& totals, PyObject* value, PyObject* legs) {
+    const Ref count = capi::make_int(capi::length(legs));
+    const Ref scale = require(PyNumber_TrueDivide(value, count.get()));
+    const Ref zero = capi::make_float(0.0);
+    capi::Iteration iteration(legs);
+    while (const Ref leg = iteration.next()) {
+        const capi::Pair parts = capi::unpack_pair(leg.get());
+        const bool positive = capi::compare(parts.second.get(), zero.get(), Py_GE);
+        const Ref amount = positive ? scale.share() : require(PyNumber_Negative(scale.get()));
+        contribute(totals, parts.first.get(), amount.get());
+    }
+}
+
+void split_in_proportion(const Totals& totals, PyObject* value, PyObject* legs) {
+    capi::Iteration iteration(legs);
+    while (const Ref leg = iteration.next()) {
+        const capi::Pair parts = capi::unpack_pair(leg.get());
+        const Ref amount = require(PyNumber_Multiply(value, parts.second.get()));
+        contribute(totals, parts.first.get(), amount.get());
+    }
+}
+
+void unmap_slot(const State& state, PyObject* self, PyObject* txi_output, PyObject* slot,
+                const Totals& totals) {
+    const Names& names = state.names;
+    const Ref value = item(txi_output, slot);
+    const Ref isfinite = state.numpy(names.isfinite);
+    if (!capi::truth(call(isfinite.get(), value.get()).get())) return;
+    const Ref legs = call_method(attr(self, names.legs_by_slot).get(), names.get, slot);
+    if (!capi::truth(legs.get())) return;
+    const Ref policy = attr(self, names.unmap_policy);
+    if (capi::compare(policy.get(), capi::make_str("equal_split").get(), Py_EQ)) {
+        split_equally(totals, value.get(), legs.get());
+    } else {
+        split_in_proportion(totals, value.get(), legs.get());
+    }
+}
+
+Ref unmap(State& state, PyObject* const* values) {
+    const Names& names = state.names;
+    PyObject* self = values[0];
+    PyObject* output_buf = values[2];
+    PyObject* N = values[3];
+    const Ref live = require(PySlice_New(Py_None, N, nullptr));
+    set_item(output_buf, live.get(), state.numpy(names.nan).get());
+    const Totals totals = zero_totals(state, N);
+    const Ref slots =
+        call(reinterpret_cast<PyObject*>(&PyRange_Type), attr(self, names.max_structures).get());
+    capi::Iteration iteration(slots.get());
+    while (const Ref slot = iteration.next()) {
+        unmap_slot(state, self, values[1], slot.get(), totals);
+    }
+    const Ref contributed = item(totals.sums.get(), totals.has_contribution.get());
+    const Ref live_output = item(output_buf, live.get());
+    set_item(live_output.get(), totals.has_contribution.get(), contributed.get());
+    return capi::none();
+}
+
+}  // namespace
+
+const capi::FunctionDef unmap_def{"_unmap", parameters, capi::body_of<State, unmap>};
+
+}  // namespace quorvane::virtualization
