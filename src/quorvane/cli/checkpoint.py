@@ -1,0 +1,181 @@
+"""Checkpoints of a replay: a stopped run that is resumed ends with the same bits."""
+
+from __future__ import annotations
+
+import hashlib
+import json
+import uuid
+from collections.abc import Iterator, Mapping, Sequence
+from contextlib import contextmanager
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+
+from quorvane.cli.errors import DataError
+from quorvane.cli.libraries import require_library
+from quorvane.cli.recording import Recorder
+from quorvane.cli.structures import Structures
+from quorvane.cli.table import Table
+from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
+
+_FORMAT = 1
+_NAMESPACE = "quorvane replay"
+_HEAD = "head"
+
+
+@dataclass
+class RunIdentity:
+    """What must be the same when a replay is resumed: options, structures, and days so far.
+
+    Later days may have been added to the table, so the days are identified up to a given one.
+    """
+
+    table: Table
+    structures: Structures
+    options: Mapping[str, Any]
+    _values: Any = field(default_factory=hashlib.sha256)
+    _dates: Any = field(default_factory=hashlib.sha256)
+    _hashed_days: int = 0
+
+    def upto(self, day: int) -> dict[str, Any]:
+        """The identity of a run over the days before ``day``; asked for rising days."""
+        dates = self.table.dates
+        fresh = slice(self._hashed_days, day)
+        rows = np.array(self.table.values[fresh])
+        # One NaN for all: which bits a missing cell gets depends on the reader.
+        rows[np.isnan(rows)] = np.nan
+        self._values.update(rows.tobytes())
+        if dates is not None:
+            self._dates.update("".join(json.dumps(date) for date in dates.text[fresh]).encode())
+        self._hashed_days = day
+        return {
+            "options": dict(self.options),
+            "instruments": _digest(self.table.instruments),
+            "structures": _digest([[key, list(legs.items())] for key, legs in self._legs()]),
+            "values": self._values.hexdigest(),
+            "dates": self._dates.hexdigest(),
+        }
+
+    def _legs(self) -> Iterator[tuple[str, dict[str, str]]]:
+        for key, legs in self.structures.items():
+            yield key, {name: weight.hex() for name, weight in legs.items()}
+
+
+class Checkpoint:
+    """The checkpoint of one run in a SQLite store.
+
+    Each save writes the rows recorded since the last one under a name of their own, then the head:
+    day number, identity, the rotation's state, and the names of all rows. The head is one atomic
+    record, so a run that is killed resumes from the last whole one.
+    """
+
+    def __init__(
+        self,
+        path: Path,
+        identity: RunIdentity,
+        rotation: FixedBaskets,
+        recorders: Sequence[Recorder],
+    ) -> None:
+        stores = require_library("quorvane.stores", "keeping a checkpoint")
+        self.path = path
+        self.saved_days = 0
+        self._store_type, self._store_error = stores.SqliteStore, stores.StoreError
+        self._identity = identity
+        self._rotation = rotation
+        self._recorders = recorders
+        # Rows of a run that was started anew never mix with those of the run before it.
+        self._run = uuid.uuid4().hex
+        self._row_names: list[str] = []
+
+    def save(self, day: int) -> None:
+        """Keep everything that is needed to go on with ``day``."""
+        name = f"{self._run}:{self.saved_days}-{day}"
+        rows = {key: array[self.saved_days : day] for key, array in self._arrays().items()}
+        head = {
+            "format": _FORMAT,
+            "run": self._run,
+            "next_day": day,
+            "identity": self._identity.upto(day),
+            "row_names": [*self._row_names, name],
+            "rotation": self._rotation.get_state(),
+        }
+        with self._open() as store:
+            store.write(name, rows)
+            store.write(_HEAD, head)
+        self._row_names.append(name)
+        self.saved_days = day
+
+    def resume(self) -> int:
+        """Refill the recorders and the rotation; the day to go on with."""
+        if not self.path.exists():
+            raise DataError(f"{self.path}: no such file, expected a checkpoint to resume from")
+        with self._open() as store:
+            head = store.read(_HEAD)
+            if head is None:
+                raise DataError(f"{self.path}: holds no checkpoint of a replay to resume from")
+            if not isinstance(head, dict) or head.get("format") != _FORMAT:
+                raise DataError(f"{self.path}: the checkpoint is damaged or from another version")
+            day: int = head["next_day"]
+            self._require_same_run(day, head["identity"])
+            self._refill([store.read(name) for name in head["row_names"]], day)
+        try:
+            self._rotation.set_state(head["rotation"])
+        except (ValueError, TypeError) as error:
+            raise DataError(f"{self.path}: the rotation refuses its state: {error}") from error
+        self._run, self._row_names, self.saved_days = head["run"], list(head["row_names"]), day
+        return day
+
+    def _arrays(self) -> dict[str, Any]:
+        return {
+            name: array for recorder in self._recorders for name, array in recorder.arrays.items()
+        }
+
+    def _refill(self, rows: Sequence[Any], day: int) -> None:
+        if any(not isinstance(part, dict) for part in rows):
+            raise DataError(f"{self.path}: the checkpoint's rows are missing or damaged")
+        for name, array in self._arrays().items():
+            array[:day] = np.concatenate([part[name] for part in rows])
+
+    def _require_same_run(self, day: int, made_with: Mapping[str, Any]) -> None:
+        """Refuse to go on with anything that was not so when the checkpoint was made."""
+        days = self._identity.table.values.shape[0]
+        if day > days:
+            raise DataError(
+                f"{self.path}: the checkpoint was made after {day} days, the table has only {days}"
+            )
+        now = self._identity.upto(day)
+        for option, value in now["options"].items():
+            before = made_with["options"][option]
+            if before != value:
+                raise DataError(
+                    f"{self.path}: the checkpoint was made with --{option} "
+                    f"{_shown(before)}, not {_shown(value)}"
+                )
+        for what, text in [
+            ("instruments", "other instruments, or in another order"),
+            ("structures", "other structures, or in another order"),
+            ("values", f"other values before day {day}"),
+            ("dates", f"other dates before day {day}"),
+        ]:
+            if made_with[what] != now[what]:
+                raise DataError(f"{self.path}: the checkpoint was made with {text}")
+
+    @contextmanager
+    def _open(self) -> Iterator[Any]:
+        try:
+            with self._store_type(self.path, namespace=_NAMESPACE) as store:
+                yield store
+        except self._store_error as error:
+            raise DataError(f"{self.path}: {error}") from error
+
+
+def _digest(value: Any) -> str:
+    return hashlib.sha256(json.dumps(value).encode()).hexdigest()
+
+
+def _shown(value: Any) -> str:
+    if isinstance(value, bool):
+        return "given" if value else "absent"
+    return repr(value)

@@ -1,0 +1,27 @@
+"""What the structures see: the table as it is, or the daily returns of its prices."""
+
+from __future__ import annotations
+
+from typing import Literal
+
+import numpy as np
+from numpy.typing import NDArray
+
+InputKind = Literal["returns", "levels"]
+
+
+def structure_input(values: NDArray[np.float64], kind: InputKind) -> NDArray[np.float64]:
+    """The day-by-instrument input of the structures.
+
+    ``levels`` is the table as it is. ``returns`` is the simple return ``p[t] / p[t-1] - 1`` from
+    one row to the next: NaN on the first day, where either price is missing or infinite, and
+    where the earlier price is not positive, since such a return has no meaning.
+    """
+    if kind == "levels":
+        return values
+    before, after = values[:-1], values[1:]
+    returns = np.full_like(values, np.nan)
+    usable = (before > 0.0) & np.isfinite(before) & np.isfinite(after)
+    np.divide(after, before, out=returns[1:], where=usable)
+    returns[1:] -= 1.0
+    return returns

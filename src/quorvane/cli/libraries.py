@@ -1,0 +1,28 @@
+"""Optional libraries, imported when they are first needed."""
+
+from __future__ import annotations
+
+import importlib
+import importlib.util
+from types import ModuleType
+
+from quorvane.cli.errors import DataError
+
+
+def has_library(name: str) -> bool:
+    """Whether the library ``name`` can be imported."""
+    try:
+        return importlib.util.find_spec(name) is not None
+    except (ImportError, ValueError):
+        return False
+
+
+def require_library(name: str, purpose: str) -> ModuleType:
+    """Import ``name``, or say that the extra ``cli`` brings it."""
+    try:
+        return importlib.import_module(name)
+    except ImportError as error:
+        raise DataError(
+            f"{purpose} needs the library {name.partition('.')[0]}, which cannot be imported "
+            f'({error}); install it with: pip install "quorvane[cli]"'
+        ) from error

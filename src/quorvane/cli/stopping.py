@@ -1,0 +1,42 @@
+"""Stopping between two days when the process is asked to end."""
+
+from __future__ import annotations
+
+import signal
+import threading
+from types import FrameType, TracebackType
+
+
+class StopRequest:
+    """While entered, notes SIGINT and SIGTERM instead of letting them break into a day.
+
+    A rotation stopped inside a day would hold half of it. A second signal acts at once.
+    """
+
+    def __init__(self) -> None:
+        self.signal_number: int | None = None
+        self._handlers: dict[int, object] = {}
+
+    def __enter__(self) -> StopRequest:
+        # Python lets only the main thread set handlers; elsewhere nothing is noted.
+        if threading.current_thread() is threading.main_thread():
+            for number in (signal.SIGINT, signal.SIGTERM):
+                self._handlers[number] = signal.signal(number, self._note)
+        return self
+
+    def __exit__(
+        self,
+        kind: type[BaseException] | None,
+        error: BaseException | None,
+        traceback: TracebackType | None,
+    ) -> None:
+        self._restore()
+
+    def _note(self, number: int, frame: FrameType | None) -> None:
+        self.signal_number = number
+        self._restore()
+
+    def _restore(self) -> None:
+        while self._handlers:
+            number, handler = self._handlers.popitem()
+            signal.signal(number, handler)  # type: ignore[arg-type]

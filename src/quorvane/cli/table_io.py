@@ -1,0 +1,44 @@
+"""Reading and writing tables by the ending of the file's name."""
+
+from __future__ import annotations
+
+from pathlib import Path
+from typing import Protocol
+
+from quorvane.cli import csv_table, npy_table, parquet_table
+from quorvane.cli.files import check_readable, ending_of, whole_output
+from quorvane.cli.table import Table
+
+
+class TableFormat(Protocol):
+    """A file format: a module with these two functions."""
+
+    def read(self, path: Path) -> Table:
+        """Read the table at ``path``; DataError when it does not hold one."""
+
+    def write(self, path: Path, table: Table) -> None:
+        """Write the table to ``path``."""
+
+
+_FORMATS: dict[str, TableFormat] = {
+    ".csv": csv_table,
+    ".csv.gz": csv_table,
+    ".parquet": parquet_table,
+    ".npy": npy_table,
+}
+
+TABLE_ENDINGS = tuple(_FORMATS)
+
+
+def read_table(path: Path) -> Table:
+    """Read a table; DataError names the file, the line or column, and what was expected."""
+    table_format = _FORMATS[ending_of(path, TABLE_ENDINGS, "a table")]
+    check_readable(path, "a table of days by instruments")
+    return table_format.read(path)
+
+
+def write_table(path: Path, table: Table) -> None:
+    """Write a table whole or not at all; .npy keeps the numbers only."""
+    table_format = _FORMATS[ending_of(path, TABLE_ENDINGS, "a table")]
+    with whole_output(path, "the table") as part:
+        table_format.write(part, table)
