@@ -68,7 +68,7 @@ class Keys {
 public:
     Keys(const Extremes& extremes, std::size_t size)
         : gap_(std::bit_cast<std::int64_t>(extremes.smallest) - 1),
-          lowest_(signed_key(extremes.lowest)) {
+          lowest_(static_cast<std::uint64_t>(signed_key(extremes.lowest))) {
         passes = size < kManySlots ? 2 : 3;
         digit_bits = size < kFewSlots ? 9 : 11;
         // 32 bits are left for them beside the slot.
@@ -79,7 +79,7 @@ public:
 
     // Distance from the lowest value's key. Equal exactly where the values are.
     [[nodiscard]] std::uint64_t operator()(double value) const {
-        return static_cast<std::uint64_t>(signed_key(value) - lowest_);
+        return static_cast<std::uint64_t>(signed_key(value)) - lowest_;
     }
     [[nodiscard]] std::uint64_t leading(double value) const { return (*this)(value) >> shift_; }
     [[nodiscard]] std::size_t buckets() const { return std::size_t{1} << digit_bits; }
@@ -99,7 +99,7 @@ private:
     }
 
     std::int64_t gap_;
-    std::int64_t lowest_;
+    std::uint64_t lowest_;
     int shift_;
 };
 
