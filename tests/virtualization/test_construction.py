@@ -660,6 +660,12 @@ def test_error_of_the_truth_of_a_children_argument_propagates(base, name):
         construct(base, **{name: Undecided()})
 
 
+def test_factory_that_cannot_be_called_is_a_type_error_when_its_turn_comes(base):
+    rotation, error = unfinished(base, child_factories=[RecordingFactory("made"), "not callable"])
+    assert isinstance(error, TypeError)
+    assert rotation.child_rotations == ["made"]
+
+
 def test_factory_is_called_with_the_one_keyword(base):
     factory = RecordingFactory()
     construct(base, child_factories=[factory], max_structures=3)

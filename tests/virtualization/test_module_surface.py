@@ -2,6 +2,7 @@
 
 import abc
 import contextlib
+import copy
 import dataclasses
 import gc
 import importlib
@@ -126,8 +127,6 @@ def test_module_knows_its_own_name(base):
 
 
 def test_imports_are_the_very_objects_of_their_modules(base, siblings):
-    import copy
-
     assert base.copy is copy
     assert base.dataclass is dataclasses.dataclass
     assert base.re is re
@@ -560,7 +559,7 @@ def test_method_tells_its_names(base, name):
 @pytest.mark.parametrize("name", METHOD_SIGNATURES)
 def test_method_docstring_is_free_of_signature_text(base, name):
     doc = callables_of(base)[name].__doc__
-    assert doc is None or (doc.strip() and "--\n" not in doc and not doc.startswith(name + "("))
+    assert doc is None or (doc.strip() and ")\n--\n" not in doc and not doc.startswith(name + "("))
 
 
 @pytest.mark.parametrize("name", PLAIN_METHODS)
@@ -579,6 +578,32 @@ def test_bound_method_knows_its_instance(base):
     assert rotation.compute.__self__ is rotation
     assert rotation.compute == rotation.compute
     assert rotation.compute.__func__ is vars(base.VirtualizationBase)["compute"]
+
+
+def test_method_prints_its_qualified_name(base):
+    assert "VirtualizationBase.compute" in repr(vars(base.VirtualizationBase)["compute"])
+
+
+def test_method_is_atomic_for_copies(base):
+    method = vars(base.VirtualizationBase)["compute"]
+    assert copy.copy(method) is method
+    assert copy.deepcopy(method) is method
+
+
+def test_classes_and_methods_are_pickled_by_reference(base):
+    for found in [base.VirtualizationBase, base._VirtualContext, base.VirtualizationBase.compute]:
+        assert pickle.loads(pickle.dumps(found)) is found
+
+
+def test_rotation_can_be_copied(base):
+    rotation = make_rotation(base, [[structure("a", [(0, 1.0)], 2.0)]])
+    rotation(np.ones(3))
+    twin = copy.deepcopy(rotation)
+    assert type(twin) is type(rotation)
+    assert twin.slot_by_key == {("a",): 0}
+    assert twin.slot_by_key is not rotation.slot_by_key
+    assert twin._slot_for_key("b") == 1
+    assert rotation.slot_by_key == {("a",): 0}
 
 
 # --- calling conventions ----------------------------------------------------------------------
@@ -691,6 +716,22 @@ def test_mixin_after_the_class_is_next_in_line_for_super(base, siblings):
     rotation = Both(max_structures=1, N_alloc=3, transformation_expression="none")
     rotation(np.ones(3))
     assert seen == [("init", 3), ("call", None)]
+
+
+def test_rebinding_the_class_names_does_not_change_super(base):
+    rotation = make_rotation(base)
+    base.VirtualizationBase = base.RotationBase = int
+    rotation.__init__(max_structures=2, N_alloc=3, transformation_expression="none")
+    assert rotation(np.ones(3)).shape == (3,)
+
+
+@pytest.mark.parametrize("name", ["__init__", "__call__"])
+def test_super_needs_an_instance_of_the_class(base, name):
+    stranger = Context(
+        _n_alloc=1, _validate_constructor=lambda *arguments: None, _current_parent_context=None
+    )
+    with pytest.raises(TypeError, match="super"):
+        getattr(base.VirtualizationBase, name)(stranger)
 
 
 def test_subclass_sees_further_class_attributes_of_the_rotation_base(kind):
@@ -1044,6 +1085,58 @@ def test_override_replaced_on_the_class_later_is_used_at_once(base, name):
         delattr(type(rotation), name)
     OVERRIDES[name](rotation)
     assert len(calls) == 1
+
+
+# --- globals are looked up by name when they are needed ----------------------------------------
+
+
+@pytest.mark.parametrize(
+    ("name", "use"),
+    [
+        ("MAX_VIRTUAL_STRUCTURES", lambda base, rotation: make_rotation(base)),
+        (
+            "MAX_TRANSFORMATION_EXPRESSION_BYTES",
+            lambda base, rotation: rotation._parse_transformation_expression("rank"),
+        ),
+        (
+            "_IDENTITY_EXPRESSIONS",
+            lambda base, rotation: rotation._parse_transformation_expression("rank"),
+        ),
+        (
+            "_EXPRESSION_TOKEN_RE",
+            lambda base, rotation: rotation._parse_transformation_expression("rank"),
+        ),
+        (
+            "_CHILD_ROTATION_ALIASES",
+            lambda base, rotation: rotation._parse_transformation_expression("rank"),
+        ),
+        (
+            "MAX_TRANSFORMATION_CHILDREN",
+            lambda base, rotation: rotation._parse_transformation_expression("rank"),
+        ),
+        (
+            "MAX_TRANSFORMATION_CHILD_ALLOCATION_CELLS",
+            lambda base, rotation: rotation._parse_transformation_expression("rank"),
+        ),
+        (
+            "VirtualStructure",
+            lambda base, rotation: rotation._normalize_structure(structure("a", [])),
+        ),
+        ("_AllOnesVirtualMask", lambda base, rotation: rotation._make_child_context(None, 0)),
+        ("_VirtualContext", lambda base, rotation: rotation._make_child_context(None, 0)),
+        (
+            "abstract_method_required",
+            lambda base, rotation: base.VirtualizationBase._refresh_active_structures(
+                rotation, None, None, None, None, None
+            ),
+        ),
+    ],
+)
+def test_deleted_global_is_a_name_error_where_it_is_needed(base, name, use):
+    rotation = make_rotation(base)
+    delattr(base, name)
+    with pytest.raises(NameError, match=f"name '{name}' is not defined"):
+        use(base, rotation)
 
 
 def test_the_ordinary_import_gives_the_native_module():

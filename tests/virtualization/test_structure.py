@@ -2,6 +2,7 @@
 
 import collections
 import decimal
+import gc
 import itertools
 import types
 
@@ -633,6 +634,23 @@ def test_leg_list_changed_by_its_own_id_keeps_the_weight_read_before(normalize):
     assert normalize(structure("a", [leg])).legs == ((4, 2.5),)
 
 
+def test_item_emptied_by_a_conversion_was_read_before(normalize):
+    item = {}
+
+    class Empties:
+        def __int__(self):
+            item.clear()
+            gc.collect()
+            return 4
+
+    item.update(structure([object()], [[Empties(), 0.5 + 1]], 10.0**3, metadata={"note": [1]}))
+    record = normalize(item)
+    assert record.legs == ((4, 1.5),)
+    assert len(record.key) == 1
+    assert record.value == 1000.0
+    assert record.metadata["note"] == [1]
+
+
 # --- normalisation: metadata ------------------------------------------------------------------
 
 
@@ -1034,6 +1052,35 @@ def test_maps_replaced_by_the_user_are_the_ones_used(rotation):
     assert rotation.key_by_slot == {0: ("b",)}
 
 
+def test_map_swapped_by_a_key_hash_is_read_anew(rotation):
+    old = rotation.slot_by_key
+    swapped = {("x",): 0}
+
+    class Swaps:
+        def __hash__(self):
+            rotation.slot_by_key = swapped
+            return 1
+
+    assert rotation._slot_for_key([Swaps()]) == 1
+    assert old == {}
+    assert list(swapped.values()) == [0, 1]
+    assert list(rotation.key_by_slot) == [1]
+
+
+def test_slot_attributes_may_be_properties_of_a_subclass(base):
+    slots, keys = {}, {}
+    attributes = {
+        "slot_by_key": property(lambda self: slots, lambda self, value: None),
+        "key_by_slot": property(lambda self: keys, lambda self, value: None),
+        "_name": property(lambda self: "computed"),
+    }
+    rotation = make_rotation(base, attributes=attributes, max_structures=1)
+    assert rotation._slot_for_key("a") == 0
+    assert (slots, keys) == ({("a",): 0}, {0: ("a",)})
+    with pytest.raises(ValueError, match=r"^computed: active structure count exceeds"):
+        rotation._slot_for_key("b")
+
+
 # --- validity ---------------------------------------------------------------------------------
 
 
@@ -1332,6 +1379,24 @@ def test_mask_may_change_the_legs_while_they_are_read(rotation):
             return 0
 
     assert valid(rotation, legs, combined=Mask())
+
+
+def test_mask_may_drop_the_legs_and_the_masks_while_they_are_read(rotation):
+    record = types.SimpleNamespace(legs=((int("1000"), [1.0]), (0, [1.0])), value=1.0)
+    masks = []
+    asked = []
+
+    class Mask:
+        def __getitem__(self, leg_id):
+            asked.append(leg_id)
+            record.legs = None
+            masks.clear()
+            gc.collect()
+            return 0
+
+    masks.extend([Mask(), Mask()])
+    assert rotation._structure_is_valid(record, masks, Mask(), 2000)
+    assert asked == [1000, 0]
 
 
 def test_validity_changes_nothing(rotation):
