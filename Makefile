@@ -62,6 +62,7 @@ format: $(TEST_READY)
 	clang-format -i $(CXX_SOURCES)
 
 # One process: the counters are written at a normal exit, which pytest-xdist's workers do not make.
+# Copies of a line are merged: a machine runs one of the versions that a kernel is compiled in.
 coverage: $(TEST_READY)
 	cmake --preset coverage -DPython_EXECUTABLE=$(PY)
 	cmake --build --preset coverage
@@ -70,7 +71,7 @@ coverage: $(TEST_READY)
 	PYTHONPATH=build/coverage/python $(PY) -m pytest -q
 	mkdir -p build/coverage/report
 	gcovr --root . --filter cpp/ --exclude cpp/tests/ --object-directory build/coverage \
-	    --exclude-throw-branches --exclude-unreachable-branches \
+	    --exclude-throw-branches --exclude-unreachable-branches --merge-lines \
 	    --html-details build/coverage/report/index.html --txt --txt-metric branch --print-summary
 
 # The interpreter is not instrumented, so the runtime is loaded before it, and with it libstdc++,
