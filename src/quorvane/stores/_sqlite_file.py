@@ -1,0 +1,224 @@
+"""One SQLite file: opening it, its tables, transactions, and what its errors mean."""
+
+from __future__ import annotations
+
+import contextlib
+import errno
+import sqlite3
+import time
+from collections.abc import Iterator
+from pathlib import Path
+
+from quorvane.stores._files import flush_folder
+from quorvane.stores.errors import (
+    RecordDamagedError,
+    StoreBusyError,
+    StoreError,
+    StoreFormatError,
+    StoreReadError,
+    StoreWriteError,
+)
+
+_APPLICATION_ID = 0x51565354
+_SCHEMA_VERSION = 1
+# Every record has a row in heads that says which version is the newest. Its seal covers the
+# version's own checksum, so losing or altering either row shows, whatever else is still there.
+_SCHEMA = (
+    """CREATE TABLE records (
+        namespace TEXT NOT NULL,
+        name TEXT NOT NULL,
+        version INTEGER NOT NULL,
+        written_at REAL NOT NULL,
+        data BLOB NOT NULL,
+        UNIQUE (namespace, name, version)
+    )""",
+    """CREATE TABLE heads (
+        namespace TEXT NOT NULL,
+        name TEXT NOT NULL,
+        version INTEGER NOT NULL,
+        seal BLOB NOT NULL,
+        PRIMARY KEY (namespace, name)
+    ) WITHOUT ROWID""",
+    f"PRAGMA application_id = {_APPLICATION_ID}",
+    f"PRAGMA user_version = {_SCHEMA_VERSION}",
+)
+# Weak settings of the library's build must not weaken a write or let a foreign schema act.
+_CONNECTION_SETTINGS = (
+    "PRAGMA synchronous = FULL",
+    "PRAGMA fullfsync = ON",
+    "PRAGMA checkpoint_fullfsync = ON",
+    "PRAGMA trusted_schema = OFF",
+    "PRAGMA cell_size_check = ON",
+)
+_RETRY_SECONDS = 0.01
+
+
+class SqliteFile:
+    """A file with the tables of a store.
+
+    Parameters
+    ----------
+    path : Path
+        The file, made if it is missing.
+    busy_timeout : float
+        Seconds to wait for another process.
+    """
+
+    def __init__(self, path: Path, busy_timeout: float) -> None:
+        self.path = path
+        self._busy_timeout = busy_timeout
+
+    def check(self) -> None:
+        """Make the file if it is missing, and raise if it is not a store.
+
+        Raises
+        ------
+        StoreFormatError
+            It is not a store, or a newer version made it.
+        """
+        with self._connected():
+            pass
+
+    @contextlib.contextmanager
+    def transaction(self, begin: str) -> Iterator[sqlite3.Connection]:
+        """Run the block in one transaction, started by the statement `begin`."""
+        with self._connected() as database, _committed(database, begin):
+            yield database
+
+    @contextlib.contextmanager
+    def writing(self, what: str) -> Iterator[None]:
+        """Turn what SQLite raises while it is to "`what`" into a store's errors."""
+        try:
+            yield
+        except (sqlite3.Error, OverflowError) as error:
+            raise self._shared_error(error, f"cannot {what}") or StoreWriteError(
+                _error_number(error), f"cannot {what}: {error}"
+            ) from error
+
+    @contextlib.contextmanager
+    def reading(self, what: str) -> Iterator[None]:
+        """Turn what SQLite raises while it reads `what` into a store's errors."""
+        try:
+            yield
+        except sqlite3.Error as error:
+            raise self._shared_error(error, f"cannot read {what}") or StoreReadError(
+                _error_number(error), f"cannot read {what}: {error}"
+            ) from error
+
+    def _shared_error(self, error: Exception, failure: str) -> StoreError | None:
+        """Return what an error means for reading and writing alike, if it does."""
+        if _is_busy(error):
+            return StoreBusyError(
+                errno.ETIMEDOUT,
+                f"{failure}: another process held it for {self._busy_timeout} seconds",
+            )
+        if "not a database" in str(error) or self.path.is_dir():
+            return StoreFormatError(f"{failure}: {str(self.path)!r} is not an SQLite database")
+        if _is_damage(error):
+            return RecordDamagedError(f"{failure}: the file is damaged: {error}")
+        return None
+
+    @contextlib.contextmanager
+    def _connected(self) -> Iterator[sqlite3.Connection]:
+        """Open the file for one operation.
+
+        Opening takes about a millisecond, and no connection is ever carried over a fork, shared
+        between threads, or left open.
+        """
+        with contextlib.closing(
+            sqlite3.connect(self.path, timeout=self._busy_timeout, isolation_level=None)
+        ) as database:
+            for setting in _CONNECTION_SETTINGS:
+                database.execute(setting)
+            if self._is_new(database):
+                self._make_tables(database)
+            yield database
+
+    def _is_new(self, database: sqlite3.Connection) -> bool:
+        """Tell whether the file has nothing in it yet.
+
+        Raises
+        ------
+        StoreFormatError
+            It has something in it that is not a store, or is a newer one.
+        """
+        (application,) = database.execute("PRAGMA application_id").fetchone()
+        (schema,) = database.execute("PRAGMA user_version").fetchone()
+        if application == _APPLICATION_ID and schema > _SCHEMA_VERSION:
+            raise StoreFormatError(
+                f"{str(self.path)!r} is a store of format {schema}, made by a newer version; "
+                f"this one knows up to {_SCHEMA_VERSION}"
+            )
+        if application == _APPLICATION_ID and schema == _SCHEMA_VERSION:
+            return False
+        (objects,) = database.execute("SELECT count(*) FROM sqlite_master").fetchone()
+        if (application, schema, objects) == (0, 0, 0):
+            return True
+        raise StoreFormatError(f"{str(self.path)!r} is an SQLite database, and not a store")
+
+    def _make_tables(self, database: sqlite3.Connection) -> None:
+        self._use_write_ahead_log(database)
+        with _committed(database, "BEGIN IMMEDIATE"):
+            # Another process may have been first.
+            if self._is_new(database):
+                for statement in _SCHEMA:
+                    database.execute(statement)
+        flush_folder(self.path.parent)
+
+    def _use_write_ahead_log(self, database: sqlite3.Connection) -> None:
+        deadline = time.monotonic() + self._busy_timeout
+        while True:
+            try:
+                (mode,) = database.execute("PRAGMA journal_mode = WAL").fetchone()
+                break
+            except sqlite3.OperationalError as error:
+                # SQLite does not wait here by itself when two processes make the file at once.
+                if not _is_busy(error) or time.monotonic() > deadline:
+                    raise
+                time.sleep(_RETRY_SECONDS)
+        if mode != "wal":
+            raise StoreWriteError(
+                errno.ENOTSUP,
+                f"the file system of {str(self.path)!r} does not support SQLite's write-ahead "
+                "log; a DirectoryStore needs less",
+            )
+
+
+@contextlib.contextmanager
+def _committed(database: sqlite3.Connection, begin: str) -> Iterator[None]:
+    database.execute(begin)
+    try:
+        yield
+        database.execute("COMMIT")
+    except BaseException:
+        # SQLite has already rolled back when the disk is full.
+        with contextlib.suppress(sqlite3.Error):
+            database.execute("ROLLBACK")
+        raise
+
+
+def _is_busy(error: Exception) -> bool:
+    return isinstance(error, sqlite3.OperationalError) and "locked" in str(error)
+
+
+def _is_damage(error: Exception) -> bool:
+    """Tell whether SQLite found that the file no longer holds what was written.
+
+    Python gives damage the plain class; missing tables and text that is no text are damage as
+    well in a file that was checked to be a store.
+    """
+    text = str(error)
+    return type(error) is sqlite3.DatabaseError or any(
+        sign in text
+        for sign in ("no such table", "no such column", "decode to UTF-8", "has no column")
+    )
+
+
+def _error_number(error: Exception) -> int:
+    """Return the system's number for an error that Python reports by text only."""
+    text = str(error)
+    if "full" in text:
+        return errno.ENOSPC
+    if "readonly" in text or "unable to open" in text:
+        return errno.EACCES
+    return errno.EFBIG if "too big" in text or "longer than" in text else errno.EIO

@@ -1,0 +1,387 @@
+"""From a state to a tree of columns.
+
+A column is a list of values that stand side by side: all keys of a map, all weights of all legs,
+the field "slot" of all metadata dictionaries. Each kind of value has its own compact form, and
+every step over a column runs in C, so the cost per value is tens of nanoseconds rather than a
+Python call. The root is a column with one value.
+
+Tuple columns that hold the same as an earlier one are written once: a key stands in two maps and
+in the metadata. The reader shares those tuples, which only ``is`` can tell.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Iterable
+from dataclasses import dataclass
+from itertools import chain, compress
+from operator import is_, itemgetter
+from types import NoneType
+from typing import Any
+
+import numpy as np
+
+from quorvane.stores.encoding._arrays import (
+    array_bytes,
+    array_order,
+    keeps_array_dtype,
+    keeps_scalar_type,
+)
+from quorvane.stores.encoding._envelope import MAX_PAYLOAD_BYTES, Payload
+from quorvane.stores.encoding._faults import explain, has_cycle
+from quorvane.stores.encoding._layout import (
+    MAX_DEPTH,
+    MAX_DICT_FIELDS,
+    MAX_DICT_SHAPES,
+    MAX_TUPLE_FIELDS,
+    MAX_VALUES,
+    VALUES_PER_BYTE,
+    Code,
+    import_msgpack,
+)
+from quorvane.stores.errors import StateEncodeError
+
+Node = tuple[Any, ...]
+
+_MUTABLE = frozenset({Code.LIST, Code.DICT, Code.DICT_FIELDS, Code.ARRAY})
+
+
+def pack(state: object) -> Payload:
+    """Return the packed columns of `state`.
+
+    Raises
+    ------
+    StateEncodeError
+        A value that cannot be kept, named by its path inside the state.
+    StoreDependencyError
+        msgpack is not installed.
+    """
+    payload = _pack_once(state, share=True)
+    if payload.values > VALUES_PER_BYTE * len(payload.data):
+        # So much was shared that a reader would take it for an attack; write it out in full.
+        payload = _pack_once(state, share=False)
+    return payload
+
+
+def _pack_once(state: object, share: bool) -> Payload:
+    msgpack = import_msgpack()
+    columns = _Columns(state, share)
+    try:
+        node = columns.node([state], 0)
+    except CannotKeepError as fault:
+        raise explain(state, str(fault)) from None
+    try:
+        data: bytes = msgpack.packb(node, use_bin_type=True)
+    except (ValueError, OverflowError) as error:
+        raise StateEncodeError("state", f"is too large to encode: {error}") from error
+    if len(data) > MAX_PAYLOAD_BYTES:
+        raise StateEncodeError(
+            "state", f"takes {len(data)} bytes when encoded, allowed are {MAX_PAYLOAD_BYTES}"
+        )
+    return Payload(data, columns.values)
+
+
+class CannotKeepError(Exception):
+    """Something in a column cannot be kept.
+
+    A column does not know where its values came from, so the place is looked for afterwards,
+    only when there is something to report.
+    """
+
+
+@dataclass(frozen=True)
+class _TupleColumn:
+    """A tuple column that later ones may refer to."""
+
+    values: list[Any]
+    node: Node
+    immutable: bool
+
+
+class _Columns:
+    """Writes columns and counts their values.
+
+    Parameters
+    ----------
+    state : object
+        The whole state, looked through for cycles when something suggests one.
+    share : bool
+        Whether a tuple column that repeats an earlier one refers to it.
+    """
+
+    def __init__(self, state: object, share: bool) -> None:
+        self.values = 0
+        self._state = state
+        self._share = share
+        self._known_acyclic = False
+        self._tuple_columns: list[_TupleColumn] = []
+        # The list and dict columns between the root and here: a cycle comes back to one of them.
+        self._ancestors: list[_Ancestor] = []
+        self._write: dict[Code, Callable[[list[Any], int], Node]] = {
+            Code.NONE: lambda values, depth: (int(Code.NONE), bytes(len(values))),
+            Code.BOOL: lambda values, depth: (int(Code.BOOL), bytes(values)),
+            Code.INT: self._ints,
+            Code.FLOAT: lambda values, depth: (int(Code.FLOAT), np.array(values, "<f8").tobytes()),
+            Code.TEXT: self._texts,
+            Code.BYTES: lambda values, depth: self._sized(Code.BYTES, values),
+            Code.TUPLE: self._tuples,
+            Code.LIST: self._lists,
+            Code.DICT: self._dicts,
+            Code.ARRAY: self._arrays,
+            Code.SCALAR: self._scalars,
+        }
+
+    def node(self, values: list[Any], depth: int) -> Node:
+        """Return the node of one column whose values lie in `depth` containers."""
+        self._require_room(len(values))
+        types = set(map(type, values))
+        kind_of = {value_type: _kind_of(value_type) for value_type in types}
+        kinds = set(kind_of.values())
+        if len(kinds) > 1:
+            return self._union(list(map(kind_of.__getitem__, map(type, values))), values, depth)
+        self.values += len(values)
+        return self._write[kinds.pop() if kinds else Code.NONE](values, depth)
+
+    def _require_room(self, count: int) -> None:
+        if self.values + count > MAX_VALUES:
+            raise CannotKeepError(f"holds more than {MAX_VALUES} values")
+
+    def _union(self, kinds: list[Code], values: list[Any], depth: int) -> Node:
+        tag_of = {kind: tag for tag, kind in enumerate(dict.fromkeys(kinds))}
+        tags = bytes(map(tag_of.__getitem__, kinds))
+        parts = _split(tags, len(tag_of), values)
+        return (int(Code.UNION), tags, *(self.node(part, depth) for part in parts))
+
+    def _ints(self, values: list[int], depth: int) -> Node:
+        try:
+            wide = np.array(values, "<i8")
+        except OverflowError:
+            return self._sized(Code.BIG_INT, list(map(_int_bytes, values)))
+        size = _item_size(int(wide.min()), int(wide.max()))
+        return (int(Code.INT), size, wide.astype(f"<i{size}").tobytes())
+
+    def _texts(self, values: list[str], depth: int) -> Node:
+        distinct = list(dict.fromkeys(values))
+        if 2 * len(distinct) <= len(values):
+            index_of = {text: index for index, text in enumerate(distinct)}
+            indexes = list(map(index_of.__getitem__, values))
+            return (int(Code.TEXT_INDEXED), self.node(distinct, depth), self.node(indexes, depth))
+        joined = "\0".join(values)
+        if joined.count("\0") == len(values) - 1:
+            return (int(Code.TEXT), joined.encode("utf-8", "surrogatepass"))
+        encoded = [value.encode("utf-8", "surrogatepass") for value in values]
+        return self._sized(Code.TEXT_SIZED, encoded)
+
+    def _sized(self, code: Code, values: list[bytes]) -> Node:
+        return (int(code), self._lengths(values), b"".join(values))
+
+    def _lengths(self, values: Iterable[Any]) -> Node:
+        return self.node(list(map(len, values)), 0)
+
+    def _tuples(self, values: list[tuple[Any, ...]], depth: int) -> Node:
+        _require_depth(depth)
+        number = self._same_objects(values)
+        if number is not None:
+            return (int(Code.SAME), number)
+        columns_before, values_before = len(self._tuple_columns), self.values
+        node = self._tuple_node(values, depth)
+        number = self._same_node(node, len(values))
+        if number is not None:
+            # The reader never sees what was inside, so nothing of it counts.
+            del self._tuple_columns[columns_before:]
+            self.values = values_before
+            return (int(Code.SAME), number)
+        self._tuple_columns.append(_TupleColumn(values, node, _is_immutable(node)))
+        return node
+
+    def _tuple_node(self, values: list[tuple[Any, ...]], depth: int) -> Node:
+        lengths = set(map(len, values))
+        if len(lengths) == 1 and 1 <= (width := lengths.pop()) <= MAX_TUPLE_FIELDS:
+            fields = (list(map(itemgetter(i), values)) for i in range(width))
+            return (int(Code.TUPLE_FIELDS), *(self.node(field, depth + 1) for field in fields))
+        return (int(Code.TUPLE), self._lengths(values), self.node(self._joined(values), depth + 1))
+
+    def _same_objects(self, values: list[tuple[Any, ...]]) -> int | None:
+        """Return the number of an immutable column of these very tuples, if there is one."""
+        if not self._share:
+            return None
+        for number, column in enumerate(self._tuple_columns):
+            if (
+                column.immutable
+                and len(column.values) == len(values)
+                and column.values[-1] is values[-1]
+                and all(map(is_, column.values, values))
+            ):
+                return number
+        return None
+
+    def _same_node(self, node: Node, count: int) -> int | None:
+        """Return the number of an immutable column that was written just like `node`."""
+        if not self._share:
+            return None
+        for number, column in enumerate(self._tuple_columns):
+            if column.immutable and len(column.values) == count and column.node == node:
+                return number
+        return None
+
+    def _lists(self, values: list[list[Any]], depth: int) -> Node:
+        _require_depth(depth)
+        self._enter(values)
+        items = self.node(self._joined(values), depth + 1)
+        self._ancestors.pop()
+        return (int(Code.LIST), self._lengths(values), items)
+
+    def _joined(self, values: list[Any]) -> list[Any]:
+        self._require_room(sum(map(len, values)))
+        return list(chain.from_iterable(values))
+
+    def _dicts(self, values: list[dict[Any, Any]], depth: int) -> Node:
+        _require_depth(depth)
+        self._enter(values)
+        shapes = _shape_numbers(values)
+        if shapes is None:
+            node = self._any_dicts(values, depth)
+        else:
+            node = self._dicts_by_shape(*shapes, values, depth)
+        self._ancestors.pop()
+        return node
+
+    def _dicts_by_shape(
+        self, shapes: list[tuple[str, ...]], tags: bytes, values: list[dict[Any, Any]], depth: int
+    ) -> Node:
+        """Return a column per field, for each set of dicts that have the same keys."""
+        if len(shapes) == 1:
+            return self._equal_dicts(shapes[0], values, depth)
+        parts = zip(shapes, _split(tags, len(shapes), values), strict=True)
+        nodes = (self._equal_dicts(shape, part, depth) for shape, part in parts)
+        return (int(Code.UNION), tags, *nodes)
+
+    def _equal_dicts(
+        self, shape: tuple[str, ...], values: list[dict[Any, Any]], depth: int
+    ) -> Node:
+        if not 1 <= len(shape) <= MAX_DICT_FIELDS:
+            return self._any_dicts(values, depth)
+        fields = (list(map(itemgetter(key), values)) for key in shape)
+        keys = self.node(list(shape), depth + 1)
+        return (int(Code.DICT_FIELDS), keys, *(self.node(field, depth + 1) for field in fields))
+
+    def _any_dicts(self, values: list[dict[Any, Any]], depth: int) -> Node:
+        keys = self.node(self._joined(values), depth + 1)
+        items = list(chain.from_iterable(value.values() for value in values))
+        return (int(Code.DICT), self._lengths(values), keys, self.node(items, depth + 1))
+
+    def _enter(self, values: list[Any]) -> None:
+        """Note a column of lists or dicts on the way down, unless the way leads in a circle."""
+        if not self._known_acyclic and any(above.holds_any(values) for above in self._ancestors):
+            if has_cycle(self._state):
+                raise CannotKeepError("contains itself")
+            self._known_acyclic = True
+        self._ancestors.append(_Ancestor(values))
+
+    def _arrays(self, values: list[np.ndarray[Any, Any]], depth: int) -> Node:
+        if not all(keeps_array_dtype(dtype) for dtype in {value.dtype for value in values}):
+            raise CannotKeepError("holds an array whose dtype cannot be kept")
+        orders = list(map(array_order, values))
+        texts = self.node([value.dtype.str for value in values], depth)
+        shapes = self.node([value.shape for value in values], 0)
+        buffers = b"".join(map(array_bytes, values, orders))
+        return (int(Code.ARRAY), texts, bytes(orders), shapes, buffers)
+
+    def _scalars(self, values: list[np.generic], depth: int) -> Node:
+        texts = self.node([value.dtype.str for value in values], depth)
+        return (int(Code.SCALAR), texts, b"".join(value.tobytes() for value in values))
+
+
+class _Ancestor:
+    """A column of lists or dicts, and which objects are in it."""
+
+    def __init__(self, values: list[Any]) -> None:
+        self._values = values
+        self._ids: set[int] | None = None
+
+    def holds_any(self, values: list[Any]) -> bool:
+        if self._ids is None:
+            self._ids = set(map(id, self._values))
+        return not self._ids.isdisjoint(map(id, values))
+
+
+_KINDS: dict[type, Code] = {
+    NoneType: Code.NONE,
+    bool: Code.BOOL,
+    int: Code.INT,
+    float: Code.FLOAT,
+    str: Code.TEXT,
+    bytes: Code.BYTES,
+    tuple: Code.TUPLE,
+    list: Code.LIST,
+    dict: Code.DICT,
+    np.ndarray: Code.ARRAY,
+}
+
+
+def _kind_of(value_type: type) -> Code:
+    kind = _KINDS.get(value_type)
+    if kind is not None:
+        return kind
+    if keeps_scalar_type(value_type):
+        return Code.SCALAR
+    raise CannotKeepError(f"holds a value of type {value_type.__name__}")
+
+
+def _require_depth(depth: int) -> None:
+    if depth >= MAX_DEPTH:
+        raise CannotKeepError(f"has more than {MAX_DEPTH} nested containers")
+
+
+def _split(tags: bytes, count: int, values: list[Any]) -> list[list[Any]]:
+    """Return the values of each tag from 0 to `count` - 1, in their order."""
+    tag_array = np.frombuffer(tags, np.uint8)
+    return [list(compress(values, (tag_array == tag).tolist())) for tag in range(count)]
+
+
+def _item_size(low: int, high: int) -> int:
+    """Return how many bytes hold every integer from `low` to `high`, both within 8 bytes."""
+    for size in (1, 2, 4):
+        bound = 1 << (8 * size - 1)
+        if -bound <= low and high < bound:
+            return size
+    return 8
+
+
+def _int_bytes(value: int) -> bytes:
+    return value.to_bytes(value.bit_length() // 8 + 1, "little", signed=True)
+
+
+class _TooManyShapesError(Exception):
+    """Dictionaries side by side have more than `MAX_DICT_SHAPES` different key sets."""
+
+
+class _ShapeNumbers(dict[tuple[str, ...], int]):
+    """Numbers key sets from 0 in the order in which they are first looked up."""
+
+    def __missing__(self, shape: tuple[str, ...]) -> int:
+        if len(self) == MAX_DICT_SHAPES:
+            raise _TooManyShapesError
+        self[shape] = number = len(self)
+        return number
+
+
+def _shape_numbers(values: list[dict[Any, Any]]) -> tuple[list[tuple[str, ...]], bytes] | None:
+    """Return the different key sets and which one each dict has; None unless few and all text.
+
+    Only exact text makes equal keys the same keys: 1, True and 1.0 are equal too.
+    """
+    if len(values[0]) > MAX_DICT_FIELDS or set(map(type, chain.from_iterable(values))) - {str}:
+        return None
+    numbers = _ShapeNumbers()
+    try:
+        tags = bytes(map(numbers.__getitem__, map(tuple, values)))
+    except _TooManyShapesError:
+        return None
+    return list(numbers), tags
+
+
+def _is_immutable(node: Node) -> bool:
+    """Tell whether nothing in the column that `node` describes can be changed in place."""
+    return node[0] not in _MUTABLE and all(
+        _is_immutable(part) for part in node[1:] if type(part) is tuple
+    )
