@@ -1364,6 +1364,14 @@ def test_iterator_of_masks_is_used_up_by_the_first_leg(rotation):
     assert valid(rotation, ((0, 1.0), (1, 1.0)), nan_masks=masks)
 
 
+def test_single_masks_are_read_lazily(rotation):
+    def masks():
+        yield [0, 1, 0]
+        raise AssertionError("read on")
+
+    assert valid(rotation, ((1, 1.0),), nan_masks=masks()) is False
+
+
 def test_single_masks_are_not_touched_without_legs(rotation):
     assert valid(rotation, (), nan_masks=None, combined=None, N=None)
     with pytest.raises(TypeError):
