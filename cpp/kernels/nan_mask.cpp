@@ -45,6 +45,14 @@ void mark_nan(StridedRow row, std::span<std::uint8_t> mask) {
     }
 }
 
+void add_nan(StridedRow row, std::span<std::uint8_t> mask) {
+    const auto* address = reinterpret_cast<const std::byte*>(row.first);
+    for (std::size_t i = 0; i < row.size; ++i, address += row.stride) {
+        const double value = *reinterpret_cast<const double*>(address);
+        mask[i] |= value != value;
+    }
+}
+
 void merge_mask(std::span<const std::uint8_t> mask, std::span<std::uint8_t> into) {
     merge(mask.data(), into.data(), mask.size());
 }

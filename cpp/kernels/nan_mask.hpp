@@ -20,6 +20,9 @@ struct StridedRow {
 // mask[i] = 1 where row[i] is NaN, else 0. The mask has at least row.size entries.
 void mark_nan(StridedRow row, std::span<std::uint8_t> mask);
 
+// mask[i] = 1 where row[i] is NaN; the other entries stay.
+void add_nan(StridedRow row, std::span<std::uint8_t> mask);
+
 // into[i] = 1 where either mask is set. Masks hold 0 and 1; `into` is at least as long as `mask`.
 void merge_mask(std::span<const std::uint8_t> mask, std::span<std::uint8_t> into);
 

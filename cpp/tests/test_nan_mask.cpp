@@ -34,6 +34,15 @@ void follows_any_stride() {
     CHECK(!(StridedRow{row.data(), 0, 2}).contiguous());
 }
 
+void adds_to_what_is_marked() {
+    const std::vector<double> row{kNan, 1.0, kInf, kNan};
+    Mask mask{0, 1, 0, 1, 0};
+    add_nan({row.data(), 8, 4}, mask);
+    CHECK(mask == Mask{1, 1, 0, 1, 0});
+    add_nan({row.data() + 3, -8, 4}, mask);
+    CHECK(mask == Mask{1, 1, 0, 1, 0});
+}
+
 void merges_the_masked_part() {
     Mask into{0, 1, 0, 1, 0};
     merge_mask(Mask{0, 0, 1, 1}, into);
@@ -54,6 +63,7 @@ void leaves_out_what_the_universe_does_not_hold() {
 int main() {
     marks_nan_only();
     follows_any_stride();
+    adds_to_what_is_marked();
     merges_the_masked_part();
     leaves_out_what_the_universe_does_not_hold();
     return check::result();

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "capi/message.hpp"
+
+namespace quorvane::rotations {
+
+// The value of an argument that must be an int above zero and not a bool, as an exact int.
+// TypeError and ValueError name the argument, what was got and what is `allowed`.
+inline capi::Ref positive_int(const char* argument, PyObject* value, const char* allowed) {
+    const bool integer = capi::is_integer(value);
+    capi::Ref exact = integer ? capi::to_int(value) : capi::Ref();
+    if (integer && capi::compare(exact.get(), capi::make_int(0).get(), Py_GT)) return exact;
+
+    capi::Message message;
+    message.text(argument).text(" must be ").text(allowed).text(", got ").repr(value);
+    if (integer) message.raise(PyExc_ValueError);
+    message.text(" of type ").text(Py_TYPE(value)->tp_name).raise(PyExc_TypeError);
+}
+
+}  // namespace quorvane::rotations
