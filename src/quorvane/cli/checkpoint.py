@@ -23,6 +23,7 @@ from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 _FORMAT = 1
 _NAMESPACE = "quorvane replay"
 _HEAD = "head"
+_RECORD_BYTES = 1 << 26
 
 
 @dataclass
@@ -82,6 +83,7 @@ class Checkpoint:
         self.path = path
         self.saved_days = 0
         self._store_type, self._store_error = stores.SqliteStore, stores.StoreError
+        self._not_found = stores.RecordNotFoundError
         self._identity = identity
         self._rotation = rotation
         self._recorders = recorders
@@ -91,20 +93,22 @@ class Checkpoint:
 
     def save(self, day: int) -> None:
         """Keep everything that is needed to go on with ``day``."""
-        name = f"{self._run}:{self.saved_days}-{day}"
-        rows = {key: array[self.saved_days : day] for key, array in self._arrays().items()}
+        spans = list(self._spans(self.saved_days, day))
+        names = [f"{self._run}:{first}-{last}" for first, last in spans]
         head = {
             "format": _FORMAT,
             "run": self._run,
             "next_day": day,
             "identity": self._identity.upto(day),
-            "row_names": [*self._row_names, name],
+            "row_names": self._row_names + names,
             "rotation": self._rotation.get_state(),
         }
         with self._open() as store:
-            store.write(name, rows)
+            for name, (first, last) in zip(names, spans, strict=True):
+                rows = {key: array[first:last] for key, array in self._arrays().items()}
+                store.write(name, rows)
             store.write(_HEAD, head)
-        self._row_names.append(name)
+        self._row_names += names
         self.saved_days = day
 
     def resume(self) -> int:
@@ -112,14 +116,12 @@ class Checkpoint:
         if not self.path.exists():
             raise DataError(f"{self.path}: no such file, expected a checkpoint to resume from")
         with self._open() as store:
-            head = store.read(_HEAD)
-            if head is None:
-                raise DataError(f"{self.path}: holds no checkpoint of a replay to resume from")
-            if not isinstance(head, dict) or head.get("format") != _FORMAT:
-                raise DataError(f"{self.path}: the checkpoint is damaged or from another version")
+            head = self._head(store)
             day: int = head["next_day"]
             self._require_same_run(day, head["identity"])
-            self._refill([store.read(name) for name in head["row_names"]], day)
+            filled = 0
+            for name in head["row_names"]:
+                filled = self._refill(filled, store.load(name))
         try:
             self._rotation.set_state(head["rotation"])
         except (ValueError, TypeError) as error:
@@ -132,11 +134,30 @@ class Checkpoint:
             name: array for recorder in self._recorders for name, array in recorder.arrays.items()
         }
 
-    def _refill(self, rows: Sequence[Any], day: int) -> None:
-        if any(not isinstance(part, dict) for part in rows):
-            raise DataError(f"{self.path}: the checkpoint's rows are missing or damaged")
+    def _head(self, store: Any) -> dict[str, Any]:
+        try:
+            head: dict[str, Any] = store.load(_HEAD)
+        except self._not_found as error:
+            raise DataError(f"{self.path}: holds no checkpoint of a replay") from error
+        if head["format"] != _FORMAT:
+            raise DataError(
+                f"{self.path}: the checkpoint has format {head['format']}, expected {_FORMAT}"
+            )
+        return head
+
+    def _spans(self, first_day: int, day: int) -> Iterator[tuple[int, int]]:
+        """The days from ``first_day`` to ``day`` in runs that make records of moderate size."""
+        bytes_per_day = sum(array[0].nbytes for array in self._arrays().values())
+        step = max(_RECORD_BYTES // bytes_per_day, 1)
+        for first in range(first_day, day, step):
+            yield first, min(first + step, day)
+
+    def _refill(self, filled: int, rows: Mapping[str, Any]) -> int:
+        """Put stored rows behind the ``filled`` days that are there already; the new count."""
         for name, array in self._arrays().items():
-            array[:day] = np.concatenate([part[name] for part in rows])
+            last = filled + len(rows[name])
+            array[filled:last] = rows[name]
+        return last
 
     def _require_same_run(self, day: int, made_with: Mapping[str, Any]) -> None:
         """Refuse to go on with anything that was not so when the checkpoint was made."""

@@ -156,8 +156,7 @@ class _Sheet:
         table = self.picture.table
         values, is_price = _rebased(table.values)
         if is_price:
-            axes.set_yscale("log")
-            axes.yaxis.set_major_formatter(lambda y, _: f"{y:,g}")
+            _log_scale(axes, values)
             what = "price, as a multiple of its first; log scale"
         else:
             what = "the table's values"
@@ -289,8 +288,18 @@ class _Sheet:
         place.yaxis.set_major_formatter(lambda y, _: f"{y:g}".replace("-", "\N{MINUS SIGN}"))
 
 
+def _log_scale(axes: Any, values: NDArray[np.float64]) -> None:
+    """A logarithmic axis with plain numbers; within a decade or two its ticks are round steps."""
+    ticker = require_library("matplotlib.ticker", "drawing a picture")
+    axes.set_yscale("log")
+    if np.nanmax(values) < 30.0 * np.nanmin(values):
+        axes.yaxis.set_major_locator(ticker.MaxNLocator(7, steps=[1, 2, 2.5, 5, 10]))
+    axes.yaxis.set_major_formatter(lambda y, _: f"{y:,g}")
+    axes.yaxis.set_minor_formatter(ticker.NullFormatter())
+
+
 def _map_inches(rows: int) -> float:
-    return max(rows, 4) * _ROW_INCHES
+    return max(rows * _ROW_INCHES, min(rows * 2 * _ROW_INCHES, 1.6))
 
 
 def _heading(axes: Any, name: str, detail: str) -> None:

@@ -1,0 +1,182 @@
+"""CSV tables: what is read, what is refused, and that numbers come back bit for bit."""
+
+import gzip
+import importlib.util
+
+import numpy as np
+import pytest
+
+from quorvane.cli import csv_table
+from quorvane.cli.errors import DataError
+from quorvane.cli.table import Dates, Table
+from quorvane.cli.table_io import read_table, write_table
+
+HAS_ARROW = importlib.util.find_spec("pyarrow") is not None
+
+
+@pytest.fixture(params=["csv", "pyarrow"])
+def reader(request, monkeypatch):
+    """Both ways of reading; the second only where pyarrow is installed."""
+    if request.param == "pyarrow" and not HAS_ARROW:
+        pytest.skip("pyarrow is not installed")
+    monkeypatch.setattr(csv_table, "has_library", lambda name: request.param == "pyarrow")
+    return request.param
+
+
+def bits(values):
+    return np.asarray(values, dtype=np.float64).view(np.int64).tolist()
+
+
+def test_dates_and_names_are_kept_as_they_are(reader, write):
+    table = read_table(write("t.csv", 'Date,"A, B",C\n3 Jan 2020,1,2\n"4 Jan, 2020",3,4\n'))
+    assert table.dates == Dates("Date", ("3 Jan 2020", "4 Jan, 2020"))
+    assert table.instruments == ("A, B", "C")
+    assert table.values.tolist() == [[1.0, 2.0], [3.0, 4.0]]
+
+
+@pytest.mark.parametrize("header", ["Date", "date", "DAY", "Timestamp", "datetime", "time", ""])
+def test_a_first_column_is_dates_by_its_name(reader, write, header):
+    table = read_table(write("t.csv", f"{header},KO\n20200102,1\n20200103,2\n"))
+    assert table.dates == Dates(header, ("20200102", "20200103"))
+    assert table.instruments == ("KO",)
+
+
+def test_a_first_column_that_is_no_number_is_dates(reader, write):
+    table = read_table(write("t.csv", "when,KO\n2020-01-02,1\n2020-01-03,2\n"))
+    assert table.dates == Dates("when", ("2020-01-02", "2020-01-03"))
+
+
+def test_a_table_of_numbers_alone_has_no_dates(reader, write):
+    table = read_table(write("t.csv", "KO,PEP\n1,2\n,4\n"))
+    assert table.dates is None
+    assert table.instruments == ("KO", "PEP")
+    assert table.label(1) == "1"
+
+
+@pytest.mark.parametrize("cell", [*csv_table.MISSING])
+def test_missing_cells_are_nan(reader, write, cell):
+    table = read_table(write("t.csv", f"Date,A,B\nd1,{cell},1\nd2,2,{cell}\n"))
+    assert np.isnan(table.values).tolist() == [[True, False], [False, True]]
+
+
+def test_infinities_signs_and_exponents_are_numbers(reader, write):
+    table = read_table(write("t.csv", "Date,A\nd,inf\nd,-inf\nd,-0.0\nd,1e-320\nd,+2.5\nd, 7 \n"))
+    assert bits(table.values) == bits([[np.inf], [-np.inf], [-0.0], [1e-320], [2.5], [7.0]])
+
+
+def test_blank_lines_and_a_byte_order_mark_do_not_matter(reader, tmp_path):
+    path = tmp_path / "t.csv"
+    path.write_bytes(b"\xef\xbb\xbf\nDate,A\r\n\r\nd1,1\r\n\r\nd2,2\r\n\r\n")
+    table = read_table(path)
+    assert table.dates == Dates("Date", ("d1", "d2"))
+    assert table.values.tolist() == [[1.0], [2.0]]
+
+
+def test_names_are_trimmed(reader, write):
+    assert read_table(write("t.csv", "Date, KO ,PEP\nd,1,2\n")).instruments == ("KO", "PEP")
+
+
+def test_a_compressed_table_is_read(reader, tmp_path):
+    path = tmp_path / "t.csv.gz"
+    path.write_bytes(gzip.compress(b"Date,A\nd1,1.5\n"))
+    assert read_table(path).values.tolist() == [[1.5]]
+
+
+@pytest.mark.parametrize("name", ["t.csv", "t.csv.gz"])
+def test_what_is_written_is_read_back_bit_for_bit(reader, tmp_path, name):
+    rng = np.random.default_rng(5)
+    values = rng.integers(-(2**62), 2**62, size=(50, 7)).view(np.float64)
+    values[rng.random(values.shape) < 0.2] = np.nan
+    values[0] = [0.0, -0.0, np.inf, -np.inf, 5e-324, 1.7976931348623157e308, 0.1]
+    values[np.isnan(values)] = np.nan
+    table = Table(values, tuple("abcdefg"), Dates("day", tuple(f"d {i}, x" for i in range(50))))
+    write_table(tmp_path / name, table)
+    back = read_table(tmp_path / name)
+    assert bits(back.values) == bits(values)
+    assert (back.instruments, back.dates) == (table.instruments, table.dates)
+
+
+def test_one_missing_cell_alone_in_its_row_is_kept(reader, tmp_path):
+    table = Table(np.array([[1.0], [np.nan], [3.0]]), ("A",))
+    write_table(tmp_path / "t.csv", table)
+    assert bits(read_table(tmp_path / "t.csv").values) == bits(table.values)
+
+
+def test_the_same_table_gives_the_same_compressed_bytes(tmp_path):
+    table = Table(np.ones((2, 1)), ("A",))
+    for name in ("a.csv.gz", "b.csv.gz"):
+        write_table(tmp_path / name, table)
+    assert (tmp_path / "a.csv.gz").read_bytes() == (tmp_path / "b.csv.gz").read_bytes()
+
+
+@pytest.mark.skipif(not HAS_ARROW, reason="compares with pyarrow")
+def test_both_readers_agree_bit_for_bit(write, monkeypatch):
+    rng = np.random.default_rng(6)
+    texts = [
+        f"{x:.{p}g}" for x, p in zip(rng.normal(size=4000), rng.integers(1, 18, 4000), strict=True)
+    ]
+    rows = [",".join([f"2020-{i:04}", *texts[i * 4 : i * 4 + 4]]) for i in range(1000)]
+    path = write("t.csv", "Date,A,B,C,D\n" + "\n".join(rows) + "\n")
+    fast = read_table(path)
+    monkeypatch.setattr(csv_table, "has_library", lambda name: False)
+    slow = read_table(path)
+    assert bits(fast.values) == bits(slow.values)
+    assert fast.dates == slow.dates
+
+
+@pytest.mark.parametrize(
+    ("text", "message"),
+    [
+        ("", "t.csv: the file is empty, expected a header of instrument names"),
+        ("\n\n", "t.csv: the file is empty, expected a header of instrument names"),
+        ("Date,A\n", "t.csv: empty table, expected a row for each day below the header"),
+        ("Date\nd1\n", "t.csv: no instrument columns, expected one or more"),
+        ("Date,A,\nd1,1,2\n", "t.csv: column 3 has no name, expected an instrument's name"),
+        (
+            "Date,A,B,A\nd1,1,2,3\n",
+            "t.csv: instrument 'A' names columns 2 and 4, expected distinct names",
+        ),
+        (
+            "Date,A,B\nd1,1,2\nd2,1,x1\n",
+            "t.csv, line 3, column 'B': expected a number or an empty cell, got 'x1'",
+        ),
+        (
+            "Date,A\nd1,1_000\n",
+            "t.csv, line 2, column 'A': expected a number or an empty cell, got '1_000'",
+        ),
+        ("Date,A,B\nd1,1,2\n\nd2,1\n", "t.csv, line 4: 2 cells, expected 3 as in the header"),
+        ("Date,A\nd1,1,2\n", "t.csv, line 2: 3 cells, expected 2 as in the header"),
+    ],
+)
+def test_a_fault_is_named_with_its_place(reader, write, text, message):
+    path = write("t.csv", text)
+    with pytest.raises(DataError) as raised:
+        read_table(path)
+    assert str(raised.value) == f"{path.parent}/{message}"
+
+
+def test_bytes_that_are_not_text_are_refused(reader, tmp_path):
+    path = tmp_path / "t.csv"
+    path.write_bytes(b"Date,A\n\xff\xfe,1\n")
+    with pytest.raises(DataError, match=r"t\.csv: expected UTF-8 text"):
+        read_table(path)
+
+
+def test_a_broken_compressed_file_is_refused(reader, tmp_path):
+    whole = gzip.compress(b"Date,A\n" + b"d1,1.5\n" * 500)
+    for name, data in [("cut.csv.gz", whole[:-20]), ("plain.csv.gz", b"Date,A\nd,1\n")]:
+        (tmp_path / name).write_bytes(data)
+        with pytest.raises(DataError, match=r"not a readable gzip file"):
+            read_table(tmp_path / name)
+
+
+def test_a_table_beyond_the_limits_is_refused(reader, write, monkeypatch):
+    path = write("t.csv", "Date,A,B\nd1,1,2\nd2,1,2\n")
+    monkeypatch.setattr("quorvane.cli.limits.MAX_CELLS", 3)
+    with pytest.raises(
+        DataError, match=r"2 days of 2 instruments are 4 cells, at most 3 are allow"
+    ):
+        read_table(path)
+    monkeypatch.setattr("quorvane.cli.limits.MAX_INSTRUMENTS", 1)
+    with pytest.raises(DataError, match=r"t\.csv: 2 instruments, at most 1 are allowed"):
+        read_table(path)

@@ -1,0 +1,113 @@
+"""Parquet tables: dates keep their type, and what does not hold numbers is refused."""
+
+import datetime
+
+import numpy as np
+import pytest
+
+from quorvane.cli.errors import DataError
+from quorvane.cli.table import Dates, Table
+from quorvane.cli.table_io import read_table, write_table
+
+pyarrow = pytest.importorskip("pyarrow")
+parquet = pytest.importorskip("pyarrow.parquet")
+
+DAYS = [datetime.date(2020, 1, 2), datetime.date(2020, 1, 3)]
+
+
+@pytest.fixture
+def path(tmp_path):
+    return tmp_path / "t.parquet"
+
+
+def stored(path, **columns):
+    parquet.write_table(pyarrow.table(columns), path)
+
+
+def test_numbers_of_any_width_are_read_and_null_is_nan(path):
+    stored(
+        path,
+        Date=DAYS,
+        A=pyarrow.array([1, None], pyarrow.int64()),
+        B=pyarrow.array([0.5, 2.0], pyarrow.float32()),
+        C=pyarrow.nulls(2),
+    )
+    table = read_table(path)
+    assert table.instruments == ("A", "B", "C")
+    assert np.isnan(table.values).tolist() == [[False, False, True], [True, False, True]]
+    assert table.values[0, :2].tolist() == [1.0, 0.5]
+
+
+@pytest.mark.parametrize(
+    "kind", [pyarrow.date32(), pyarrow.timestamp("us"), pyarrow.timestamp("ns", "UTC")]
+)
+def test_dates_keep_their_type_from_file_to_file(path, tmp_path, kind):
+    days = pyarrow.array(DAYS).cast(pyarrow.timestamp("us")).cast(kind)
+    stored(path, Date=days, A=[1.0, 2.0])
+    table = read_table(path)
+    write_table(tmp_path / "out.parquet", table)
+    back = parquet.read_table(tmp_path / "out.parquet")
+    assert back.schema.names == ["Date", "A"]
+    assert back.schema.field("Date").type == kind
+    assert back.column("Date").combine_chunks().equals(days)
+    assert table.dates.text[0].startswith("2020-01-02")
+
+
+def test_dates_from_text_are_written_as_text(path):
+    write_table(path, Table(np.ones((1, 1)), ("A",), Dates("Date", ("3 Jan 2020",))))
+    assert parquet.read_table(path).to_pydict() == {"Date": ["3 Jan 2020"], "A": [1.0]}
+
+
+def test_a_first_column_that_holds_no_numbers_is_dates(path):
+    stored(path, when=["a", "b"], A=[1.0, 2.0])
+    assert read_table(path).dates == Dates("when", ("a", "b"), read_table(path).dates.arrow)
+
+
+def test_a_table_of_numbers_alone_has_no_dates(path):
+    stored(path, A=[1.0], B=[2.0])
+    table = read_table(path)
+    assert table.dates is None
+    assert table.instruments == ("A", "B")
+
+
+@pytest.mark.parametrize("name", ["Date", None])
+def test_the_index_that_pandas_puts_last_is_the_dates(path, name):
+    pandas = pytest.importorskip("pandas")
+    index = pandas.DatetimeIndex(DAYS, name=name)
+    pandas.DataFrame({"A": [1.0, 2.0]}, index=index).to_parquet(path)
+    table = read_table(path)
+    assert table.instruments == ("A",)
+    assert table.dates.name == (name or "")
+    assert [text[:10] for text in table.dates.text] == ["2020-01-02", "2020-01-03"]
+
+
+def test_a_column_of_text_is_refused_by_name(path):
+    stored(path, Date=DAYS, A=[1.0, 2.0], B=["x", "y"])
+    with pytest.raises(DataError, match=r"t\.parquet, column 'B': expected numbers, got string"):
+        read_table(path)
+
+
+def test_names_that_stand_twice_are_refused(path):
+    columns = [pyarrow.array([1.0]), pyarrow.array([2.0])]
+    parquet.write_table(pyarrow.Table.from_arrays(columns, names=["A", "A"]), path)
+    with pytest.raises(DataError, match="instrument 'A' names columns 1 and 2"):
+        read_table(path)
+
+
+def test_an_empty_table_is_refused(path):
+    stored(path, Date=pyarrow.array([], pyarrow.date32()), A=pyarrow.array([], pyarrow.float64()))
+    with pytest.raises(DataError, match=r"t\.parquet: empty table, expected a row for each day"):
+        read_table(path)
+
+
+def test_a_file_of_something_else_is_refused(path):
+    path.write_bytes(b"PAR1 and then nothing of the kind")
+    with pytest.raises(DataError, match=r"t\.parquet: not a readable Parquet file"):
+        read_table(path)
+
+
+def test_a_table_beyond_the_limits_is_refused_before_it_is_read(path, monkeypatch):
+    stored(path, A=[1.0, 2.0], B=[1.0, 2.0])
+    monkeypatch.setattr("quorvane.cli.limits.MAX_CELLS", 3)
+    with pytest.raises(DataError, match="at most 3 are allowed"):
+        read_table(path)
