@@ -18,9 +18,7 @@ Ref slice_of(PyObject* object, PyObject* start, PyObject* stop) {
 }
 
 Ref dict_get(PyObject* dict, PyObject* key) {
-    PyObject* value = PyDict_GetItemWithError(dict, key);
-    if (value == nullptr && PyErr_Occurred() != nullptr) throw PythonError();
-    return Ref::borrow(value);
+    return Ref::borrow(dict_peek(dict, key));
 }
 
 bool compare(PyObject* left, PyObject* right, int operation) {

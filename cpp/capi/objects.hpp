@@ -45,6 +45,13 @@ Ref slice_of(PyObject* object, PyObject* start, PyObject* stop);
 // mapping.get(key) of an exact dict; empty when the key is absent.
 Ref dict_get(PyObject* dict, PyObject* key);
 
+// The same, borrowed; null when the key is absent.
+inline PyObject* dict_peek(PyObject* dict, PyObject* key) {
+    PyObject* value = PyDict_GetItemWithError(dict, key);
+    if (value == nullptr && PyErr_Occurred() != nullptr) throw PythonError();
+    return value;
+}
+
 // dict.setdefault(key, value) of an exact dict
 inline void set_default(PyObject* dict, PyObject* key, PyObject* value) {
     if (PyDict_SetDefault(dict, key, value) == nullptr) throw PythonError();

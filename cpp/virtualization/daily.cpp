@@ -1,5 +1,6 @@
 #include "virtualization/daily.hpp"
 
+#include "virtualization/item_recording.hpp"
 #include "virtualization/parent_day.hpp"
 
 namespace quorvane::virtualization {
@@ -51,31 +52,11 @@ void deactivate_slots(const State& state, PyObject* self) {
     }
 }
 
-// The metadata that a slot keeps of the day: always a new dict.
-Ref daily_metadata(const State& state, PyObject* structure, PyObject* slot, PyObject* valid) {
-    const Names& names = state.names;
-    const Ref own = attr(structure, names.metadata);
-    Ref metadata = capi::truth(own.get()) ? capi::to_dict(own.get()) : capi::make_dict();
-    set_item(metadata.get(), names.slot, slot);
-    set_item(metadata.get(), names.active, capi::to_bool(capi::truth(valid)).get());
-    return metadata;
-}
-
-void record_structure(const State& state, const Day& day, PyObject* raw) {
-    const Names& names = state.names;
-    PyObject* self = day.self;
-    const Ref structure = call_method(self, names.normalize_structure, raw);
-    const Ref find_slot = attr(self, names.slot_for_key);
-    const Ref slot = call(find_slot.get(), attr(structure.get(), names.key).get());
-    const Ref valid = call_method(self, names.structure_is_valid, structure.get(), day.nan_masks,
-                                  day.combined_nan_mask, day.N);
-    const Ref legs = attr(structure.get(), names.legs);
-    set_item(attr(self, names.legs_by_slot).get(), slot.get(), legs.get());
-    const Ref metadata = daily_metadata(state, structure.get(), slot.get(), valid.get());
-    set_item(attr(self, names.metadata_by_slot).get(), slot.get(), metadata.get());
-    if (!capi::truth(valid.get())) return;
-    const Ref value = attr(structure.get(), names.value);
-    set_item(attr(self, names.txi_input).get(), slot.get(), value.get());
+void record_structures(const State& state, const Day& day, PyObject* structures) {
+    const DayMasks masks{day.nan_masks, day.combined_nan_mask, day.N};
+    PlainRotation plain(state, day.self);
+    capi::Iteration items(structures);
+    while (const Ref raw = items.next()) record_item(state, day.self, plain, masks, raw.get());
 }
 
 // Only an empty report skips the children, and only where the subclass asked for that.
@@ -109,8 +90,7 @@ Ref compute(State& state, PyObject* const* values) {
     const Ref structures = refresh_structures(state, day);
     fill_with_nan(state, day.self, state.names.txi_input);
     deactivate_slots(state, day.self);
-    capi::Iteration items(structures.get());
-    while (const Ref raw = items.next()) record_structure(state, day, raw.get());
+    record_structures(state, day, structures.get());
     if (skips_children(state, day.self, structures.get())) {
         fill_with_nan(state, day.self, state.names.txi_output);
     } else {

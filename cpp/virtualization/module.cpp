@@ -104,8 +104,10 @@ State::State(PyObject* module)
     bind("_VirtualContext", make_context_class(home).get());
     bind("_AllOnesVirtualMask", make_mask_class(home).get());
     const Ref rotation_base = global(capi::Interned("RotationBase"));
-    bind("VirtualizationBase",
-         make_rotation_class(home, rotation_base, rotation_class_cell_).get());
+    const Ref rotation_class = make_rotation_class(home, rotation_base, rotation_class_cell_);
+    bind("VirtualizationBase", rotation_class.get());
+    pristine.remember(*this);
+    remember_steps(rotation_class.get());
 }
 
 void State::bind_imports() {
@@ -124,10 +126,26 @@ void State::bind(const char* name, PyObject* value) {
     require(PyDict_SetItemString(globals_, name, value));
 }
 
+// A metaclass may have wrapped the functions: what counts is what the class body was given.
+void State::remember_steps(PyObject* rotation_class) {
+    const auto own = [&](PyObject* name) {
+        auto* type = reinterpret_cast<PyTypeObject*>(rotation_class);
+        PyObject* found = PyType_Check(rotation_class) ? _PyType_Lookup(type, name) : nullptr;
+        auto* native = reinterpret_cast<PyTypeObject*>(function_type_.get());
+        return found != nullptr && Py_IS_TYPE(found, native) ? Ref::borrow(found) : Ref();
+    };
+    normalize_step = own(names.normalize_structure);
+    slot_step = own(names.slot_for_key);
+    validity_step = own(names.structure_is_valid);
+}
+
 int State::traverse(visitproc visit, void* arg) const {
     Py_VISIT(function_type_.get());
     Py_VISIT(rotation_class_cell_.get());
-    return 0;
+    Py_VISIT(normalize_step.get());
+    Py_VISIT(slot_step.get());
+    Py_VISIT(validity_step.get());
+    return pristine.traverse(visit, arg);
 }
 
 Ref State::global(PyObject* name) const {

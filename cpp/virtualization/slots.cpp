@@ -28,24 +28,29 @@ Ref refresh_active_structures(State& state, PyObject* const* /*values*/) {
         .raise(PyExc_ValueError);
 }
 
-// A known key always succeeds; a new one takes the next slot, for good.
+// A known key always succeeds, also when the maps are full.
 Ref slot_for_key(State& state, PyObject* const* values) {
-    const Names& names = state.names;
     PyObject* self = values[0];
     const Ref key = capi::to_tuple(values[1]);
-    if (capi::contains(attr(self, names.slot_by_key).get(), key.get())) {
-        return item(attr(self, names.slot_by_key).get(), key.get());
+    PyObject* slot_by_key = state.names.slot_by_key;
+    if (capi::contains(attr(self, slot_by_key).get(), key.get())) {
+        return item(attr(self, slot_by_key).get(), key.get());
     }
+    return new_slot(state, self, key.get());
+}
+
+}  // namespace
+
+Ref new_slot(const State& state, PyObject* self, PyObject* key) {
+    const Names& names = state.names;
     const Ref used = capi::make_int(capi::length(attr(self, names.slot_by_key).get()));
     const Ref capacity = attr(self, names.max_structures);
     if (capi::compare(used.get(), capacity.get(), Py_GE)) raise_full(state, self);
     Ref slot = capi::make_int(capi::length(attr(self, names.slot_by_key).get()));
-    set_item(attr(self, names.slot_by_key).get(), key.get(), slot.get());
-    set_item(attr(self, names.key_by_slot).get(), slot.get(), key.get());
+    set_item(attr(self, names.slot_by_key).get(), key, slot.get());
+    set_item(attr(self, names.key_by_slot).get(), slot.get(), key);
     return slot;
 }
-
-}  // namespace
 
 const capi::FunctionDef stateful_def{"stateful", self_only, capi::body_of<State, stateful>,
                                      "True: the slots and the children carry state between days."};

@@ -4,16 +4,16 @@
 #include "capi/message.hpp"
 #include "capi/objects.hpp"
 #include "virtualization/names.hpp"
+#include "virtualization/pristine.hpp"
 
 namespace quorvane::virtualization {
 
+using capi::attr;
 using capi::call;
 using capi::call_method;
 using capi::call_with_keywords;
-using capi::attr;
 using capi::item;
 using capi::Message;
-using capi::Ref;
 using capi::require;
 using capi::set_attr;
 using capi::set_default;
@@ -41,6 +41,8 @@ public:
     // super().<name>, as a method of the rotation class would write it.
     [[nodiscard]] Ref super_attr(PyObject* self, PyObject* name) const;
 
+    [[nodiscard]] PyObject* globals() const noexcept { return globals_; }
+
     const Names names;
 
     // Tuples of keyword names, for calls.
@@ -48,9 +50,15 @@ public:
         dtype_and_copy_keywords;
     const Ref zero, one;
 
+    // What the shortcuts of a day compare with.
+    const capi::DictWatcher dict_watcher;
+    Pristine pristine;
+    Ref normalize_step, slot_step, validity_step;
+
 private:
     void bind(const char* name, PyObject* value);
     void bind_imports();
+    void remember_steps(PyObject* rotation_class);
 
     PyObject* module_;   // borrowed: the module owns this state
     PyObject* globals_;  // borrowed: the module's dictionary

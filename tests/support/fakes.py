@@ -207,3 +207,9 @@ class Context:
 
     def __init__(self, **attributes):
         self.__dict__.update(attributes)
+
+
+def shown(value):
+    """Name a parameter of a test: its repr, unless that holds an address that differs per run."""
+    text = repr(value)
+    return type(value).__name__ if " at 0x" in text else text

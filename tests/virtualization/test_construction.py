@@ -5,7 +5,7 @@ import enum
 import numpy as np
 import pytest
 
-from support.fakes import RecordingChild, make_rotation, rotation_class
+from support.fakes import RecordingChild, make_rotation, rotation_class, shown
 from support.siblings import Siblings, load_base, plain_rotation_base
 
 GOOD = {"max_structures": 4, "transformation_expression": "none", "N_alloc": 6}
@@ -81,7 +81,7 @@ def unfinished(base, attributes=None, **arguments):
 @pytest.mark.parametrize(
     "value",
     [None, True, False, 5.0, "5", b"5", np.int64(5), np.float64(5), np.array(5), 5j, [5], object()],
-    ids=repr,
+    ids=shown,
 )
 def test_size_that_is_no_int_or_a_bool_is_a_type_error(base, name, value):
     with pytest.raises(TypeError) as caught:

@@ -9,7 +9,7 @@ import types
 import numpy as np
 import pytest
 
-from support.fakes import make_rotation, rotation_class, structure
+from support.fakes import make_rotation, rotation_class, shown, structure
 from support.siblings import Siblings, load_base
 
 
@@ -396,7 +396,7 @@ INTEGERS = [
 ]
 
 
-@pytest.mark.parametrize(("given", "expected"), INTEGERS, ids=repr)
+@pytest.mark.parametrize(("given", "expected"), INTEGERS, ids=shown)
 def test_leg_id_is_converted_by_int(normalize, given, expected):
     ((leg_id, _),) = normalize(structure("a", [(given, 1.0)])).legs
     assert type(leg_id) is int
@@ -416,7 +416,7 @@ def test_leg_id_is_converted_by_int(normalize, given, expected):
         ([1], TypeError),
         (object(), TypeError),
     ],
-    ids=repr,
+    ids=shown,
 )
 def test_leg_id_that_int_refuses_is_the_error_of_int(normalize, given, error):
     with pytest.raises(error) as caught:
@@ -448,7 +448,7 @@ FLOATS = [
 
 
 @pytest.mark.parametrize("role", ["weight", "value"])
-@pytest.mark.parametrize(("given", "expected"), FLOATS, ids=repr)
+@pytest.mark.parametrize(("given", "expected"), FLOATS, ids=shown)
 def test_weight_and_value_are_converted_by_float(normalize, role, given, expected):
     item = structure("a", [(0, given)], 1.0) if role == "weight" else structure("a", [], given)
     record = normalize(item)
@@ -470,7 +470,7 @@ def test_weight_and_value_are_converted_by_float(normalize, role, given, expecte
         ([1.0], TypeError),
         (object(), TypeError),
     ],
-    ids=repr,
+    ids=shown,
 )
 def test_number_that_float_refuses_is_the_error_of_float(normalize, role, given, error):
     item = structure("a", [(0, given)], 1.0) if role == "weight" else structure("a", [], given)
@@ -534,7 +534,7 @@ def test_stop_iteration_of_a_conversion_is_an_error_and_no_end(normalize):
         ([1, 2.0, 3], "too many values to unpack"),
         ({1}, "not enough values to unpack"),
     ],
-    ids=repr,
+    ids=shown,
 )
 def test_leg_of_another_length_is_an_unpacking_error(normalize, leg, text):
     with pytest.raises(ValueError, match=text):
@@ -552,13 +552,13 @@ def test_endless_leg_is_an_unpacking_error(normalize):
         normalize(structure("a", [itertools.count()]))
 
 
-@pytest.mark.parametrize("leg", [5, None, 2.5, object()], ids=repr)
+@pytest.mark.parametrize("leg", [5, None, 2.5, object()], ids=shown)
 def test_leg_that_cannot_be_iterated_is_a_type_error(normalize, leg):
     with pytest.raises(TypeError, match="cannot unpack non-iterable"):
         normalize(structure("a", [leg]))
 
 
-@pytest.mark.parametrize("legs", [5, None, 2.5, object()], ids=repr)
+@pytest.mark.parametrize("legs", [5, None, 2.5, object()], ids=shown)
 def test_legs_that_cannot_be_iterated_are_a_type_error(normalize, legs):
     with pytest.raises(TypeError, match="iterable"):
         normalize(structure("a", legs))
@@ -746,7 +746,7 @@ def test_error_of_the_truth_of_metadata_propagates(normalize):
         (Key((1, 2)), (1, 2)),
         (NamedKey(1, 2), (1, 2)),
     ],
-    ids=repr,
+    ids=shown,
 )
 def test_key_becomes_an_exact_tuple(normalize, key, expected):
     record = normalize(structure(key, []))
@@ -766,7 +766,7 @@ def test_key_is_converted_for_the_metadata_and_again_for_the_record(normalize):
     assert record.key == record.metadata["key"] == (1, 2)
 
 
-@pytest.mark.parametrize("key", [5, None, 2.5], ids=repr)
+@pytest.mark.parametrize("key", [5, None, 2.5], ids=shown)
 def test_key_that_cannot_be_iterated_is_a_type_error(normalize, key):
     with pytest.raises(TypeError, match="not iterable"):
         normalize(structure(key, []))
@@ -939,7 +939,7 @@ def test_capacity_message_formats_name_and_capacity(rotation):
     assert str(caught.value) == ("formatted<>: active structure count exceeds max_structures=-0.5")
 
 
-@pytest.mark.parametrize("key", [5, None, 1.5], ids=repr)
+@pytest.mark.parametrize("key", [5, None, 1.5], ids=shown)
 def test_slot_key_that_cannot_be_iterated_is_a_type_error(rotation, key):
     with pytest.raises(TypeError, match="not iterable"):
         rotation._slot_for_key(key)
@@ -1126,7 +1126,7 @@ def test_finite_value_gives_numpy_true(rotation, value):
     assert result
 
 
-@pytest.mark.parametrize("value", ["1.0", None, [None], 10**30, object(), {}], ids=repr)
+@pytest.mark.parametrize("value", ["1.0", None, [None], 10**30, object(), {}], ids=shown)
 def test_value_that_numpy_refuses_is_the_error_of_numpy(rotation, value):
     with pytest.raises(TypeError) as caught:
         valid(rotation, (), value)
@@ -1148,7 +1148,7 @@ def test_structure_without_legs_is_valid_by_its_value_alone(rotation):
     assert not valid(rotation, (), np.inf, masks, [1, 1, 1], 0)
 
 
-@pytest.mark.parametrize("weight", [0.0, np.nan, None, "text", object()], ids=repr)
+@pytest.mark.parametrize("weight", [0.0, np.nan, None, "text", object()], ids=shown)
 def test_weight_plays_no_part(rotation, weight):
     assert valid(rotation, ((0, weight),))
 
@@ -1173,13 +1173,13 @@ def test_legs_after_an_invalid_one_are_not_looked_at(rotation):
     assert valid(rotation, ((-1, 1.0), "not a pair")) is False
 
 
-@pytest.mark.parametrize("legs", [((0,),), ((0, 1.0, 2),), ("123",)], ids=repr)
+@pytest.mark.parametrize("legs", [((0,),), ((0, 1.0, 2),), ("123",)], ids=shown)
 def test_stored_leg_that_is_no_pair_is_an_unpacking_error(rotation, legs):
     with pytest.raises(ValueError, match="unpack"):
         valid(rotation, legs)
 
 
-@pytest.mark.parametrize("legs", [5, None, (5,)], ids=repr)
+@pytest.mark.parametrize("legs", [5, None, (5,)], ids=shown)
 def test_stored_legs_that_cannot_be_iterated_are_a_type_error(rotation, legs):
     with pytest.raises(TypeError):
         valid(rotation, legs)

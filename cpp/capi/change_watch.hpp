@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+
+#include "capi/error.hpp"
+
+namespace quorvane::capi {
+
+// Tells, for the price of a few comparisons, that none of some dicts and types has been changed
+// since they were added. It may report a change that did not matter, never miss one.
+//
+// Up to Python 3.11 every dict carries a version; later ones tell a watcher of every change.
+class DictWatcher {
+public:
+    DictWatcher();
+    DictWatcher(const DictWatcher&) = delete;
+    DictWatcher& operator=(const DictWatcher&) = delete;
+    ~DictWatcher();
+
+    // The version of the dict's contents, 0 when it cannot be known.
+    [[nodiscard]] std::uint64_t version_of(PyObject* dict) const;
+
+private:
+    int id_ = -1;
+};
+
+// The version of a type and all its bases, 0 when the interpreter gave it none.
+inline unsigned int version_of(PyTypeObject* type) noexcept {
+#if PY_VERSION_HEX < 0x030C0000
+    if (!PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG)) return 0;
+#endif
+    return type->tp_version_tag;
+}
+
+class ChangeWatch {
+public:
+    explicit ChangeWatch(const DictWatcher& watcher) : watcher_(&watcher) {}
+
+    void clear() noexcept { dicts_ = types_ = 0; }
+    void add_dict(PyObject* dict) {
+        dict_[dicts_] = Ref::borrow(dict);
+        dict_version_[dicts_++] = watcher_->version_of(dict);
+    }
+    void add_type(PyTypeObject* type) {
+        type_[types_] = Ref::borrow(reinterpret_cast<PyObject*>(type));
+        type_version_[types_++] = version_of(type);
+    }
+
+    [[nodiscard]] bool unchanged() const {
+        for (int i = 0; i < dicts_; ++i) {
+            const std::uint64_t version = dict_version_[i];
+            if (version == 0 || watcher_->version_of(dict_[i].get()) != version) return false;
+        }
+        for (int i = 0; i < types_; ++i) {
+            auto* type = reinterpret_cast<PyTypeObject*>(type_[i].get());
+            if (type_version_[i] == 0 || version_of(type) != type_version_[i]) return false;
+        }
+        return true;
+    }
+
+private:
+    static constexpr int capacity = 4;
+
+    const DictWatcher* watcher_;
+    Ref dict_[capacity];
+    std::uint64_t dict_version_[capacity] = {};
+    int dicts_ = 0;
+    Ref type_[capacity];
+    unsigned int type_version_[capacity] = {};
+    int types_ = 0;
+};
+
+}  // namespace quorvane::capi

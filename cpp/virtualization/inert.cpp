@@ -1,0 +1,115 @@
+#include "virtualization/inert.hpp"
+
+#include "capi/numpy.hpp"
+
+namespace quorvane::virtualization {
+
+namespace {
+
+bool is_inert_element(PyObject* element) noexcept {
+    PyTypeObject* type = Py_TYPE(element);
+    return type == &PyUnicode_Type || type == &PyLong_Type || type == &PyFloat_Type ||
+           type == &PyBool_Type || type == &PyBytes_Type || element == Py_None;
+}
+
+bool is_normal_leg(PyObject* leg) noexcept {
+    return PyTuple_CheckExact(leg) && PyTuple_GET_SIZE(leg) == 2 &&
+           PyLong_CheckExact(PyTuple_GET_ITEM(leg, 0)) &&
+           PyFloat_CheckExact(PyTuple_GET_ITEM(leg, 1));
+}
+
+// Element `index` of an exact list or tuple, owned; empty at the end or for any other object. Asked
+// for one at a time, because making an object may collect garbage and so run finalizers.
+Ref element_of(PyObject* sequence, Py_ssize_t index) noexcept {
+    if (PyTuple_CheckExact(sequence) && index < PyTuple_GET_SIZE(sequence)) {
+        return Ref::borrow(PyTuple_GET_ITEM(sequence, index));
+    }
+    if (PyList_CheckExact(sequence) && index < PyList_GET_SIZE(sequence)) {
+        return Ref::borrow(PyList_GET_ITEM(sequence, index));
+    }
+    return {};
+}
+
+bool is_exact_sequence(PyObject* object) noexcept {
+    return PyTuple_CheckExact(object) || PyList_CheckExact(object);
+}
+
+Ref inert_leg_id(PyObject* id) {
+    if (PyLong_CheckExact(id)) return Ref::borrow(id);
+    if (Py_IS_TYPE(id, &PyInt64ArrType_Type)) {
+        return require(PyLong_FromLongLong(reinterpret_cast<PyInt64ScalarObject*>(id)->obval));
+    }
+    return {};
+}
+
+Ref inert_weight(PyObject* weight) {
+    if (PyFloat_CheckExact(weight)) return Ref::borrow(weight);
+    const std::optional<double> value = inert_float(weight);
+    return value ? capi::make_float(*value) : Ref();
+}
+
+Ref inert_leg(PyObject* leg) {
+    const Ref raw_id = element_of(leg, 0);
+    const Ref raw_weight = element_of(leg, 1);
+    if (!raw_weight || element_of(leg, 2)) return {};
+    const Ref id = inert_leg_id(raw_id.get());
+    if (!id) return {};
+    const Ref weight = inert_weight(raw_weight.get());
+    if (!weight) return {};
+    return capi::make_tuple(id.get(), weight.get());
+}
+
+bool are_normal_legs(PyObject* legs) noexcept {
+    if (!PyTuple_CheckExact(legs)) return false;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(legs); ++i) {
+        if (!is_normal_leg(PyTuple_GET_ITEM(legs, i))) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool is_inert_key(PyObject* key) noexcept {
+    if (!PyTuple_CheckExact(key)) return false;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(key); ++i) {
+        if (!is_inert_element(PyTuple_GET_ITEM(key, i))) return false;
+    }
+    return true;
+}
+
+std::optional<double> inert_float(PyObject* object) noexcept {
+    if (PyFloat_CheckExact(object)) return PyFloat_AS_DOUBLE(object);
+    if (Py_IS_TYPE(object, &PyDoubleArrType_Type)) {
+        return reinterpret_cast<PyDoubleScalarObject*>(object)->obval;
+    }
+    if (PyLong_CheckExact(object)) {
+        const double value = PyLong_AsDouble(object);
+        if (value != -1.0 || PyErr_Occurred() == nullptr) return value;
+        PyErr_Clear();  // too large: the conversion itself will say so
+    }
+    return std::nullopt;
+}
+
+Ref inert_legs(PyObject* legs) {
+    if (are_normal_legs(legs)) return Ref::borrow(legs);
+    if (!is_exact_sequence(legs)) return {};
+    const Ref normalized = capi::make_list();
+    for (Py_ssize_t i = 0; const Ref raw = element_of(legs, i); ++i) {
+        const Ref leg = inert_leg(raw.get());
+        if (!leg) return {};
+        capi::append(normalized.get(), leg.get());
+    }
+    return require(PyList_AsTuple(normalized.get()));
+}
+
+bool is_plain_record(PyObject* dict) noexcept {
+    if (!PyDict_CheckExact(dict)) return false;
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    while (PyDict_Next(dict, &position, &key, nullptr) != 0) {
+        if (!PyUnicode_CheckExact(key)) return false;
+    }
+    return true;
+}
+
+}  // namespace quorvane::virtualization

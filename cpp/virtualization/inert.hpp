@@ -1,0 +1,25 @@
+#pragma once
+
+#include <optional>
+
+#include "virtualization/state.hpp"
+
+namespace quorvane::virtualization {
+
+// Reading without running anybody's code. Each function knows only exact builtin types and NumPy's
+// own scalars, whose conversions cannot be overridden, and answers "no" for anything else.
+
+// A tuple whose elements hash and compare without side effects.
+bool is_inert_key(PyObject* key) noexcept;
+
+// float(object)
+std::optional<double> inert_float(PyObject* object) noexcept;
+
+// The legs as normalisation would make them; empty when that needs Python. A tuple of exact
+// (int, float) tuples cannot change and is kept as it is.
+Ref inert_legs(PyObject* legs);
+
+// An exact dict whose keys are all exact strings, so that looking things up compares only strings.
+bool is_plain_record(PyObject* dict) noexcept;
+
+}  // namespace quorvane::virtualization

@@ -1,0 +1,14 @@
+#pragma once
+
+#include "virtualization/plain_rotation.hpp"
+#include "virtualization/quick_item.hpp"
+
+namespace quorvane::virtualization {
+
+// Takes one reported item into the rotation's tables: normalise, find the slot, judge, store.
+// With a rotation whose steps nobody changed and an item whose reading runs no Python code this is
+// done in one go; anything else is done step by step, through the instance, with the same result.
+void record_item(const State& state, PyObject* self, PlainRotation& plain, const DayMasks& masks,
+                 PyObject* raw);
+
+}  // namespace quorvane::virtualization

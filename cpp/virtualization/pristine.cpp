@@ -1,0 +1,53 @@
+#include "virtualization/pristine.hpp"
+
+#include "virtualization/state.hpp"
+
+namespace quorvane::virtualization {
+
+void Pristine::remember(const State& state) {
+    const Names& names = state.names;
+    numpy_ = state.global(names.np);
+    numpy_dict_ = Ref::borrow(PyModule_GetDict(numpy_.get()));
+    int index = 0;
+    for (PyObject* name : {static_cast<PyObject*>(names.nan), static_cast<PyObject*>(names.float64),
+                           static_cast<PyObject*>(names.zeros), static_cast<PyObject*>(names.array),
+                           static_cast<PyObject*>(names.asarray),
+                           static_cast<PyObject*>(names.isfinite)}) {
+        numpy_values_[index].name = name;
+        numpy_values_[index++].value = capi::dict_get(numpy_dict_.get(), name);
+    }
+    structure_class_ = state.global(names.VirtualStructure);
+    structure_init_ = Ref::borrow(_PyType_Lookup(structure_class(), names.init));
+}
+
+bool Pristine::numpy_holds(const State& state) const {
+    if (capi::dict_peek(state.globals(), state.names.np) != numpy_.get()) return false;
+    for (const Watched& watched : numpy_values_) {
+        if (watched.name == nullptr) break;
+        if (capi::dict_peek(numpy_dict_.get(), watched.name) != watched.value.get()) return false;
+    }
+    return true;
+}
+
+bool Pristine::structure_class_holds(const State& state) const {
+    PyTypeObject* type = structure_class();
+    const Names& names = state.names;
+    return capi::dict_peek(state.globals(), names.VirtualStructure) == structure_class_.get() &&
+           Py_IS_TYPE(structure_class_.get(), &PyType_Type) &&
+           type->tp_new == PyBaseObject_Type.tp_new &&
+           type->tp_getattro == PyObject_GenericGetAttr &&
+           type->tp_setattro == PyObject_GenericSetAttr &&
+           _PyType_Lookup(type, names.init) == structure_init_.get() &&
+           _PyType_Lookup(type, names.key) == nullptr &&
+           _PyType_Lookup(type, names.legs) == nullptr &&
+           _PyType_Lookup(type, names.value) == nullptr &&
+           _PyType_Lookup(type, names.metadata) == Py_None;
+}
+
+int Pristine::traverse(visitproc visit, void* arg) const {
+    Py_VISIT(structure_class_.get());
+    Py_VISIT(structure_init_.get());
+    return 0;
+}
+
+}  // namespace quorvane::virtualization

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "capi/change_watch.hpp"
+#include "virtualization/names.hpp"
+
+namespace quorvane::virtualization {
+
+using capi::Ref;
+class State;
+
+// The module's surroundings as they were when it was imported. While nobody has replaced anything
+// in them, what the module would get by calling them is known without the call.
+class Pristine {
+public:
+    // Remembers NumPy and the record class; both are bound in the module already.
+    void remember(const State& state);
+
+    // NumPy's functions and constants that the day uses are its own.
+    [[nodiscard]] bool numpy_holds(const State& state) const;
+
+    // VirtualStructure is the module's own dataclass and makes its instances as it did.
+    [[nodiscard]] bool structure_class_holds(const State& state) const;
+
+    [[nodiscard]] PyObject* numpy_dict() const noexcept { return numpy_dict_.get(); }
+    [[nodiscard]] PyTypeObject* structure_class() const noexcept {
+        return reinterpret_cast<PyTypeObject*>(structure_class_.get());
+    }
+
+    int traverse(visitproc visit, void* arg) const;
+
+private:
+    static constexpr int watched_names = 8;
+
+    struct Watched {
+        PyObject* name = nullptr;  // interned, owned by the module's names
+        Ref value;
+    };
+
+    Ref numpy_, numpy_dict_;
+    Watched numpy_values_[watched_names];
+    Ref structure_class_, structure_init_;
+};
+
+}  // namespace quorvane::virtualization

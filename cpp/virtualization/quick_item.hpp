@@ -1,0 +1,32 @@
+#pragma once
+
+#include "virtualization/plain_rotation.hpp"
+
+namespace quorvane::virtualization {
+
+// The masks and the width of a day, as compute was given them.
+struct DayMasks {
+    PyObject* nan_masks;
+    PyObject* combined_nan_mask;
+    PyObject* N;
+};
+
+// An item normalised without running any Python code: the fields of the record that the step would
+// have made, before there is a record.
+struct QuickItem {
+    Ref key, legs, metadata;
+    double value = 0.0;
+};
+
+// False, with nothing done, when reading or converting the item could run Python code or raise.
+bool normalize_quickly(const State& state, PyObject* raw, QuickItem& quick);
+
+enum class Verdict { valid, invalid, unknown };
+
+// What the validity step would say; unknown when only Python can tell.
+Verdict judge_quickly(const QuickItem& quick, const DayMasks& masks) noexcept;
+
+// The record after all, for steps that want one.
+Ref make_record(const State& state, const QuickItem& quick);
+
+}  // namespace quorvane::virtualization
