@@ -120,8 +120,9 @@ ValueError
     When N_alloc is not positive.
 )"};
 
-const capi::FunctionDef resize_def{"resize", resize_parameters, capi::body_of<State, resize>,
-                                   R"(Change the number of columns that the rotation is allocated for.
+const capi::FunctionDef resize_def{
+    "resize", resize_parameters, capi::body_of<State, resize>,
+    R"(Change the number of columns that the rotation is allocated for.
 
 The buffers are made anew.
 

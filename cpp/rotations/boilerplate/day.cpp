@@ -59,8 +59,8 @@ Ref combined_mask(const State& state, PyObject* self, Py_ssize_t N) {
 void compute_day(const State& state, PyObject* self, PyObject* inputs, PyObject* masks,
                  PyObject* combined, PyObject* output, Py_ssize_t N) {
     const Ref width = capi::make_int(N);
-    const Ref result = capi::call_method(self, state.names.compute, inputs, masks, combined,
-                                         output, width.get());
+    const Ref result =
+        capi::call_method(self, state.names.compute, inputs, masks, combined, output, width.get());
     if (result.get() == state.zero.get()) return;
     if (capi::compare(result.get(), state.zero.get(), Py_EQ)) return;
     message_of(state, self)
@@ -113,12 +113,9 @@ Ref call_day(State& state, PyObject* const* values) {
 }
 
 constexpr Parameter compute_parameters[] = {
-    positional("self"),
-    positional("args"),
-    positional("nan_masks"),
-    positional("combined_nan_mask"),
-    positional("output_buf"),
-    positional("N"),
+    positional("self"),       positional("args"),
+    positional("nan_masks"),  positional("combined_nan_mask"),
+    positional("output_buf"), positional("N"),
 };
 
 Ref compute(State& state, PyObject* const* /*values*/) {

@@ -76,8 +76,9 @@ bool fits(PyObject* masks, Py_ssize_t count, Py_ssize_t N) {
 Ref to_inputs(const State& state, PyObject* self, PyObject* args) {
     const Py_ssize_t count = PyTuple_GET_SIZE(args);
     if (count == 0) {
-        message_of(state, self).text("at least one input is needed, got none").raise(
-            PyExc_TypeError);
+        message_of(state, self)
+            .text("at least one input is needed, got none")
+            .raise(PyExc_TypeError);
     }
     PyObject* const* arguments = &PyTuple_GET_ITEM(args, 0);
     if (std::all_of(arguments, arguments + count, is_float64)) return Ref::borrow(args);

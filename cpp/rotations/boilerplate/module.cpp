@@ -12,7 +12,8 @@ namespace quorvane::rotations::boilerplate {
 
 namespace {
 
-constexpr const char* class_doc = R"(The frame of a rotation: it prepares a day, has it computed, returns it.
+constexpr const char* class_doc =
+    R"(The frame of a rotation: it prepares a day, has it computed, returns it.
 
 A rotation is called once per day with that day's inputs. A subclass needs a name, the number of
 its inputs, and the computation itself::
@@ -41,6 +42,7 @@ parameters : dict
 
 State::State(PyObject* module)
     : zero(capi::make_int(0)),
+      one(capi::make_int(1)),
       abstract_method_required(
           capi::import_from("quorvane.functions._abstract_hooks", "abstract_method_required")),
       function_type_(capi::make_native_function_type(module)) {

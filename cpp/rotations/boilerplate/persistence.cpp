@@ -50,9 +50,9 @@ Ref recover(State& state, PyObject* const* values) {
 
 }  // namespace
 
-const capi::FunctionDef stateful_def{
-    "stateful", self_only, capi::body_of<State, stateful>,
-    "Whether a day's output depends on the days before it: False unless a subclass says otherwise."};
+const capi::FunctionDef stateful_def{"stateful", self_only, capi::body_of<State, stateful>,
+                                     "Whether a day's output depends on the days before it: False "
+                                     "unless a subclass says otherwise."};
 
 const capi::FunctionDef get_state_def{"get_state", self_only, capi::body_of<State, get_state>,
                                       R"(Return what the rotation remembers of the days so far.
@@ -78,9 +78,9 @@ ValueError
     When it is not a dict.
 )"};
 
-const capi::FunctionDef checkpoint_def{"checkpoint", utility_parameters,
-                                       capi::body_of<State, checkpoint>,
-                                       R"(Write the state to a storage object under this rotation's name.
+const capi::FunctionDef checkpoint_def{
+    "checkpoint", utility_parameters, capi::body_of<State, checkpoint>,
+    R"(Write the state to a storage object under this rotation's name.
 
 Parameters
 ----------
@@ -88,8 +88,9 @@ utility : object with ``write(name, state)``
     Its errors propagate.
 )"};
 
-const capi::FunctionDef recover_def{"recover", utility_parameters, capi::body_of<State, recover>,
-                                    R"(Read this rotation's state from a storage object and install it.
+const capi::FunctionDef recover_def{
+    "recover", utility_parameters, capi::body_of<State, recover>,
+    R"(Read this rotation's state from a storage object and install it.
 
 Parameters
 ----------

@@ -19,7 +19,7 @@ public:
     int traverse(visitproc visit, void* arg) const;
 
     const Names names;
-    const Ref zero;
+    const Ref zero, one;
     const Ref abstract_method_required;
 
 private:

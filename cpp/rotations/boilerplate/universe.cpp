@@ -12,14 +12,19 @@ Ref day_index(const State& state, PyObject* context) {
     return index ? capi::to_int(index.get()) : state.zero.share();
 }
 
-Ref row_of_day(const State& state, PyObject* context, Ref mask) {
-    Ref ndim = capi::optional_attr(mask.get(), state.names.ndim);
-    if (!ndim) {
-        // Nested lists, for example.
+// How many axes the mask says it has; nested lists, for example, become an array first.
+bool is_one_row(const State& state, Ref& mask) {
+    if (!PyArray_CheckExact(mask.get())) {
+        if (const Ref ndim = capi::optional_attr(mask.get(), state.names.ndim)) {
+            return capi::compare(ndim.get(), state.one.get(), Py_EQ);
+        }
         mask = require(PyArray_FromAny(mask.get(), nullptr, 0, 0, NPY_ARRAY_ENSUREARRAY, nullptr));
-        ndim = capi::make_int(PyArray_NDIM(capi::as_array(mask.get())));
     }
-    if (capi::compare(ndim.get(), capi::make_int(1).get(), Py_EQ)) return mask;
+    return PyArray_NDIM(capi::as_array(mask.get())) == 1;
+}
+
+Ref row_of_day(const State& state, PyObject* context, Ref mask) {
+    if (is_one_row(state, mask)) return mask;
     return capi::item(mask.get(), day_index(state, context).get());
 }
 
@@ -27,8 +32,8 @@ Ref row_of_day(const State& state, PyObject* context, Ref mask) {
 Ref as_bytes(Ref row) {
     if (capi::readable_mask(row.get()) && capi::readable_mask(row.get()).contiguous()) return row;
     constexpr int flags = NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST;
-    return require(PyArray_FromAny(row.get(), PyArray_DescrFromType(NPY_BOOL), 0, 0, flags,
-                                   nullptr));
+    return require(
+        PyArray_FromAny(row.get(), PyArray_DescrFromType(NPY_BOOL), 0, 0, flags, nullptr));
 }
 
 [[noreturn]] void raise_unusable(const State& state, PyObject* self, PyObject* row, Py_ssize_t N) {

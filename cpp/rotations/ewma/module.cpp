@@ -1,0 +1,146 @@
+// Ewma: the module of one class.
+
+#include "capi/module.hpp"
+
+#include "kernels/ewma.hpp"
+#include "rotations/arguments.hpp"
+#include "rotations/ewma/state.hpp"
+#include "rotations/row_day.hpp"
+
+namespace quorvane::rotations::ewma {
+
+namespace {
+
+constexpr capi::Parameter init_parameters[] = {
+    capi::positional("self"),
+    capi::positional("window"),
+    capi::keyword_only("N_alloc", "None"),
+};
+
+double decay_of(PyObject* window) {
+    const Ref exact = positive_int("window", window, "a positive int");
+    const double number = PyLong_AsDouble(exact.get());
+    if (number > 0.0) return kernels::ewma_decay(number);
+    PyErr_Clear();
+    capi::raise(PyExc_ValueError, "window must be a positive int below 2**1024");
+}
+
+Ref init(State& state, PyObject* const* values) {
+    PyObject* self = values[0];
+    decay_of(values[1]);
+    const Ref window = capi::to_int(values[1]);
+    const Ref parameters = capi::make_dict();
+    capi::set_item(parameters.get(), state.window, window.get());
+    state.initialise_base(self, values[2], parameters);
+    capi::set_attr(self, state.window, window.get());
+
+    const Ref N_alloc = capi::attr(self, state.n_alloc);
+    const Py_ssize_t size = capi::is_none(N_alloc.get()) ? 0 : PyLong_AsSsize_t(N_alloc.get());
+    if (size < 0) throw capi::PythonError();
+    set_memory(state, self, new_memory(size));
+    return capi::none();
+}
+
+void step(RowDay& day, double decay, const Memory& memory) {
+    const auto mean = writable_doubles(memory.mean.get()).span().first(day.size());
+    const auto weight = writable_doubles(memory.weight.get()).span().first(day.size());
+    kernels::ewma_step(day.values(), decay, mean, weight, day.out());
+}
+
+// The kernel updates the memory while it reads and writes the day: they must not be the same.
+void separate(RowDay& day, const Memory& memory) {
+    const auto mean = writable_doubles(memory.mean.get()).span();
+    const auto weight = writable_doubles(memory.weight.get()).span();
+    if (overlap(mean, weight)) {
+        capi::raise(PyExc_ValueError, "_mean and _weight must not share memory");
+    }
+    const auto values = day.values();
+    const auto out = day.out();
+    if (overlap(values, mean) || overlap(values, weight)) day.separate_input();
+    if (overlap(out, mean) || overlap(out, weight)) day.separate_output();
+}
+
+Ref compute(State& state, PyObject* const* values) {
+    PyObject* self = values[0];
+    RowDay day(state, values);
+    const double decay = decay_of(capi::attr(self, state.window).get());
+    const Memory memory = memory_of_day(state, self, static_cast<Py_ssize_t>(day.size()));
+    separate(day, memory);
+    step(day, decay, memory);
+    day.deliver();
+    return state.zero.share();
+}
+
+const capi::FunctionDef init_def{"__init__", init_parameters, capi::body_of<State, init>,
+                                 R"(Make an average that has seen nothing.
+
+Parameters
+----------
+window : int
+    Span of the average in days, a positive int.
+N_alloc : int, optional
+    The most columns that a day may have; any number with None.
+
+Raises
+------
+TypeError
+    When window is not an int, or is a bool.
+ValueError
+    When window is not positive.
+)"};
+
+const capi::FunctionDef compute_def{"compute", compute_parameters, capi::body_of<State, compute>,
+                                    R"(Take in the one input of the day and write the averages.
+
+Raises
+------
+TypeError
+    When there is not exactly one input.
+ValueError
+    When the input is not one row of at least N numbers.
+)"};
+
+constexpr const char* class_doc = R"(Exponentially weighted moving average of each column.
+
+The weight of a value that is k days old is (1 - alpha)**k, with alpha = 1 / (1 + com) and
+com = (window - 1) / 2; the average is the weighted mean of all values so far. NaN and infinite
+values count as missing: the average is held while the older weights go on aging. NaN before the
+first value. The same numbers, to the bit, as
+``pandas.DataFrame.ewm(span=window, adjust=True, ignore_na=False, min_periods=1).mean()``.
+
+Parameters
+----------
+window : int
+    Span of the average in days, a positive int.
+N_alloc : int, optional
+    The most columns that a day may have.
+
+Attributes
+----------
+window : int
+    The span.
+)";
+
+}  // namespace
+
+State::State(PyObject* module) : ChildModule(module) {
+    capi::import_numpy();
+    bind_class("Ewma", this, [](capi::ClassBuilder& builder) {
+        builder.doc(class_doc)
+            .attribute("_name", capi::make_str("longitudinal_ewma_67301c").get())
+            .attribute("arity", capi::make_int(1).get())
+            .method(init_def)
+            .method(compute_def)
+            .property(stateful_def)
+            .method(get_state_def)
+            .method(set_state_def)
+            .method(resize_def);
+    });
+}
+
+}  // namespace quorvane::rotations::ewma
+
+PyMODINIT_FUNC PyInit_ewma() {
+    return quorvane::capi::ModuleWith<quorvane::rotations::ewma::State>::initialise(
+        "ewma", "Exponentially weighted moving average of each column.");
+}

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "rotations/child.hpp"
+
+namespace quorvane::rotations::ewma {
+
+class State : public ChildModule {
+public:
+    explicit State(PyObject* module);
+
+    using Interned = capi::Interned;
+    const Interned window{"window"};
+    const Interned mean_buf{"_mean"};
+    const Interned weight_buf{"_weight"};
+    const Interned n_alloc{"_n_alloc"};
+    const Interned resize{"resize"};
+
+    // Keys of the state dictionary, besides the window.
+    const Interned mean{"mean"};
+    const Interned weight{"weight"};
+};
+
+// What the rotation remembers per column: the mean, NaN before the first value, and the weight.
+struct Memory {
+    Ref mean, weight;
+};
+
+// For `size` columns that have seen nothing.
+Memory new_memory(Py_ssize_t size);
+
+// The memory for `size` columns, with what the first of them remember already.
+Memory resized(const Memory& memory, Py_ssize_t size);
+
+// The rotation's memory, which has room for N columns: without an allocation it grows. ValueError
+// when an attribute is not a writable, contiguous float64 array of that length.
+Memory memory_of_day(const State& state, PyObject* self, Py_ssize_t N);
+
+Memory memory_of(const State& state, PyObject* self);
+void set_memory(const State& state, PyObject* self, const Memory& memory);
+
+extern const capi::FunctionDef stateful_def;
+extern const capi::FunctionDef get_state_def;
+extern const capi::FunctionDef set_state_def;
+extern const capi::FunctionDef resize_def;
+
+}  // namespace quorvane::rotations::ewma
