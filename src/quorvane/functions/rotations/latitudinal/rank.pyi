@@ -1,0 +1,14 @@
+from typing import Any
+
+from quorvane.functions.rotations._boilerplate import RotationBase
+
+class Rank(RotationBase):
+    def __init__(self, *, N_alloc: int | None = None) -> None: ...
+    def compute(
+        self,
+        args: Any,
+        nan_masks: Any,
+        combined_nan_mask: Any,
+        output_buf: Any,
+        N: int,
+    ) -> int: ...

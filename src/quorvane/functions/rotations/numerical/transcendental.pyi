@@ -1,0 +1,16 @@
+from typing import Any
+
+from quorvane.functions.rotations._boilerplate import RotationBase
+
+class Transcendental(RotationBase):
+    function: str
+
+    def __init__(self, *, function: str = "sigmoid", N_alloc: int | None = None) -> None: ...
+    def compute(
+        self,
+        args: Any,
+        nan_masks: Any,
+        combined_nan_mask: Any,
+        output_buf: Any,
+        N: int,
+    ) -> int: ...
