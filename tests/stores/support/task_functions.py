@@ -1,0 +1,51 @@
+"""What the processes of the tests do."""
+
+import os
+import resource
+from itertools import count
+
+from quorvane.stores import StoreError
+from stores.support.samples import durable_store, numbered_state
+
+NOBODY = 65534
+
+
+def write_until_killed(kind, folder, acknowledged, first):
+    """Write states first, first + 1, ..., noting the number of each once it is acknowledged."""
+    store = durable_store(kind, folder)
+    notes = os.open(acknowledged, os.O_WRONLY | os.O_CREAT | os.O_APPEND)
+    for number in count(first):
+        store.write("rotation", numbered_state(number))
+        os.write(notes, number.to_bytes(8, "little"))
+
+
+def write_many(kind, folder, first, last, **options):
+    """Write states first to last, all under one name."""
+    store = durable_store(kind, folder, **options)
+    for number in range(first, last + 1):
+        store.write("rotation", numbered_state(number))
+
+
+def write_with_file_limit(kind, folder, limit, number):
+    """Write one state while no file may grow beyond `limit` bytes, and say how that went."""
+    resource.setrlimit(resource.RLIMIT_FSIZE, (limit, resource.RLIM_INFINITY))
+    answer = _attempt(lambda: durable_store(kind, folder).write("rotation", numbered_state(number)))
+    resource.setrlimit(resource.RLIMIT_FSIZE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+    return answer
+
+
+def write_as_nobody(kind, folder, number):
+    """Write one state without the rights of the superuser, and say how that went."""
+    if os.getuid() == 0:
+        os.setgroups([])
+        os.setgid(NOBODY)
+        os.setuid(NOBODY)
+    return _attempt(lambda: durable_store(kind, folder).write("rotation", numbered_state(number)))
+
+
+def _attempt(action):
+    try:
+        action()
+    except StoreError as error:
+        return {"error": type(error).__name__, "message": str(error), "number": error.errno}
+    return None

@@ -1,0 +1,56 @@
+"""Processes for single functions, forked quickly from one that has everything imported."""
+
+import json
+import os
+import signal
+import subprocess
+import sys
+from pathlib import Path
+
+import quorvane
+
+TESTS = Path(__file__).parents[2]
+
+
+class TaskServer:
+    """A process that forks one child per task; the children answer to signals as usual."""
+
+    def __enter__(self):
+        places = [str(Path(quorvane.__file__).parents[1]), str(TESTS)]
+        self._server = subprocess.Popen(
+            [sys.executable, "-m", "stores.support.task_server"],
+            env={**os.environ, "PYTHONPATH": os.pathsep.join(places), "OPENBLAS_NUM_THREADS": "1"},
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            text=True,
+        )
+        return self
+
+    def __exit__(self, *_):
+        self._server.stdin.close()
+        self._server.wait()
+        self._server.stdout.close()
+
+    def start(self, task, **arguments):
+        """Start the function of that name and return its process id."""
+        return self._ask({"do": "start", "task": task, "arguments": arguments})
+
+    def wait(self, process):
+        """Wait for a process and return its exit code, negative for a signal."""
+        return self._ask({"do": "wait", "process": process})
+
+    def kill(self, process):
+        """Kill a process without warning."""
+        os.kill(process, signal.SIGKILL)
+        return self.wait(process)
+
+    def result(self, task, folder, **arguments):
+        """Run a function to its end and return what it returned."""
+        answer = Path(folder) / "answer.json"
+        assert self.wait(self.start(task, answer=str(answer), **arguments)) == 0
+        return json.loads(answer.read_text())
+
+    def _ask(self, request):
+        self._server.stdin.write(json.dumps(request) + "\n")
+        self._server.stdin.flush()
+        return json.loads(self._server.stdout.readline())
