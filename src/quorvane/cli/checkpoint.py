@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import hashlib
 import json
-import uuid
 from collections.abc import Iterator, Mapping, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass, field
@@ -67,9 +66,9 @@ class RunIdentity:
 class Checkpoint:
     """The checkpoint of one run in a SQLite store.
 
-    Each save writes the rows recorded since the last one under a name of their own, then the head:
-    day number, identity, the rotation's state, and the names of all rows. The head is one atomic
-    record, so a run that is killed resumes from the last whole one.
+    Each save writes the rows recorded since the last one as records of their own, then the head:
+    day number, identity, the rotation's state, and how many records of rows there are. The head
+    is one atomic record, so a run that is killed resumes from the last whole one.
     """
 
     def __init__(
@@ -79,55 +78,59 @@ class Checkpoint:
         rotation: FixedBaskets,
         recorders: Sequence[Recorder],
     ) -> None:
-        stores = require_library("quorvane.stores", "keeping a checkpoint")
+        self._stores = require_library("quorvane.stores", "keeping a checkpoint")
         self.path = path
         self.saved_days = 0
-        self._store_type, self._store_error = stores.SqliteStore, stores.StoreError
-        self._not_found = stores.RecordNotFoundError
         self._identity = identity
         self._rotation = rotation
         self._recorders = recorders
-        # Rows of a run that was started anew never mix with those of the run before it.
-        self._run = uuid.uuid4().hex
-        self._row_names: list[str] = []
+        self._records = 0
+
+    def start(self) -> None:
+        """Begin at day 0, in place of whatever run the file holds."""
+        # Written at once: rows to come may replace those that the old head counts.
+        self.save(0)
 
     def save(self, day: int) -> None:
         """Keep everything that is needed to go on with ``day``."""
         spans = list(self._spans(self.saved_days, day))
-        names = [f"{self._run}:{first}-{last}" for first, last in spans]
         head = {
             "format": _FORMAT,
-            "run": self._run,
             "next_day": day,
             "identity": self._identity.upto(day),
-            "row_names": self._row_names + names,
+            "records": self._records + len(spans),
             "rotation": self._rotation.get_state(),
         }
-        with self._open() as store:
-            for name, (first, last) in zip(names, spans, strict=True):
-                rows = {key: array[first:last] for key, array in self._arrays().items()}
-                store.write(name, rows)
+        with self._reporting():
+            store = self._open()
+            for number, (first, last) in enumerate(spans, start=self._records):
+                rows = {name: array[first:last] for name, array in self._arrays().items()}
+                store.write(_rows_name(number), rows)
             store.write(_HEAD, head)
-        self._row_names += names
+        self._records += len(spans)
         self.saved_days = day
 
     def resume(self) -> int:
         """Refill the recorders and the rotation; the day to go on with."""
         if not self.path.exists():
             raise DataError(f"{self.path}: no such file, expected a checkpoint to resume from")
-        with self._open() as store:
+        with self._reporting():
+            store = self._open()
             head = self._head(store)
             day: int = head["next_day"]
             self._require_same_run(day, head["identity"])
             filled = 0
-            for name in head["row_names"]:
-                filled = self._refill(filled, store.load(name))
+            for number in range(head["records"]):
+                filled = self._refill(filled, store.load(_rows_name(number)))
         try:
             self._rotation.set_state(head["rotation"])
         except (ValueError, TypeError) as error:
             raise DataError(f"{self.path}: the rotation refuses its state: {error}") from error
-        self._run, self._row_names, self.saved_days = head["run"], list(head["row_names"]), day
+        self._records, self.saved_days = head["records"], day
         return day
+
+    def _open(self) -> Any:
+        return self._stores.SqliteStore(self.path, namespace=_NAMESPACE, keep=1)
 
     def _arrays(self) -> dict[str, Any]:
         return {
@@ -137,7 +140,7 @@ class Checkpoint:
     def _head(self, store: Any) -> dict[str, Any]:
         try:
             head: dict[str, Any] = store.load(_HEAD)
-        except self._not_found as error:
+        except self._stores.RecordNotFoundError as error:
             raise DataError(f"{self.path}: holds no checkpoint of a replay") from error
         if head["format"] != _FORMAT:
             raise DataError(
@@ -154,6 +157,7 @@ class Checkpoint:
 
     def _refill(self, filled: int, rows: Mapping[str, Any]) -> int:
         """Put stored rows behind the ``filled`` days that are there already; the new count."""
+        last = filled
         for name, array in self._arrays().items():
             last = filled + len(rows[name])
             array[filled:last] = rows[name]
@@ -184,12 +188,16 @@ class Checkpoint:
                 raise DataError(f"{self.path}: the checkpoint was made with {text}")
 
     @contextmanager
-    def _open(self) -> Iterator[Any]:
+    def _reporting(self) -> Iterator[None]:
+        """Turn the store's errors into one that names the file."""
         try:
-            with self._store_type(self.path, namespace=_NAMESPACE) as store:
-                yield store
-        except self._store_error as error:
+            yield
+        except self._stores.StoreError as error:
             raise DataError(f"{self.path}: {error}") from error
+
+
+def _rows_name(number: int) -> str:
+    return f"rows {number}"
 
 
 def _digest(value: Any) -> str:

@@ -53,8 +53,8 @@ def replay_command(options: argparse.Namespace) -> int:
     """Read, replay, write, sum up; raises CommandError for whatever the user can mend."""
     _check_options(options)
     run = _prepare(options)
-    checkpoint = _open_checkpoint(run)
-    first_day = checkpoint.resume() if checkpoint is not None and options.resume else 0
+    checkpoint = _checkpoint(run)
+    first_day = 0 if checkpoint is None else _first_day(checkpoint, options.resume)
     with StopRequest() as stop:
         progress = _replay(run, checkpoint, first_day, stop)
     if progress.next_day < run.inputs.shape[0]:
@@ -168,7 +168,7 @@ def _rotation(
         raise UsageError(f"--expression {options.expression!r}: {error}") from error
 
 
-def _open_checkpoint(run: Run) -> Checkpoint | None:
+def _checkpoint(run: Run) -> Checkpoint | None:
     options = run.options
     if options.checkpoint is None:
         return None
@@ -185,6 +185,13 @@ def _open_checkpoint(run: Run) -> Checkpoint | None:
         },
     )
     return Checkpoint(options.checkpoint, identity, run.rotation, run.recorders)
+
+
+def _first_day(checkpoint: Checkpoint, resume: bool) -> int:
+    if resume:
+        return checkpoint.resume()
+    checkpoint.start()
+    return 0
 
 
 def _replay(run: Run, checkpoint: Checkpoint | None, first_day: int, stop: StopRequest) -> Progress:
