@@ -274,3 +274,20 @@ def test_a_process_shows_no_traceback(process, prices, structures, extra, status
 def test_help_and_version_are_there(process):
     assert "--checkpoint-every" in process("replay", "--help").stdout
     assert process("--version").stdout.startswith("quorvane ")
+
+
+def test_a_terminal_shows_a_progress_bar(replay, monkeypatch):
+    pytest.importorskip("tqdm")
+    monkeypatch.setattr(sys.stderr, "isatty", lambda: True, raising=False)
+    outcome = replay()
+    assert outcome.status == 0
+    assert "replay: " in outcome.err
+    assert "7/7" in outcome.err
+    assert replay("--quiet").err == ""
+
+
+def test_a_terminal_without_tqdm_shows_none(replay, monkeypatch):
+    monkeypatch.setattr(sys.stderr, "isatty", lambda: True, raising=False)
+    monkeypatch.setitem(sys.modules, "tqdm", None)
+    outcome = replay()
+    assert (outcome.status, outcome.err) == (0, "")
