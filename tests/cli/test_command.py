@@ -282,7 +282,7 @@ def test_a_terminal_shows_a_progress_bar(replay, monkeypatch):
     outcome = replay()
     assert outcome.status == 0
     assert "replay: " in outcome.err
-    assert "7/7" in outcome.err
+    assert "/7 [" in outcome.err
     assert replay("--quiet").err == ""
 
 
