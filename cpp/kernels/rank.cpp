@@ -104,6 +104,7 @@ private:
 };
 
 constexpr int kSlotBits = 32;
+constexpr std::size_t kShortRow = 64;
 
 std::uint32_t slot_of(std::uint64_t packed) { return static_cast<std::uint32_t>(packed); }
 
@@ -173,14 +174,9 @@ std::span<const std::uint64_t> sort_packed(const Keys& keys, std::size_t count,
     return {from, count};
 }
 
-// Ranks slots that agree in their leading bits; `before` values are smaller than all of them.
-void rank_group(std::span<const std::uint64_t> group, std::span<const double> values,
-                const Keys& keys, std::size_t before, double count,
-                std::vector<RankWorkspace::Entry>& entries, std::span<double> out) {
-    entries.clear();
-    for (const std::uint64_t packed : group) {
-        entries.push_back({keys(values[slot_of(packed)]), slot_of(packed)});
-    }
+// Orders the entries and ranks their slots; `before` values are smaller than all of them.
+void rank_entries(std::vector<RankWorkspace::Entry>& entries, std::size_t before, double count,
+                  std::span<double> out) {
     if (!std::ranges::is_sorted(entries, {}, &RankWorkspace::Entry::key)) {
         std::ranges::sort(entries, {}, &RankWorkspace::Entry::key);
     }
@@ -191,6 +187,27 @@ void rank_group(std::span<const std::uint64_t> group, std::span<const double> va
         const double average = static_cast<double>(2 * before + first + 1 + last) / 2.0;
         for (std::size_t i = first; i < last; ++i) out[entries[i].slot] = average / count;
     }
+}
+
+// Ranks slots that agree in their leading bits.
+void rank_group(std::span<const std::uint64_t> group, std::span<const double> values,
+                const Keys& keys, std::size_t before, double count,
+                std::vector<RankWorkspace::Entry>& entries, std::span<double> out) {
+    entries.clear();
+    for (const std::uint64_t packed : group) {
+        entries.push_back({keys(values[slot_of(packed)]), slot_of(packed)});
+    }
+    rank_entries(entries, before, count, out);
+}
+
+// A short row in one go: histograms would cost more than the sorting.
+void rank_short(std::span<const double> values, const Keys& keys,
+                std::vector<RankWorkspace::Entry>& entries, std::span<double> out) {
+    entries.clear();
+    for (std::uint32_t slot = 0; slot < values.size(); ++slot) {
+        if (values[slot] == values[slot]) entries.push_back({keys(values[slot]), slot});
+    }
+    rank_entries(entries, 0, static_cast<double>(entries.size()), out);
 }
 
 void rank_sorted(std::span<const std::uint64_t> sorted, std::span<const double> values,
@@ -223,6 +240,10 @@ void rank_fraction(std::span<const double> values, RankWorkspace& workspace,
     if (extremes.nothing_seen()) return;
 
     const Keys keys(extremes, values.size());
+    if (values.size() <= kShortRow) {
+        rank_short(values, keys, workspace.tied, out);
+        return;
+    }
     const std::size_t count =
         keys.passes == 2 ? pack<2>(values, keys, workspace) : pack<3>(values, keys, workspace);
     rank_sorted(sort_packed(keys, count, workspace), values, keys, workspace.tied, out);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "capi/message.hpp"
 
 namespace quorvane::rotations {
@@ -15,6 +17,15 @@ inline capi::Ref positive_int(const char* argument, PyObject* value, const char*
     message.text(argument).text(" must be ").text(allowed).text(", got ").repr(value);
     if (integer) message.raise(PyExc_ValueError);
     message.text(" of type ").text(Py_TYPE(value)->tp_name).raise(PyExc_TypeError);
+}
+
+// The number of an exact int that fits; nothing for any other object.
+inline std::optional<Py_ssize_t> plain_int(PyObject* object) noexcept {
+    if (!PyLong_CheckExact(object)) return std::nullopt;
+    int overflow = 0;
+    const long long number = PyLong_AsLongLongAndOverflow(object, &overflow);
+    if (overflow != 0) return std::nullopt;
+    return static_cast<Py_ssize_t>(number);
 }
 
 }  // namespace quorvane::rotations

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "rotations/arguments.hpp"
 #include "rotations/boilerplate/construction.hpp"
 #include "rotations/boilerplate/inputs.hpp"
 #include "rotations/boilerplate/universe.hpp"
@@ -32,7 +33,8 @@ void allocate_day(const State& state, PyObject* self, Py_ssize_t N) {
         return;
     }
     const Ref width = capi::make_int(N);
-    if (!capi::compare(width.get(), N_alloc.get(), Py_GT)) return;
+    const auto limit = plain_int(N_alloc.get());
+    if (limit ? N <= *limit : !capi::compare(width.get(), N_alloc.get(), Py_GT)) return;
     message_of(state, self)
         .text("the first input has ")
         .value(width)
@@ -61,8 +63,8 @@ void compute_day(const State& state, PyObject* self, PyObject* inputs, PyObject*
     const Ref width = capi::make_int(N);
     const Ref result =
         capi::call_method(self, state.names.compute, inputs, masks, combined, output, width.get());
-    if (result.get() == state.zero.get()) return;
-    if (capi::compare(result.get(), state.zero.get(), Py_EQ)) return;
+    const auto status = plain_int(result.get());
+    if (status ? *status == 0 : capi::compare(result.get(), state.zero.get(), Py_EQ)) return;
     message_of(state, self)
         .text("compute must return 0, got ")
         .repr(result.get())

@@ -1,6 +1,7 @@
 #include "rotations/boilerplate/universe.hpp"
 
 #include "kernels/nan_mask.hpp"
+#include "rotations/arguments.hpp"
 #include "rotations/buffers.hpp"
 
 namespace quorvane::rotations::boilerplate {
@@ -12,11 +13,12 @@ Ref day_index(const State& state, PyObject* context) {
     return index ? capi::to_int(index.get()) : state.zero.share();
 }
 
-// How many axes the mask says it has; nested lists, for example, become an array first.
+// Whether the mask has a single axis; nested lists, for example, become an array first.
 bool is_one_row(const State& state, Ref& mask) {
     if (!PyArray_CheckExact(mask.get())) {
         if (const Ref ndim = capi::optional_attr(mask.get(), state.names.ndim)) {
-            return capi::compare(ndim.get(), state.one.get(), Py_EQ);
+            const auto axes = plain_int(ndim.get());
+            return axes ? *axes == 1 : capi::compare(ndim.get(), state.one.get(), Py_EQ);
         }
         mask = require(PyArray_FromAny(mask.get(), nullptr, 0, 0, NPY_ARRAY_ENSUREARRAY, nullptr));
     }
@@ -30,7 +32,8 @@ Ref row_of_day(const State& state, PyObject* context, Ref mask) {
 
 // The row as contiguous bytes: itself where it is that already.
 Ref as_bytes(Ref row) {
-    if (capi::readable_mask(row.get()) && capi::readable_mask(row.get()).contiguous()) return row;
+    const auto bytes = capi::readable_mask(row.get());
+    if (bytes && bytes.contiguous()) return row;
     constexpr int flags = NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST;
     return require(
         PyArray_FromAny(row.get(), PyArray_DescrFromType(NPY_BOOL), 0, 0, flags, nullptr));
