@@ -12,12 +12,6 @@ bool is_inert_element(PyObject* element) noexcept {
            type == &PyBool_Type || type == &PyBytes_Type || element == Py_None;
 }
 
-bool is_normal_leg(PyObject* leg) noexcept {
-    return PyTuple_CheckExact(leg) && PyTuple_GET_SIZE(leg) == 2 &&
-           PyLong_CheckExact(PyTuple_GET_ITEM(leg, 0)) &&
-           PyFloat_CheckExact(PyTuple_GET_ITEM(leg, 1));
-}
-
 // Element `index` of an exact list or tuple, owned; empty at the end or for any other object. Asked
 // for one at a time, because making an object may collect garbage and so run finalizers.
 Ref element_of(PyObject* sequence, Py_ssize_t index) noexcept {
@@ -68,6 +62,12 @@ bool are_normal_legs(PyObject* legs) noexcept {
 }
 
 }  // namespace
+
+bool is_normal_leg(PyObject* leg) noexcept {
+    return PyTuple_CheckExact(leg) && PyTuple_GET_SIZE(leg) == 2 &&
+           PyLong_CheckExact(PyTuple_GET_ITEM(leg, 0)) &&
+           PyFloat_CheckExact(PyTuple_GET_ITEM(leg, 1));
+}
 
 bool is_inert_key(PyObject* key) noexcept {
     if (!PyTuple_CheckExact(key)) return false;

@@ -15,6 +15,9 @@ bool is_inert_key(PyObject* key) noexcept;
 // float(object)
 std::optional<double> inert_float(PyObject* object) noexcept;
 
+// An exact tuple of an exact int and an exact float.
+bool is_normal_leg(PyObject* leg) noexcept;
+
 // The legs as normalisation would make them; empty when that needs Python. A tuple of exact
 // (int, float) tuples cannot change and is kept as it is.
 Ref inert_legs(PyObject* legs);

@@ -7,6 +7,15 @@ PyObject* instance_dict(PyObject* object) noexcept {
     return place == nullptr ? nullptr : *place;
 }
 
+PyObject* plain_attribute(PyObject* object, PyObject* name) {
+    PyTypeObject* type = Py_TYPE(object);
+    if (type->tp_getattro != PyObject_GenericGetAttr || _PyType_Lookup(type, name) != nullptr) {
+        return nullptr;
+    }
+    PyObject* dict = instance_dict(object);
+    return dict == nullptr ? nullptr : capi::dict_peek(dict, name);
+}
+
 PlainRotation::PlainRotation(const State& state, PyObject* self)
     : state_(state), self_(self), watch_(state.dict_watcher) {}
 

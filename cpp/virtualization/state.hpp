@@ -3,6 +3,7 @@
 #include "capi/class_builder.hpp"
 #include "capi/message.hpp"
 #include "capi/objects.hpp"
+#include "kernels/unmap.hpp"
 #include "virtualization/names.hpp"
 #include "virtualization/pristine.hpp"
 
@@ -54,6 +55,11 @@ public:
     const capi::DictWatcher dict_watcher;
     Pristine pristine;
     Ref normalize_step, slot_step, validity_step;
+
+    // Working memory of unmapping, kept so that a day allocates nothing. Only one call uses it at a
+    // time: no Python code runs while it is in use.
+    mutable kernels::Contributions contributions;
+    mutable kernels::Totals totals;
 
 private:
     void bind(const char* name, PyObject* value);

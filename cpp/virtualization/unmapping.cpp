@@ -1,5 +1,7 @@
 #include "virtualization/unmapping.hpp"
 
+#include "virtualization/flat_unmapping.hpp"
+
 namespace quorvane::virtualization {
 
 namespace {
@@ -28,10 +30,12 @@ Totals zero_totals(const State& state, PyObject* N) {
     return totals;
 }
 
-// sums[leg] += amount; has_contribution[leg] = True
-void contribute(const Totals& totals, PyObject* leg, PyObject* amount) {
+// sums[leg] += amount(); has_contribution[leg] = True. The total is read before the amount is known.
+template <class Amount>
+void contribute(const Totals& totals, PyObject* leg, Amount&& amount) {
     const Ref before = item(totals.sums.get(), leg);
-    const Ref after = require(PyNumber_InPlaceAdd(before.get(), amount));
+    const Ref after =
+        require(PyNumber_InPlaceAdd(before.get(), std::forward<Amount>(amount)().get()));
     set_item(totals.sums.get(), leg, after.get());
     set_item(totals.has_contribution.get(), leg, Py_True);
 }
@@ -46,7 +50,7 @@ void split_equally(const Totals& totals, PyObject* value, PyObject* legs) {
         const capi::Pair parts = capi::unpack_pair(leg.get());
         const bool positive = capi::compare(parts.second.get(), zero.get(), Py_GE);
         const Ref amount = positive ? scale.share() : require(PyNumber_Negative(scale.get()));
-        contribute(totals, parts.first.get(), amount.get());
+        contribute(totals, parts.first.get(), [&] { return amount.share(); });
     }
 }
 
@@ -54,8 +58,8 @@ void split_in_proportion(const Totals& totals, PyObject* value, PyObject* legs) 
     capi::Iteration iteration(legs);
     while (const Ref leg = iteration.next()) {
         const capi::Pair parts = capi::unpack_pair(leg.get());
-        const Ref amount = require(PyNumber_Multiply(value, parts.second.get()));
-        contribute(totals, parts.first.get(), amount.get());
+        contribute(totals, parts.first.get(),
+                   [&] { return require(PyNumber_Multiply(value, parts.second.get())); });
     }
 }
 
@@ -75,23 +79,32 @@ void unmap_slot(const State& state, PyObject* self, PyObject* txi_output, PyObje
     }
 }
 
-Ref unmap(State& state, PyObject* const* values) {
-    const Names& names = state.names;
-    PyObject* self = values[0];
-    PyObject* output_buf = values[2];
-    PyObject* N = values[3];
+// output_buf[:N] = np.nan
+void clear_output(const State& state, PyObject* output_buf, PyObject* N) {
     const Ref live = require(PySlice_New(Py_None, N, nullptr));
-    set_item(output_buf, live.get(), state.numpy(names.nan).get());
+    set_item(output_buf, live.get(), state.numpy(state.names.nan).get());
+}
+
+void unmap_stepwise(const State& state, PyObject* self, PyObject* txi_output, PyObject* output_buf,
+                    PyObject* N) {
     const Totals totals = zero_totals(state, N);
-    const Ref slots =
-        call(reinterpret_cast<PyObject*>(&PyRange_Type), attr(self, names.max_structures).get());
+    const Ref slots = call(reinterpret_cast<PyObject*>(&PyRange_Type),
+                           attr(self, state.names.max_structures).get());
     capi::Iteration iteration(slots.get());
     while (const Ref slot = iteration.next()) {
-        unmap_slot(state, self, values[1], slot.get(), totals);
+        unmap_slot(state, self, txi_output, slot.get(), totals);
     }
     const Ref contributed = item(totals.sums.get(), totals.has_contribution.get());
-    const Ref live_output = item(output_buf, live.get());
+    const Ref live_output = capi::slice_of(output_buf, Py_None, N);
     set_item(live_output.get(), totals.has_contribution.get(), contributed.get());
+}
+
+Ref unmap(State& state, PyObject* const* values) {
+    PyObject* self = values[0];
+    clear_output(state, values[2], values[3]);
+    if (!unmap_flat(state, self, values[1], values[2], values[3])) {
+        unmap_stepwise(state, self, values[1], values[2], values[3]);
+    }
     return capi::none();
 }
 

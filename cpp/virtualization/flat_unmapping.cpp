@@ -1,0 +1,126 @@
+#include "virtualization/flat_unmapping.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+#include "capi/array_view.hpp"
+#include "virtualization/inert.hpp"
+#include "virtualization/plain_rotation.hpp"
+
+namespace quorvane::virtualization {
+
+namespace {
+
+using capi::VectorView;
+
+// The plain facts of one call.
+struct Task {
+    PyObject* legs_by_slot = nullptr;
+    Py_ssize_t max_structures = 0;
+    bool equal_split = false;
+    VectorView<const double> txi_output;
+    VectorView<double> output;
+    Py_ssize_t N = 0;
+};
+
+// An exact, non-negative int that fits; -1 for anything else.
+Py_ssize_t plain_size(PyObject* object) noexcept {
+    if (object == nullptr || !PyLong_CheckExact(object)) return -1;
+    int overflow = 0;
+    const long long value = PyLong_AsLongLongAndOverflow(object, &overflow);
+    return overflow == 0 && value >= 0 ? static_cast<Py_ssize_t>(value) : -1;
+}
+
+bool read_task(const State& state, PyObject* self, PyObject* txi_output, PyObject* output_buf,
+               PyObject* N, Task& task) {
+    const Names& names = state.names;
+    task.legs_by_slot = plain_attribute(self, names.legs_by_slot);
+    task.max_structures = plain_size(plain_attribute(self, names.max_structures));
+    PyObject* policy = plain_attribute(self, names.unmap_policy);
+    task.N = plain_size(N);
+    task.txi_output = capi::readable_vector<double>(txi_output);
+    task.output = capi::writable_vector<double>(output_buf);
+    if (task.legs_by_slot == nullptr || !PyDict_CheckExact(task.legs_by_slot) ||
+        task.max_structures < 0 || policy == nullptr || !PyUnicode_CheckExact(policy) ||
+        task.N < 0 || !task.txi_output || task.txi_output.size() < task.max_structures ||
+        !task.output || task.output.size() < task.N) {
+        return false;
+    }
+    task.equal_split = PyUnicode_CompareWithASCIIString(policy, "equal_split") == 0;
+    return state.pristine.numpy_holds(state);
+}
+
+// The legs of a slot at the end of the flat arrays; false when one is not plain or outside.
+bool append_legs(PyObject* legs, Py_ssize_t N, kernels::Contributions& flat) {
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(legs); ++i) {
+        PyObject* leg = PyTuple_GET_ITEM(legs, i);
+        if (!is_normal_leg(leg)) return false;
+        int overflow = 0;
+        long long id = PyLong_AsLongLongAndOverflow(PyTuple_GET_ITEM(leg, 0), &overflow);
+        if (id < 0) id += N;  // a negative id counts from the end, as in any indexing
+        if (overflow != 0 || id < 0 || id >= N) return false;
+        flat.ids.push_back(static_cast<std::size_t>(id));
+        flat.weights.push_back(PyFloat_AS_DOUBLE(PyTuple_GET_ITEM(leg, 1)));
+    }
+    flat.ends.push_back(flat.ids.size());
+    return true;
+}
+
+// The slots that contribute, in increasing order. The table holds them in the order in which they
+// were first stored, which nearly always is the same.
+struct Slot {
+    Py_ssize_t index;
+    PyObject* legs;
+};
+
+bool contributing_slots(const Task& task, std::vector<Slot>& slots) {
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* legs = nullptr;
+    while (PyDict_Next(task.legs_by_slot, &position, &key, &legs) != 0) {
+        if (!PyLong_CheckExact(key)) return false;
+        const Py_ssize_t slot = plain_size(key);
+        if (slot < 0 || slot >= task.max_structures || !std::isfinite(task.txi_output[slot])) {
+            continue;
+        }
+        if (legs == Py_None) continue;
+        if (!PyTuple_CheckExact(legs)) return false;
+        if (PyTuple_GET_SIZE(legs) > 0) slots.push_back({slot, legs});
+    }
+    const auto by_index = [](const Slot& left, const Slot& right) {
+        return left.index < right.index;
+    };
+    if (!std::is_sorted(slots.begin(), slots.end(), by_index)) {
+        std::sort(slots.begin(), slots.end(), by_index);
+    }
+    return true;
+}
+
+bool lay_out(const Task& task, kernels::Contributions& flat) {
+    std::vector<Slot> slots;
+    if (!contributing_slots(task, slots)) return false;
+    flat.clear();
+    for (const Slot& slot : slots) {
+        flat.values.push_back(task.txi_output[slot.index]);
+        if (!append_legs(slot.legs, task.N, flat)) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool unmap_flat(const State& state, PyObject* self, PyObject* txi_output, PyObject* output_buf,
+                PyObject* N) {
+    Task task;
+    if (!read_task(state, self, txi_output, output_buf, N, task)) return false;
+    if (!lay_out(task, state.contributions)) return false;
+    state.totals.reset(static_cast<std::size_t>(task.N));
+    const bool silent = task.equal_split
+                            ? kernels::add_equal_split(state.contributions, state.totals)
+                            : kernels::add_in_proportion(state.contributions, state.totals);
+    if (!silent) return false;
+    kernels::write_reached(state.totals, task.output);
+    return true;
+}
+
+}  // namespace quorvane::virtualization
