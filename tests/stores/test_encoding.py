@@ -67,7 +67,7 @@ SINGLE_VALUES = [
     (1,),
     [1],
     (1, "a", None, 2.5, b"x", True, (3, [4])),
-    {1: "int", "1": "text", (1,): "tuple", None: "none", 2.5: "float", b"1": "bytes", True: 0},
+    {1: "int", "1": "text", (1,): "tuple", None: "none", 2.5: "float", b"1": "bytes"},
     {("a", ("b", 1)): {("c",): {2: [(), {}]}}},
     [None, 1, "a", None, 2.0, "b", (1,), [1], {"a": 1}, b"", True, 2**70],
     [{"a": 1}, {"b": 2}, {"a": 1, "b": 2}, {"b": 2, "a": 1}, {}],

@@ -51,6 +51,17 @@ _CONNECTION_SETTINGS = (
     "PRAGMA cell_size_check = ON",
 )
 _RETRY_SECONDS = 0.01
+_SMALLEST_PAGE = 512
+# What SQLite says when the system is at fault; the file may be fine.
+_SYSTEM_FAULTS = (
+    "unable to open",
+    "disk I/O error",
+    "disk is full",
+    "readonly",
+    "permission denied",
+    "out of memory",
+    "too big",
+)
 
 
 class SqliteFile:
@@ -76,13 +87,19 @@ class SqliteFile:
         StoreFormatError
             It is not a store, or a newer version made it.
         """
-        with self._connected():
+        with self._connected(make=True):
             pass
 
     @contextlib.contextmanager
-    def transaction(self, begin: str) -> Iterator[sqlite3.Connection]:
-        """Run the block in one transaction, started by the statement `begin`."""
-        with self._connected() as database, _committed(database, begin):
+    def write_transaction(self) -> Iterator[sqlite3.Connection]:
+        """Run the block in one transaction that waits for other writers."""
+        with self._connected(make=True) as database, _committed(database, "BEGIN IMMEDIATE"):
+            yield database
+
+    @contextlib.contextmanager
+    def read_transaction(self) -> Iterator[sqlite3.Connection]:
+        """Run the block on the file as it is at one moment, without ever making it."""
+        with self._connected(make=False) as database, _committed(database, "BEGIN"):
             yield database
 
     @contextlib.contextmanager
@@ -90,7 +107,7 @@ class SqliteFile:
         """Turn what SQLite raises while it is to "`what`" into a store's errors."""
         try:
             yield
-        except (sqlite3.Error, OverflowError) as error:
+        except (sqlite3.Error, UnicodeDecodeError, OverflowError) as error:
             raise self._shared_error(error, f"cannot {what}") or StoreWriteError(
                 _error_number(error), f"cannot {what}: {error}"
             ) from error
@@ -100,7 +117,7 @@ class SqliteFile:
         """Turn what SQLite raises while it reads `what` into a store's errors."""
         try:
             yield
-        except sqlite3.Error as error:
+        except (sqlite3.Error, UnicodeDecodeError) as error:
             raise self._shared_error(error, f"cannot read {what}") or StoreReadError(
                 _error_number(error), f"cannot read {what}: {error}"
             ) from error
@@ -119,20 +136,30 @@ class SqliteFile:
         return None
 
     @contextlib.contextmanager
-    def _connected(self) -> Iterator[sqlite3.Connection]:
+    def _connected(self, *, make: bool) -> Iterator[sqlite3.Connection]:
         """Open the file for one operation.
 
         Opening takes about a millisecond, and no connection is ever carried over a fork, shared
         between threads, or left open.
         """
+        self._refuse_fragment()
+        address = f"{self.path.absolute().as_uri()}?mode={'rwc' if make else 'rw'}"
         with contextlib.closing(
-            sqlite3.connect(self.path, timeout=self._busy_timeout, isolation_level=None)
+            sqlite3.connect(address, uri=True, timeout=self._busy_timeout, isolation_level=None)
         ) as database:
             for setting in _CONNECTION_SETTINGS:
                 database.execute(setting)
             if self._is_new(database):
+                if not make:
+                    raise StoreFormatError(f"{str(self.path)!r} was a store and is now empty")
                 self._make_tables(database)
             yield database
+
+    def _refuse_fragment(self) -> None:
+        # SQLite takes a file shorter than its smallest page for an empty one and overwrites it.
+        with contextlib.suppress(OSError):
+            if 0 < self.path.stat().st_size < _SMALLEST_PAGE:
+                raise StoreFormatError(f"{str(self.path)!r} is too short to be an SQLite database")
 
     def _is_new(self, database: sqlite3.Connection) -> bool:
         """Tell whether the file has nothing in it yet.
@@ -202,15 +229,16 @@ def _is_busy(error: Exception) -> bool:
 
 
 def _is_damage(error: Exception) -> bool:
-    """Tell whether SQLite found that the file no longer holds what was written.
+    """Tell whether an error says that the file no longer holds what was written.
 
-    Python gives damage the plain class; missing tables and text that is no text are damage as
-    well in a file that was checked to be a store.
+    The statements are always the same and work on an intact store, so whatever is not the
+    system's fault is the file's: missing tables, broken pages, an unknown schema.
     """
-    text = str(error)
-    return type(error) is sqlite3.DatabaseError or any(
-        sign in text
-        for sign in ("no such table", "no such column", "decode to UTF-8", "has no column")
+    if isinstance(error, UnicodeDecodeError):
+        # A broken schema stands in SQLite's message, which Python then cannot read.
+        return True
+    return isinstance(error, sqlite3.DatabaseError) and not any(
+        sign in str(error) for sign in _SYSTEM_FAULTS
     )
 
 

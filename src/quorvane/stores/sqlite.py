@@ -95,7 +95,7 @@ class SqliteStore(RecordStore):
         check_text(name, "name")
         payload = pack(state)
         what = f"write record {name!r} of {self!r}"
-        with self._file.writing(what), self._file.transaction("BEGIN IMMEDIATE") as database:
+        with self._file.writing(what), self._file.write_transaction() as database:
             version = self._last_version(database, name) + 1
             data = seal(payload, self._label(name, version))
             database.execute(
@@ -123,7 +123,7 @@ class SqliteStore(RecordStore):
         """
         check_text(name, "name")
         what = f"record {name!r} of {self!r}"
-        with self._file.reading(what), self._file.transaction("BEGIN") as database:
+        with self._file.reading(what), self._file.read_transaction() as database:
             newest, head_seal = self._head(database, name, what)
             number = newest if version is None else version
             data = self._data(database, name, number, what, is_newest=number == newest)
@@ -141,7 +141,7 @@ class SqliteStore(RecordStore):
         """
         check_text(name, "name")
         what = f"the versions of record {name!r} of {self!r}"
-        with self._file.reading(what), self._file.transaction("BEGIN") as database:
+        with self._file.reading(what), self._file.read_transaction() as database:
             rows = database.execute(
                 "SELECT version, written_at, length(data) FROM records "
                 "WHERE namespace = ? AND name = ? ORDER BY version DESC",
@@ -164,7 +164,7 @@ class SqliteStore(RecordStore):
             See `RecordStore.load`.
         """
         what = f"the names of {self!r}"
-        with self._file.reading(what), self._file.transaction("BEGIN") as database:
+        with self._file.reading(what), self._file.read_transaction() as database:
             rows = database.execute(
                 "SELECT name FROM heads WHERE namespace = ? ORDER BY name", (self._namespace,)
             ).fetchall()

@@ -5,7 +5,6 @@ import os
 import sys
 import tempfile
 import traceback
-from pathlib import Path
 
 from stores.support import task_functions
 from stores.support.samples import durable_store, numbered_state
@@ -26,10 +25,10 @@ def start(task, arguments):
         return process
     status = 1
     try:
-        answer = arguments.pop("answer", None)
-        result = getattr(task_functions, task)(**arguments)
-        if answer is not None:
-            Path(answer).write_text(json.dumps(result))
+        path = arguments.pop("answer", os.devnull)
+        # Opened first: the task may give up the right to.
+        with open(path, "w") as answer:
+            json.dump(getattr(task_functions, task)(**arguments), answer)
         status = 0
     except BaseException:
         traceback.print_exc()

@@ -44,9 +44,9 @@ class TaskServer:
         os.kill(process, signal.SIGKILL)
         return self.wait(process)
 
-    def result(self, task, folder, **arguments):
-        """Run a function to its end and return what it returned."""
-        answer = Path(folder) / "answer.json"
+    def result(self, task, answers, **arguments):
+        """Run a function to its end and return what it left in the folder for answers."""
+        answer = Path(answers) / "answer.json"
         assert self.wait(self.start(task, answer=str(answer), **arguments)) == 0
         return json.loads(answer.read_text())
 

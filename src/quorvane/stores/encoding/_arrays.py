@@ -15,7 +15,7 @@ Array = npt.NDArray[Any]
 
 _ARRAY_DTYPE = re.compile(r"[<>|][biufcSU][1-9][0-9]{0,9}|[<>][mM]8(\[[0-9]{0,9}[A-Za-z]{1,2}\])?")
 # Kinds whose scalars hold exactly what their buffer holds. Text and byte scalars do not: their
-# buffer drops trailing zeros.
+# buffer drops trailing zeros, so they are kept as text and bytes.
 _SCALAR_KINDS = frozenset("biufcmM")
 _C_ORDER, _FORTRAN_ORDER = 0, 1
 

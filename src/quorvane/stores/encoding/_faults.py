@@ -15,7 +15,7 @@ from quorvane.stores.encoding._arrays import keeps_array_dtype, keeps_scalar_typ
 from quorvane.stores.encoding._layout import MAX_DEPTH
 from quorvane.stores.errors import StateEncodeError
 
-_LEAVES = frozenset({type(None), bool, int, float, str, bytes})
+_LEAVES = frozenset({type(None), bool, int, float, str, bytes, np.str_, np.bytes_})
 _LONGEST_KEY_TEXT = 200
 
 
@@ -117,7 +117,7 @@ def _type_reason(value: Any) -> str:
         )
     return (
         f"is a {kind.__module__}.{kind.__qualname__}; a store keeps None, bool, int, float, str, "
-        "bytes, tuple, list, dict, and NumPy arrays and numbers"
+        "bytes, tuple, list, dict, and NumPy arrays and scalars"
     )
 
 

@@ -60,7 +60,9 @@ class Code(IntEnum):
     UNION = 14  # bytes choosing the column that each value comes from; those columns
     ARRAY = 15  # node of dtypes; bytes 0 (C) or 1 (Fortran); node of shapes; buffers
     SCALAR = 16  # node of dtypes; buffers
-    SAME = 17  # number of an earlier tuple column that holds the same
+    NUMPY_TEXT = 17  # node of texts
+    NUMPY_BYTES = 18  # node of byte strings
+    SAME = 19  # number of an earlier tuple column that holds the same
 
 
 def import_msgpack() -> Any:

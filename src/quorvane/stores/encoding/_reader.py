@@ -124,6 +124,8 @@ class _Columns:
             Code.UNION: self._union,
             Code.ARRAY: self._arrays,
             Code.SCALAR: self._scalars,
+            Code.NUMPY_TEXT: self._numpy_texts,
+            Code.NUMPY_BYTES: self._numpy_bytes,
             Code.SAME: self._same,
         }
 
@@ -273,6 +275,21 @@ class _Columns:
         dtypes = self.column(texts, depth)
         self._take(len(dtypes))
         return scalars_from_parts(dtypes, memoryview(data))
+
+    def _numpy_texts(self, depth: int, texts: Any) -> Column:
+        values = self._all_of(str, texts, depth)
+        return list(map(np.str_, values))
+
+    def _numpy_bytes(self, depth: int, pieces: Any) -> Column:
+        values = self._all_of(bytes, pieces, depth)
+        return list(map(np.bytes_, values))
+
+    def _all_of(self, kind: type, node: Any, depth: int) -> Column:
+        values = self.column(node, depth)
+        self._take(len(values))
+        if set(map(type, values)) != {kind}:
+            raise StateDecodeError(f"encoded state has values that are no {kind.__name__}")
+        return values
 
     def _same(self, depth: int, number: int) -> Column:
         if type(number) is not int or not 0 <= number < len(self._tuple_columns):

@@ -128,6 +128,8 @@ class _Columns:
             Code.DICT: self._dicts,
             Code.ARRAY: self._arrays,
             Code.SCALAR: self._scalars,
+            Code.NUMPY_TEXT: self._numpy_texts,
+            Code.NUMPY_BYTES: self._numpy_bytes,
         }
 
     def node(self, values: list[Any], depth: int) -> Node:
@@ -290,6 +292,13 @@ class _Columns:
         texts = self.node([value.dtype.str for value in values], depth)
         return (int(Code.SCALAR), texts, b"".join(value.tobytes() for value in values))
 
+    # Joining makes plain values of the same length; str() would drop zeros at the end.
+    def _numpy_texts(self, values: list[np.str_], depth: int) -> Node:
+        return (int(Code.NUMPY_TEXT), self.node(["".join((value,)) for value in values], depth))
+
+    def _numpy_bytes(self, values: list[np.bytes_], depth: int) -> Node:
+        return (int(Code.NUMPY_BYTES), self.node([b"".join((value,)) for value in values], depth))
+
 
 class _Ancestor:
     """A column of lists or dicts, and which objects are in it."""
@@ -315,6 +324,8 @@ _KINDS: dict[type, Code] = {
     list: Code.LIST,
     dict: Code.DICT,
     np.ndarray: Code.ARRAY,
+    np.str_: Code.NUMPY_TEXT,
+    np.bytes_: Code.NUMPY_BYTES,
 }
 
 

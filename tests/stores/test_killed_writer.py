@@ -1,0 +1,57 @@
+"""A writer that is killed without warning loses nothing that it acknowledged.
+
+QUORVANE_KILLS sets how often each durable store's writer is killed; 200 times unless it does.
+"""
+
+import os
+import random
+import time
+
+from stores.support.samples import durable_store, exactly_equal, numbered_state
+
+KILLS = int(os.environ.get("QUORVANE_KILLS", "200"))
+WRITES_IN_A_LONG_LIFE = 5
+
+
+def last_acknowledged(notes):
+    """Return the last number noted in full, or None."""
+    data = notes.read_bytes() if notes.exists() else b""
+    whole = len(data) - len(data) % 8
+    return int.from_bytes(data[whole - 8 : whole], "little") if whole else None
+
+
+def writing_time(kind, folder):
+    """Return how long one write takes here and now, in seconds."""
+    store = durable_store(kind, folder)
+    start = time.perf_counter()
+    for number in range(1, 11):
+        store.write("trial", numbered_state(number))
+    return (time.perf_counter() - start) / 10
+
+
+def test_what_is_recovered_is_acknowledged_or_in_flight(durable_kind, tmp_path, tasks):
+    generator = random.Random(20)
+    notes = tmp_path / "acknowledged"
+    longest_life = WRITES_IN_A_LONG_LIFE * writing_time(durable_kind, tmp_path)
+    stored, in_flight = 0, 0
+    for _ in range(KILLS):
+        notes.unlink(missing_ok=True)
+        writer = tasks.start(
+            "write_until_killed",
+            kind=durable_kind,
+            folder=str(tmp_path),
+            acknowledged=str(notes),
+            first=stored + 1,
+        )
+        time.sleep(generator.uniform(0.0, longest_life))
+        assert tasks.kill(writer) == -9
+        acknowledged = last_acknowledged(notes) or stored
+        state = durable_store(durable_kind, tmp_path).read("rotation")
+        found = 0 if state is None else state["number"]
+        assert found in (acknowledged, acknowledged + 1)
+        assert found == 0 or exactly_equal(state, numbered_state(found))
+        in_flight += found == acknowledged + 1
+        stored = found
+    # The moments were spread well enough for many writes to be finished.
+    assert stored > KILLS // 10
+    print(f"{durable_kind}: {KILLS} kills, {stored} states stored, {in_flight} of them in flight")

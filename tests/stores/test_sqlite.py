@@ -1,0 +1,298 @@
+"""The store in one SQLite file."""
+
+import os
+import sqlite3
+from datetime import datetime, timedelta, timezone
+
+import pytest
+
+from quorvane.stores import (
+    DamagedRecord,
+    DamagedRecordWarning,
+    RecordDamagedError,
+    RecordNotFoundError,
+    SqliteStore,
+    StoreBusyError,
+    StoreFormatError,
+    StoreReadError,
+    StoreWriteError,
+)
+from stores.support.samples import exactly_equal, rotation_state
+
+
+@pytest.fixture
+def path(tmp_path):
+    return tmp_path / "states.db"
+
+
+def numbers(store, name="rotation"):
+    return [entry.version for entry in store.versions(name)]
+
+
+def sql(path, statement, *values):
+    """Run a statement on the file behind the store's back."""
+    database = sqlite3.connect(path)
+    with database:
+        rows = database.execute(statement, values).fetchall()
+    database.close()
+    return rows
+
+
+def test_the_last_versions_are_kept_and_listed(path):
+    store = SqliteStore(path, keep=3)
+    assert store.versions("rotation") == []
+    for number in range(1, 6):
+        store.write("rotation", {"number": number})
+    assert numbers(store) == [5, 4, 3]
+    assert [store.load("rotation", version) for version in (3, 4, 5)] == [
+        {"number": number} for number in (3, 4, 5)
+    ]
+    assert store.load("rotation") == {"number": 5}
+    with pytest.raises(RecordNotFoundError, match="holds no version 2 of record 'rotation'"):
+        store.load("rotation", 2)
+
+
+def test_a_version_says_when_it_was_written_and_how_large_it_is(path):
+    store = SqliteStore(path)
+    before = datetime.now(timezone.utc) - timedelta(seconds=1)
+    store.write("rotation", {"x": b"y" * 5000})
+    (entry,) = store.versions("rotation")
+    assert before <= entry.written_at <= datetime.now(timezone.utc)
+    assert entry.written_at.tzinfo is timezone.utc
+    assert 5000 < entry.size < 5200
+
+
+def test_each_name_and_namespace_has_versions_of_its_own(path):
+    store, other = SqliteStore(path, keep=2), SqliteStore(path, keep=2, namespace="other")
+    for number in range(3):
+        store.write("rotation", {"number": number})
+    store.write("second", {})
+    other.write("rotation", {})
+    assert (numbers(store), numbers(store, "second"), numbers(other)) == ([3, 2], [1], [1])
+
+
+@pytest.mark.parametrize("keep", [0, -1, True, 2.0, None, "3"])
+def test_keep_is_a_positive_integer(path, keep):
+    with pytest.raises(ValueError, match="keep must be a positive integer"):
+        SqliteStore(path, keep=keep)
+    assert not path.exists()
+
+
+@pytest.mark.parametrize("timeout", [-1.0, float("nan"), float("inf")])
+def test_the_busy_timeout_is_a_number_of_seconds(path, timeout):
+    with pytest.raises(ValueError, match="busy_timeout must be between 0 and 1e6 seconds"):
+        SqliteStore(path, busy_timeout=timeout)
+
+
+@pytest.mark.parametrize("name", ["", ":memory:"])
+def test_a_store_without_a_file_is_refused(name):
+    with pytest.raises(ValueError, match="path must name a file"):
+        SqliteStore(name)
+
+
+def test_the_file_alone_holds_everything(path, tmp_path):
+    SqliteStore(path).write("rotation", rotation_state(5))
+    assert os.listdir(tmp_path) == [path.name]
+    os.rename(path, tmp_path / "moved.db")
+    assert exactly_equal(SqliteStore(tmp_path / "moved.db").read("rotation"), rotation_state(5))
+
+
+def test_writes_go_through_the_log_and_are_flushed(path, monkeypatch):
+    store = SqliteStore(path)
+    assert sql(path, "PRAGMA journal_mode") == [("wal",)]
+    with store._file.read_transaction() as database:
+        assert database.execute("PRAGMA synchronous").fetchone() == (2,)
+
+
+def test_a_file_that_is_no_database_is_refused_and_left(path):
+    path.write_bytes(b"my notes, " * 1000)
+    with pytest.raises(StoreFormatError, match=r"states.db' is not an SQLite database"):
+        SqliteStore(path)
+    assert path.read_bytes() == b"my notes, " * 1000
+
+
+def test_another_programs_database_is_refused_and_left(path):
+    sql(path, "CREATE TABLE mine (x)")
+    before = path.read_bytes()
+    with pytest.raises(StoreFormatError, match="is an SQLite database, and not a store"):
+        SqliteStore(path)
+    assert path.read_bytes() == before
+
+
+def test_a_marked_database_of_another_program_is_refused(path):
+    sql(path, "PRAGMA application_id = 77")
+    with pytest.raises(StoreFormatError, match="not a store"):
+        SqliteStore(path)
+
+
+def test_a_store_of_a_newer_version_is_refused_and_left(path):
+    SqliteStore(path).write("rotation", {"a": 1})
+    sql(path, "PRAGMA user_version = 2")
+    before = path.read_bytes()
+    with pytest.raises(StoreFormatError, match=r"format 2, made by a newer version; .* up to 1"):
+        SqliteStore(path)
+    assert path.read_bytes() == before
+
+
+def test_an_empty_file_becomes_a_store(path):
+    path.touch()
+    SqliteStore(path).write("rotation", {"a": 1})
+    assert SqliteStore(path).read("rotation") == {"a": 1}
+
+
+def test_a_folder_is_refused(tmp_path):
+    with pytest.raises(StoreFormatError):
+        SqliteStore(tmp_path)
+
+
+@pytest.mark.parametrize("place", ["/proc/quorvane.db", "/nonexistent/folder/states.db"])
+def test_a_file_that_cannot_be_made_is_said(place):
+    with pytest.raises(StoreWriteError, match="unable to open database file"):
+        SqliteStore(place)
+
+
+def test_a_file_that_went_away_is_said_by_reads_and_made_again_by_writes(path):
+    store = SqliteStore(path)
+    store.write("rotation", {"a": 1})
+    path.unlink()
+    with pytest.raises(StoreReadError, match="unable to open database file"):
+        store.read("rotation")
+    assert not path.exists()
+    store.write("rotation", {"a": 2})
+    assert store.read("rotation") == {"a": 2}
+
+
+def test_a_store_held_too_long_by_another_is_busy(path):
+    store = SqliteStore(path, busy_timeout=0.05)
+    store.write("rotation", {"a": 1})
+    holder = sqlite3.connect(path, isolation_level=None)
+    holder.execute("BEGIN IMMEDIATE")
+    with pytest.raises(StoreBusyError, match=r"held it for 0\.05 seconds") as caught:
+        store.write("rotation", {"a": 2})
+    assert isinstance(caught.value, TimeoutError)
+    # Readers do not wait for a writer.
+    assert store.read("rotation") == {"a": 1}
+    holder.execute("ROLLBACK")
+    holder.close()
+    store.write("rotation", {"a": 2})
+    assert store.read("rotation") == {"a": 2}
+
+
+def assert_damaged(store, name="rotation"):
+    with pytest.warns(DamagedRecordWarning):
+        assert isinstance(store.read(name), DamagedRecord)
+    with pytest.raises((RecordDamagedError, StoreFormatError)):
+        store.load(name)
+
+
+DAMAGE = {
+    "a flipped bit": "UPDATE records SET data = substr(data, 1, 99) || x'00' || substr(data, 101) "
+    "WHERE version = 2",
+    "cut short": "UPDATE records SET data = substr(data, 1, length(data) - 1) WHERE version = 2",
+    "empty": "UPDATE records SET data = x'' WHERE version = 2",
+    "text": "UPDATE records SET data = 'text' WHERE version = 2",
+    "a number": "UPDATE records SET data = 5 WHERE version = 2",
+    "the newest version lost": "DELETE FROM records WHERE version = 2",
+    "the head lost": "DELETE FROM heads",
+    "the head set back": "UPDATE heads SET version = 1",
+    "the head set on": "UPDATE heads SET version = 3",
+    "the head not a number": "UPDATE heads SET version = 'x'",
+    "the seal altered": "UPDATE heads SET seal = x'00'",
+    "the seal text": "UPDATE heads SET seal = 'x'",
+    "the older version in its place": "UPDATE records SET data = "
+    "(SELECT data FROM records WHERE version = 1) WHERE version = 2",
+    "both versions renumbered": "UPDATE records SET version = 5 - version",
+    "a table lost": "DROP TABLE records",
+    "the other table lost": "DROP TABLE heads",
+}
+
+
+@pytest.mark.parametrize("statement", DAMAGE.values(), ids=DAMAGE)
+def test_damage_to_the_newest_version_is_noticed_and_no_older_one_is_read(path, statement):
+    store = SqliteStore(path)
+    store.write("rotation", {"number": 1})
+    store.write("rotation", {"number": 2, "padding": b"x" * 100})
+    sql(path, statement)
+    assert_damaged(store)
+
+
+def test_after_damage_older_versions_load_and_the_next_write_is_read(path):
+    store = SqliteStore(path)
+    for number in (1, 2):
+        store.write("rotation", {"number": number})
+    sql(path, "UPDATE records SET data = x'00' WHERE version = 2")
+    assert_damaged(store)
+    assert store.load("rotation", 1) == {"number": 1}
+    store.write("rotation", {"number": 3})
+    assert store.read("rotation") == {"number": 3}
+    assert numbers(store) == [3, 2, 1]
+
+
+def test_damage_to_one_name_leaves_the_others(path):
+    store = SqliteStore(path)
+    for name in ("a", "b"):
+        store.write(name, {"name": name})
+    sql(path, "UPDATE records SET data = x'00' WHERE name = 'a'")
+    assert_damaged(store, "a")
+    assert store.read("b") == {"name": "b"}
+
+
+def test_a_store_overwritten_with_something_else_reads_as_damaged(path):
+    store = SqliteStore(path)
+    store.write("rotation", {})
+    path.write_bytes(b"something else " * 1000)
+    assert_damaged(store)
+
+
+@pytest.mark.filterwarnings("ignore::quorvane.stores.DamagedRecordWarning")
+def test_every_byte_of_the_file_is_guarded(path):
+    store = SqliteStore(path)
+    store.write("rotation", {"number": 1})
+    store.write("rotation", {"number": 2, "padding": "x" * 50})
+    state = store.load("rotation")
+    intact = path.read_bytes()
+    outcomes = {"same": 0, "noticed": 0}
+    for position in range(len(intact)):
+        # Most of the pages is unused space, of which every 32nd byte is enough.
+        if intact[position] == 0 and position % 32:
+            continue
+        changed = bytearray(intact)
+        changed[position] ^= 1 << position % 8
+        path.write_bytes(changed)
+        found = store.read("rotation")
+        assert isinstance(found, DamagedRecord) or exactly_equal(found, state), (position, found)
+        outcomes["noticed" if isinstance(found, DamagedRecord) else "same"] += 1
+        for leftover in (f"{path}-wal", f"{path}-shm", f"{path}-journal"):
+            if os.path.exists(leftover):
+                os.unlink(leftover)
+    assert outcomes["noticed"] > 500
+    path.write_bytes(intact)
+    assert exactly_equal(store.read("rotation"), state)
+
+
+@pytest.mark.filterwarnings("ignore::quorvane.stores.DamagedRecordWarning")
+def test_every_truncation_of_the_file_is_noticed(path):
+    store = SqliteStore(path)
+    store.write("rotation", rotation_state(3))
+    intact = path.read_bytes()
+    for length in range(0, len(intact), 97):
+        path.write_bytes(intact[:length])
+        assert isinstance(store.read("rotation"), DamagedRecord), length
+
+
+def test_a_record_larger_than_sqlite_keeps_is_said(path, monkeypatch):
+    store = SqliteStore(path)
+    store.write("rotation", {"a": 1})
+    connect = sqlite3.connect
+
+    def connect_with_limit(*arguments, **options):
+        database = connect(*arguments, **options)
+        database.setlimit(sqlite3.SQLITE_LIMIT_LENGTH, 10_000)
+        return database
+
+    if not hasattr(sqlite3.Connection, "setlimit"):
+        pytest.skip("this Python cannot set SQLite's limits")
+    monkeypatch.setattr(sqlite3, "connect", connect_with_limit)
+    with pytest.raises(StoreWriteError, match="too big"):
+        store.write("rotation", {"a": b"x" * 20_000})
+    assert store.read("rotation") == {"a": 1}

@@ -1,0 +1,104 @@
+"""Several processes on one store at once."""
+
+import os
+
+import pytest
+
+from quorvane.stores import SqliteStore
+from stores.support.samples import durable_store, exactly_equal, numbered_state
+
+WRITES = 40
+
+
+def running(processes):
+    """Tell whether any of the processes has not ended yet."""
+    for process in processes:
+        with open(f"/proc/{process}/stat") as file:
+            if file.read().rpartition(")")[2].split()[0] != "Z":
+                return True
+    return False
+
+
+@pytest.fixture
+def two_writers(durable_kind, tmp_path, tasks):
+    """Two processes that write different numbers under one name."""
+    options = {"keep": 3 * WRITES} if durable_kind == "sqlite" else {}
+    return [
+        tasks.start(
+            "write_many",
+            kind=durable_kind,
+            folder=str(tmp_path),
+            first=first,
+            last=first + WRITES - 1,
+            **options,
+        )
+        for first in (1, 1001)
+    ]
+
+
+def test_a_reader_sees_whole_states_in_each_writers_order(
+    durable_kind, tmp_path, tasks, two_writers
+):
+    store = durable_store(durable_kind, tmp_path)
+    seen = []
+    while running(two_writers):
+        state = store.read("rotation")
+        if state is not None:
+            assert exactly_equal(state, numbered_state(state["number"]))
+            seen.append(state["number"])
+    assert [tasks.wait(writer) for writer in two_writers] == [0, 0]
+    assert store.read("rotation")["number"] in (WRITES, 1000 + WRITES)
+    for own in ([n for n in seen if n < 1000], [n for n in seen if n > 1000]):
+        assert own == sorted(own)
+    assert len(set(seen)) > 5
+
+
+@pytest.mark.parametrize("durable_kind", ["sqlite"], indirect=True)
+def test_no_version_is_lost_or_overwritten(tmp_path, tasks, two_writers):
+    assert [tasks.wait(writer) for writer in two_writers] == [0, 0]
+    store = SqliteStore(tmp_path / "states.db", keep=3 * WRITES)
+    versions = [entry.version for entry in store.versions("rotation")]
+    assert versions == list(range(2 * WRITES, 0, -1))
+    numbers = [store.load("rotation", version)["number"] for version in reversed(versions)]
+    assert [n for n in numbers if n < 1000] == list(range(1, WRITES + 1))
+    assert [n for n in numbers if n > 1000] == list(range(1001, 1001 + WRITES))
+
+
+def test_several_processes_may_make_a_store_at_once(durable_kind, tmp_path, tasks):
+    for attempt in range(15):
+        folder = tmp_path / str(attempt)
+        os.mkdir(folder)
+        makers = [
+            tasks.start(
+                "write_many",
+                kind=durable_kind,
+                folder=str(folder),
+                first=1,
+                last=1,
+                namespace=str(maker),
+            )
+            for maker in range(4)
+        ]
+        assert [tasks.wait(maker) for maker in makers] == [0, 0, 0, 0]
+        for maker in range(4):
+            store = durable_store(durable_kind, folder, namespace=str(maker))
+            assert exactly_equal(store.read("rotation"), numbered_state(1))
+
+
+@pytest.mark.filterwarnings("ignore:.*multi-threaded.*fork:DeprecationWarning")
+def test_a_store_may_be_used_on_both_sides_of_a_fork(durable):
+    durable.write("rotation", numbered_state(1))
+    child = os.fork()
+    if child == 0:
+        status = 1
+        try:
+            assert exactly_equal(durable.read("rotation"), numbered_state(1))
+            durable.write("child", numbered_state(2))
+            status = 0
+        finally:
+            os._exit(status)
+    durable.write("rotation", numbered_state(3))
+    _, status = os.waitpid(child, 0)
+    assert os.waitstatus_to_exitcode(status) == 0
+    assert exactly_equal(durable.read("child"), numbered_state(2))
+    assert exactly_equal(durable.read("rotation"), numbered_state(3))
