@@ -242,7 +242,7 @@ class _Sheet:
 
     def _binning(self) -> str:
         size = _bin_size(len(self.time.positions))
-        return f", mean of {size} days" if size > 1 else ""
+        return f", mean over {size} days" if size > 1 else ""
 
     def _heat_map(
         self,
