@@ -26,6 +26,7 @@ bool compare(PyObject* left, PyObject* right, int operation) {
 }
 
 Ref to_dict(PyObject* object) {
+    if (PyDict_CheckExact(object)) return require(PyDict_Copy(object));
     return require(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), object));
 }
 

@@ -1,5 +1,9 @@
 #include "virtualization/daily.hpp"
 
+#include <algorithm>
+#include <limits>
+
+#include "capi/array_view.hpp"
 #include "virtualization/item_recording.hpp"
 #include "virtualization/parent_day.hpp"
 
@@ -38,18 +42,42 @@ Ref refresh_structures(const State& state, const Day& day) {
 
 // self.<name>.fill(np.nan)
 void fill_with_nan(const State& state, PyObject* self, PyObject* name) {
-    const Ref fill = attr(attr(self, name).get(), state.names.fill);
+    const Ref row = attr(self, name);
+    const auto view = capi::writable_vector<double>(row.get());
+    if (view && view.contiguous() && state.pristine.numpy_holds(state)) {
+        const auto values = view.span();
+        std::fill(values.begin(), values.end(), std::numeric_limits<double>::quiet_NaN());
+        return;
+    }
+    const Ref fill = attr(row.get(), state.names.fill);
     call(fill.get(), state.numpy(state.names.nan).get());
+}
+
+// True for {"active": False}: emptying it and saying so again would change nothing.
+bool says_only_inactive(const State& state, PyObject* entry) {
+    if (PyDict_Size(entry) != 1) return false;
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* value = nullptr;
+    return PyDict_Next(entry, &position, &key, &value) != 0 && key == state.names.active &&
+           value == Py_False;
+}
+
+void deactivate(const State& state, PyObject* entry) {
+    const Names& names = state.names;
+    if (!PyDict_CheckExact(entry)) {
+        call_method(entry, names.clear);
+        set_item(entry, names.active, Py_False);
+    } else if (!says_only_inactive(state, entry)) {
+        PyDict_Clear(entry);
+        require(PyDict_SetItem(entry, names.active, Py_False));
+    }
 }
 
 // Every slot's metadata is emptied in place and says inactive.
 void deactivate_slots(const State& state, PyObject* self) {
-    const Names& names = state.names;
-    capi::Iteration entries(attr(self, names.metadata_by_slot).get());
-    while (const Ref entry = entries.next()) {
-        call_method(entry.get(), names.clear);
-        set_item(entry.get(), names.active, Py_False);
-    }
+    capi::Iteration entries(attr(self, state.names.metadata_by_slot).get());
+    while (const Ref entry = entries.next()) deactivate(state, entry.get());
 }
 
 void record_structures(const State& state, const Day& day, PyObject* structures) {

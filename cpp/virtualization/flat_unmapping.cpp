@@ -6,6 +6,7 @@
 #include "capi/array_view.hpp"
 #include "virtualization/inert.hpp"
 #include "virtualization/plain_rotation.hpp"
+#include "virtualization/plain_size.hpp"
 
 namespace quorvane::virtualization {
 
@@ -22,14 +23,6 @@ struct Task {
     VectorView<double> output;
     Py_ssize_t N = 0;
 };
-
-// An exact, non-negative int that fits; -1 for anything else.
-Py_ssize_t plain_size(PyObject* object) noexcept {
-    if (object == nullptr || !PyLong_CheckExact(object)) return -1;
-    int overflow = 0;
-    const long long value = PyLong_AsLongLongAndOverflow(object, &overflow);
-    return overflow == 0 && value >= 0 ? static_cast<Py_ssize_t>(value) : -1;
-}
 
 bool read_task(const State& state, PyObject* self, PyObject* txi_output, PyObject* output_buf,
                PyObject* N, Task& task) {

@@ -1,6 +1,7 @@
 #include "virtualization/item_recording.hpp"
 
 #include "capi/array_view.hpp"
+#include "virtualization/plain_size.hpp"
 #include "virtualization/slots.hpp"
 
 namespace quorvane::virtualization {
@@ -77,10 +78,8 @@ Ref quick_slot(const State& state, PyObject* self, Tables& tables, PyObject* key
 
 // The position that an exact integer names in a sequence of `size`, or -1.
 Py_ssize_t position_of(PyObject* slot, Py_ssize_t size) noexcept {
-    if (!PyLong_CheckExact(slot)) return -1;
-    int overflow = 0;
-    const long long index = PyLong_AsLongLongAndOverflow(slot, &overflow);
-    return index >= 0 && index < size ? static_cast<Py_ssize_t>(index) : -1;
+    const Py_ssize_t index = plain_size(slot);
+    return index < size ? index : -1;
 }
 
 void store_metadata(PyObject* table, PyObject* slot, const Ref& metadata) {

@@ -1,5 +1,7 @@
 #include "virtualization/plain_rotation.hpp"
 
+#include "virtualization/plain_size.hpp"
+
 namespace quorvane::virtualization {
 
 PyObject* instance_dict(PyObject* object) noexcept {
@@ -79,13 +81,8 @@ bool PlainRotation::take_bookkeeping(PyObject* dict) {
     if (!metadata_by_slot_ || !PyList_CheckExact(metadata_by_slot_.get()) || !txi_input_) {
         return false;
     }
-    if (capacity == nullptr || !PyLong_CheckExact(capacity)) return false;
-    max_structures_ = PyLong_AsSsize_t(capacity);
-    if (max_structures_ == -1 && PyErr_Occurred() != nullptr) {
-        PyErr_Clear();
-        return false;
-    }
-    return true;
+    max_structures_ = plain_size(capacity);
+    return max_structures_ >= 0;
 }
 
 }  // namespace quorvane::virtualization

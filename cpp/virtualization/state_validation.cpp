@@ -1,5 +1,9 @@
 #include "virtualization/state_validation.hpp"
 
+#include "virtualization/plain_rotation.hpp"
+#include "virtualization/plain_size.hpp"
+#include "virtualization/quick_state.hpp"
+
 namespace quorvane::virtualization {
 
 namespace {
@@ -172,15 +176,44 @@ Ref checked_metadata(const Rotation& rotation, const Ref& raw) {
     return copies;
 }
 
+// The width of the child space, when looking it up cannot be observed; else -1.
+Py_ssize_t plain_width(const Rotation& rotation) {
+    return plain_size(plain_attribute(rotation.self, rotation.state.names.max_structures));
+}
+
+SlotMaps slot_maps(const Rotation& rotation, const RawState& raw) {
+    if (QuickSlotMaps quick = quick_slot_maps(raw.slot_by_key.get(), raw.key_by_slot.get(),
+                                              plain_width(rotation))) {
+        return {std::move(quick.slot_by_key), std::move(quick.key_by_slot)};
+    }
+    SlotMaps maps = checked_slot_maps(rotation, raw.slot_by_key);
+    check_inverse(rotation, raw.key_by_slot, maps);
+    return maps;
+}
+
+Ref legs_by_slot(const Rotation& rotation, const RawState& raw, const SlotMaps& maps,
+                 const Ref& limit) {
+    if (rotation.state.pristine.numpy_holds(rotation.state)) {
+        Ref quick = quick_legs_by_slot(raw.legs_by_slot.get(), maps.key_by_slot.get(),
+                                       plain_size(limit.get()));
+        if (quick) return quick;
+    }
+    return checked_legs(rotation, raw.legs_by_slot, maps, limit);
+}
+
+Ref metadata_list(const Rotation& rotation, const RawState& raw) {
+    Ref quick = quick_metadata_list(raw.metadata.get(), plain_width(rotation));
+    return quick ? std::move(quick) : checked_metadata(rotation, raw.metadata);
+}
+
 Ref validate(State& state, PyObject* const* values) {
     const Rotation rotation{state, values[0]};
     const RawState raw = read_state(rotation, values[1]);
     check_maps(rotation, raw);
     const Ref limit = checked_limit(rotation, raw.limit);
-    const SlotMaps maps = checked_slot_maps(rotation, raw.slot_by_key);
-    check_inverse(rotation, raw.key_by_slot, maps);
-    const Ref legs = checked_legs(rotation, raw.legs_by_slot, maps, limit);
-    const Ref metadata = checked_metadata(rotation, raw.metadata);
+    const SlotMaps maps = slot_maps(rotation, raw);
+    const Ref legs = legs_by_slot(rotation, raw, maps, limit);
+    const Ref metadata = metadata_list(rotation, raw);
     return capi::make_tuple(maps.slot_by_key.get(), maps.key_by_slot.get(), legs.get(),
                             metadata.get(), limit.get());
 }
