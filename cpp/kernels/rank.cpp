@@ -104,7 +104,7 @@ private:
 };
 
 constexpr int kSlotBits = 32;
-constexpr std::size_t kShortRow = 64;
+constexpr std::size_t kShortRow = 128;
 
 std::uint32_t slot_of(std::uint64_t packed) { return static_cast<std::uint32_t>(packed); }
 

@@ -64,8 +64,9 @@ constexpr double kRoundToInteger = 0x1.8p52;
 }
 
 [[gnu::always_inline]] inline double sign(double x) {
-    const double direction = x < 0.0 ? -1.0 : 1.0;
-    return x == 0.0 || x != x ? x : direction;
+    const double positive = x > 0.0 ? 1.0 : 0.0;
+    const double direction = x < 0.0 ? -1.0 : positive;
+    return x != x ? x : direction;
 }
 
 // The functions that become vector code.
