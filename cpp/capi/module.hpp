@@ -20,8 +20,14 @@ public:
             {Py_mod_exec, reinterpret_cast<void*>(execute)},
             {0, nullptr},
         };
-        static PyModuleDef definition = {PyModuleDef_HEAD_INIT, name,     doc,     sizeof(State*),
-                                         nullptr,               slots,    traverse, nullptr,
+        static PyModuleDef definition = {PyModuleDef_HEAD_INIT,
+                                         name,
+                                         doc,
+                                         sizeof(State*),
+                                         nullptr,
+                                         slots,
+                                         traverse,
+                                         nullptr,
                                          release};
         return PyModuleDef_Init(&definition);
     }
@@ -32,7 +38,8 @@ private:
     }
 
     static int execute(PyObject* module) {
-        return guarded_status([&] { state_of(module) = std::make_unique<State>(module).release(); });
+        return guarded_status(
+            [&] { state_of(module) = std::make_unique<State>(module).release(); });
     }
 
     static int traverse(PyObject* module, visitproc visit, void* argument) {

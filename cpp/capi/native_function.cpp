@@ -29,9 +29,7 @@ struct NativeFunction {
     alignas(Content) std::byte content[sizeof(Content)];
 };
 
-NativeFunction& function_of(PyObject* object) {
-    return *reinterpret_cast<NativeFunction*>(object);
-}
+NativeFunction& function_of(PyObject* object) { return *reinterpret_cast<NativeFunction*>(object); }
 
 Content& content_of(PyObject* object) {
     return *std::launder(reinterpret_cast<Content*>(function_of(object).content));
@@ -174,8 +172,7 @@ Ref make_native_function(PyObject* type, const FunctionDef& definition, PyObject
     function->text_signature = text.release();
     function->dict = dict.release();
     function->weak_references = nullptr;
-    new (function->content)
-        Content{&definition, state, std::move(signature), Ref::borrow(module)};
+    new (function->content) Content{&definition, state, std::move(signature), Ref::borrow(module)};
     PyObject_GC_Track(result.get());
     return result;
 }

@@ -17,9 +17,7 @@ Ref slice_of(PyObject* object, PyObject* start, PyObject* stop) {
     return item(object, slice.get());
 }
 
-Ref dict_get(PyObject* dict, PyObject* key) {
-    return Ref::borrow(dict_peek(dict, key));
-}
+Ref dict_get(PyObject* dict, PyObject* key) { return Ref::borrow(dict_peek(dict, key)); }
 
 bool compare(PyObject* left, PyObject* right, int operation) {
     return truth(require(PyObject_RichCompare(left, right, operation)).get());
@@ -44,9 +42,9 @@ Ref import_from(const char* module, const char* name) {
     const Ref module_name = make_str(module);
     Ref path = Ref::steal(PyModule_GetFilenameObject(imported.get()));
     if (!path) PyErr_Clear();
-    const Ref text = require(PyUnicode_FromFormat("cannot import name %R from %R (%V)", key.get(),
-                                                  module_name.get(), path.get(),
-                                                  "unknown location"));
+    const Ref text =
+        require(PyUnicode_FromFormat("cannot import name %R from %R (%V)", key.get(),
+                                     module_name.get(), path.get(), "unknown location"));
     PyErr_SetImportError(text.get(), module_name.get(), path.get());
     throw PythonError();
 }

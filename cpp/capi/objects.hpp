@@ -73,8 +73,8 @@ Ref call_with_keywords(PyObject* callable, PyObject* names, const Arguments&... 
     PyObject* stack[] = {nullptr, arguments...};
     const auto keywords = static_cast<std::size_t>(PyTuple_GET_SIZE(names));
     return require(PyObject_Vectorcall(
-        callable, stack + 1,
-        (sizeof...(Arguments) - keywords) | PY_VECTORCALL_ARGUMENTS_OFFSET, names));
+        callable, stack + 1, (sizeof...(Arguments) - keywords) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+        names));
 }
 
 // object.name(arguments...), without making the bound method. The method is looked up when the
@@ -132,8 +132,8 @@ inline Ref make_list(Py_ssize_t size = 0) { return require(PyList_New(size)); }
 // (items...)
 template <class... Items>
 Ref make_tuple(const Items&... items) {
-    return require(PyTuple_Pack(static_cast<Py_ssize_t>(sizeof...(Items)),
-                                static_cast<PyObject*>(items)...));
+    return require(
+        PyTuple_Pack(static_cast<Py_ssize_t>(sizeof...(Items)), static_cast<PyObject*>(items)...));
 }
 
 inline void append(PyObject* list, PyObject* element) { require(PyList_Append(list, element)); }
@@ -162,7 +162,8 @@ private:
     Ref iterator_;
 };
 
-// first, second = object: unpacks exactly two, by ordinary iteration, with the interpreter's errors.
+// first, second = object: unpacks exactly two, by ordinary iteration, with the interpreter's
+// errors.
 struct Pair {
     Ref first, second;
 };

@@ -12,8 +12,8 @@ using Kind = Parameter::Kind;
 Ref default_value(std::string_view text) {
     if (text == "None") return none();
     if (text.front() == '"') {
-        return require(PyUnicode_FromStringAndSize(text.data() + 1,
-                                                   static_cast<Py_ssize_t>(text.size()) - 2));
+        return require(
+            PyUnicode_FromStringAndSize(text.data() + 1, static_cast<Py_ssize_t>(text.size()) - 2));
     }
     return make_int(std::strtol(std::string(text).c_str(), nullptr, 10));
 }
@@ -24,8 +24,8 @@ Ref enumeration(PyObject* quoted) {
     Ref text = Ref::borrow(PyList_GET_ITEM(quoted, 0));
     for (Py_ssize_t i = 1; i < count; ++i) {
         const char* separator = i + 1 < count ? ", " : (count == 2 ? " and " : ", and ");
-        text = require(PyUnicode_FromFormat("%U%s%U", text.get(), separator,
-                                            PyList_GET_ITEM(quoted, i)));
+        text = require(
+            PyUnicode_FromFormat("%U%s%U", text.get(), separator, PyList_GET_ITEM(quoted, i)));
     }
     return text;
 }

@@ -26,8 +26,8 @@ template <class Amount>
     }
 }
 
-// Runs the arithmetic between two looks at the processor's exception flags. The arithmetic stands in
-// a function that is not inlined, so that it cannot be moved past either look.
+// Runs the arithmetic between two looks at the processor's exception flags. The arithmetic stands
+// in a function that is not inlined, so that it cannot be moved past either look.
 template <class Arithmetic>
 bool runs_silently(Arithmetic&& arithmetic) noexcept {
     std::feclearexcept(reported);

@@ -8,9 +8,7 @@ using namespace quorvane::kernels;
 namespace {
 
 // Slot 0: 2.0 over (0, 0.5) and (3, -1.0); slot 1: 4.0 over (3, 0.0).
-Contributions example() {
-    return {{2.0, 4.0}, {2, 3}, {0, 3, 3}, {0.5, -1.0, 0.0}};
-}
+Contributions example() { return {{2.0, 4.0}, {2, 3}, {0, 3, 3}, {0.5, -1.0, 0.0}}; }
 
 void proportional_adds_value_times_weight() {
     Totals totals;

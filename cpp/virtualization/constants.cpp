@@ -18,8 +18,8 @@ constexpr Alias aliases[] = {
 };
 
 constexpr const char* identity_expressions[] = {
-    "",       "identity",           "identity()",           "noop", "noop()",
-    "none", "recording_identity", "recording_identity()",
+    "",       "identity", "identity()",         "noop",
+    "noop()", "none",     "recording_identity", "recording_identity()",
 };
 
 }  // namespace

@@ -189,7 +189,7 @@ ValueError
     When a number is out of range, the expression is blank or wrong, or the policy is unknown.
 )"};
 
-const capi::FunctionDef validate_constructor_def{
-    "_validate_constructor", validate_parameters, capi::body_of<State, validate_constructor>};
+const capi::FunctionDef validate_constructor_def{"_validate_constructor", validate_parameters,
+                                                 capi::body_of<State, validate_constructor>};
 
 }  // namespace quorvane::virtualization

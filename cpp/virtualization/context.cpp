@@ -45,8 +45,7 @@ Ref selected_rows(const State& state, PyObject* self, PyObject* slice) {
     const Ref broadcast_to = state.numpy(names.broadcast_to);
     const Ref row = attr(self, names.row);
     const Ref columns = item(attr(self, names.shape).get(), state.one.get());
-    return call(broadcast_to.get(), row.get(),
-                capi::make_tuple(count.get(), columns.get()).get());
+    return call(broadcast_to.get(), row.get(), capi::make_tuple(count.get(), columns.get()).get());
 }
 
 Ref single_row(const State& state, PyObject* self, PyObject* index) {
@@ -78,8 +77,7 @@ Ref get_item(State& state, PyObject* const* values) {
 
 const capi::FunctionDef init_context_def{"__init__", context_parameters,
                                          capi::body_of<State, init_context>};
-const capi::FunctionDef init_mask_def{"__init__", mask_parameters,
-                                      capi::body_of<State, init_mask>};
+const capi::FunctionDef init_mask_def{"__init__", mask_parameters, capi::body_of<State, init_mask>};
 const capi::FunctionDef get_item_def{"__getitem__", item_parameters,
                                      capi::body_of<State, get_item>};
 

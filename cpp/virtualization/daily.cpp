@@ -15,12 +15,9 @@ using capi::Parameter;
 using capi::positional;
 
 constexpr Parameter compute_parameters[] = {
-    positional("self"),
-    positional("args"),
-    positional("nan_masks"),
-    positional("combined_nan_mask"),
-    positional("output_buf"),
-    positional("N"),
+    positional("self"),       positional("args"),
+    positional("nan_masks"),  positional("combined_nan_mask"),
+    positional("output_buf"), positional("N"),
 };
 
 // What one call of compute was given.
@@ -191,8 +188,7 @@ constexpr Parameter batch_parameters[] = {
 Ref as_float64_matrices(const State& state, PyObject* matrices) {
     Ref arrays = capi::make_list();
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(matrices); ++i) {
-        const Ref array = state.numpy_with_dtype(state.names.asarray,
-                                                 PyTuple_GET_ITEM(matrices, i),
+        const Ref array = state.numpy_with_dtype(state.names.asarray, PyTuple_GET_ITEM(matrices, i),
                                                  state.names.float64);
         capi::append(arrays.get(), array.get());
     }
@@ -222,8 +218,8 @@ Ref replay_day(const State& state, PyObject* self, PyObject* arrays, PyObject* u
                PyObject* day) {
     const Names& names = state.names;
     const Ref context_class = state.global(names.VirtualContext);
-    const Ref context = call_with_keywords(
-        context_class.get(), state.current_day_index_keyword.get(), universe, day);
+    const Ref context = call_with_keywords(context_class.get(),
+                                           state.current_day_index_keyword.get(), universe, day);
     const Ref rows = capi::make_list();
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(arrays); ++i) {
         capi::append(rows.get(), item(PyList_GET_ITEM(arrays, i), day).get());
@@ -237,9 +233,7 @@ Ref batch_reference(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     const Ref arrays = as_float64_matrices(state, values[1]);
     if (PyList_GET_SIZE(arrays.get()) == 0) {
-        message_of(state, self)
-            .text(": batch_reference requires inputs")
-            .raise(PyExc_ValueError);
+        message_of(state, self).text(": batch_reference requires inputs").raise(PyExc_ValueError);
     }
     PyObject* first = PyList_GET_ITEM(arrays.get(), 0);
     const Ref days = extent(state, first, state.zero.get());

@@ -96,8 +96,8 @@ void store_value(PyObject* table, PyObject* slot, double value) {
     view[index] = value;
 }
 
-bool record_quickly(const State& state, PyObject* self, PlainRotation& plain,
-                    const DayMasks& masks, PyObject* raw) {
+bool record_quickly(const State& state, PyObject* self, PlainRotation& plain, const DayMasks& masks,
+                    PyObject* raw) {
     QuickItem quick;
     if (!plain.holds() || !normalize_quickly(state, raw, quick)) return false;
     Tables tables(state, self, plain);

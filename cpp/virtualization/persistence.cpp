@@ -84,9 +84,9 @@ Ref resize(State& state, PyObject* const* values) {
 
 }  // namespace
 
-const capi::FunctionDef checkpoint_def{"checkpoint", utility_parameters,
-                                       capi::body_of<State, checkpoint>,
-                                       R"(Write the state to a storage object under this rotation's name.
+const capi::FunctionDef checkpoint_def{
+    "checkpoint", utility_parameters, capi::body_of<State, checkpoint>,
+    R"(Write the state to a storage object under this rotation's name.
 
 Parameters
 ----------
@@ -95,8 +95,9 @@ utility : object with ``write(name, state)``
     errors propagate.
 )"};
 
-const capi::FunctionDef recover_def{"recover", utility_parameters, capi::body_of<State, recover>,
-                                    R"(Read this rotation's state from a storage object and install it.
+const capi::FunctionDef recover_def{
+    "recover", utility_parameters, capi::body_of<State, recover>,
+    R"(Read this rotation's state from a storage object and install it.
 
 Parameters
 ----------
@@ -109,8 +110,9 @@ bool
     False when nothing usable is stored or the state was refused.
 )"};
 
-const capi::FunctionDef resize_def{"resize", resize_parameters, capi::body_of<State, resize>,
-                                   R"(Change the number of instruments that the rotation is allocated for.
+const capi::FunctionDef resize_def{
+    "resize", resize_parameters, capi::body_of<State, resize>,
+    R"(Change the number of instruments that the rotation is allocated for.
 
 The buffers are made anew; children, slots, legs and metadata stay as they are, and legs may still
 name only instruments that existed before.

@@ -49,8 +49,8 @@ private:
 // The instance's own dictionary, or null; never runs Python code.
 PyObject* instance_dict(PyObject* object) noexcept;
 
-// An attribute that reading cannot observe: held by the instance, with a class that leaves attribute
-// access alone. Borrowed; null when it is anything else.
+// An attribute that reading cannot observe: held by the instance, with a class that leaves
+// attribute access alone. Borrowed; null when it is anything else.
 PyObject* plain_attribute(PyObject* object, PyObject* name);
 
 }  // namespace quorvane::virtualization

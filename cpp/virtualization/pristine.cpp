@@ -9,10 +9,10 @@ void Pristine::remember(const State& state) {
     numpy_ = state.global(names.np);
     numpy_dict_ = Ref::borrow(PyModule_GetDict(numpy_.get()));
     int index = 0;
-    for (PyObject* name : {static_cast<PyObject*>(names.nan), static_cast<PyObject*>(names.float64),
-                           static_cast<PyObject*>(names.zeros), static_cast<PyObject*>(names.array),
-                           static_cast<PyObject*>(names.asarray),
-                           static_cast<PyObject*>(names.isfinite)}) {
+    for (PyObject* name :
+         {static_cast<PyObject*>(names.nan), static_cast<PyObject*>(names.float64),
+          static_cast<PyObject*>(names.zeros), static_cast<PyObject*>(names.array),
+          static_cast<PyObject*>(names.asarray), static_cast<PyObject*>(names.isfinite)}) {
         numpy_values_[index].name = name;
         numpy_values_[index++].value = capi::dict_get(numpy_dict_.get(), name);
     }

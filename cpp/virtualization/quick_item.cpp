@@ -108,8 +108,8 @@ bool normalize_quickly(const State& state, PyObject* raw, QuickItem& quick) {
     if (!value) return false;
     quick.legs = inert_legs(entries.legs.get());
     if (!quick.legs) return false;
-    quick.metadata = normalized_metadata(state, entries.metadata, entries.key.get(),
-                                         quick.legs.get());
+    quick.metadata =
+        normalized_metadata(state, entries.metadata, entries.key.get(), quick.legs.get());
     if (!quick.metadata) return false;
     quick.key = std::move(entries.key);
     quick.value = *value;
@@ -124,8 +124,8 @@ Verdict judge_quickly(const QuickItem& quick, const DayMasks& masks) noexcept {
 
 Ref make_record(const State& state, const QuickItem& quick) {
     const Ref value = capi::make_float(quick.value);
-    return call(state.global(state.names.VirtualStructure).get(), quick.key.get(),
-                quick.legs.get(), value.get(), quick.metadata.get());
+    return call(state.global(state.names.VirtualStructure).get(), quick.key.get(), quick.legs.get(),
+                value.get(), quick.metadata.get());
 }
 
 }  // namespace quorvane::virtualization

@@ -72,8 +72,8 @@ private:
     Ref rotation_class_cell_;
 };
 
-// np.array(<argument>, dtype=np.float64, copy=True): an array that nobody else holds. The argument is
-// an expression, evaluated between the two looks at NumPy as the statement evaluates it.
+// np.array(<argument>, dtype=np.float64, copy=True): an array that nobody else holds. The argument
+// is an expression, evaluated between the two looks at NumPy as the statement evaluates it.
 template <class Argument>
 Ref copy_as_float64(const State& state, Argument&& argument) {
     const Ref array = state.numpy(state.names.array);

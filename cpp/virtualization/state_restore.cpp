@@ -77,8 +77,8 @@ Ref set_state(State& state, PyObject* const* values) {
     if (!PyDict_Check(state_dict)) {
         message_of(state, self).text(": state must be a dict").raise(PyExc_ValueError);
     }
-    const Components components = unpack_components(
-        call_method(self, names.validate_state_components, state_dict).get());
+    const Components components =
+        unpack_components(call_method(self, names.validate_state_components, state_dict).get());
     const Ref child_states = call_method(self, names.validate_child_states, state_dict);
     const Ref snapshots = call_method(self, names.snapshot_child_states);
     restore_children(state, self, child_states, snapshots);

@@ -45,8 +45,7 @@ Ref get_state(State& state, PyObject* const* values) {
     put(names.slot_by_key, capi::to_dict(attr(self, names.slot_by_key).get()));
     put(names.key_by_slot, capi::to_dict(attr(self, names.key_by_slot).get()));
     put(names.legs_by_slot_key, capi::to_dict(attr(self, names.legs_by_slot).get()));
-    put(names.structure_metadata_by_slot,
-        capi::to_list(attr(self, names.metadata_by_slot).get()));
+    put(names.structure_metadata_by_slot, capi::to_list(attr(self, names.metadata_by_slot).get()));
     put(names.structure_N_limit_key, attr(self, names.structure_N_limit));
     put(names.child_states, states_of_children(state, self));
     return snapshot;

@@ -131,8 +131,8 @@ Ref checked_leg(const Rotation& rotation, PyObject* leg, const Ref& limit) {
     const capi::Pair parts = capi::unpack_pair(leg);
     rotation.demand(capi::is_integer(parts.first.get()), ": leg ids must be integers");
     const Ref leg_id = capi::to_int(parts.first.get());
-    const bool inside = !is_negative(rotation, leg_id.get()) &&
-                        !capi::compare(leg_id.get(), limit.get(), Py_GE);
+    const bool inside =
+        !is_negative(rotation, leg_id.get()) && !capi::compare(leg_id.get(), limit.get(), Py_GE);
     rotation.demand(inside, ": leg id out of range");
     const Ref weight = capi::to_float(parts.second.get());
     const Ref isfinite = rotation.state.numpy(rotation.state.names.isfinite);
@@ -182,8 +182,8 @@ Py_ssize_t plain_width(const Rotation& rotation) {
 }
 
 SlotMaps slot_maps(const Rotation& rotation, const RawState& raw) {
-    if (QuickSlotMaps quick = quick_slot_maps(raw.slot_by_key.get(), raw.key_by_slot.get(),
-                                              plain_width(rotation))) {
+    if (QuickSlotMaps quick =
+            quick_slot_maps(raw.slot_by_key.get(), raw.key_by_slot.get(), plain_width(rotation))) {
         return {std::move(quick.slot_by_key), std::move(quick.key_by_slot)};
     }
     SlotMaps maps = checked_slot_maps(rotation, raw.slot_by_key);
@@ -220,7 +220,7 @@ Ref validate(State& state, PyObject* const* values) {
 
 }  // namespace
 
-const capi::FunctionDef validate_state_components_def{
-    "_validate_state_components", parameters, capi::body_of<State, validate>};
+const capi::FunctionDef validate_state_components_def{"_validate_state_components", parameters,
+                                                      capi::body_of<State, validate>};
 
 }  // namespace quorvane::virtualization

@@ -56,8 +56,8 @@ Ref normalize(State& state, PyObject* const* values) {
     const RawStructure raw =
         PyDict_Check(raw_item) ? read_dict(state, raw_item) : read_object(state, raw_item);
     const Ref legs = normalize_legs(raw.legs.get());
-    const Ref metadata = capi::truth(raw.metadata.get()) ? capi::to_dict(raw.metadata.get())
-                                                         : capi::make_dict();
+    const Ref metadata =
+        capi::truth(raw.metadata.get()) ? capi::to_dict(raw.metadata.get()) : capi::make_dict();
     const Ref metadata_key = capi::to_tuple(raw.key.get());
     set_default(metadata.get(), names.key, metadata_key.get());
     set_default(metadata.get(), names.legs, legs.get());
@@ -75,9 +75,9 @@ Ref make_structure_class(const State& state, const capi::FunctionHome& home) {
         const char* annotation;
     };
     const Ref annotations = capi::make_dict();
-    for (const auto& [name, annotation] : {Field{"key", "tuple"}, Field{"legs", "tuple"},
-                                           Field{"value", "float"},
-                                           Field{"metadata", "dict | None"}}) {
+    for (const auto& [name, annotation] :
+         {Field{"key", "tuple"}, Field{"legs", "tuple"}, Field{"value", "float"},
+          Field{"metadata", "dict | None"}}) {
         require(PyDict_SetItemString(annotations.get(), name, capi::make_str(annotation).get()));
     }
     capi::ClassBuilder builder(home, "VirtualStructure");

@@ -30,7 +30,8 @@ Totals zero_totals(const State& state, PyObject* N) {
     return totals;
 }
 
-// sums[leg] += amount(); has_contribution[leg] = True. The total is read before the amount is known.
+// sums[leg] += amount(); has_contribution[leg] = True. The total is read before the amount is
+// known.
 template <class Amount>
 void contribute(const Totals& totals, PyObject* leg, Amount&& amount) {
     const Ref before = item(totals.sums.get(), leg);

@@ -7,16 +7,12 @@ namespace {
 using capi::positional;
 
 constexpr capi::Parameter parameters[] = {
-    positional("self"),
-    positional("structure"),
-    positional("nan_masks"),
-    positional("combined_nan_mask"),
+    positional("self"),      positional("structure"),
+    positional("nan_masks"), positional("combined_nan_mask"),
     positional("N"),
 };
 
-bool is_flagged(PyObject* mask, PyObject* leg_id) {
-    return capi::truth(item(mask, leg_id).get());
-}
+bool is_flagged(PyObject* mask, PyObject* leg_id) { return capi::truth(item(mask, leg_id).get()); }
 
 // The leg points at a live instrument that no mask flags.
 bool is_live(const State& state, PyObject* leg_id, PyObject* nan_masks, PyObject* combined_nan_mask,
