@@ -9,6 +9,7 @@ import copy
 import functools
 import struct
 import types
+import warnings
 
 import numpy as np
 
@@ -25,6 +26,8 @@ STEPS = [
     "_record_trace",
     "compute",
 ]
+
+BUILTIN_COLLECTIONS = (list, tuple, set, collections.deque)
 
 # Freezing: anything to nested tuples that compare equal only when nothing can tell them apart
 
@@ -56,17 +59,20 @@ def freeze(value, seen=None):
 
 
 def _freeze_mutable(value, seen):
-    if isinstance(value, np.ndarray):
+    # The real class, since a scenario may hold objects that only say they are of another.
+    kind = type(value)
+    if issubclass(kind, np.ndarray):
         content = freeze(value.tolist(), seen) if value.dtype == object else value.tobytes()
         return (value.dtype.str, value.shape, value.strides, value.flags.writeable, content)
     parts = []
-    if isinstance(value, dict):
+    if issubclass(kind, dict):
         parts = [(freeze(key, seen), freeze(part, seen)) for key, part in dict.items(value)]
-    elif isinstance(value, (list, tuple, set, collections.deque)):
-        parts = [freeze(part, seen) for part in value]
-    elif isinstance(value, (int, float, str)):
+    elif issubclass(kind, (list, tuple, set, collections.deque)):
+        iterate = next(base for base in kind.__mro__ if base in BUILTIN_COLLECTIONS).__iter__
+        parts = [freeze(part, seen) for part in iterate(value)]
+    elif issubclass(kind, (int, float, str)):
         parts = [repr(value)]
-    elif isinstance(value, BaseException):
+    elif issubclass(kind, BaseException):
         return freeze_error(value, seen)
     attributes = getattr(value, "__dict__", {})
     return (*parts, tuple((name, freeze(part, seen)) for name, part in attributes.items()))
@@ -88,15 +94,17 @@ def freeze_error(error, seen=None):
 
 
 def outcome(call, *args, **kwargs):
-    """Call and return ("returned", frozen result) or ("raised", frozen exception).
+    """Call and return ("returned", frozen result) or ("raised", frozen exception, frames).
 
-    Scalars of NumPy warn of overflow where compiled sums do not, which is no difference.
+    What the call warned of comes last: NumPy tells of an overflow, compiled sums must do so too.
     """
-    try:
-        with np.errstate(all="ignore"):
-            return ("returned", freeze(call(*args, **kwargs)))
-    except BaseException as error:
-        return ("raised", freeze_error(error), callers_frames(error))
+    with warnings.catch_warnings(record=True) as caught:
+        warnings.simplefilter("always")
+        try:
+            result = ("returned", freeze(call(*args, **kwargs)))
+        except BaseException as error:
+            result = ("raised", freeze_error(error), callers_frames(error))
+    return (*result, tuple((warning.category.__name__, str(warning.message)) for warning in caught))
 
 
 def callers_frames(error):
