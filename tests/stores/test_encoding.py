@@ -216,7 +216,7 @@ SCALARS = [
     np.bool_(True),
     np.complex128(1 - 2j),
     np.datetime64("2020-01-01T00:00", "ns"),
-    np.datetime64("NaT"),
+    np.datetime64("NaT", "D"),
     np.timedelta64(5, "D"),
     np.str_("name"),
     np.str_("zeros at the end\0\0"),

@@ -140,6 +140,21 @@ def test_an_empty_file_becomes_a_store(path):
     assert SqliteStore(path).read("rotation") == {"a": 1}
 
 
+@pytest.mark.parametrize("name", ["a b.db", "100%.db", "what?.db", "a#b.db", "ä.db", "file:x.db"])
+def test_any_file_name_will_do(tmp_path, monkeypatch, name):
+    SqliteStore(tmp_path / name).write("rotation", {"a": 1})
+    monkeypatch.chdir(tmp_path)
+    assert SqliteStore(name).read("rotation") == {"a": 1}
+    assert os.listdir(tmp_path) == [name]
+
+
+def test_a_short_file_is_refused_and_left(path):
+    path.write_bytes(b"note")
+    with pytest.raises(StoreFormatError, match="too short to be an SQLite database"):
+        SqliteStore(path)
+    assert path.read_bytes() == b"note"
+
+
 def test_a_folder_is_refused(tmp_path):
     with pytest.raises(StoreFormatError):
         SqliteStore(tmp_path)

@@ -92,7 +92,8 @@ def test_a_store_may_be_used_on_both_sides_of_a_fork(durable):
     if child == 0:
         status = 1
         try:
-            assert exactly_equal(durable.read("rotation"), numbered_state(1))
+            # The parent may have been quicker.
+            assert durable.read("rotation")["number"] in (1, 3)
             durable.write("child", numbered_state(2))
             status = 0
         finally:

@@ -107,7 +107,9 @@ class SqliteFile:
         """Turn what SQLite raises while it is to "`what`" into a store's errors."""
         try:
             yield
-        except (sqlite3.Error, UnicodeDecodeError, OverflowError) as error:
+        except StoreError:
+            raise
+        except (sqlite3.Error, UnicodeDecodeError, OverflowError, OSError) as error:
             raise self._shared_error(error, f"cannot {what}") or StoreWriteError(
                 _error_number(error), f"cannot {what}: {error}"
             ) from error
@@ -149,9 +151,12 @@ class SqliteFile:
         ) as database:
             for setting in _CONNECTION_SETTINGS:
                 database.execute(setting)
-            if self._is_new(database):
-                if not make:
-                    raise StoreFormatError(f"{str(self.path)!r} was a store and is now empty")
+            # One transaction, lest another process make the tables between the questions.
+            with _committed(database, "BEGIN"):
+                is_new = self._is_new(database)
+            if is_new and not make:
+                raise StoreFormatError(f"{str(self.path)!r} was a store and is now empty")
+            if is_new:
                 self._make_tables(database)
             yield database
 
