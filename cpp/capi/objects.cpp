@@ -49,6 +49,11 @@ Ref import_from(const char* module, const char* name) {
     throw PythonError();
 }
 
+void Iteration::set_position(Py_ssize_t position) {
+    // What unpickling a list or tuple iterator uses.
+    require(PyObject_CallMethod(iterator_.get(), "__setstate__", "n", position));
+}
+
 namespace {
 
 Pair pair_of(PyObject* first, PyObject* second) {

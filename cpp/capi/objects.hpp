@@ -151,6 +151,11 @@ class Iteration {
 public:
     explicit Iteration(PyObject* iterable) : iterator_(require(PyObject_GetIter(iterable))) {}
 
+    // The same over an exact list or tuple, as if the first `position` elements had been asked for.
+    Iteration(PyObject* sequence, Py_ssize_t position) : Iteration(sequence) {
+        if (position > 0) set_position(position);
+    }
+
     // The next element; empty at the end.
     Ref next() {
         Ref element = Ref::steal(PyIter_Next(iterator_.get()));
@@ -159,6 +164,8 @@ public:
     }
 
 private:
+    void set_position(Py_ssize_t position);
+
     Ref iterator_;
 };
 

@@ -8,30 +8,31 @@ namespace {
 
 constexpr int reported = FE_OVERFLOW | FE_UNDERFLOW | FE_INVALID | FE_DIVBYZERO;
 
-// Calls amount(slot, leg position) for every leg of every slot, in order.
+// amount(contribution) gives what a leg of that contribution adds, by the leg's weight.
 template <class Amount>
-[[gnu::noinline]] void add_all(const Contributions& contributions, Totals& totals, Amount amount) {
+[[gnu::noinline]] void add_all(std::span<const Contribution> contributions, const FlatLegs& legs,
+                               Totals& totals, Amount amount) {
     double* sums = totals.sums.data();
     std::uint8_t* reached = totals.reached.data();
-    const std::size_t* ids = contributions.ids.data();
-    std::size_t position = 0;
-    for (std::size_t slot = 0; slot < contributions.values.size(); ++slot) {
-        const std::size_t begin = position;
-        const std::size_t end = contributions.ends[slot];
-        const auto amount_of = amount(slot, end - begin);
-        for (; position < end; ++position) {
-            sums[ids[position]] += amount_of(position);
-            reached[ids[position]] = 1;
+    const std::size_t* ids = legs.ids.data();
+    const double* weights = legs.weights.data();
+    for (const Contribution& contribution : contributions) {
+        const auto amount_of = amount(contribution);
+        const std::size_t end = contribution.begin + contribution.count;
+        for (std::size_t leg = contribution.begin; leg < end; ++leg) {
+            sums[ids[leg]] += amount_of(weights[leg]);
+            reached[ids[leg]] = 1;
         }
     }
 }
 
-// Runs the arithmetic between two looks at the processor's exception flags. The arithmetic stands
-// in a function that is not inlined, so that it cannot be moved past either look.
-template <class Arithmetic>
-bool runs_silently(Arithmetic&& arithmetic) noexcept {
+// Adds between two looks at the processor's exception flags. The arithmetic stands in a function
+// that is not inlined, so that it cannot be moved past either look.
+template <class Amount>
+bool adds_silently(std::span<const Contribution> contributions, const FlatLegs& legs,
+                   Totals& totals, Amount amount) noexcept {
     std::feclearexcept(reported);
-    arithmetic();
+    add_all(contributions, legs, totals, amount);
     return std::fetestexcept(reported) == 0;
 }
 
@@ -42,23 +43,18 @@ void Totals::reset(std::size_t instruments) {
     reached.assign(instruments, 0);
 }
 
-bool add_in_proportion(const Contributions& contributions, Totals& totals) noexcept {
-    const double* weights = contributions.weights.data();
-    return runs_silently([&] {
-        add_all(contributions, totals, [&](std::size_t slot, std::size_t /*legs*/) {
-            const double value = contributions.values[slot];
-            return [=](std::size_t leg) { return value * weights[leg]; };
-        });
+bool add_in_proportion(std::span<const Contribution> contributions, const FlatLegs& legs,
+                       Totals& totals) noexcept {
+    return adds_silently(contributions, legs, totals, [](const Contribution& contribution) {
+        return [value = contribution.value](double weight) { return value * weight; };
     });
 }
 
-bool add_equal_split(const Contributions& contributions, Totals& totals) noexcept {
-    const double* weights = contributions.weights.data();
-    return runs_silently([&] {
-        add_all(contributions, totals, [&](std::size_t slot, std::size_t legs) {
-            const double scale = contributions.values[slot] / static_cast<double>(legs);
-            return [=](std::size_t leg) { return weights[leg] >= 0.0 ? scale : -scale; };
-        });
+bool add_equal_split(std::span<const Contribution> contributions, const FlatLegs& legs,
+                     Totals& totals) noexcept {
+    return adds_silently(contributions, legs, totals, [](const Contribution& contribution) {
+        const double scale = contribution.value / static_cast<double>(contribution.count);
+        return [scale](double weight) { return weight >= 0.0 ? scale : -scale; };
     });
 }
 

@@ -7,20 +7,17 @@
 
 namespace quorvane::kernels {
 
-// The legs of the slots that contribute on a day, flat and in slot order: slot s has the value
-// values[s] and the legs ends[s - 1] .. ends[s] - 1 of ids and weights.
-struct Contributions {
-    std::vector<double> values;
-    std::vector<std::size_t> ends;
+// Legs laid out flat: a structure has `count` of them from `begin` on.
+struct FlatLegs {
     std::vector<std::size_t> ids;
     std::vector<double> weights;
+};
 
-    void clear() noexcept {
-        values.clear();
-        ends.clear();
-        ids.clear();
-        weights.clear();
-    }
+// A slot that contributes on a day: its output and where its legs are.
+struct Contribution {
+    double value;
+    std::size_t begin;
+    std::size_t count;
 };
 
 // Running totals per instrument, and which instruments got any contribution.
@@ -31,15 +28,17 @@ struct Totals {
     void reset(std::size_t instruments);
 };
 
-// Both add every contribution in slot order, then leg order; every id is below the totals' size.
-// They answer false when the arithmetic overflowed, underflowed or was invalid, which is where
+// Both add every contribution in the given order, then in leg order; every id is below the totals'
+// size. They answer false when the arithmetic overflowed, underflowed or was invalid, which is where
 // NumPy may warn: the totals are worthless then.
 
 // sums[id] += value * weight
-bool add_in_proportion(const Contributions& contributions, Totals& totals) noexcept;
+bool add_in_proportion(std::span<const Contribution> contributions, const FlatLegs& legs,
+                       Totals& totals) noexcept;
 
 // sums[id] += value / number of legs, negated for a weight below zero or NaN
-bool add_equal_split(const Contributions& contributions, Totals& totals) noexcept;
+bool add_equal_split(std::span<const Contribution> contributions, const FlatLegs& legs,
+                     Totals& totals) noexcept;
 
 // Writes the totals of the instruments that were reached; the others keep what they hold.
 template <class Output>

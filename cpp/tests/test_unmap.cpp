@@ -1,4 +1,5 @@
 #include <limits>
+#include <vector>
 
 #include "check.hpp"
 #include "kernels/unmap.hpp"
@@ -8,43 +9,50 @@ using namespace quorvane::kernels;
 namespace {
 
 // Slot 0: 2.0 over (0, 0.5) and (3, -1.0); slot 1: 4.0 over (3, 0.0).
-Contributions example() { return {{2.0, 4.0}, {2, 3}, {0, 3, 3}, {0.5, -1.0, 0.0}}; }
+const std::vector<Contribution> contributions = {{2.0, 0, 2}, {4.0, 2, 1}};
+const FlatLegs legs = {{0, 3, 3}, {0.5, -1.0, 0.0}};
+
+Totals zeros(std::size_t instruments) {
+    Totals totals;
+    totals.reset(instruments);
+    return totals;
+}
 
 void proportional_adds_value_times_weight() {
-    Totals totals;
-    totals.reset(5);
-    CHECK(add_in_proportion(example(), totals));
+    Totals totals = zeros(5);
+    CHECK(add_in_proportion(contributions, legs, totals));
     CHECK(totals.sums[0] == 1.0);
     CHECK(totals.sums[3] == -2.0);
     CHECK(totals.reached[0] == 1 && totals.reached[3] == 1 && totals.reached[1] == 0);
 }
 
 void equal_split_uses_only_the_sign_and_counts_zero_as_positive() {
-    Totals totals;
-    totals.reset(5);
-    CHECK(add_equal_split(example(), totals));
+    Totals totals = zeros(5);
+    CHECK(add_equal_split(contributions, legs, totals));
     CHECK(totals.sums[0] == 1.0);
     CHECK(totals.sums[3] == 3.0);
 }
 
-void overflow_and_invalid_are_told() {
-    const double huge = std::numeric_limits<double>::max();
+// Whether adding one slot's legs, all on instrument 0, has nothing to report.
+bool is_silent(double value, const std::vector<double>& weights) {
+    Totals totals = zeros(1);
+    const std::vector<Contribution> one = {{value, 0, weights.size()}};
+    return add_in_proportion(one, {std::vector<std::size_t>(weights.size(), 0), weights}, totals);
+}
+
+void overflow_underflow_and_invalid_are_told() {
     const double infinity = std::numeric_limits<double>::infinity();
-    Totals totals;
-    totals.reset(1);
-    CHECK(!add_in_proportion({{huge}, {1}, {0}, {2.0}}, totals));
-    totals.reset(1);
-    CHECK(!add_in_proportion({{1.0}, {2}, {0, 0}, {infinity, -infinity}}, totals));
-    totals.reset(1);
-    CHECK(!add_in_proportion({{1e-300}, {1}, {0}, {1e-300}}, totals));
-    totals.reset(1);
-    CHECK(add_in_proportion({{1.0}, {1}, {0}, {infinity}}, totals));
+    CHECK(!is_silent(std::numeric_limits<double>::max(), {2.0}));
+    CHECK(!is_silent(1e-300, {1e-300}));
+    CHECK(!is_silent(1.0, {infinity, -infinity}));
+    CHECK(is_silent(1.0, {infinity}));
+    CHECK(is_silent(1.0, {std::numeric_limits<double>::quiet_NaN()}));
 }
 
 void only_reached_instruments_are_written() {
-    Totals totals;
-    totals.reset(2);
-    CHECK(add_in_proportion({{1.0}, {1}, {1}, {0.25}}, totals));
+    Totals totals = zeros(2);
+    const std::vector<Contribution> one = {{1.0, 0, 1}};
+    CHECK(add_in_proportion(one, {{1}, {0.25}}, totals));
     double output[] = {7.0, 7.0};
     write_reached(totals, output);
     CHECK(output[0] == 7.0 && output[1] == 0.25);
@@ -55,7 +63,7 @@ void only_reached_instruments_are_written() {
 int main() {
     proportional_adds_value_times_weight();
     equal_split_uses_only_the_sign_and_counts_zero_as_positive();
-    overflow_and_invalid_are_told();
+    overflow_underflow_and_invalid_are_told();
     only_reached_instruments_are_written();
     return check::result();
 }

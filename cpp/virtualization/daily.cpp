@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "capi/array_view.hpp"
+#include "virtualization/inert_run.hpp"
 #include "virtualization/item_recording.hpp"
 #include "virtualization/parent_day.hpp"
 
@@ -77,10 +78,21 @@ void deactivate_slots(const State& state, PyObject* self) {
     while (const Ref entry = entries.next()) deactivate(state, entry.get());
 }
 
+// Records what it can without Python; the slots are reset by then in any case.
+Py_ssize_t record_inertly(const State& state, const Day& day, PlainRotation& plain,
+                          const DayMasks& masks, PyObject* structures) {
+    InertRun run(state, plain, masks, structures, state.memories->of(day.self));
+    if (run.is_possible() && run.may_postpone_reset()) return run.record();
+    deactivate_slots(state, day.self);
+    return run.is_possible() && run.adopt_reset_slots() ? run.record() : 0;
+}
+
+// Resets every slot and records every item, in order.
 void record_structures(const State& state, const Day& day, PyObject* structures) {
     const DayMasks masks{day.nan_masks, day.combined_nan_mask, day.N};
     PlainRotation plain(state, day.self);
-    capi::Iteration items(structures);
+    const Py_ssize_t recorded = record_inertly(state, day, plain, masks, structures);
+    capi::Iteration items(structures, recorded);
     while (const Ref raw = items.next()) record_item(state, day.self, plain, masks, raw.get());
 }
 
@@ -114,7 +126,6 @@ Ref compute(State& state, PyObject* const* values) {
     const Day day{values[0], values[1], values[2], values[3], values[4], values[5]};
     const Ref structures = refresh_structures(state, day);
     fill_with_nan(state, day.self, state.names.txi_input);
-    deactivate_slots(state, day.self);
     record_structures(state, day, structures.get());
     if (skips_children(state, day.self, structures.get())) {
         fill_with_nan(state, day.self, state.names.txi_output);

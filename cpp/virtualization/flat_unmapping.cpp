@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "capi/array_view.hpp"
+#include "virtualization/day_memory.hpp"
 #include "virtualization/inert.hpp"
 #include "virtualization/plain_rotation.hpp"
 #include "virtualization/plain_size.hpp"
@@ -43,19 +44,42 @@ bool read_task(const State& state, PyObject* self, PyObject* txi_output, PyObjec
     return state.pristine.numpy_holds(state);
 }
 
+// The legs of the slots, known since they were recorded. False when the table has changed since, or
+// when it holds an id that is no index of the output.
+const LegMemory* remembered_legs(const State& state, PyObject* self, const Task& task) {
+    const DayMemory* memory = state.memories->find(self);
+    if (memory == nullptr || !memory->legs.describes(task.legs_by_slot) ||
+        memory->legs.id_bound() > static_cast<std::size_t>(task.N) ||
+        memory->legs.slots() > static_cast<std::size_t>(task.max_structures)) {
+        return nullptr;
+    }
+    return &memory->legs;
+}
+
+void collect_remembered(const Task& task, const LegMemory& legs,
+                        std::vector<kernels::Contribution>& contributions) {
+    contributions.clear();
+    for (std::size_t slot = 0; slot < legs.slots(); ++slot) {
+        const double value = task.txi_output[static_cast<npy_intp>(slot)];
+        const LegMemory::Place& place = legs.place(slot);
+        if (std::isfinite(value) && place.count > 0) {
+            contributions.push_back({value, place.begin, place.count});
+        }
+    }
+}
+
 // The legs of a slot at the end of the flat arrays; false when one is not plain or outside.
-bool append_legs(PyObject* legs, Py_ssize_t N, kernels::Contributions& flat) {
+bool append_legs(PyObject* legs, Py_ssize_t N, kernels::FlatLegs& flat) {
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(legs); ++i) {
         PyObject* leg = PyTuple_GET_ITEM(legs, i);
         if (!is_normal_leg(leg)) return false;
         int overflow = 0;
         long long id = PyLong_AsLongLongAndOverflow(PyTuple_GET_ITEM(leg, 0), &overflow);
-        if (id < 0) id += N;  // a negative id counts from the end, as in any indexing
+        if (overflow == 0 && id < 0) id += N;  // a negative id counts from the end
         if (overflow != 0 || id < 0 || id >= N) return false;
         flat.ids.push_back(static_cast<std::size_t>(id));
         flat.weights.push_back(PyFloat_AS_DOUBLE(PyTuple_GET_ITEM(leg, 1)));
     }
-    flat.ends.push_back(flat.ids.size());
     return true;
 }
 
@@ -89,14 +113,26 @@ bool contributing_slots(const Task& task, std::vector<Slot>& slots) {
     return true;
 }
 
-bool lay_out(const Task& task, kernels::Contributions& flat) {
+bool collect_from_table(const Task& task, kernels::FlatLegs& flat,
+                        std::vector<kernels::Contribution>& contributions) {
     std::vector<Slot> slots;
     if (!contributing_slots(task, slots)) return false;
-    flat.clear();
     for (const Slot& slot : slots) {
-        flat.values.push_back(task.txi_output[slot.index]);
+        contributions.push_back({task.txi_output[slot.index], flat.ids.size(),
+                                 static_cast<std::size_t>(PyTuple_GET_SIZE(slot.legs))});
         if (!append_legs(slot.legs, task.N, flat)) return false;
     }
+    return true;
+}
+
+// Adds everything up and writes it; false, with nothing written, when NumPy would warn.
+bool add_and_write(const State& state, const Task& task,
+                   std::span<const kernels::Contribution> contributions,
+                   const kernels::FlatLegs& legs) {
+    state.totals.reset(static_cast<std::size_t>(task.N));
+    const auto add = task.equal_split ? kernels::add_equal_split : kernels::add_in_proportion;
+    if (!add(contributions, legs, state.totals)) return false;
+    kernels::write_reached(state.totals, task.output);
     return true;
 }
 
@@ -106,14 +142,15 @@ bool unmap_flat(const State& state, PyObject* self, PyObject* txi_output, PyObje
                 PyObject* N) {
     Task task;
     if (!read_task(state, self, txi_output, output_buf, N, task)) return false;
-    if (!lay_out(task, state.contributions)) return false;
-    state.totals.reset(static_cast<std::size_t>(task.N));
-    const bool silent = task.equal_split
-                            ? kernels::add_equal_split(state.contributions, state.totals)
-                            : kernels::add_in_proportion(state.contributions, state.totals);
-    if (!silent) return false;
-    kernels::write_reached(state.totals, task.output);
-    return true;
+    if (const LegMemory* legs = remembered_legs(state, self, task)) {
+        auto& contributions = state.memories->find(self)->contributions;
+        collect_remembered(task, *legs, contributions);
+        return add_and_write(state, task, contributions, legs->flat());
+    }
+    kernels::FlatLegs flat;
+    std::vector<kernels::Contribution> contributions;
+    return collect_from_table(task, flat, contributions) &&
+           add_and_write(state, task, contributions, flat);
 }
 
 }  // namespace quorvane::virtualization

@@ -9,6 +9,7 @@
 #include "virtualization/construction.hpp"
 #include "virtualization/context.hpp"
 #include "virtualization/daily.hpp"
+#include "virtualization/day_memory.hpp"
 #include "virtualization/expression.hpp"
 #include "virtualization/persistence.hpp"
 #include "virtualization/slots.hpp"
@@ -85,6 +86,7 @@ State::State(PyObject* module)
       dtype_and_copy_keywords(keyword_names({"dtype", "copy"})),
       zero(make_int(0)),
       one(make_int(1)),
+      memories(std::make_unique<DayMemories>()),
       module_(module),
       globals_(PyModule_GetDict(module)),
       function_type_(capi::make_native_function_type(module)) {
@@ -109,6 +111,8 @@ State::State(PyObject* module)
     pristine.remember(*this);
     remember_steps(rotation_class.get());
 }
+
+State::~State() = default;
 
 void State::bind_imports() {
     bind("copy", import_module("copy").get());

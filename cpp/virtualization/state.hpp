@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "capi/class_builder.hpp"
 #include "capi/message.hpp"
 #include "capi/objects.hpp"
@@ -20,12 +22,17 @@ using capi::set_attr;
 using capi::set_default;
 using capi::set_item;
 
+class DayMemories;
+
 // What one import of the module holds besides its dictionary. Nothing here is a second home for a
 // global: limits, tables and classes are looked up in the dictionary whenever they are used.
 class State {
 public:
     // Runs the module's body: binds every name, in order.
     explicit State(PyObject* module);
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+    ~State();
 
     int traverse(visitproc visit, void* arg) const;
 
@@ -56,9 +63,9 @@ public:
     Pristine pristine;
     Ref normalize_step, slot_step, validity_step;
 
-    // Working memory of unmapping, kept so that a day allocates nothing. Only one call uses it at a
-    // time: no Python code runs while it is in use.
-    mutable kernels::Contributions contributions;
+    // What rotations left of their last day, and the working memory of unmapping. Neither changes
+    // any answer; no Python code runs while either is in use.
+    std::unique_ptr<DayMemories> memories;
     mutable kernels::Totals totals;
 
 private:

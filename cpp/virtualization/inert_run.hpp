@@ -1,0 +1,49 @@
+#pragma once
+
+#include "capi/array_view.hpp"
+#include "virtualization/day_memory.hpp"
+#include "virtualization/plain_rotation.hpp"
+#include "virtualization/quick_item.hpp"
+
+namespace quorvane::virtualization {
+
+// Records the items that a day reports, from the first on, for as long as no Python code has to
+// run. Because none runs, everything can be looked at once for all items: tables, masks, memory;
+// and slots need not be reset before they are reported again, as nobody can see them in between.
+class InertRun {
+public:
+    InertRun(const State& state, PlainRotation& plain, const DayMasks& masks, PyObject* structures,
+             DayMemory* memory);
+
+    // Whether there is anything that can be recorded this way. Nothing is changed by asking.
+    [[nodiscard]] bool is_possible();
+
+    // Whether the slots' metadata is known to be as yesterday left it, so that resetting them may
+    // wait for the end of record(). Otherwise they must be reset before; then adopt() them.
+    [[nodiscard]] bool may_postpone_reset() const;
+    [[nodiscard]] bool adopt_reset_slots() const;
+
+    // Records items, resets the slots that no item has reported, and tells how many items were
+    // recorded. The next item, if there is one, needs Python.
+    Py_ssize_t record();
+
+private:
+    enum class Outcome { recorded, needs_python };
+
+    [[nodiscard]] bool see_masks();
+    [[nodiscard]] Py_ssize_t item_count() const noexcept;
+    Outcome record_item(std::size_t position, PyObject* raw);
+    void remember_legs(const SlotMemory::Found& slot, PyObject* legs);
+    [[nodiscard]] bool are_legs_live(std::size_t slot) const noexcept;
+
+    const State& state_;
+    PlainRotation& plain_;
+    const DayMasks& masks_;
+    PyObject* structures_;
+    DayMemory* memory_;
+    std::vector<capi::VectorView<const npy_uint8>> mask_views_;
+    capi::VectorView<double> txi_input_;
+    std::size_t live_instruments_ = 0;
+};
+
+}  // namespace quorvane::virtualization

@@ -1,0 +1,97 @@
+#include "virtualization/leg_memory.hpp"
+
+#include <algorithm>
+
+#include "capi/dict_version.hpp"
+#include "virtualization/inert.hpp"
+#include "virtualization/plain_size.hpp"
+
+namespace quorvane::virtualization {
+
+bool LegMemory::accepts(PyObject* legs) noexcept {
+    if (!PyTuple_CheckExact(legs)) return false;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(legs); ++i) {
+        PyObject* leg = PyTuple_GET_ITEM(legs, i);
+        if (!is_normal_leg(leg) || plain_size(PyTuple_GET_ITEM(leg, 0)) < 0) return false;
+    }
+    return true;
+}
+
+void LegMemory::store(std::size_t slot, PyObject* legs) {
+    if (slot >= places_.size()) places_.resize(slot + 1);
+    Place& place = places_[slot];
+    const auto count = static_cast<std::size_t>(PyTuple_GET_SIZE(legs));
+    if (count > place.count) {
+        live_ -= place.count;
+        place.count = 0;
+        if (flat_.ids.size() > 2 * live_ + 1024) compact();
+        place.begin = flat_.ids.size();
+        flat_.ids.resize(place.begin + count);
+        flat_.weights.resize(place.begin + count);
+    } else {
+        live_ -= place.count;
+    }
+    live_ += count;
+    place.count = count;
+    for (std::size_t i = 0; i < count; ++i) {
+        PyObject* leg = PyTuple_GET_ITEM(legs, static_cast<Py_ssize_t>(i));
+        const auto id = static_cast<std::size_t>(plain_size(PyTuple_GET_ITEM(leg, 0)));
+        id_bound_ = std::max(id_bound_, id + 1);
+        flat_.ids[place.begin + i] = id;
+        flat_.weights[place.begin + i] = PyFloat_AS_DOUBLE(PyTuple_GET_ITEM(leg, 1));
+    }
+    place.legs = Ref::borrow(legs);
+}
+
+bool LegMemory::load(PyObject* legs_by_slot, Py_ssize_t max_structures) {
+    clear();
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* legs = nullptr;
+    while (PyDict_Next(legs_by_slot, &position, &key, &legs) != 0) {
+        const Py_ssize_t slot = plain_size(key);
+        if (slot < 0 || slot >= max_structures || !accepts(legs)) {
+            clear();
+            return false;
+        }
+        store(static_cast<std::size_t>(slot), legs);
+    }
+    now_describes(legs_by_slot);
+    return true;
+}
+
+bool LegMemory::describes(PyObject* legs_by_slot) const noexcept {
+    return version_ != 0 && PyDict_CheckExact(legs_by_slot) &&
+           capi::dict_version(legs_by_slot) == version_;
+}
+
+void LegMemory::now_describes(PyObject* legs_by_slot) noexcept {
+    version_ = capi::dict_version(legs_by_slot);
+}
+
+void LegMemory::clear() noexcept {
+    places_.clear();
+    flat_.ids.clear();
+    flat_.weights.clear();
+    live_ = 0;
+    id_bound_ = 0;
+    version_ = 0;
+}
+
+// Moves the legs that are still used to the front, in slot order.
+void LegMemory::compact() {
+    kernels::FlatLegs packed;
+    packed.ids.reserve(live_);
+    packed.weights.reserve(live_);
+    for (Place& place : places_) {
+        const auto begin = static_cast<std::ptrdiff_t>(place.begin);
+        const auto end = begin + static_cast<std::ptrdiff_t>(place.count);
+        place.begin = packed.ids.size();
+        packed.ids.insert(packed.ids.end(), flat_.ids.begin() + begin, flat_.ids.begin() + end);
+        packed.weights.insert(packed.weights.end(), flat_.weights.begin() + begin,
+                              flat_.weights.begin() + end);
+    }
+    flat_ = std::move(packed);
+}
+
+}  // namespace quorvane::virtualization
