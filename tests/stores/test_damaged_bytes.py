@@ -125,7 +125,7 @@ def nested(levels):
 
 BOMBS = {
     "array that claims four billion items": b"\xdd\xff\xff\xff\xff",
-    "nested arrays that claim many items": b"\xdc\xff\xff" * 500,
+    "nested arrays that claim an item for each byte": b"\xdc\x0b\xb8" * 1000,
     "buffer that claims four billion bytes": b"\x92\x00\xc6\xff\xff\xff\xff",
     "text that claims four billion bytes": b"\xdb\xff\xff\xff\xff",
     "map that claims four billion pairs": b"\xdf\xff\xff\xff\xff",
@@ -134,7 +134,8 @@ BOMBS = {
 }
 FORGED = {
     "tuples shared again and again": doubled(60),
-    "lists nested too deep": nested(300),
+    "lists nested too deep": nested(210),
+    "lists nested far too deep": nested(300),
     "a length without items": (LIST, (INT, 8, struct.pack("<q", 2**40)), (0, b"")),
     "a negative length": (LIST, (INT, 1, b"\xff\x02"), ONE),
     "an array of a huge shape": (
@@ -193,8 +194,12 @@ def test_sizes_that_the_container_only_claims_cost_nothing(payload):
 @pytest.mark.parametrize("node", FORGED.values(), ids=FORGED)
 def test_contents_that_make_no_sense_are_refused(node):
     data = msgpack.packb(node, use_bin_type=True)
-    for values in (128 * len(data), 1):
+    for values in (8 * len(data), 1):
         assert_refused_cheaply(seal(Payload(data, values), ""))
+    # Whatever number of values the contents come to, one of these claims it rightly.
+    for values in range(min(800, 8 * len(data))):
+        with pytest.raises(StateDecodeError):
+            decode(seal(Payload(data, values), ""))
 
 
 def assert_refused_cheaply(data):
@@ -205,7 +210,15 @@ def assert_refused_cheaply(data):
         _, peak = tracemalloc.get_traced_memory()
     finally:
         tracemalloc.stop()
-    assert peak < 4_000_000 + 64 * len(data)
+    assert peak < 4_000_000 + 100 * len(data)
+
+
+def test_the_same_tuples_in_very_many_lists_cost_no_more_than_is_claimed():
+    tuples = (FIELDS, (INT, 1, b"\1" * 20_000))
+    length = (INT, 4, struct.pack("<i", 20_000))
+    data = msgpack.packb((FIELDS, (LIST, length, tuples), *[(LIST, length, (SAME, 0))] * 60))
+    for values in (61 * 20_000, 8 * len(data), 20_000, 1):
+        assert_refused_cheaply(seal(Payload(data, values), ""))
 
 
 def test_a_flipped_bit_under_a_fitting_checksum_gives_a_value_or_the_error():

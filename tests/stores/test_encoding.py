@@ -9,8 +9,9 @@ from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 from hypothesis.extra import numpy as hnp
 
-from quorvane.stores import StoreDependencyError, decode, encode
-from quorvane.stores.encoding import MAX_DEPTH
+from quorvane.stores import StateDecodeError, StoreDependencyError, decode, encode
+from quorvane.stores.encoding import MAX_DEPTH, seal
+from quorvane.stores.encoding._writer import _pack_once
 from stores.support.samples import exactly_equal, rotation_state
 
 
@@ -161,11 +162,24 @@ def test_equal_tuples_of_different_types_are_not_taken_for_each_other():
     assert exactly_equal(restored(columns), columns)
 
 
-def test_tuples_shared_very_often_still_come_back():
-    # Written once, they would be so many values in so few bytes that no reader would take them.
-    tuples = [(i,) for i in range(4000)]
-    state = {str(i): {str(j): list(tuples) for j in range(60)} for i in range(8)}
-    assert restored(state) == state
+def very_many_values_in_few_bytes():
+    tuples = [(i,) for i in range(1000)]
+    value = 1
+    for level in range(30):
+        value = (value,) if level % 2 else {"field": value}
+    return {
+        "the same tuples in many lists": {str(i): list(tuples) for i in range(60)},
+        "many tuples in tuples": {"deep": [value for _ in range(500)]},
+    }
+
+
+@pytest.mark.parametrize("state", very_many_values_in_few_bytes().values())
+def test_very_many_values_in_few_bytes_still_come_back(state):
+    data = encode(state)
+    assert exactly_equal(decode(data), state)
+    compact = _pack_once(state, compact=True)
+    with pytest.raises(StateDecodeError, match=r"claims \d+ values in \d+ bytes"):
+        decode(seal(compact, ""))
 
 
 def test_containers_nest_as_deep_as_promised():

@@ -77,8 +77,8 @@ def decode(
     """Return the state that `encode` was given.
 
     The header, the length and the checksum are verified before the contents are looked at, and
-    every size inside them before memory of that size is asked for. Memory stays within a small
-    multiple of ``len(data)``.
+    every size inside them before memory of that size is asked for. At most eight values are made
+    per byte, so memory stays in proportion to ``len(data)``.
 
     Parameters
     ----------

@@ -17,11 +17,12 @@ MAX_DEPTH = 64
 MAX_VALUES = 2**28
 """Most values, containers included, in one state."""
 
-VALUES_PER_BYTE = 2 * MAX_DEPTH
-"""Most values per payload byte.
+VALUES_PER_BYTE = 8
+"""Most values per payload byte, so that a few bytes can never ask for gigabytes.
 
-Every plain value costs at least a byte and lies in at most `MAX_DEPTH` containers, so honest
-payloads stay below; a few bytes can never ask for gigabytes.
+A reader refuses more. Rotations have about one value in three bytes. Where a compact form would
+have more values than this, as when the same tuples stand in very many lists, the writer takes
+the plain form, in which every value costs at least a quarter of a byte.
 """
 
 MAX_TUPLE_FIELDS = 16

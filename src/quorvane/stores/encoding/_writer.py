@@ -55,16 +55,16 @@ def pack(state: object) -> Payload:
     StoreDependencyError
         msgpack is not installed.
     """
-    payload = _pack_once(state, share=True)
+    payload = _pack_once(state, compact=True)
     if payload.values > VALUES_PER_BYTE * len(payload.data):
-        # So much was shared that a reader would take it for an attack; write it out in full.
-        payload = _pack_once(state, share=False)
+        # A reader would take so many values in so few bytes for an attack.
+        payload = _pack_once(state, compact=False)
     return payload
 
 
-def _pack_once(state: object, share: bool) -> Payload:
+def _pack_once(state: object, compact: bool) -> Payload:
     msgpack = import_msgpack()
-    columns = _Columns(state, share)
+    columns = _Columns(state, compact)
     try:
         node = columns.node([state], 0)
     except CannotKeepError as fault:
@@ -94,7 +94,6 @@ class _TupleColumn:
 
     values: list[Any]
     node: Node
-    immutable: bool
 
 
 class _Columns:
@@ -104,16 +103,20 @@ class _Columns:
     ----------
     state : object
         The whole state, looked through for cycles when something suggests one.
-    share : bool
-        Whether a tuple column that repeats an earlier one refers to it.
+    compact : bool
+        Whether containers may take no bytes of their own: equally long tuples, dicts with the
+        same keys, and tuples that repeat an earlier column. If not, each has its length.
     """
 
-    def __init__(self, state: object, share: bool) -> None:
+    def __init__(self, state: object, compact: bool) -> None:
         self.values = 0
         self._state = state
-        self._share = share
+        self._compact = compact
         self._known_acyclic = False
         self._tuple_columns: list[_TupleColumn] = []
+        # Where to look among them. A number may be outdated, so what it leads to is compared.
+        self._numbers_by_last: dict[tuple[int, int], list[int]] = {}
+        self._number_by_node: dict[Node, int] = {}
         # The list and dict columns between the root and here: a cycle comes back to one of them.
         self._ancestors: list[_Ancestor] = []
         self._write: dict[Code, Callable[[list[Any], int], Node]] = {
@@ -186,43 +189,49 @@ class _Columns:
             return (int(Code.SAME), number)
         columns_before, values_before = len(self._tuple_columns), self.values
         node = self._tuple_node(values, depth)
-        number = self._same_node(node, len(values))
+        number = self._same_node(node)
         if number is not None:
             # The reader never sees what was inside, so nothing of it counts.
             del self._tuple_columns[columns_before:]
             self.values = values_before
             return (int(Code.SAME), number)
-        self._tuple_columns.append(_TupleColumn(values, node, _is_immutable(node)))
+        self._note(_TupleColumn(values, node))
         return node
+
+    def _note(self, column: _TupleColumn) -> None:
+        """Number a column as the reader will, and remember it if others may refer to it."""
+        number = len(self._tuple_columns)
+        self._tuple_columns.append(column)
+        if self._compact and _is_immutable(column.node):
+            last = (len(column.values), id(column.values[-1]))
+            self._numbers_by_last.setdefault(last, []).append(number)
+            self._number_by_node[column.node] = number
 
     def _tuple_node(self, values: list[tuple[Any, ...]], depth: int) -> Node:
         lengths = set(map(len, values))
-        if len(lengths) == 1 and 1 <= (width := lengths.pop()) <= MAX_TUPLE_FIELDS:
+        if (
+            self._compact
+            and len(lengths) == 1
+            and 1 <= (width := lengths.pop()) <= MAX_TUPLE_FIELDS
+        ):
             fields = (list(map(itemgetter(i), values)) for i in range(width))
             return (int(Code.TUPLE_FIELDS), *(self.node(field, depth + 1) for field in fields))
         return (int(Code.TUPLE), self._lengths(values), self.node(self._joined(values), depth + 1))
 
     def _same_objects(self, values: list[tuple[Any, ...]]) -> int | None:
         """Return the number of an immutable column of these very tuples, if there is one."""
-        if not self._share:
-            return None
-        for number, column in enumerate(self._tuple_columns):
-            if (
-                column.immutable
-                and len(column.values) == len(values)
-                and column.values[-1] is values[-1]
-                and all(map(is_, column.values, values))
-            ):
-                return number
+        for number in self._numbers_by_last.get((len(values), id(values[-1])), ()):
+            if number < len(self._tuple_columns):
+                others = self._tuple_columns[number].values
+                if len(others) == len(values) and all(map(is_, others, values)):
+                    return number
         return None
 
-    def _same_node(self, node: Node, count: int) -> int | None:
+    def _same_node(self, node: Node) -> int | None:
         """Return the number of an immutable column that was written just like `node`."""
-        if not self._share:
-            return None
-        for number, column in enumerate(self._tuple_columns):
-            if column.immutable and len(column.values) == count and column.node == node:
-                return number
+        number = self._number_by_node.get(node, len(self._tuple_columns))
+        if number < len(self._tuple_columns) and self._tuple_columns[number].node == node:
+            return number
         return None
 
     def _lists(self, values: list[list[Any]], depth: int) -> Node:
@@ -239,7 +248,7 @@ class _Columns:
     def _dicts(self, values: list[dict[Any, Any]], depth: int) -> Node:
         _require_depth(depth)
         self._enter(values)
-        shapes = _shape_numbers(values)
+        shapes = _shape_numbers(values) if self._compact else None
         if shapes is None:
             node = self._any_dicts(values, depth)
         else:
