@@ -3,7 +3,7 @@
 import numpy as np
 import pytest
 
-from support.fakes import Context, make_rotation
+from support.fakes import Context, make_rotation, shown
 
 
 class Both:
@@ -179,7 +179,7 @@ def test_mask_that_failed_to_construct_has_no_attributes(base):
         np.bool_(True),
         Both(as_int=2, as_index=9),
     ],
-    ids=repr,
+    ids=shown,
 )
 def test_integer_item_gives_the_stored_row_itself(mask, row, item):
     assert mask[item] is row
@@ -266,7 +266,7 @@ def test_indexing_reads_the_current_shape_and_row(mask):
         (slice(np.int64(1), np.int64(3)), 2),
         (slice(10**30, None, -(10**30)), 1),
     ],
-    ids=repr,
+    ids=shown,
 )
 def test_slice_selects_as_many_rows_as_of_any_sequence(mask, item, rows):
     view = mask[item]

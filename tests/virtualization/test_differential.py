@@ -35,7 +35,7 @@ def effort(examples, **further):
     )
 
 
-FAST = effort(120)
+FAST = effort(80)
 
 
 class Int(int):
@@ -181,7 +181,9 @@ odd_keys = st.sampled_from(
     ]
 )
 keys = st.one_of(plain_keys, plain_keys, plain_keys, odd_keys)
-plain_values = st.one_of(st.floats(-5.0, 5.0), st.sampled_from([0.0, -0.0, NAN, INF, -INF, 1e308]))
+plain_values = st.one_of(
+    st.floats(-5.0, 5.0), st.sampled_from([0.0, -0.0, NAN, INF, -INF, 1e308, 0.7, 0.9, 5.0])
+)
 odd_values = st.sampled_from(
     [
         1,
@@ -873,7 +875,7 @@ class ChildlessStateMachine(StateMachine):
 
 
 TestStates = StateMachine.TestCase
-TestStates.settings = effort(80, stateful_step_count=25)
+TestStates.settings = effort(60, stateful_step_count=25)
 TestChildlessStates = ChildlessStateMachine.TestCase
 TestChildlessStates.settings = effort(30, stateful_step_count=25)
 

@@ -363,6 +363,9 @@ def test_attributes_are_assigned_in_the_documented_order(base):
     rotation.resize(20)
     assert written == ["_n_alloc", "_output_buf", "_combined_nan_buf", "_structure_N_limit"]
     written.clear()
+    rotation.resize(6)
+    assert written == ["_n_alloc", "_output_buf", "_combined_nan_buf", "_structure_N_limit"]
+    written.clear()
     rotation.resize(4)
     assert written == [
         "_n_alloc",

@@ -273,11 +273,13 @@ def test_equal_split_infinite_weight_gives_its_sign_alone(base, weight):
     assert result[0] == np.copysign(3.0, weight)
 
 
-def test_equal_split_divides_before_it_adds(base):
-    legs = {0: ((0, 1.0), (0, 1.0), (0, 1.0))}
-    third = 0.7 / 3
-    result = unmapped(base, legs, [0.7], policy="equal_split")
-    assert result[0] == (third + third) + third
+def test_equal_split_divides_by_the_number_of_legs_before_it_adds(base):
+    legs = {0: ((0, 1.0), (0, 1.0), (0, 1.0), (1, 1.0), (2, 1.0))}
+    fifth = 0.9 / 5
+    assert fifth != 0.9 * (1 / 5)
+    result = unmapped(base, legs, [0.9], policy="equal_split")
+    assert result[0] == (fifth + fifth) + fifth
+    assert result[1] == fifth
 
 
 @pytest.mark.parametrize("weight", [INF, -INF, NAN])
