@@ -38,7 +38,10 @@ Content& content_of(PyObject* object) {
 // Native methods that call each other use the C stack, which only this check bounds.
 class RecursionGuard {
 public:
-    RecursionGuard() { require(Py_EnterRecursiveCall(" while calling a native function")); }
+    RecursionGuard() {
+        // Any non-zero answer is a failure; some interpreters give 1.
+        if (Py_EnterRecursiveCall(" while calling a native function") != 0) throw PythonError();
+    }
     RecursionGuard(const RecursionGuard&) = delete;
     RecursionGuard& operator=(const RecursionGuard&) = delete;
     ~RecursionGuard() { Py_LeaveRecursiveCall(); }

@@ -70,15 +70,6 @@ Pair pair_of(PyObject* first, PyObject* second) {
     throw PythonError();
 }
 
-[[noreturn]] void raise_too_few(Py_ssize_t got) {
-    PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 2, got %zd)", got);
-    throw PythonError();
-}
-
-[[noreturn]] void raise_too_many() {
-    raise(PyExc_ValueError, "too many values to unpack (expected 2)");
-}
-
 }  // namespace
 
 Pair unpack_pair(PyObject* object) {
@@ -88,20 +79,28 @@ Pair unpack_pair(PyObject* object) {
     if (PyList_CheckExact(object) && PyList_GET_SIZE(object) == 2) {
         return pair_of(PyList_GET_ITEM(object, 0), PyList_GET_ITEM(object, 1));
     }
+    Ref parts[2];
+    unpack(object, parts, 2);
+    return {std::move(parts[0]), std::move(parts[1])};
+}
+
+void unpack(PyObject* object, Ref* parts, Py_ssize_t count) {
     const Ref iterator = Ref::steal(PyObject_GetIter(object));
     if (!iterator) raise_not_unpackable(object);
-    Ref parts[2];
-    for (Py_ssize_t i = 0; i < 2; ++i) {
-        parts[i] = Ref::steal(PyIter_Next(iterator.get()));
-        if (!parts[i]) {
-            if (PyErr_Occurred() != nullptr) throw PythonError();
-            raise_too_few(i);
+    for (Py_ssize_t got = 0; got < count; ++got) {
+        parts[got] = Ref::steal(PyIter_Next(iterator.get()));
+        if (parts[got]) continue;
+        if (PyErr_Occurred() == nullptr) {
+            PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected %zd, got %zd)",
+                         count, got);
         }
+        throw PythonError();
     }
     const Ref surplus = Ref::steal(PyIter_Next(iterator.get()));
-    if (surplus) raise_too_many();
+    if (surplus) {
+        PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zd)", count);
+    }
     if (PyErr_Occurred() != nullptr) throw PythonError();
-    return {std::move(parts[0]), std::move(parts[1])};
 }
 
 }  // namespace quorvane::capi

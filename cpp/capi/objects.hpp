@@ -105,9 +105,16 @@ inline bool contains(PyObject* container, PyObject* key) {
 
 inline bool is_none(PyObject* object) noexcept { return object == Py_None; }
 
+// isinstance(object, type), which also believes what an object says of its class.
+inline bool is_instance(PyObject* object, PyTypeObject& type) {
+    if (Py_IS_TYPE(object, &type)) return true;
+    return require(PyObject_IsInstance(object, reinterpret_cast<PyObject*>(&type))) != 0;
+}
+
 // isinstance(object, int) and not isinstance(object, bool)
-inline bool is_integer(PyObject* object) noexcept {
-    return PyLong_Check(object) && !PyBool_Check(object);
+inline bool is_integer(PyObject* object) {
+    if (PyLong_CheckExact(object)) return true;
+    return is_instance(object, PyLong_Type) && !is_instance(object, PyBool_Type);
 }
 
 // ---- conversions -------------------------------------------------------------------------------
@@ -168,6 +175,9 @@ private:
 
     Ref iterator_;
 };
+
+// parts... = object: unpacks exactly `count`, by ordinary iteration, with the interpreter's errors.
+void unpack(PyObject* object, Ref* parts, Py_ssize_t count);
 
 // first, second = object: unpacks exactly two, by ordinary iteration, with the interpreter's
 // errors.

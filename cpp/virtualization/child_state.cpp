@@ -30,7 +30,8 @@ Ref validate_child_states(State& state, PyObject* const* values) {
         return capi::make_list();
     }
     const Ref raw = call_method(state_dict, names.get, names.child_states);
-    if (!PyList_Check(raw.get()) && !PyTuple_Check(raw.get())) {
+    if (!capi::is_instance(raw.get(), PyList_Type) &&
+        !capi::is_instance(raw.get(), PyTuple_Type)) {
         reject(state, self, ": child_states must be a list or tuple");
     }
     if (capi::length(raw.get()) != children) reject(state, self, wrong_length);
@@ -58,12 +59,17 @@ Ref snapshot_child_states(State& state, PyObject* const* values) {
     return snapshots;
 }
 
-// child.set_state(copy of snapshot): the snapshot itself stays intact for a later attempt.
-void restore_child(const State& state, PyObject* child, const Ref& snapshot) {
-    const Names& names = state.names;
-    if (capi::is_none(snapshot.get()) || !capi::has_attr(child, names.set_state)) return;
-    const Ref restore = attr(child, names.set_state);
-    call(restore.get(), deep_copy(state, snapshot).get());
+// child.set_state(copy of snapshot): the snapshot itself stays intact for a later attempt. The error
+// of a failed attempt is collected.
+void restore_child(const State& state, PyObject* child, const Ref& snapshot, PyObject* errors) {
+    try {
+        const Ref restore = attr(child, state.names.set_state);
+        call(restore.get(), deep_copy(state, snapshot).get());
+    } catch (const capi::PythonError&) {
+        if (!PyErr_ExceptionMatches(PyExc_Exception)) throw;
+        const capi::FetchedError error;
+        capi::append(errors, error.value());
+    }
 }
 
 // Every child is tried, also after a failure.
@@ -75,12 +81,8 @@ Ref restore_child_snapshots(State& state, PyObject* const* values) {
     while (const Ref child = children.next()) {
         const Ref snapshot = snapshots.next();
         if (!snapshot) break;
-        try {
-            restore_child(state, child.get(), snapshot);
-        } catch (const capi::PythonError&) {
-            if (!PyErr_ExceptionMatches(PyExc_Exception)) throw;
-            const capi::FetchedError error;
-            capi::append(errors.get(), error.value());
+        if (!capi::is_none(snapshot.get()) && capi::has_attr(child.get(), state.names.set_state)) {
+            restore_child(state, child.get(), snapshot, errors.get());
         }
     }
     return errors;

@@ -146,7 +146,7 @@ Ref validate_constructor(State& state, PyObject* const* values) {
     PyObject* unmap_policy = values[3];
     check_capacity(state, "max_structures", values[0]);
     check_capacity(state, "N_alloc", values[2]);
-    if (!PyUnicode_Check(expression) || is_blank(state, expression)) {
+    if (!capi::is_instance(expression, PyUnicode_Type) || is_blank(state, expression)) {
         capi::raise(PyExc_ValueError, "transformation_expression must be a non-empty string");
     }
     if (differs(unmap_policy, "proportional") && differs(unmap_policy, "equal_split")) {

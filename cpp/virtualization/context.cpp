@@ -66,12 +66,12 @@ Ref single_row(const State& state, PyObject* self, PyObject* index) {
 Ref get_item(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     PyObject* index = values[1];
-    if (PyTuple_Check(index)) {
+    if (capi::is_instance(index, PyTuple_Type)) {
         const capi::Pair keys = capi::unpack_pair(index);
         const Ref rows = item(self, keys.first.get());
         return item(rows.get(), keys.second.get());
     }
-    if (PySlice_Check(index)) return selected_rows(state, self, index);
+    if (capi::is_instance(index, PySlice_Type)) return selected_rows(state, self, index);
     return single_row(state, self, index);
 }
 

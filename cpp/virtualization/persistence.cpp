@@ -24,7 +24,7 @@ Ref recover(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     const Ref read = attr(values[1], names.read);
     const Ref stored = call(read.get(), attr(self, names.name).get());
-    if (!PyDict_Check(stored.get())) return capi::to_bool(false);
+    if (!capi::is_instance(stored.get(), PyDict_Type)) return capi::to_bool(false);
     try {
         call_method(self, names.set_state, stored.get());
     } catch (const capi::PythonError&) {

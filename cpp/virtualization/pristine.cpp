@@ -36,7 +36,7 @@ bool Pristine::structure_class_holds(const State& state) const {
            Py_IS_TYPE(structure_class_.get(), &PyType_Type) &&
            type->tp_new == PyBaseObject_Type.tp_new &&
            type->tp_getattro == PyObject_GenericGetAttr &&
-           type->tp_setattro == PyObject_GenericSetAttr &&
+           type->tp_setattro == PyObject_GenericSetAttr && type->tp_finalize == nullptr &&
            _PyType_Lookup(type, names.init) == structure_init_.get() &&
            _PyType_Lookup(type, names.key) == nullptr &&
            _PyType_Lookup(type, names.legs) == nullptr &&

@@ -4,6 +4,7 @@
 
 #include "capi/array_view.hpp"
 #include "virtualization/inert.hpp"
+#include "virtualization/plain_size.hpp"
 
 namespace quorvane::virtualization {
 
@@ -59,22 +60,17 @@ Verdict judge_instrument(const DayMasks& masks, npy_intp instrument) noexcept {
     return verdict;
 }
 
-// The sign and size of an exact integer, saturating: enough to compare it with a width.
-npy_intp saturated(PyObject* integer) noexcept {
-    int overflow = 0;
-    const long long value = PyLong_AsLongLongAndOverflow(integer, &overflow);
-    if (overflow > 0) return NPY_MAX_INTP;
-    return overflow < 0 ? NPY_MIN_INTP : static_cast<npy_intp>(value);
-}
-
 // Stops at the first leg that fails, as the validity step does.
 Verdict judge_legs(PyObject* legs, const DayMasks& masks) noexcept {
-    if (!PyLong_CheckExact(masks.N)) return Verdict::unknown;
-    const npy_intp N = saturated(masks.N);
+    const Py_ssize_t N = plain_size(masks.N);
+    if (N < 0) return Verdict::unknown;
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(legs); ++i) {
-        const npy_intp id = saturated(PyTuple_GET_ITEM(PyTuple_GET_ITEM(legs, i), 0));
+        int overflow = 0;
+        const long long id = PyLong_AsLongLongAndOverflow(
+            PyTuple_GET_ITEM(PyTuple_GET_ITEM(legs, i), 0), &overflow);
+        if (overflow != 0) return Verdict::unknown;
         if (id < 0 || id >= N) return Verdict::invalid;
-        const Verdict verdict = judge_instrument(masks, id);
+        const Verdict verdict = judge_instrument(masks, static_cast<npy_intp>(id));
         if (verdict != Verdict::valid) return verdict;
     }
     return Verdict::valid;
@@ -112,6 +108,7 @@ bool normalize_quickly(const State& state, PyObject* raw, QuickItem& quick) {
         normalized_metadata(state, entries.metadata, entries.key.get(), quick.legs.get());
     if (!quick.metadata) return false;
     quick.key = std::move(entries.key);
+    quick.raw_value = std::move(entries.value);
     quick.value = *value;
     return true;
 }
@@ -123,7 +120,7 @@ Verdict judge_quickly(const QuickItem& quick, const DayMasks& masks) noexcept {
 }
 
 Ref make_record(const State& state, const QuickItem& quick) {
-    const Ref value = capi::make_float(quick.value);
+    const Ref value = capi::to_float(quick.raw_value.get());
     return call(state.global(state.names.VirtualStructure).get(), quick.key.get(), quick.legs.get(),
                 value.get(), quick.metadata.get());
 }

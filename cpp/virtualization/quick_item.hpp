@@ -15,6 +15,7 @@ struct DayMasks {
 // have made, before there is a record.
 struct QuickItem {
     Ref key, legs, metadata;
+    Ref raw_value;  // of an exact builtin or NumPy type
     double value = 0.0;
 };
 

@@ -46,47 +46,24 @@ void restore_children(const State& state, PyObject* self, const Ref& child_state
     }
 }
 
-// Five components of a validated state, unpacked as the assignment of five names would.
-struct Components {
-    static constexpr Py_ssize_t count = 5;
-    Ref parts[count];
-};
-
-Components unpack_components(PyObject* validated) {
-    Components components;
-    const Ref parts = capi::to_tuple(validated);
-    const Py_ssize_t size = PyTuple_GET_SIZE(parts.get());
-    if (size < Components::count) {
-        PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected %zd, got %zd)",
-                     Components::count, size);
-        throw capi::PythonError();
-    }
-    if (size > Components::count) {
-        capi::raise(PyExc_ValueError, "too many values to unpack (expected 5)");
-    }
-    for (Py_ssize_t i = 0; i < size; ++i) {
-        components.parts[i] = Ref::borrow(PyTuple_GET_ITEM(parts.get(), i));
-    }
-    return components;
-}
-
 Ref set_state(State& state, PyObject* const* values) {
     const Names& names = state.names;
     PyObject* self = values[0];
     PyObject* state_dict = values[1];
-    if (!PyDict_Check(state_dict)) {
+    if (!capi::is_instance(state_dict, PyDict_Type)) {
         message_of(state, self).text(": state must be a dict").raise(PyExc_ValueError);
     }
-    const Components components =
-        unpack_components(call_method(self, names.validate_state_components, state_dict).get());
+    Ref components[5];
+    capi::unpack(call_method(self, names.validate_state_components, state_dict).get(), components,
+                 5);
     const Ref child_states = call_method(self, names.validate_child_states, state_dict);
     const Ref snapshots = call_method(self, names.snapshot_child_states);
     restore_children(state, self, child_states, snapshots);
-    set_attr(self, names.slot_by_key, components.parts[0].get());
-    set_attr(self, names.key_by_slot, components.parts[1].get());
-    set_attr(self, names.legs_by_slot, components.parts[2].get());
-    set_attr(self, names.metadata_by_slot, components.parts[3].get());
-    set_attr(self, names.structure_N_limit, components.parts[4].get());
+    set_attr(self, names.slot_by_key, components[0].get());
+    set_attr(self, names.key_by_slot, components[1].get());
+    set_attr(self, names.legs_by_slot, components[2].get());
+    set_attr(self, names.metadata_by_slot, components[3].get());
+    set_attr(self, names.structure_N_limit, components[4].get());
     return capi::none();
 }
 

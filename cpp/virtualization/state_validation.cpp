@@ -27,6 +27,12 @@ struct Rotation {
     [[nodiscard]] Ref n_alloc() const { return attr(self, state.names.n_alloc); }
 };
 
+bool is_dict(PyObject* object) { return capi::is_instance(object, PyDict_Type); }
+bool is_tuple(PyObject* object) { return capi::is_instance(object, PyTuple_Type); }
+bool is_list_or_tuple(PyObject* object) {
+    return capi::is_instance(object, PyList_Type) || is_tuple(object);
+}
+
 // What the state dictionary says, before any check; a missing map is an empty one.
 struct RawState {
     Ref slot_by_key, key_by_slot, legs_by_slot, metadata, limit;
@@ -49,9 +55,9 @@ RawState read_state(const Rotation& rotation, PyObject* state_dict) {
 }
 
 void check_maps(const Rotation& rotation, const RawState& raw) {
-    rotation.demand(PyDict_Check(raw.slot_by_key.get()), ": slot_by_key must be a dict");
-    rotation.demand(PyDict_Check(raw.key_by_slot.get()), ": key_by_slot must be a dict");
-    rotation.demand(PyDict_Check(raw.legs_by_slot.get()), ": legs_by_slot must be a dict");
+    rotation.demand(is_dict(raw.slot_by_key.get()), ": slot_by_key must be a dict");
+    rotation.demand(is_dict(raw.key_by_slot.get()), ": key_by_slot must be a dict");
+    rotation.demand(is_dict(raw.legs_by_slot.get()), ": legs_by_slot must be a dict");
     const auto fits = [&](const Ref& map) {
         const Ref size = capi::make_int(capi::length(map.get()));
         return !capi::compare(size.get(), rotation.max_structures().get(), Py_GT);
@@ -97,7 +103,7 @@ struct SlotMaps {
 SlotMaps checked_slot_maps(const Rotation& rotation, const Ref& raw_slot_by_key) {
     SlotMaps maps;
     for_each_entry(rotation, raw_slot_by_key, [&](PyObject* raw_key, PyObject* raw_slot) {
-        rotation.demand(PyTuple_Check(raw_key), ": slot_by_key keys must be tuples");
+        rotation.demand(is_tuple(raw_key), ": slot_by_key keys must be tuples");
         rotation.demand(capi::is_integer(raw_slot), ": slot values must be integers");
         const Ref slot = capi::to_int(raw_slot);
         rotation.demand(is_slot(rotation, slot.get()), ": slot out of range");
@@ -117,14 +123,12 @@ void check_inverse(const Rotation& rotation, const Ref& raw_key_by_slot, const S
         rotation.demand(capi::is_integer(raw_slot), ": key_by_slot keys must be integers");
         const Ref slot = capi::to_int(raw_slot);
         rotation.demand(is_slot(rotation, slot.get()), ": key_by_slot slot out of range");
-        rotation.demand(PyTuple_Check(raw_key), ": key_by_slot values must be tuples");
+        rotation.demand(is_tuple(raw_key), ": key_by_slot values must be tuples");
         require(PyDict_SetItem(inverse.get(), slot.get(), capi::to_tuple(raw_key).get()));
     });
     rotation.demand(!capi::compare(inverse.get(), maps.key_by_slot.get(), Py_NE),
                     ": slot/key maps must be a bijection");
 }
-
-bool is_list_or_tuple(PyObject* object) { return PyList_Check(object) || PyTuple_Check(object); }
 
 Ref checked_leg(const Rotation& rotation, PyObject* leg, const Ref& limit) {
     rotation.demand(is_list_or_tuple(leg) && capi::length(leg) == 2, ": each leg must be a pair");
@@ -170,7 +174,7 @@ Ref checked_metadata(const Rotation& rotation, const Ref& raw) {
     Ref copies = capi::make_list();
     capi::Iteration entries(raw.get());
     while (const Ref entry = entries.next()) {
-        rotation.demand(PyDict_Check(entry.get()), ": metadata entries must be dicts");
+        rotation.demand(is_dict(entry.get()), ": metadata entries must be dicts");
         capi::append(copies.get(), capi::to_dict(entry.get()).get());
     }
     return copies;

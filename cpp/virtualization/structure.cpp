@@ -54,7 +54,9 @@ Ref normalize(State& state, PyObject* const* values) {
     const Names& names = state.names;
     PyObject* raw_item = values[1];
     const RawStructure raw =
-        PyDict_Check(raw_item) ? read_dict(state, raw_item) : read_object(state, raw_item);
+        capi::is_instance(raw_item, PyDict_Type)
+                                 ? read_dict(state, raw_item)
+                                 : read_object(state, raw_item);
     const Ref legs = normalize_legs(raw.legs.get());
     const Ref metadata =
         capi::truth(raw.metadata.get()) ? capi::to_dict(raw.metadata.get()) : capi::make_dict();

@@ -1552,14 +1552,13 @@ def classes_that_come_and_go(base):
 
 
 @pytest.mark.parametrize("fails", [False, True])
-@pytest.mark.parametrize("which", [0, 1], ids=["native", "twin"])
-def test_day_keeps_nothing_of_what_it_was_given(which, fails):
+def test_day_keeps_nothing_of_what_it_was_given(base, fails):
     def child(values, context):
         if fails:
             raise LookupError("child")
         return values
 
-    rotation = make(shared()[which], child)
+    rotation = make(base, child)
     rotation.trace_sink = None
     item = days.Thing(key=("a",), legs=[(0, 1.0)], value=1.0, metadata={"m": 1})
     context, mask = days.Thing(current_day_index=1), np.zeros(6, dtype=np.uint8)
@@ -1575,9 +1574,8 @@ def test_day_keeps_nothing_of_what_it_was_given(which, fails):
     assert [reference() for reference in watched] == [None, None, None]
 
 
-@pytest.mark.parametrize("which", [0, 1], ids=["native", "twin"])
-def test_rotation_that_is_dropped_goes_away_with_all_it_holds(which):
-    rotation = make(shared()[which])
+def test_rotation_that_is_dropped_goes_away_with_all_it_holds(base):
+    rotation = make(base)
     rotation.items = plain_items()
     rotation(np.ones(6))
     rotation.itself = rotation
@@ -1591,10 +1589,8 @@ def test_rotation_that_is_dropped_goes_away_with_all_it_holds(which):
     assert [reference() for reference in references] == [None] * 3
 
 
-@pytest.mark.parametrize("which", [0, 1], ids=["native", "twin"])
-def test_failing_days_leak_no_references(which):
-    """A thousand failing days at every place leave the shared singletons' counts as they were."""
-    base = shared()[which]
+def test_failing_days_leak_no_references(base):
+    """Failing days at every place leave the singletons' counts and the heap as they were."""
     places = [place for place in [*ITEM_PLACES, *PLACES] if place not in DELETIONS]
 
     def failing_days():
