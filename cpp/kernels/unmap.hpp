@@ -29,8 +29,8 @@ struct Totals {
 };
 
 // Both add every contribution in the given order, then in leg order; every id is below the totals'
-// size. They answer false when the arithmetic overflowed, underflowed or was invalid, which is where
-// NumPy may warn: the totals are worthless then.
+// size. They answer false when the arithmetic overflowed, underflowed or was invalid, which is
+// where NumPy may warn: the totals are worthless then.
 
 // sums[id] += value * weight
 bool add_in_proportion(std::span<const Contribution> contributions, const FlatLegs& legs,

@@ -1,5 +1,10 @@
 #include "virtualization/child_chain.hpp"
 
+#include "capi/array_view.hpp"
+#include "virtualization/float64.hpp"
+#include "virtualization/plain_rotation.hpp"
+#include "virtualization/plain_size.hpp"
+
 namespace quorvane::virtualization {
 
 namespace {
@@ -45,8 +50,16 @@ Ref make_child_context(State& state, PyObject* const* values) {
         .raise(PyExc_ValueError);
 }
 
+// True only for an exact array of one axis with max_structures entries; false says nothing.
+bool is_plain_row(const State& state, PyObject* self, PyObject* current) {
+    return PyArray_CheckExact(current) && PyArray_NDIM(capi::as_array(current)) == 1 &&
+           PyArray_DIM(capi::as_array(current), 0) ==
+               plain_size(plain_attribute(self, state.names.max_structures));
+}
+
 void check_shape(const State& state, PyObject* self, PyObject* current) {
     const Names& names = state.names;
+    if (is_plain_row(state, self, current)) return;
     const Ref shape = attr(current, names.shape);
     const Ref expected = capi::make_tuple(attr(self, names.max_structures).get());
     if (capi::compare(shape.get(), expected.get(), Py_NE)) {
@@ -58,14 +71,13 @@ Ref run_child_chain(State& state, PyObject* const* values) {
     const Names& names = state.names;
     PyObject* self = values[0];
     PyObject* child_context = values[2];
-    Ref current = state.numpy_with_dtype(names.asarray, values[1], names.float64);
+    Ref current = as_float64(state, values[1]);
     capi::Iteration children(attr(self, names.child_rotations).get());
     while (const Ref child = children.next()) {
         const Ref asarray = state.numpy(names.asarray);
         const Ref output = call_with_keywords(child.get(), state.context_keyword.get(),
                                               current.get(), child_context);
-        current = call_with_keywords(asarray.get(), state.dtype_keyword.get(), output.get(),
-                                     state.numpy(names.float64).get());
+        current = call_converting(state, asarray.get(), output.get());
         check_shape(state, self, current.get());
     }
     return copy_as_float64(state, [&] { return current.share(); });

@@ -30,8 +30,7 @@ Ref validate_child_states(State& state, PyObject* const* values) {
         return capi::make_list();
     }
     const Ref raw = call_method(state_dict, names.get, names.child_states);
-    if (!capi::is_instance(raw.get(), PyList_Type) &&
-        !capi::is_instance(raw.get(), PyTuple_Type)) {
+    if (!capi::is_instance(raw.get(), PyList_Type) && !capi::is_instance(raw.get(), PyTuple_Type)) {
         reject(state, self, ": child_states must be a list or tuple");
     }
     if (capi::length(raw.get()) != children) reject(state, self, wrong_length);
@@ -59,8 +58,8 @@ Ref snapshot_child_states(State& state, PyObject* const* values) {
     return snapshots;
 }
 
-// child.set_state(copy of snapshot): the snapshot itself stays intact for a later attempt. The error
-// of a failed attempt is collected.
+// child.set_state(copy of snapshot): the snapshot itself stays intact for a later attempt. The
+// error of a failed attempt is collected.
 void restore_child(const State& state, PyObject* child, const Ref& snapshot, PyObject* errors) {
     try {
         const Ref restore = attr(child, state.names.set_state);

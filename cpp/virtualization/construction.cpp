@@ -1,5 +1,7 @@
 #include "virtualization/construction.hpp"
 
+#include "capi/gc_pause.hpp"
+
 namespace quorvane::virtualization {
 
 namespace {
@@ -54,6 +56,7 @@ Ref inactive_metadata(const State& state, PyObject* self) {
     const Ref count = attr(self, state.names.max_structures);
     const Ref range = call(reinterpret_cast<PyObject*>(&PyRange_Type), count.get());
     const Py_ssize_t slots = capi::length(range.get());
+    const capi::GcPause no_collection;  // nothing here can be garbage, and there may be a million
     Ref metadata = capi::make_list(slots);
     for (Py_ssize_t slot = 0; slot < slots; ++slot) {
         Ref inactive = capi::make_dict();

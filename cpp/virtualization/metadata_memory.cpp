@@ -36,8 +36,7 @@ bool MetadataMemory::describes(PyObject* metadata_by_slot) const noexcept {
         if (slot + prefetch_distance < slots) {
             __builtin_prefetch(dicts[slot + prefetch_distance]);
         }
-        if (!PyDict_CheckExact(dicts[slot]) ||
-            capi::dict_version(dicts[slot]) != versions_[slot]) {
+        if (!PyDict_CheckExact(dicts[slot]) || capi::dict_version(dicts[slot]) != versions_[slot]) {
             return false;
         }
     }

@@ -7,8 +7,8 @@
 namespace quorvane::virtualization {
 
 // What each slot's metadata dict was left saying. A dict whose version has not changed need not be
-// looked into, and one that says today's truth already, and that nobody else holds, need not be made
-// again: a new dict with the same entries could not be told from it.
+// looked into, and one that says today's truth already, and that nobody else holds, need not be
+// made again: a new dict with the same entries could not be told from it.
 class MetadataMemory {
 public:
     // True when every dict of the list is as it was left.

@@ -66,8 +66,8 @@ Verdict judge_legs(PyObject* legs, const DayMasks& masks) noexcept {
     if (N < 0) return Verdict::unknown;
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(legs); ++i) {
         int overflow = 0;
-        const long long id = PyLong_AsLongLongAndOverflow(
-            PyTuple_GET_ITEM(PyTuple_GET_ITEM(legs, i), 0), &overflow);
+        const long long id =
+            PyLong_AsLongLongAndOverflow(PyTuple_GET_ITEM(PyTuple_GET_ITEM(legs, i), 0), &overflow);
         if (overflow != 0) return Verdict::unknown;
         if (id < 0 || id >= N) return Verdict::invalid;
         const Verdict verdict = judge_instrument(masks, static_cast<npy_intp>(id));

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "capi/gc_pause.hpp"
 #include "virtualization/inert.hpp"
 #include "virtualization/plain_size.hpp"
 
@@ -69,12 +70,12 @@ Ref quick_legs_by_slot(PyObject* raw_legs_by_slot, PyObject* key_by_slot, Py_ssi
 
 Ref quick_metadata_list(PyObject* raw, Py_ssize_t max_structures) {
     if (!PyList_CheckExact(raw) || PyList_GET_SIZE(raw) != max_structures) return {};
-    Ref copies = capi::make_list();
-    // Copying may collect garbage and so run finalizers: the list is asked for its size each time.
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(raw); ++i) {
-        const Ref entry = Ref::borrow(PyList_GET_ITEM(raw, i));
-        if (!PyDict_CheckExact(entry.get())) return {};
-        capi::append(copies.get(), require(PyDict_Copy(entry.get())).get());
+    const capi::GcPause no_finalizers;  // which could change the list
+    Ref copies = capi::make_list(max_structures);
+    for (Py_ssize_t i = 0; i < max_structures; ++i) {
+        PyObject* entry = PyList_GET_ITEM(raw, i);
+        if (!PyDict_CheckExact(entry)) return {};
+        PyList_SET_ITEM(copies.get(), i, require(PyDict_Copy(entry)).release());
     }
     return copies;
 }

@@ -79,16 +79,6 @@ private:
     Ref rotation_class_cell_;
 };
 
-// np.array(<argument>, dtype=np.float64, copy=True): an array that nobody else holds. The argument
-// is an expression, evaluated between the two looks at NumPy as the statement evaluates it.
-template <class Argument>
-Ref copy_as_float64(const State& state, Argument&& argument) {
-    const Ref array = state.numpy(state.names.array);
-    const Ref source = std::forward<Argument>(argument)();
-    return call_with_keywords(array.get(), state.dtype_and_copy_keywords.get(), source.get(),
-                              state.numpy(state.names.float64).get(), Py_True);
-}
-
 // A message that begins with the rotation's own name, as every one of an instance method does.
 inline Message message_of(const State& state, PyObject* self) {
     Message message;

@@ -53,8 +53,7 @@ Ref normalize_legs(PyObject* legs) {
 Ref normalize(State& state, PyObject* const* values) {
     const Names& names = state.names;
     PyObject* raw_item = values[1];
-    const RawStructure raw =
-        capi::is_instance(raw_item, PyDict_Type)
+    const RawStructure raw = capi::is_instance(raw_item, PyDict_Type)
                                  ? read_dict(state, raw_item)
                                  : read_object(state, raw_item);
     const Ref legs = normalize_legs(raw.legs.get());

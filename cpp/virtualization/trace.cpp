@@ -1,5 +1,6 @@
 #include "virtualization/trace.hpp"
 
+#include "virtualization/float64.hpp"
 #include "virtualization/parent_day.hpp"
 
 namespace quorvane::virtualization {

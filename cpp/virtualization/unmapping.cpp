@@ -1,6 +1,11 @@
 #include "virtualization/unmapping.hpp"
 
+#include <algorithm>
+#include <limits>
+
+#include "capi/array_view.hpp"
 #include "virtualization/flat_unmapping.hpp"
+#include "virtualization/plain_size.hpp"
 
 namespace quorvane::virtualization {
 
@@ -82,6 +87,13 @@ void unmap_slot(const State& state, PyObject* self, PyObject* txi_output, PyObje
 
 // output_buf[:N] = np.nan
 void clear_output(const State& state, PyObject* output_buf, PyObject* N) {
+    const auto view = capi::writable_vector<double>(output_buf);
+    const Py_ssize_t live_size = plain_size(N);
+    if (view && live_size >= 0 && state.pristine.numpy_holds(state)) {
+        const Py_ssize_t end = std::min(live_size, view.size());
+        for (Py_ssize_t i = 0; i < end; ++i) view[i] = std::numeric_limits<double>::quiet_NaN();
+        return;
+    }
     const Ref live = require(PySlice_New(Py_None, N, nullptr));
     set_item(output_buf, live.get(), state.numpy(state.names.nan).get());
 }
