@@ -1,9 +1,9 @@
 #include "virtualization/child_chain.hpp"
 
 #include "capi/array_view.hpp"
-#include "virtualization/float64.hpp"
-#include "virtualization/plain_rotation.hpp"
-#include "virtualization/plain_size.hpp"
+#include "virtualization/shortcuts/float64.hpp"
+#include "virtualization/shortcuts/plain_rotation.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
 
 namespace quorvane::virtualization {
 

@@ -1,7 +1,7 @@
 #include "virtualization/item_recording.hpp"
 
 #include "capi/array_view.hpp"
-#include "virtualization/plain_size.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
 #include "virtualization/slots.hpp"
 
 namespace quorvane::virtualization {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "virtualization/plain_rotation.hpp"
-#include "virtualization/quick_item.hpp"
+#include "virtualization/shortcuts/plain_rotation.hpp"
+#include "virtualization/shortcuts/quick_item.hpp"
 
 namespace quorvane::virtualization {
 

@@ -7,7 +7,7 @@
 #include "capi/objects.hpp"
 #include "kernels/unmap.hpp"
 #include "virtualization/names.hpp"
-#include "virtualization/pristine.hpp"
+#include "virtualization/shortcuts/pristine.hpp"
 
 namespace quorvane::virtualization {
 

@@ -1,8 +1,8 @@
 #include "virtualization/state_validation.hpp"
 
-#include "virtualization/plain_rotation.hpp"
-#include "virtualization/plain_size.hpp"
-#include "virtualization/quick_state.hpp"
+#include "virtualization/shortcuts/plain_rotation.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
+#include "virtualization/shortcuts/quick_state.hpp"
 
 namespace quorvane::virtualization {
 

@@ -4,8 +4,8 @@
 #include <limits>
 
 #include "capi/array_view.hpp"
-#include "virtualization/flat_unmapping.hpp"
-#include "virtualization/plain_size.hpp"
+#include "virtualization/shortcuts/flat_unmapping.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
 
 namespace quorvane::virtualization {
 

@@ -1,10 +1,10 @@
-#include "virtualization/quick_state.hpp"
+#include "virtualization/shortcuts/quick_state.hpp"
 
 #include <cmath>
 
 #include "capi/gc_pause.hpp"
-#include "virtualization/inert.hpp"
-#include "virtualization/plain_size.hpp"
+#include "virtualization/shortcuts/inert.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
 
 namespace quorvane::virtualization {
 

@@ -4,8 +4,6 @@
 
 namespace quorvane::virtualization {
 
-extern const capi::FunctionDef compute_def;
 extern const capi::FunctionDef call_def;
-extern const capi::FunctionDef batch_reference_def;
 
 }  // namespace quorvane::virtualization

@@ -1,4 +1,4 @@
-#include "virtualization/pristine.hpp"
+#include "virtualization/shortcuts/pristine.hpp"
 
 #include "virtualization/state.hpp"
 

@@ -1,4 +1,4 @@
-#include "virtualization/float64.hpp"
+#include "virtualization/shortcuts/float64.hpp"
 
 #include "capi/array_view.hpp"
 

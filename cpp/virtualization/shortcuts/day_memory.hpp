@@ -3,9 +3,9 @@
 #include <memory>
 #include <unordered_map>
 
-#include "virtualization/leg_memory.hpp"
-#include "virtualization/metadata_memory.hpp"
-#include "virtualization/slot_memory.hpp"
+#include "virtualization/shortcuts/leg_memory.hpp"
+#include "virtualization/shortcuts/metadata_memory.hpp"
+#include "virtualization/shortcuts/slot_memory.hpp"
 
 namespace quorvane::virtualization {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "virtualization/plain_rotation.hpp"
+#include "virtualization/shortcuts/plain_rotation.hpp"
 
 namespace quorvane::virtualization {
 

@@ -1,4 +1,4 @@
-#include "virtualization/day_memory.hpp"
+#include "virtualization/shortcuts/day_memory.hpp"
 
 namespace quorvane::virtualization {
 

@@ -1,10 +1,10 @@
-#include "virtualization/leg_memory.hpp"
+#include "virtualization/shortcuts/leg_memory.hpp"
 
 #include <algorithm>
 
 #include "capi/dict_version.hpp"
-#include "virtualization/inert.hpp"
-#include "virtualization/plain_size.hpp"
+#include "virtualization/shortcuts/inert.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
 
 namespace quorvane::virtualization {
 

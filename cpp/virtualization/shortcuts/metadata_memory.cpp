@@ -1,4 +1,4 @@
-#include "virtualization/metadata_memory.hpp"
+#include "virtualization/shortcuts/metadata_memory.hpp"
 
 #include "capi/dict_version.hpp"
 
@@ -15,7 +15,8 @@ void set_entry(PyObject* dict, PyObject* key, PyObject* value) {
 
 PyObject* boolean(bool value) noexcept { return value ? Py_True : Py_False; }
 
-// {"active": False}
+}  // namespace
+
 bool says_only_inactive(const State& state, PyObject* dict) {
     Py_ssize_t position = 0;
     PyObject* key = nullptr;
@@ -23,8 +24,6 @@ bool says_only_inactive(const State& state, PyObject* dict) {
     return PyDict_Size(dict) == 1 && PyDict_Next(dict, &position, &key, &value) != 0 &&
            key == state.names.active && value == Py_False;
 }
-
-}  // namespace
 
 bool MetadataMemory::describes(PyObject* metadata_by_slot) const noexcept {
     const std::size_t slots = versions_.size();

@@ -1,8 +1,8 @@
-#include "virtualization/slot_memory.hpp"
+#include "virtualization/shortcuts/slot_memory.hpp"
 
 #include "capi/dict_version.hpp"
-#include "virtualization/inert.hpp"
-#include "virtualization/plain_size.hpp"
+#include "virtualization/shortcuts/inert.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
 
 namespace quorvane::virtualization {
 

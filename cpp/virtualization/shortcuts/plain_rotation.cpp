@@ -1,6 +1,6 @@
-#include "virtualization/plain_rotation.hpp"
+#include "virtualization/shortcuts/plain_rotation.hpp"
 
-#include "virtualization/plain_size.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
 
 namespace quorvane::virtualization {
 

@@ -1,4 +1,4 @@
-#include "virtualization/inert.hpp"
+#include "virtualization/shortcuts/inert.hpp"
 
 #include "capi/numpy.hpp"
 

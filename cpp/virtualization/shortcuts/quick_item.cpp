@@ -1,10 +1,10 @@
-#include "virtualization/quick_item.hpp"
+#include "virtualization/shortcuts/quick_item.hpp"
 
 #include <cmath>
 
 #include "capi/array_view.hpp"
-#include "virtualization/inert.hpp"
-#include "virtualization/plain_size.hpp"
+#include "virtualization/shortcuts/inert.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
 
 namespace quorvane::virtualization {
 

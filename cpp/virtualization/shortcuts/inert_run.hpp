@@ -1,9 +1,9 @@
 #pragma once
 
 #include "capi/array_view.hpp"
-#include "virtualization/day_memory.hpp"
-#include "virtualization/plain_rotation.hpp"
-#include "virtualization/quick_item.hpp"
+#include "virtualization/shortcuts/day_memory.hpp"
+#include "virtualization/shortcuts/plain_rotation.hpp"
+#include "virtualization/shortcuts/quick_item.hpp"
 
 namespace quorvane::virtualization {
 

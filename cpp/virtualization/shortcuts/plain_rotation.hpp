@@ -1,7 +1,7 @@
 #pragma once
 
 #include "capi/change_watch.hpp"
-#include "virtualization/pristine.hpp"
+#include "virtualization/shortcuts/pristine.hpp"
 #include "virtualization/state.hpp"
 
 namespace quorvane::virtualization {

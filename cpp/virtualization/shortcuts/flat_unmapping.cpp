@@ -1,13 +1,13 @@
-#include "virtualization/flat_unmapping.hpp"
+#include "virtualization/shortcuts/flat_unmapping.hpp"
 
 #include <algorithm>
 #include <cmath>
 
 #include "capi/array_view.hpp"
-#include "virtualization/day_memory.hpp"
-#include "virtualization/inert.hpp"
-#include "virtualization/plain_rotation.hpp"
-#include "virtualization/plain_size.hpp"
+#include "virtualization/shortcuts/day_memory.hpp"
+#include "virtualization/shortcuts/inert.hpp"
+#include "virtualization/shortcuts/plain_rotation.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
 
 namespace quorvane::virtualization {
 

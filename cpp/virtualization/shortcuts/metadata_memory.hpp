@@ -6,6 +6,9 @@
 
 namespace quorvane::virtualization {
 
+// True of an exact dict that is {"active": False}: emptying it and saying so again changes nothing.
+bool says_only_inactive(const State& state, PyObject* dict);
+
 // What each slot's metadata dict was left saying. A dict whose version has not changed need not be
 // looked into, and one that says today's truth already, and that nobody else holds, need not be
 // made again: a new dict with the same entries could not be told from it.

@@ -1,0 +1,105 @@
+#include "virtualization/batch.hpp"
+
+namespace quorvane::virtualization {
+
+namespace {
+
+using capi::Parameter;
+using capi::positional;
+
+constexpr Parameter batch_parameters[] = {
+    positional("self"),
+    capi::var_positional("matrices"),
+    capi::keyword_only("context", "None"),
+};
+
+Ref as_float64_matrices(const State& state, PyObject* matrices) {
+    Ref arrays = capi::make_list();
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(matrices); ++i) {
+        const Ref array = state.numpy_with_dtype(state.names.asarray, PyTuple_GET_ITEM(matrices, i),
+                                                 state.names.float64);
+        capi::append(arrays.get(), array.get());
+    }
+    return arrays;
+}
+
+Ref extent(const State& state, PyObject* array, PyObject* axis) {
+    return item(attr(array, state.names.shape).get(), axis);
+}
+
+// The caller's universe, or one with every instrument of every day in it.
+Ref universe_of(const State& state, PyObject* context, PyObject* first, PyObject* days) {
+    const Names& names = state.names;
+    if (!capi::is_none(context)) {
+        Ref mask = capi::optional_attr(context, names.universe_mask);
+        if (mask && !capi::is_none(mask.get())) return mask;
+    }
+    const Ref ones = state.numpy(names.ones);
+    const Ref columns = extent(state, first, state.one.get());
+    const Ref shape = capi::make_tuple(days, columns.get());
+    return call_with_keywords(ones.get(), state.dtype_keyword.get(), shape.get(),
+                              state.numpy(names.uint8).get());
+}
+
+// self(*rows of the day, context=...)
+Ref replay_day(const State& state, PyObject* self, PyObject* arrays, PyObject* universe,
+               PyObject* day) {
+    const Names& names = state.names;
+    const Ref context_class = state.global(names.VirtualContext);
+    const Ref context = call_with_keywords(context_class.get(),
+                                           state.current_day_index_keyword.get(), universe, day);
+    const Ref rows = capi::make_list();
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(arrays); ++i) {
+        capi::append(rows.get(), item(PyList_GET_ITEM(arrays, i), day).get());
+    }
+    const Ref keywords = capi::make_dict();
+    require(PyDict_SetItem(keywords.get(), names.context, context.get()));
+    return require(PyObject_Call(self, capi::to_tuple(rows.get()).get(), keywords.get()));
+}
+
+Ref batch_reference(State& state, PyObject* const* values) {
+    PyObject* self = values[0];
+    const Ref arrays = as_float64_matrices(state, values[1]);
+    if (PyList_GET_SIZE(arrays.get()) == 0) {
+        message_of(state, self).text(": batch_reference requires inputs").raise(PyExc_ValueError);
+    }
+    PyObject* first = PyList_GET_ITEM(arrays.get(), 0);
+    const Ref days = extent(state, first, state.zero.get());
+    const Ref outputs = capi::make_list();
+    const Ref universe = universe_of(state, values[2], first, days.get());
+    const Ref range = call(reinterpret_cast<PyObject*>(&PyRange_Type), days.get());
+    capi::Iteration iteration(range.get());
+    while (const Ref day = iteration.next()) {
+        const Ref output = replay_day(state, self, arrays.get(), universe.get(), day.get());
+        capi::append(outputs.get(), output.get());
+    }
+    return call(state.numpy(state.names.vstack).get(), outputs.get());
+}
+
+}  // namespace
+
+const capi::FunctionDef batch_reference_def{"batch_reference", batch_parameters,
+                                            capi::body_of<State, batch_reference>,
+                                            R"(Replay whole matrices day by day.
+
+Goes on from the rotation's present state and leaves the state of the last day behind.
+
+Parameters
+----------
+*matrices : array_like of float64, T days in the first axis
+    Row d of each is one input of day d.
+context : object, optional
+    Only its ``universe_mask`` is used; without one every instrument is in the universe.
+
+Returns
+-------
+ndarray of float64, shape (T, N)
+    The days' outputs, stacked.
+
+Raises
+------
+ValueError
+    Without matrices.
+)"};
+
+}  // namespace quorvane::virtualization

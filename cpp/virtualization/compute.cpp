@@ -1,0 +1,154 @@
+#include "virtualization/compute.hpp"
+
+#include <algorithm>
+#include <limits>
+
+#include "capi/array_view.hpp"
+#include "virtualization/item_recording.hpp"
+#include "virtualization/parent_day.hpp"
+#include "virtualization/shortcuts/inert_run.hpp"
+#include "virtualization/shortcuts/metadata_memory.hpp"
+
+namespace quorvane::virtualization {
+
+namespace {
+
+using capi::Parameter;
+using capi::positional;
+
+constexpr Parameter compute_parameters[] = {
+    positional("self"),       positional("args"),
+    positional("nan_masks"),  positional("combined_nan_mask"),
+    positional("output_buf"), positional("N"),
+};
+
+// What one call of compute was given.
+struct Day {
+    PyObject* self;
+    PyObject* args;
+    PyObject* nan_masks;
+    PyObject* combined_nan_mask;
+    PyObject* output_buf;
+    PyObject* N;
+};
+
+Ref refresh_structures(const State& state, const Day& day) {
+    const Ref space_input = item(day.args, state.zero.get());
+    const Ref structure_inputs = capi::slice_of(day.args, state.one.get(), Py_None);
+    return call_method(day.self, state.names.refresh_active_structures, space_input.get(),
+                       structure_inputs.get(), day.nan_masks, day.combined_nan_mask, day.N);
+}
+
+// self.<name>.fill(np.nan)
+void fill_with_nan(const State& state, PyObject* self, PyObject* name) {
+    const Ref row = attr(self, name);
+    const auto view = capi::writable_vector<double>(row.get());
+    if (view && view.contiguous() && state.pristine.numpy_holds(state)) {
+        const auto values = view.span();
+        std::fill(values.begin(), values.end(), std::numeric_limits<double>::quiet_NaN());
+        return;
+    }
+    const Ref fill = attr(row.get(), state.names.fill);
+    call(fill.get(), state.numpy(state.names.nan).get());
+}
+
+void deactivate(const State& state, PyObject* entry) {
+    const Names& names = state.names;
+    if (!PyDict_CheckExact(entry)) {
+        call_method(entry, names.clear);
+        set_item(entry, names.active, Py_False);
+    } else if (!says_only_inactive(state, entry)) {
+        PyDict_Clear(entry);
+        require(PyDict_SetItem(entry, names.active, Py_False));
+    }
+}
+
+// Every slot's metadata is emptied in place and says inactive.
+void deactivate_slots(const State& state, PyObject* self) {
+    capi::Iteration entries(attr(self, state.names.metadata_by_slot).get());
+    while (const Ref entry = entries.next()) deactivate(state, entry.get());
+}
+
+// Records what it can without Python; the slots are reset by then in any case.
+Py_ssize_t record_inertly(const State& state, const Day& day, PlainRotation& plain,
+                          const DayMasks& masks, PyObject* structures) {
+    InertRun run(state, plain, masks, structures, state.memories->of(day.self));
+    if (run.is_possible() && run.may_postpone_reset()) return run.record();
+    deactivate_slots(state, day.self);
+    return run.is_possible() && run.adopt_reset_slots() ? run.record() : 0;
+}
+
+// Resets every slot and records every item, in order.
+void record_structures(const State& state, const Day& day, PyObject* structures) {
+    const DayMasks masks{day.nan_masks, day.combined_nan_mask, day.N};
+    PlainRotation plain(state, day.self);
+    const Py_ssize_t recorded = record_inertly(state, day, plain, masks, structures);
+    capi::Iteration items(structures, recorded);
+    while (const Ref raw = items.next()) record_item(state, day.self, plain, masks, raw.get());
+}
+
+// Only an empty report skips the children, and only where the subclass asked for that.
+bool skips_children(const State& state, PyObject* self, PyObject* structures) {
+    if (capi::truth(structures)) return false;
+    const Ref call_anyway = capi::optional_attr(self, state.names.call_child_on_empty);
+    return call_anyway && !capi::truth(call_anyway.get());
+}
+
+void run_children(const State& state, PyObject* self) {
+    const Names& names = state.names;
+    const Ref parent_context = attr(self, names.current_parent_context);
+    const Ref day_index = day_index_of(state, parent_context.get());
+    const Ref child_context =
+        call_method(self, names.make_child_context, parent_context.get(), day_index.get());
+    const Ref run_chain = attr(self, names.run_child_chain);
+    const Ref output =
+        call(run_chain.get(), attr(self, names.txi_input).get(), child_context.get());
+    set_attr(self, names.txi_output, output.get());
+}
+
+void write_output(const State& state, const Day& day) {
+    const Names& names = state.names;
+    const Ref unmap = attr(day.self, names.unmap);
+    call(unmap.get(), attr(day.self, names.txi_output).get(), day.output_buf, day.N);
+    call_method(day.self, names.record_trace, day.output_buf, day.N);
+}
+
+Ref compute(State& state, PyObject* const* values) {
+    const Day day{values[0], values[1], values[2], values[3], values[4], values[5]};
+    const Ref structures = refresh_structures(state, day);
+    fill_with_nan(state, day.self, state.names.txi_input);
+    record_structures(state, day, structures.get());
+    if (skips_children(state, day.self, structures.get())) {
+        fill_with_nan(state, day.self, state.names.txi_output);
+    } else {
+        run_children(state, day.self);
+    }
+    write_output(state, day);
+    return state.zero.share();
+}
+
+}  // namespace
+
+const capi::FunctionDef compute_def{"compute", compute_parameters, capi::body_of<State, compute>,
+                                    R"(Compute one day; the framework calls it inside a call.
+
+Parameters
+----------
+args : sequence
+    The day's inputs, the instrument-space input first.
+nan_masks : sequence of mask
+    One NaN mask of at least N entries per input.
+combined_nan_mask : mask
+    Their combination.
+output_buf : ndarray of float64
+    Gets the day's output in its first N entries.
+N : int
+    The live instrument count.
+
+Returns
+-------
+int
+    0.
+)"};
+
+}  // namespace quorvane::virtualization
