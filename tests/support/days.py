@@ -344,6 +344,56 @@ def edit_metadata(rotation):
         entry["edited"] = True
 
 
+def edit_held_metadata(rotation):
+    for entry in getattr(rotation, "held", []):
+        entry["active"] = "held"
+
+
+def release_metadata(rotation):
+    rotation.held = None
+
+
+def swap_metadata(rotation):
+    rotation._metadata_by_slot.reverse()
+
+
+def repeat_metadata(rotation):
+    rotation._metadata_by_slot[-1] = rotation._metadata_by_slot[0]
+
+
+def equal_metadata(rotation):
+    rotation._metadata_by_slot[:] = [dict(entry) for entry in rotation._metadata_by_slot]
+
+
+def inactive_metadata(rotation):
+    for entry in rotation._metadata_by_slot:
+        entry.clear()
+        entry["active"] = False
+
+
+def swap_slots(rotation):
+    swapped = list(rotation.slot_by_key.values())[::-1]
+    rotation.slot_by_key.update(zip(rotation.slot_by_key, swapped, strict=True))
+
+
+def swap_legs(rotation):
+    table = rotation._legs_by_slot
+    table.update(zip(table, list(table.values())[::-1], strict=True))
+
+
+def run_a_copy(rotation):
+    """Run a day of a shallow copy, which works on the very same tables."""
+    copied = copy.copy(rotation)
+    copied.items = [{"key": ("b",), "legs": ((4, 1.0), (0, 2.0)), "value": 8.0}]
+    copied.compute((None,), (), np.zeros(6), np.zeros(6), 6)
+
+
+def run_a_deep_copy(rotation):
+    copied = copy.deepcopy(rotation)
+    copied.items = [{"key": ("b",), "legs": ((4, 1.0),), "value": 8.0}]
+    copied.compute((None,), (), np.zeros(6), np.zeros(6), 6)
+
+
 def short_metadata(rotation):
     del rotation._metadata_by_slot[-1:]
 
@@ -432,6 +482,16 @@ CHANGES = [
     share_metadata,
     hold_metadata,
     edit_metadata,
+    edit_held_metadata,
+    release_metadata,
+    swap_metadata,
+    repeat_metadata,
+    equal_metadata,
+    inactive_metadata,
+    swap_slots,
+    swap_legs,
+    run_a_copy,
+    run_a_deep_copy,
     short_metadata,
     replace_input,
     int_input,

@@ -329,6 +329,16 @@ def place_replaced_legs_deletion(rotation, trigger):
     rotation._legs_by_slot[1] = [Deleted(trigger)]
 
 
+def place_replaced_key_deletion(rotation, trigger):
+    rotation.key_by_slot[3] = Deleted(trigger)
+    rotation.items.insert(0, {"key": ("new",), "legs": ((5, 1.0),), "value": 4.0})
+
+
+def place_replaced_key_deletion_at_the_end(rotation, trigger):
+    rotation.key_by_slot[3] = Deleted(trigger)
+    rotation.items.append({"key": ("new",), "legs": ((5, 1.0),), "value": 4.0})
+
+
 def place_fill(rotation, trigger):
     rotation._txi_input = watched(WatchedArray, trigger, rotation._txi_input)
 

@@ -340,6 +340,21 @@ def assert_same(scenario, **overrides):
 
 # Edits of the item list that the hook reports again
 
+
+@st.composite
+def bare_item_specs(draw):
+    """Draw one well-formed item without metadata, as a rotation reports it day after day."""
+    fields = {"key": draw(plain_keys), "legs": draw(kept_legs), "value": draw(plain_values)}
+    return draw(st.sampled_from(["dict", "dict", "record"])), fields
+
+
+steady_changes = st.sampled_from(
+    [None] * 12
+    + ["hold_metadata", "edit_held_metadata", "release_metadata", "swap_metadata"] * 2
+    + ["repeat_metadata", "equal_metadata", "inactive_metadata", "swap_slots", "swap_legs"] * 2
+    + sorted(days.CHANGES_BY_NAME)
+)
+
 ITEM_EDITS = {
     "nothing": lambda items: None,
     "legs list edited": lambda items: legs_of(items).append((3, 0.25)),
@@ -481,6 +496,49 @@ def reused_items_log(base, specs, edits):
         log.append(days.outcome(rotation, row))
         log.append(days.freeze(vars(rotation)))
         log.append(days.outcome(ITEM_EDITS[edit], items))
+        if change is not None:
+            log.append(days.outcome(days.CHANGES_BY_NAME[change], rotation))
+    return log
+
+
+@effort(150)
+@given(
+    st.lists(bare_item_specs(), min_size=1, max_size=5),
+    st.lists(
+        st.tuples(
+            st.lists(st.integers(0, 4), max_size=5),
+            st.sampled_from([None, None, None, 0, 1, 5]),
+            st.sampled_from(["nothing"] * 8 + sorted(ITEM_EDITS)),
+            steady_changes,
+        ),
+        min_size=2,
+        max_size=10,
+    ),
+)
+def test_steady_days_are_the_same(specs, plan):
+    """The same few items in changing selections, so that whatever is kept of yesterday is used."""
+    logs = [steady_log(base, specs, plan) for base in both()]
+    for position, (native, twin) in enumerate(zip(*logs, strict=True)):
+        assert native == twin, f"entry {position} of the log"
+
+
+def steady_log(base, specs, plan):
+    rotation = days.day_rotation_class(base)(
+        max_structures=5,
+        N_alloc=6,
+        transformation_expression="none",
+        child_rotations=[days.build_child("fill", 5)],
+    )
+    pool = [days.build_item(base, spec) for spec in specs]
+    log = []
+    for chosen, missing, edit, change in plan:
+        rotation.items = [pool[index % len(pool)] for index in chosen]
+        row = np.ones(rotation._n_alloc)
+        if missing is not None:
+            row[missing] = NAN
+        log.append(days.outcome(rotation, row))
+        log.append(days.freeze(vars(rotation)))
+        log.append(days.outcome(ITEM_EDITS[edit], rotation.items))
         if change is not None:
             log.append(days.outcome(days.CHANGES_BY_NAME[change], rotation))
     return log
