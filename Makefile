@@ -6,6 +6,8 @@
 #   make coverage    line and branch coverage of the C++, report in build/coverage/report
 #   make asan        the tests under the address and undefined-behaviour sanitizers
 #   make tidy        clang-tidy over the C++
+#   make bench       every promise about speed and memory, measured: table, JSON and picture
+#   make bench-instructions   instructions per structure, counted by callgrind
 #   make dist-test   build and test with the distribution's Python and NumPy, without pip
 #   make clean       remove what was built; `make distclean` removes $(VENV) too
 #
@@ -35,7 +37,7 @@ SOURCES := CMakeLists.txt README.md LICENSE \
 CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
 STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
 
-.PHONY: demo test lint types check format coverage asan tidy dist-test clean distclean python-matches
+.PHONY: demo test lint types check format coverage asan tidy bench bench-instructions dist-test clean distclean python-matches
 .DELETE_ON_ERROR:
 
 demo: $(WHEEL_READY) $(DEMO_READY)
@@ -88,6 +90,12 @@ tidy: $(TEST_READY)
 	command -v clang-tidy >/dev/null || $(PY) -m pip install -qq clang-tidy
 	cmake --preset tidy -DPython_EXECUTABLE=$(PY)
 	cmake --build --preset tidy
+
+bench: $(WHEEL_READY) $(TEST_READY)
+	$(PY) benchmarks/bench_days.py --json build/bench/days.json --picture build/bench/days.png
+
+bench-instructions: $(WHEEL_READY) $(TEST_READY)
+	benchmarks/count_instructions.sh $(PY)
 
 # Nothing of $(VENV) may be seen here, its cmake and ninja included.
 dist-test: export PATH := /usr/local/bin:/usr/bin:/bin

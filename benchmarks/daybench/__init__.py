@@ -1,0 +1,1 @@
+"""What `bench_days.py` measures, one idea per file."""

@@ -1,0 +1,108 @@
+"""Paired timing: both sides in turn, in one process, and the ratio of each pair.
+
+What two runs on a shared machine have in common (frequency, neighbours, memory layout) they have
+in common within a pair, so the ratios of pairs scatter less than the times do. Time is CPU time of
+the process by default: on a busy machine the slow side would otherwise be charged for its waiting
+and the fast side would not.
+"""
+
+import contextlib
+import gc
+import statistics
+import time
+from collections.abc import Callable
+from dataclasses import dataclass, field
+
+CLOCKS = {"cpu": time.process_time_ns, "wall": time.perf_counter_ns}
+
+
+@dataclass
+class Settings:
+    """How long to measure: one comparison, and within it one turn of one side."""
+
+    clock: str = "cpu"
+    collect_garbage: bool = False
+    max_pairs: int = 21
+    min_pairs: int = 5
+    compare_seconds: float = 8.0
+    block_seconds: float = 0.02
+    max_calls: int = 100
+    clock_cost: float = field(init=False, default=0.0)
+
+    def __post_init__(self):
+        read = CLOCKS[self.clock]
+        costs = [-read() + read() for _ in range(2001)]
+        self.clock_cost = statistics.median(costs) * 1e-9
+
+
+@dataclass
+class Side:
+    """One of the two things compared: `prepare` is not timed, `call` is. Either may be changed."""
+
+    call: Callable[[], object]
+    prepare: Callable[[], object] = lambda: None
+
+
+@dataclass
+class Comparison:
+    """Median ratio peer / ours of all pairs with its quartiles, and the median times in seconds."""
+
+    ratio: float
+    low: float
+    high: float
+    ours: float
+    peer: float
+    pairs: int
+
+
+def compare(ours: Side, peer: Side, settings: Settings) -> Comparison:
+    """Time the two sides in turn, as many pairs as the settings' time allows."""
+    with _garbage_collection(settings.collect_garbage):
+        first_ours, first_peer = (_block(side, 3, settings) for side in (ours, peer))
+        calls = [_calls(seconds, settings) for seconds in (first_ours, first_peer)]
+        expected = calls[0] * first_ours + calls[1] * first_peer
+        pairs = int(settings.compare_seconds / max(expected, 1e-9))
+        pairs = min(max(pairs, settings.min_pairs), settings.max_pairs)
+        times = [_pair(ours, peer, calls, i % 2 == 1, settings) for i in range(pairs)]
+    ratios = [slow / fast for fast, slow in times]
+    low, middle, high = statistics.quantiles(ratios, n=4, method="inclusive")
+    our_time, peer_time = (statistics.median(column) for column in zip(*times, strict=True))
+    return Comparison(middle, low, high, our_time, peer_time, pairs)
+
+
+def _pair(ours, peer, calls, peer_first, settings):
+    """Both sides' time of one pair; who begins changes from pair to pair."""
+    if peer_first:
+        slow = _block(peer, calls[1], settings)
+        return _block(ours, calls[0], settings), slow
+    return _block(ours, calls[0], settings), _block(peer, calls[1], settings)
+
+
+def _block(side, calls, settings):
+    """Median seconds of one call over a turn of `calls` calls."""
+    read, prepare, call = CLOCKS[settings.clock], side.prepare, side.call
+    times = []
+    for _ in range(calls):
+        prepare()
+        start = read()
+        call()
+        times.append(read() - start)
+    return max(statistics.median(times) * 1e-9 - settings.clock_cost, 1e-9)
+
+
+def _calls(seconds, settings):
+    return min(max(int(settings.block_seconds / seconds), 1), settings.max_calls)
+
+
+@contextlib.contextmanager
+def _garbage_collection(wanted):
+    """Collect once, then leave the collector on or off while it lasts."""
+    was_enabled = gc.isenabled()
+    gc.collect()
+    if not wanted:
+        gc.disable()
+    try:
+        yield
+    finally:
+        if was_enabled:
+            gc.enable()
