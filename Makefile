@@ -37,7 +37,8 @@ SOURCES := CMakeLists.txt README.md LICENSE \
 CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
 STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
 
-.PHONY: demo test lint types check format coverage asan tidy bench bench-instructions dist-test clean distclean python-matches
+.PHONY: demo test lint types check format coverage asan tidy bench bench-instructions \
+    dist-test clean distclean python-matches
 .DELETE_ON_ERROR:
 
 demo: $(WHEEL_READY) $(DEMO_READY)
