@@ -10,7 +10,7 @@ import time
 from stores.support.samples import durable_store, exactly_equal, numbered_state
 
 KILLS = int(os.environ.get("QUORVANE_KILLS", "200"))
-WRITES_IN_A_LONG_LIFE = 5
+WRITES_IN_A_LONG_LIFE = 3
 
 
 def last_acknowledged(notes):

@@ -243,6 +243,30 @@ def test_after_damage_older_versions_load_and_the_next_write_is_read(path):
     assert numbers(store) == [3, 2, 1]
 
 
+def test_versions_that_changed_places_are_noticed(path):
+    store = SqliteStore(path)
+    for number in (1, 2, 3):
+        store.write("rotation", {"number": number})
+    sql(path, "UPDATE records SET version = 9 WHERE version = 1")
+    sql(path, "UPDATE records SET version = 1 WHERE version = 2")
+    sql(path, "UPDATE records SET version = 2 WHERE version = 9")
+    for version in (1, 2):
+        with pytest.raises(RecordDamagedError, match=f"version {version} of record"):
+            store.load("rotation", version)
+    assert store.read("rotation") == {"number": 3}
+
+
+@pytest.mark.parametrize("table", ["records", "heads"])
+def test_numbers_of_lost_versions_are_not_used_again(path, table):
+    store = SqliteStore(path)
+    for number in (1, 2):
+        store.write("rotation", {"number": number})
+    sql(path, f"DELETE FROM {table}")
+    store.write("rotation", {"number": 3})
+    assert numbers(store)[0] == 3
+    assert store.read("rotation") == {"number": 3}
+
+
 def test_damage_to_one_name_leaves_the_others(path):
     store = SqliteStore(path)
     for name in ("a", "b"):

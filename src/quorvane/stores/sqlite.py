@@ -91,7 +91,13 @@ class SqliteStore(RecordStore):
         return f"SqliteStore({str(self._file.path)!r}, namespace={self._namespace!r})"
 
     def write(self, name: str, state: object) -> None:
-        """Keep `state` as the next version of `name`; see `RecordStore.write`."""
+        """Keep `state` as the next version of `name`; see `RecordStore.write`.
+
+        Raises
+        ------
+        RecordDamagedError, StoreFormatError
+            The file is damaged so far that SQLite cannot write to it.
+        """
         check_text(name, "name")
         payload = pack(state)
         what = f"write record {name!r} of {self!r}"

@@ -12,7 +12,6 @@ in the metadata. The reader shares those tuples, which only ``is`` can tell.
 from __future__ import annotations
 
 from collections.abc import Callable, Iterable
-from dataclasses import dataclass
 from itertools import chain, compress
 from operator import is_, itemgetter
 from types import NoneType
@@ -88,14 +87,6 @@ class CannotKeepError(Exception):
     """
 
 
-@dataclass(frozen=True)
-class _TupleColumn:
-    """A tuple column that later ones may refer to."""
-
-    values: list[Any]
-    node: Node
-
-
 class _Columns:
     """Writes columns and counts their values.
 
@@ -113,8 +104,8 @@ class _Columns:
         self._state = state
         self._compact = compact
         self._known_acyclic = False
-        self._tuple_columns: list[_TupleColumn] = []
-        # Where to look among them. A number may be outdated, so what it leads to is compared.
+        self._tuple_columns: list[list[Any]] = []
+        # Those that later ones may refer to, by length and last value and by how they are written.
         self._numbers_by_last: dict[tuple[int, int], list[int]] = {}
         self._number_by_node: dict[Node, int] = {}
         # The list and dict columns between the root and here: a cycle comes back to one of them.
@@ -187,25 +178,25 @@ class _Columns:
         number = self._same_objects(values)
         if number is not None:
             return (int(Code.SAME), number)
-        columns_before, values_before = len(self._tuple_columns), self.values
+        values_before = self.values
         node = self._tuple_node(values, depth)
-        number = self._same_node(node)
+        number = self._number_by_node.get(node)
         if number is not None:
-            # The reader never sees what was inside, so nothing of it counts.
-            del self._tuple_columns[columns_before:]
+            # Nothing inside was new, or it could not have been written the same; and the reader
+            # never sees it, so nothing of it counts.
             self.values = values_before
             return (int(Code.SAME), number)
-        self._note(_TupleColumn(values, node))
+        self._note(values, node)
         return node
 
-    def _note(self, column: _TupleColumn) -> None:
+    def _note(self, values: list[tuple[Any, ...]], node: Node) -> None:
         """Number a column as the reader will, and remember it if others may refer to it."""
         number = len(self._tuple_columns)
-        self._tuple_columns.append(column)
-        if self._compact and _is_immutable(column.node):
-            last = (len(column.values), id(column.values[-1]))
+        self._tuple_columns.append(values)
+        if self._compact and _is_immutable(node):
+            last = (len(values), id(values[-1]))
             self._numbers_by_last.setdefault(last, []).append(number)
-            self._number_by_node[column.node] = number
+            self._number_by_node[node] = number
 
     def _tuple_node(self, values: list[tuple[Any, ...]], depth: int) -> Node:
         lengths = set(map(len, values))
@@ -221,17 +212,8 @@ class _Columns:
     def _same_objects(self, values: list[tuple[Any, ...]]) -> int | None:
         """Return the number of an immutable column of these very tuples, if there is one."""
         for number in self._numbers_by_last.get((len(values), id(values[-1])), ()):
-            if number < len(self._tuple_columns):
-                others = self._tuple_columns[number].values
-                if len(others) == len(values) and all(map(is_, others, values)):
-                    return number
-        return None
-
-    def _same_node(self, node: Node) -> int | None:
-        """Return the number of an immutable column that was written just like `node`."""
-        number = self._number_by_node.get(node, len(self._tuple_columns))
-        if number < len(self._tuple_columns) and self._tuple_columns[number].node == node:
-            return number
+            if all(map(is_, self._tuple_columns[number], values)):
+                return number
         return None
 
     def _lists(self, values: list[list[Any]], depth: int) -> Node:
