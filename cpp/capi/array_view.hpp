@@ -68,9 +68,14 @@ VectorView<const T> readable_vector(PyObject* object) noexcept {
     return detail::view_of<const T>(object, type_number_of<T>, NPY_ARRAY_ALIGNED);
 }
 
-// The same, and it can be written.
+// True of what np.broadcast_arrays gives: writing to it still works, with a warning. NumPy keeps
+// this in the highest bit of the flags and gives the bit no public name.
+inline bool warns_on_write(PyArrayObject* array) noexcept { return PyArray_FLAGS(array) < 0; }
+
+// The same, and it can be written without NumPy having anything to say about it.
 template <class T>
 VectorView<T> writable_vector(PyObject* object) noexcept {
+    if (PyArray_CheckExact(object) && warns_on_write(as_array(object))) return {};
     return detail::view_of<T>(object, type_number_of<T>, NPY_ARRAY_ALIGNED | NPY_ARRAY_WRITEABLE);
 }
 

@@ -32,6 +32,10 @@ inline unsigned int version_of(PyTypeObject* type) noexcept {
     return type->tp_version_tag;
 }
 
+// From Python 3.13 on an instance's own dictionary may be a view of values inside the instance, and
+// its watchers are not told of every change of them. Such a dictionary must be looked into instead.
+inline constexpr bool instance_dicts_tell_changes = PY_VERSION_HEX < 0x030D0000;
+
 class ChangeWatch {
 public:
     explicit ChangeWatch(const DictWatcher& watcher) : watcher_(&watcher) {}

@@ -3,18 +3,20 @@
 namespace quorvane::capi {
 
 ClassBuilder::ClassBuilder(const FunctionHome& home, const char* name, const Ref& base)
-    : home_(home), name_(name), bases_(make_tuple(base.get())) {
-    prepare(bases_);
+    : home_(home), name_(name), given_bases_(make_tuple(base.get())) {
+    prepare();
 }
 
 ClassBuilder::ClassBuilder(const FunctionHome& home, const char* name)
-    : home_(home), name_(name), bases_(make_tuple()) {
-    prepare(bases_);
+    : home_(home), name_(name), given_bases_(make_tuple()) {
+    prepare();
 }
 
-void ClassBuilder::prepare(const Ref& bases) {
+void ClassBuilder::prepare() {
+    const Ref resolve_bases = import_from("types", "resolve_bases");
+    bases_ = call(resolve_bases.get(), given_bases_.get());
     const Ref prepare_class = import_from("types", "prepare_class");
-    const Ref prepared = call(prepare_class.get(), make_str(name_).get(), bases.get());
+    const Ref prepared = call(prepare_class.get(), make_str(name_).get(), bases_.get());
     metaclass_ = Ref::borrow(PyTuple_GET_ITEM(prepared.get(), 0));
     namespace_ = Ref::borrow(PyTuple_GET_ITEM(prepared.get(), 1));
     keywords_ = Ref::borrow(PyTuple_GET_ITEM(prepared.get(), 2));
@@ -49,14 +51,34 @@ ClassBuilder& ClassBuilder::property(const FunctionDef& definition) {
 }
 
 Ref ClassBuilder::class_cell() {
-    Ref cell = require(PyCell_New(nullptr));
-    set("__classcell__", cell.get());
-    return cell;
+    class_cell_ = require(PyCell_New(nullptr));
+    set("__classcell__", class_cell_.get());
+    return class_cell_.share();
 }
 
 Ref ClassBuilder::build() {
-    const Ref arguments = make_tuple(make_str(name_).get(), bases_.get(), namespace_.get());
-    return require(PyObject_Call(metaclass_.get(), arguments.get(), keywords_.get()));
+    if (bases_.get() != given_bases_.get()) set("__orig_bases__", given_bases_.get());
+    const Ref name = make_str(name_);
+    const Ref arguments = make_tuple(name.get(), bases_.get(), namespace_.get());
+    Ref made = require(PyObject_Call(metaclass_.get(), arguments.get(), keywords_.get()));
+    if (class_cell_) check_cell(name.get(), made.get());
+    return made;
+}
+
+// The errors of a class statement whose metaclass lost or changed the cell.
+void ClassBuilder::check_cell(PyObject* name, PyObject* made) const {
+    const Ref content = Ref::steal(PyCell_Get(class_cell_.get()));
+    if (!PyType_Check(made) || content.get() == made) return;
+    if (!content) {
+        PyErr_Format(PyExc_RuntimeError,
+                     "__class__ not set defining %.200R as %.200R. Was __classcell__ propagated to "
+                     "type.__new__?",
+                     name, made);
+    } else {
+        PyErr_Format(PyExc_TypeError, "__class__ set to %.200R defining %.200R as %.200R",
+                     content.get(), name, made);
+    }
+    throw PythonError();
 }
 
 Ref ClassBuilder::function(const FunctionDef& definition) {

@@ -32,13 +32,14 @@ public:
     Ref build();
 
 private:
-    void prepare(const Ref& bases);
+    void prepare();
+    void check_cell(PyObject* name, PyObject* made) const;
     Ref function(const FunctionDef& definition);
     void set(const char* name, PyObject* value);
 
     const FunctionHome& home_;
     const char* name_;
-    Ref bases_, metaclass_, namespace_, keywords_;
+    Ref given_bases_, bases_, metaclass_, namespace_, keywords_, class_cell_;
 };
 
 }  // namespace quorvane::capi

@@ -63,7 +63,7 @@ int guarded_status(Body&& body) noexcept {
     }
 }
 
-// Takes the current error out of the interpreter; restore() puts the very same one back.
+// Takes the current error out of the interpreter; rethrow() puts the very same one back.
 class FetchedError {
 public:
     FetchedError();

@@ -7,8 +7,9 @@
 namespace quorvane::capi {
 
 // A module with multi-phase initialisation whose state is a C++ object: State(PyObject* module)
-// binds the module's names in order, State::traverse(visitproc, void*) shows its objects to the
-// garbage collector. The state lives as long as the module, which every function of it keeps alive.
+// makes it, State::execute() then runs the module's body, which may fail, and
+// State::traverse(visitproc, void*) shows its objects to the garbage collector. The state lives as
+// long as the module, which every function of it keeps alive.
 //
 // There is no m_clear: the classes in the module's dictionary break every cycle that goes through
 // the state, and functions may run until the very end.
@@ -38,8 +39,12 @@ private:
     }
 
     static int execute(PyObject* module) {
-        return guarded_status(
-            [&] { state_of(module) = std::make_unique<State>(module).release(); });
+        return guarded_status([&] {
+            // The state belongs to the module before its body runs: a body that fails may leave
+            // functions behind, which keep the module and with it the state alive.
+            state_of(module) = std::make_unique<State>(module).release();
+            state_of(module)->execute();
+        });
     }
 
     static int traverse(PyObject* module, visitproc visit, void* argument) {

@@ -24,6 +24,8 @@ struct NativeFunction {
     PyObject* qualified_name;
     PyObject* doc;
     PyObject* text_signature;
+    PyObject* module_name;
+    PyObject* annotations;
     PyObject* dict;
     PyObject* weak_references;
     alignas(Content) std::byte content[sizeof(Content)];
@@ -79,12 +81,18 @@ PyObject* reduce(PyObject* self, PyObject* /*unused*/) {
 
 int traverse(PyObject* self, visitproc visit, void* arg) {
     Py_VISIT(Py_TYPE(self));
+    Py_VISIT(function_of(self).doc);
+    Py_VISIT(function_of(self).module_name);
+    Py_VISIT(function_of(self).annotations);
     Py_VISIT(function_of(self).dict);
     Py_VISIT(content_of(self).module.get());
     return 0;
 }
 
 int clear(PyObject* self) {
+    Py_CLEAR(function_of(self).doc);
+    Py_CLEAR(function_of(self).module_name);
+    Py_CLEAR(function_of(self).annotations);
     Py_CLEAR(function_of(self).dict);
     return 0;
 }
@@ -94,8 +102,9 @@ void deallocate(PyObject* self) {
     NativeFunction& function = function_of(self);
     if (function.weak_references != nullptr) PyObject_ClearWeakRefs(self);
     const Ref type = Ref::steal(reinterpret_cast<PyObject*>(Py_TYPE(self)));
-    for (PyObject** member : {&function.name, &function.qualified_name, &function.doc,
-                              &function.text_signature, &function.dict}) {
+    for (PyObject** member :
+         {&function.name, &function.qualified_name, &function.doc, &function.text_signature,
+          &function.module_name, &function.annotations, &function.dict}) {
         Ref::steal(std::exchange(*member, nullptr));
     }
     content_of(self).~Content();
@@ -103,10 +112,9 @@ void deallocate(PyObject* self) {
 }
 
 PyMemberDef members[] = {
-    {"__name__", T_OBJECT, offsetof(NativeFunction, name), 0, nullptr},
-    {"__qualname__", T_OBJECT, offsetof(NativeFunction, qualified_name), 0, nullptr},
     {"__doc__", T_OBJECT, offsetof(NativeFunction, doc), 0, nullptr},
     {"__text_signature__", T_OBJECT, offsetof(NativeFunction, text_signature), READONLY, nullptr},
+    {"__annotations__", T_OBJECT, offsetof(NativeFunction, annotations), 0, nullptr},
     {"__vectorcalloffset__", T_PYSSIZET, offsetof(NativeFunction, vectorcall), READONLY, nullptr},
     {"__dictoffset__", T_PYSSIZET, offsetof(NativeFunction, dict), READONLY, nullptr},
     {"__weaklistoffset__", T_PYSSIZET, offsetof(NativeFunction, weak_references), READONLY,
@@ -114,10 +122,39 @@ PyMemberDef members[] = {
     {nullptr, 0, 0, 0, nullptr},
 };
 
+// A name is always there and always a string, as it is of a function.
+template <PyObject* NativeFunction::* name>
+PyObject* get_name(PyObject* self, void* /*closure*/) {
+    return Py_NewRef(function_of(self).*name);
+}
+
+template <PyObject* NativeFunction::* name>
+int set_name(PyObject* self, PyObject* value, void* closure) {
+    if (value == nullptr || !PyUnicode_Check(value)) {
+        PyErr_Format(PyExc_TypeError, "%s must be set to a string object",
+                     static_cast<const char*>(closure));
+        return -1;
+    }
+    const Ref old = Ref::steal(std::exchange(function_of(self).*name, Py_NewRef(value)));
+    return 0;
+}
+
+// The text is only read: getset tables want it without const.
+char name_attribute[] = "__name__";
+char qualified_name_attribute[] = "__qualname__";
+
 PyGetSetDef properties[] = {
+    {name_attribute, get_name<&NativeFunction::name>, set_name<&NativeFunction::name>, nullptr,
+     name_attribute},
+    {qualified_name_attribute, get_name<&NativeFunction::qualified_name>,
+     set_name<&NativeFunction::qualified_name>, nullptr, qualified_name_attribute},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
+
+// Put into the type's dictionary by hand: making a type from a specification writes its own there.
+PyMemberDef module_member = {"__module__", T_OBJECT, offsetof(NativeFunction, module_name), 0,
+                             nullptr};
 
 PyMethodDef methods[] = {
     {"__reduce__", reduce, METH_NOARGS, nullptr},
@@ -149,10 +186,22 @@ Ref make_native_function_type(PyObject* module) {
         static_cast<int>(sizeof(NativeFunction)),
         0,
         Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
-            Py_TPFLAGS_METHOD_DESCRIPTOR | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+            Py_TPFLAGS_METHOD_DESCRIPTOR | Py_TPFLAGS_DISALLOW_INSTANTIATION |
+            Py_TPFLAGS_IMMUTABLETYPE,
         slots,
     };
-    return require(PyType_FromModuleAndSpec(module, &spec, nullptr));
+    Ref type = require(PyType_FromModuleAndSpec(module, &spec, nullptr));
+    auto* heap_type = reinterpret_cast<PyTypeObject*>(type.get());
+    const Ref descriptor = require(PyDescr_NewMember(heap_type, &module_member));
+    require(PyDict_SetItemString(heap_type->tp_dict, "__module__", descriptor.get()));
+    PyType_Modified(heap_type);
+    return type;
+}
+
+bool is_native_function(PyObject* object, PyObject* type, const FunctionDef& definition,
+                        const void* state) noexcept {
+    return Py_IS_TYPE(object, reinterpret_cast<PyTypeObject*>(type)) &&
+           content_of(object).definition == &definition && content_of(object).state == state;
 }
 
 Ref make_native_function(PyObject* type, const FunctionDef& definition, PyObject* module,
@@ -162,8 +211,8 @@ Ref make_native_function(PyObject* type, const FunctionDef& definition, PyObject
     Ref qualified_name = require(PyUnicode_FromFormat("%s.%s", owner, definition.name));
     Ref text = make_str(signature.text().c_str());
     Ref doc = definition.doc != nullptr ? make_str(definition.doc) : none();
+    Ref annotations = make_dict();
     Ref dict = make_dict();
-    require(PyDict_SetItemString(dict.get(), "__module__", module_name));
 
     auto* heap_type = reinterpret_cast<PyTypeObject*>(type);
     auto* function = PyObject_GC_New(NativeFunction, heap_type);
@@ -173,6 +222,8 @@ Ref make_native_function(PyObject* type, const FunctionDef& definition, PyObject
     function->qualified_name = qualified_name.release();
     function->doc = doc.release();
     function->text_signature = text.release();
+    function->module_name = Py_NewRef(module_name);
+    function->annotations = annotations.release();
     function->dict = dict.release();
     function->weak_references = nullptr;
     new (function->content) Content{&definition, state, std::move(signature), Ref::borrow(module)};

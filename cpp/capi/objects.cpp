@@ -28,14 +28,24 @@ Ref to_dict(PyObject* object) {
     return require(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), object));
 }
 
-Ref import_module(const char* name) { return require(PyImport_ImportModule(name)); }
+namespace {
+
+// __import__(name, ..., names): through the builtin, which programs may have replaced.
+Ref run_import(const char* name, PyObject* names) {
+    const Ref hook = item(PyEval_GetBuiltins(), make_str("__import__").get());
+    const Ref level = make_int(0);
+    const Ref globals = make_dict();
+    return call(hook.get(), make_str(name).get(), globals.get(), globals.get(), names, level.get());
+}
+
+}  // namespace
+
+Ref import_module(const char* name) { return run_import(name, Py_None); }
 
 Ref import_from(const char* module, const char* name) {
     // As the statement does: the attribute, else a submodule that is still being imported.
     const Ref key = make_str(name);
-    const Ref wanted = make_tuple(key.get());
-    const Ref imported =
-        require(PyImport_ImportModuleLevel(module, nullptr, nullptr, wanted.get(), 0));
+    const Ref imported = run_import(module, make_tuple(key.get()).get());
     if (Ref found = optional_attr(imported.get(), key.get())) return found;
     const Ref dotted = require(PyUnicode_FromFormat("%s.%s", module, name));
     if (Ref found = Ref::steal(PyImport_GetModule(dotted.get()))) return found;

@@ -145,7 +145,7 @@ Ref make_tuple(const Items&... items) {
 
 inline void append(PyObject* list, PyObject* element) { require(PyList_Append(list, element)); }
 
-// import name: the module itself, also for a dotted name.
+// import name, of a name without dots
 Ref import_module(const char* name);
 
 // from module import name

@@ -81,53 +81,49 @@ std::string Signature::text() const {
     return text + ")";
 }
 
+// In the interpreter's order: positional values, keywords, then what is too many or missing.
 void Signature::bind(Bound& bound, PyObject* qualified_name, PyObject* const* arguments,
                      Py_ssize_t count, PyObject* keyword_names) const {
-    if (var_keyword_ >= 0) {
-        bound.var_keyword = make_dict();
-        bound.values[var_keyword_] = bound.var_keyword.get();
-    }
-    if (keyword_names != nullptr) {
-        // Keywords first, so that a surplus positional argument is told apart from a repeated one.
-        bind_keywords(bound, qualified_name, arguments + count, keyword_names);
-    }
-    bind_positional(bound, qualified_name, arguments, count);
-    fill_defaults(bound, qualified_name);
-}
-
-void Signature::bind_positional(Bound& bound, PyObject* qualified_name, PyObject* const* arguments,
-                                Py_ssize_t count) const {
     const Py_ssize_t taken = count < positional_count_ ? count : positional_count_;
-    for (Py_ssize_t i = 0; i < taken; ++i) {
-        if (bound.values[i] != nullptr) {
-            PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%U'",
-                         qualified_name, names_[i].get());
-            throw PythonError();
-        }
-        bound.values[i] = arguments[i];
-    }
+    for (Py_ssize_t i = 0; i < taken; ++i) bound.values[i] = arguments[i];
     if (var_positional_ >= 0) {
         bound.var_positional = require(PyTuple_New(count - taken));
         for (Py_ssize_t i = taken; i < count; ++i) {
             PyTuple_SET_ITEM(bound.var_positional.get(), i - taken, Py_NewRef(arguments[i]));
         }
         bound.values[var_positional_] = bound.var_positional.get();
-    } else if (count > positional_count_) {
-        raise_too_many(qualified_name, count);
     }
+    if (var_keyword_ >= 0) {
+        bound.var_keyword = make_dict();
+        bound.values[var_keyword_] = bound.var_keyword.get();
+    }
+    if (keyword_names != nullptr) {
+        bind_keywords(bound, qualified_name, arguments + count, keyword_names);
+    }
+    if (count > taken && var_positional_ < 0) raise_too_many(bound, qualified_name, count);
+    fill_defaults(bound, qualified_name);
 }
 
-void Signature::raise_too_many(PyObject* qualified_name, Py_ssize_t count) const {
-    const char* given = count == 1 ? "was" : "were";
-    if (required_count_ < positional_count_) {
-        PyErr_Format(PyExc_TypeError,
-                     "%U() takes from %zd to %zd positional arguments but %zd %s given",
-                     qualified_name, required_count_, positional_count_, count, given);
-    } else {
-        PyErr_Format(PyExc_TypeError, "%U() takes %zd positional argument%s but %zd %s given",
-                     qualified_name, positional_count_, positional_count_ == 1 ? "" : "s", count,
-                     given);
+void Signature::raise_too_many(const Bound& bound, PyObject* qualified_name,
+                               Py_ssize_t count) const {
+    Py_ssize_t keyword_only_given = 0;
+    for (std::size_t i = 0; i < parameters_.size(); ++i) {
+        const bool keyword_only = parameters_[i].kind == Kind::keyword_only;
+        if (keyword_only && bound.values[i] != nullptr) ++keyword_only_given;
     }
+    const bool exact = required_count_ == positional_count_;
+    const Ref takes = require(
+        exact ? PyUnicode_FromFormat("%zd", positional_count_)
+              : PyUnicode_FromFormat("from %zd to %zd", required_count_, positional_count_));
+    const char* plural = exact && positional_count_ == 1 ? "" : "s";
+    const Ref given = require(
+        keyword_only_given == 0
+            ? PyUnicode_FromFormat("%zd %s", count, count == 1 ? "was" : "were")
+            : PyUnicode_FromFormat(
+                  "%zd positional argument%s (and %zd keyword-only argument%s) were", count,
+                  count == 1 ? "" : "s", keyword_only_given, keyword_only_given == 1 ? "" : "s"));
+    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %U given",
+                 qualified_name, takes.get(), plural, given.get());
     throw PythonError();
 }
 
@@ -136,6 +132,11 @@ void Signature::bind_keywords(Bound& bound, PyObject* qualified_name, PyObject* 
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(names); ++i) {
         PyObject* name = PyTuple_GET_ITEM(names, i);
         const Py_ssize_t index = index_of(name);
+        if (index >= 0 && bound.values[index] != nullptr) {
+            PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'",
+                         qualified_name, name);
+            throw PythonError();
+        }
         if (index >= 0) {
             bound.values[index] = values[i];
         } else if (var_keyword_ >= 0) {

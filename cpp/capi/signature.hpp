@@ -52,11 +52,10 @@ public:
               PyObject* keyword_names) const;
 
 private:
-    void bind_positional(Bound& bound, PyObject* qualified_name, PyObject* const* arguments,
-                         Py_ssize_t count) const;
     void bind_keywords(Bound& bound, PyObject* qualified_name, PyObject* const* values,
                        PyObject* names) const;
-    [[noreturn]] void raise_too_many(PyObject* qualified_name, Py_ssize_t count) const;
+    [[noreturn]] void raise_too_many(const Bound& bound, PyObject* qualified_name,
+                                     Py_ssize_t count) const;
     void fill_defaults(Bound& bound, PyObject* qualified_name) const;
     [[nodiscard]] Py_ssize_t index_of(PyObject* name) const;
 

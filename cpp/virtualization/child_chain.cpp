@@ -36,7 +36,8 @@ Ref make_child_context(State& state, PyObject* const* values) {
     const Ref universe_row = attr(self, names.txi_universe_row);
     const Ref mask = call(mask_class.get(), rows.get(), universe_row.get());
     const Ref context_class = state.global(names.VirtualContext);
-    return call(context_class.get(), mask.get(), day_index);
+    return call_with_keywords(context_class.get(), state.current_day_index_keyword.get(),
+                              mask.get(), day_index);
 }
 
 [[noreturn]] void raise_wrong_shape(const State& state, PyObject* self, PyObject* current) {
@@ -74,10 +75,9 @@ Ref run_child_chain(State& state, PyObject* const* values) {
     Ref current = as_float64(state, values[1]);
     capi::Iteration children(attr(self, names.child_rotations).get());
     while (const Ref child = children.next()) {
-        const Ref asarray = state.numpy(names.asarray);
         const Ref output = call_with_keywords(child.get(), state.context_keyword.get(),
                                               current.get(), child_context);
-        current = call_converting(state, asarray.get(), output.get());
+        current = as_float64(state, output.get());
         check_shape(state, self, current.get());
     }
     return copy_as_float64(state, [&] { return current.share(); });

@@ -50,6 +50,7 @@ Ref snapshot_child_states(State& state, PyObject* const* values) {
             if (!capi::has_attr(child.get(), names.get_state)) {
                 reject(state, self, ": child rotations with set_state must also expose get_state");
             }
+            // The function is looked up before the state is asked for, as in an expression.
             const Ref deepcopy = attr(state.global(names.copy).get(), names.deepcopy);
             snapshot = call(deepcopy.get(), call_method(child.get(), names.get_state).get());
         }

@@ -42,8 +42,9 @@ Ref refresh_structures(const State& state, const Day& day) {
 // self.<name>.fill(np.nan)
 void fill_with_nan(const State& state, PyObject* self, PyObject* name) {
     const Ref row = attr(self, name);
+    const bool numpy_holds = state.pristine.numpy_holds(state);
     const auto view = capi::writable_vector<double>(row.get());
-    if (view && view.contiguous() && state.pristine.numpy_holds(state)) {
+    if (view && view.contiguous() && numpy_holds) {
         const auto values = view.span();
         std::fill(values.begin(), values.end(), std::numeric_limits<double>::quiet_NaN());
         return;
@@ -78,13 +79,19 @@ Py_ssize_t record_inertly(const State& state, const Day& day, PlainRotation& pla
     return run.is_possible() && run.adopt_reset_slots() ? run.record() : 0;
 }
 
-// Resets every slot and records every item, in order.
-void record_structures(const State& state, const Day& day, PyObject* structures) {
+// Resets every slot and records every item, in order. Gives the last item back: as a loop variable
+// does, it lives until the day is over, and each item until the next one is there.
+Ref record_structures(const State& state, const Day& day, PyObject* structures) {
     const DayMasks masks{day.nan_masks, day.combined_nan_mask, day.N};
     PlainRotation plain(state, day.self);
     const Py_ssize_t recorded = record_inertly(state, day, plain, masks, structures);
     capi::Iteration items(structures, recorded);
-    while (const Ref raw = items.next()) record_item(state, day.self, plain, masks, raw.get());
+    Ref raw;
+    while (Ref next = items.next()) {
+        raw = std::move(next);
+        record_item(state, day.self, plain, masks, raw.get());
+    }
+    return raw;
 }
 
 // Only an empty report skips the children, and only where the subclass asked for that.
@@ -117,7 +124,7 @@ Ref compute(State& state, PyObject* const* values) {
     const Day day{values[0], values[1], values[2], values[3], values[4], values[5]};
     const Ref structures = refresh_structures(state, day);
     fill_with_nan(state, day.self, state.names.txi_input);
-    record_structures(state, day, structures.get());
+    const Ref last_item = record_structures(state, day, structures.get());
     if (skips_children(state, day.self, structures.get())) {
         fill_with_nan(state, day.self, state.names.txi_output);
     } else {

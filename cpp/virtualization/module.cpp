@@ -91,7 +91,9 @@ State::State(PyObject* module)
       memories(std::make_unique<DayMemories>()),
       module_(module),
       globals_(PyModule_GetDict(module)),
-      function_type_(capi::make_native_function_type(module)) {
+      function_type_(capi::make_native_function_type(module)) {}
+
+void State::execute() {
     bind_imports();
 
     bind("MAX_VIRTUAL_STRUCTURES", make_int(1'000'000).get());
@@ -102,16 +104,15 @@ State::State(PyObject* module)
     bind("_CHILD_ROTATION_ALIASES", make_child_rotation_aliases().get());
     bind("_EXPRESSION_TOKEN_RE", make_expression_token_pattern(*this).get());
 
-    const Ref module_name = require(PyModule_GetNameObject(module));
-    const FunctionHome home{function_type_.get(), module, this, module_name.get()};
+    const Ref module_name = require(PyModule_GetNameObject(module_));
+    const FunctionHome home{function_type_.get(), module_, this, module_name.get()};
     bind("VirtualStructure", make_structure_class(*this, home).get());
+    pristine.remember(*this);
     bind("_VirtualContext", make_context_class(home).get());
     bind("_AllOnesVirtualMask", make_mask_class(home).get());
     const Ref rotation_base = global(capi::Interned("RotationBase"));
     const Ref rotation_class = make_rotation_class(home, rotation_base, rotation_class_cell_);
     bind("VirtualizationBase", rotation_class.get());
-    pristine.remember(*this);
-    remember_steps(rotation_class.get());
 }
 
 State::~State() = default;
@@ -132,31 +133,18 @@ void State::bind(const char* name, PyObject* value) {
     require(PyDict_SetItemString(globals_, name, value));
 }
 
-// A metaclass may have wrapped the functions: what counts is what the class body was given.
-void State::remember_steps(PyObject* rotation_class) {
-    const auto own = [&](PyObject* name) {
-        auto* type = reinterpret_cast<PyTypeObject*>(rotation_class);
-        PyObject* found = PyType_Check(rotation_class) ? _PyType_Lookup(type, name) : nullptr;
-        auto* native = reinterpret_cast<PyTypeObject*>(function_type_.get());
-        return found != nullptr && Py_IS_TYPE(found, native) ? Ref::borrow(found) : Ref();
-    };
-    normalize_step = own(names.normalize_structure);
-    slot_step = own(names.slot_for_key);
-    validity_step = own(names.structure_is_valid);
-}
-
 int State::traverse(visitproc visit, void* arg) const {
     Py_VISIT(function_type_.get());
     Py_VISIT(rotation_class_cell_.get());
-    Py_VISIT(normalize_step.get());
-    Py_VISIT(slot_step.get());
-    Py_VISIT(validity_step.get());
     return pristine.traverse(visit, arg);
 }
 
 Ref State::global(PyObject* name) const {
     if (Ref value = capi::dict_get(globals_, name)) return value;
-    PyErr_Format(PyExc_NameError, "name '%U' is not defined", name);
+    const Ref text = require(PyUnicode_FromFormat("name '%U' is not defined", name));
+    const Ref error = call(PyExc_NameError, text.get());
+    set_attr(error.get(), capi::Interned("name"), name);
+    PyErr_SetObject(PyExc_NameError, error.get());
     throw capi::PythonError();
 }
 

@@ -28,11 +28,13 @@ class DayMemories;
 // global: limits, tables and classes are looked up in the dictionary whenever they are used.
 class State {
 public:
-    // Runs the module's body: binds every name, in order.
     explicit State(PyObject* module);
     State(const State&) = delete;
     State& operator=(const State&) = delete;
     ~State();
+
+    // Runs the module's body: binds every name, in order.
+    void execute();
 
     int traverse(visitproc visit, void* arg) const;
 
@@ -51,6 +53,11 @@ public:
 
     [[nodiscard]] PyObject* globals() const noexcept { return globals_; }
 
+    // True of the very function that the definition makes in this module.
+    [[nodiscard]] bool is_own(PyObject* function, const capi::FunctionDef& definition) const {
+        return capi::is_native_function(function, function_type_.get(), definition, this);
+    }
+
     const Names names;
 
     // Tuples of keyword names, for calls.
@@ -61,7 +68,6 @@ public:
     // What the shortcuts of a day compare with.
     const capi::DictWatcher dict_watcher;
     Pristine pristine;
-    Ref normalize_step, slot_step, validity_step;
 
     // What rotations left of their last day, and the working memory of unmapping. Neither changes
     // any answer; no Python code runs while either is in use.
@@ -71,7 +77,6 @@ public:
 private:
     void bind(const char* name, PyObject* value);
     void bind_imports();
-    void remember_steps(PyObject* rotation_class);
 
     PyObject* module_;   // borrowed: the module owns this state
     PyObject* globals_;  // borrowed: the module's dictionary

@@ -87,9 +87,10 @@ void unmap_slot(const State& state, PyObject* self, PyObject* txi_output, PyObje
 
 // output_buf[:N] = np.nan
 void clear_output(const State& state, PyObject* output_buf, PyObject* N) {
+    const bool numpy_holds = state.pristine.numpy_holds(state);
     const auto view = capi::writable_vector<double>(output_buf);
     const Py_ssize_t live_size = plain_size(N);
-    if (view && live_size >= 0 && state.pristine.numpy_holds(state)) {
+    if (view && live_size >= 0 && numpy_holds) {
         const Py_ssize_t end = std::min(live_size, view.size());
         for (Py_ssize_t i = 0; i < end; ++i) view[i] = std::numeric_limits<double>::quiet_NaN();
         return;

@@ -43,12 +43,15 @@ parameters : dict
 State::State(PyObject* module)
     : zero(capi::make_int(0)),
       one(capi::make_int(1)),
-      abstract_method_required(
-          capi::import_from("quorvane.functions._abstract_hooks", "abstract_method_required")),
-      function_type_(capi::make_native_function_type(module)) {
+      module_(module),
+      function_type_(capi::make_native_function_type(module)) {}
+
+void State::execute() {
     capi::import_numpy();
-    const Ref module_name = require(PyModule_GetNameObject(module));
-    const capi::FunctionHome home{function_type_.get(), module, this, module_name.get()};
+    abstract_method_required =
+        capi::import_from("quorvane.functions._abstract_hooks", "abstract_method_required");
+    const Ref module_name = require(PyModule_GetNameObject(module_));
+    const capi::FunctionHome home{function_type_.get(), module_, this, module_name.get()};
     capi::ClassBuilder builder(home, "RotationBase");
     builder.doc(class_doc)
         .attribute("_name", capi::make_str("rotation_base").get())
@@ -63,7 +66,7 @@ State::State(PyObject* module)
         .method(checkpoint_def)
         .method(recover_def)
         .method(resize_def);
-    require(PyModule_AddObjectRef(module, "RotationBase", builder.build().get()));
+    require(PyModule_AddObjectRef(module_, "RotationBase", builder.build().get()));
 }
 
 int State::traverse(visitproc visit, void* arg) const {

@@ -13,16 +13,19 @@ using capi::require;
 // What one import of the module holds.
 class State {
 public:
-    // Runs the module's body: binds RotationBase.
     explicit State(PyObject* module);
+
+    // Runs the module's body: binds RotationBase.
+    void execute();
 
     int traverse(visitproc visit, void* arg) const;
 
     const Names names;
     const Ref zero, one;
-    const Ref abstract_method_required;
+    Ref abstract_method_required;
 
 private:
+    PyObject* module_;  // borrowed: the module owns this state
     Ref function_type_;
 };
 

@@ -123,7 +123,7 @@ window : int
 
 }  // namespace
 
-State::State(PyObject* module) : ChildModule(module) {
+void State::execute() {
     capi::import_numpy();
     bind_class("Ewma", this, [](capi::ClassBuilder& builder) {
         builder.doc(class_doc)

@@ -6,7 +6,10 @@ namespace quorvane::rotations::ewma {
 
 class State : public ChildModule {
 public:
-    explicit State(PyObject* module);
+    using ChildModule::ChildModule;
+
+    // Runs the module's body: binds Ewma.
+    void execute();
 
     using Interned = capi::Interned;
     const Interned window{"window"};

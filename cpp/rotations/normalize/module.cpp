@@ -11,7 +11,9 @@ namespace {
 
 class State : public ChildModule {
 public:
-    explicit State(PyObject* module);
+    using ChildModule::ChildModule;
+
+    void execute();
 };
 
 Ref compute(State& state, PyObject* const* values) {
@@ -47,7 +49,7 @@ N_alloc : int, optional
     The most columns that a day may have.
 )";
 
-State::State(PyObject* module) : ChildModule(module) {
+void State::execute() {
     capi::import_numpy();
     bind_class("ZScore", this, [](capi::ClassBuilder& builder) {
         builder.doc(class_doc)

@@ -11,7 +11,9 @@ namespace {
 
 class State : public ChildModule {
 public:
-    explicit State(PyObject* module);
+    using ChildModule::ChildModule;
+
+    void execute();
 
     // One for all instances: nothing else runs while a kernel does.
     kernels::RankWorkspace workspace;
@@ -50,7 +52,7 @@ N_alloc : int, optional
     The most columns that a day may have.
 )";
 
-State::State(PyObject* module) : ChildModule(module) {
+void State::execute() {
     capi::import_numpy();
     bind_class("Rank", this, [](capi::ClassBuilder& builder) {
         builder.doc(class_doc)

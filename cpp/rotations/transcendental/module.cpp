@@ -13,7 +13,9 @@ namespace {
 
 class State : public ChildModule {
 public:
-    explicit State(PyObject* module);
+    using ChildModule::ChildModule;
+
+    void execute();
 
     const capi::Interned function{"function"};
 };
@@ -120,7 +122,7 @@ function : str
     The function's name.
 )";
 
-State::State(PyObject* module) : ChildModule(module) {
+void State::execute() {
     capi::import_numpy();
     bind_class("Transcendental", this, [](capi::ClassBuilder& builder) {
         builder.doc(class_doc)

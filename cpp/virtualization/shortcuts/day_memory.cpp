@@ -21,6 +21,7 @@ DayMemory* DayMemories::of(PyObject* rotation) {
         PyErr_Clear();  // its class allows no weak references
         return nullptr;
     }
+    rotation_by_reference_[weak_reference.get()] = rotation;
     Entry& entry = entries_[rotation];
     entry = {std::move(weak_reference), std::make_unique<DayMemory>()};
     return entry.memory.get();
@@ -31,13 +32,10 @@ PyObject* DayMemories::forget(PyObject* capsule, PyObject* weak_reference) {
     return capi::guarded([&] {
         auto* memories = static_cast<DayMemories*>(PyCapsule_GetPointer(capsule, nullptr));
         if (memories == nullptr) throw capi::PythonError();
-        for (auto entry = memories->entries_.begin(); entry != memories->entries_.end(); ++entry) {
-            if (entry->second.weak_reference.get() == weak_reference) {
-                const Entry gone = std::move(entry->second);
-                memories->entries_.erase(entry);
-                break;
-            }
-        }
+        const auto rotation = memories->rotation_by_reference_.find(weak_reference);
+        if (rotation == memories->rotation_by_reference_.end()) return capi::none();
+        const auto gone = memories->entries_.extract(rotation->second);
+        memories->rotation_by_reference_.erase(rotation);
         return capi::none();
     });
 }

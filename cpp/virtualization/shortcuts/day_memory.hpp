@@ -38,7 +38,8 @@ private:
 
     static PyObject* forget(PyObject* capsule, PyObject* weak_reference);
 
-    std::unordered_map<PyObject*, Entry> entries_;
+    std::unordered_map<PyObject*, Entry> entries_;  // by rotation
+    std::unordered_map<PyObject*, PyObject*> rotation_by_reference_;
     Ref forget_;
 };
 

@@ -15,9 +15,10 @@ namespace {
 
 using capi::VectorView;
 
-// The plain facts of one call.
+// The plain facts of one call. Views come last: an attribute's lookup may run code when somebody
+// has put odd keys into a dictionary.
 struct Task {
-    PyObject* legs_by_slot = nullptr;
+    Ref legs_by_slot;
     Py_ssize_t max_structures = 0;
     bool equal_split = false;
     VectorView<const double> txi_output;
@@ -28,27 +29,28 @@ struct Task {
 bool read_task(const State& state, PyObject* self, PyObject* txi_output, PyObject* output_buf,
                PyObject* N, Task& task) {
     const Names& names = state.names;
-    task.legs_by_slot = plain_attribute(self, names.legs_by_slot);
+    if (!state.pristine.numpy_holds(state)) return false;
+    task.legs_by_slot = Ref::borrow(plain_attribute(self, names.legs_by_slot));
     task.max_structures = plain_size(plain_attribute(self, names.max_structures));
-    PyObject* policy = plain_attribute(self, names.unmap_policy);
+    const Ref policy = Ref::borrow(plain_attribute(self, names.unmap_policy));
     task.N = plain_size(N);
     task.txi_output = capi::readable_vector<double>(txi_output);
     task.output = capi::writable_vector<double>(output_buf);
-    if (task.legs_by_slot == nullptr || !PyDict_CheckExact(task.legs_by_slot) ||
-        task.max_structures < 0 || policy == nullptr || !PyUnicode_CheckExact(policy) ||
-        task.N < 0 || !task.txi_output || task.txi_output.size() < task.max_structures ||
-        !task.output || task.output.size() < task.N) {
+    if (!task.legs_by_slot || !PyDict_CheckExact(task.legs_by_slot.get()) ||
+        task.max_structures < 0 || !policy || !PyUnicode_CheckExact(policy.get()) || task.N < 0 ||
+        !task.txi_output || task.txi_output.size() < task.max_structures || !task.output ||
+        task.output.size() < task.N) {
         return false;
     }
-    task.equal_split = PyUnicode_CompareWithASCIIString(policy, "equal_split") == 0;
-    return state.pristine.numpy_holds(state);
+    task.equal_split = PyUnicode_CompareWithASCIIString(policy.get(), "equal_split") == 0;
+    return true;
 }
 
 // The legs of the slots, known since they were recorded. False when the table has changed since, or
 // when it holds an id that is no index of the output.
 const LegMemory* remembered_legs(const State& state, PyObject* self, const Task& task) {
     const DayMemory* memory = state.memories->find(self);
-    if (memory == nullptr || !memory->legs.describes(task.legs_by_slot) ||
+    if (memory == nullptr || !memory->legs.describes(task.legs_by_slot.get()) ||
         memory->legs.id_bound() > static_cast<std::size_t>(task.N) ||
         memory->legs.slots() > static_cast<std::size_t>(task.max_structures)) {
         return nullptr;
@@ -94,7 +96,7 @@ bool contributing_slots(const Task& task, std::vector<Slot>& slots) {
     Py_ssize_t position = 0;
     PyObject* key = nullptr;
     PyObject* legs = nullptr;
-    while (PyDict_Next(task.legs_by_slot, &position, &key, &legs) != 0) {
+    while (PyDict_Next(task.legs_by_slot.get(), &position, &key, &legs) != 0) {
         if (!PyLong_CheckExact(key)) return false;
         const Py_ssize_t slot = plain_size(key);
         if (slot < 0 || slot >= task.max_structures || !std::isfinite(task.txi_output[slot])) {

@@ -23,14 +23,11 @@ bool is_own(const State& state, PyObject* name, PyObject* function) {
 }  // namespace
 
 Ref as_float64(const State& state, PyObject* argument) {
-    return call_converting(state, state.numpy(state.names.asarray).get(), argument);
-}
-
-Ref call_converting(const State& state, PyObject* asarray, PyObject* argument) {
-    if (is_float64_array(argument) && is_own(state, state.names.asarray, asarray)) {
+    const Ref asarray = state.numpy(state.names.asarray);
+    if (is_float64_array(argument) && is_own(state, state.names.asarray, asarray.get())) {
         return Ref::borrow(argument);
     }
-    return call_with_keywords(asarray, state.dtype_keyword.get(), argument,
+    return call_with_keywords(asarray.get(), state.dtype_keyword.get(), argument,
                               state.numpy(state.names.float64).get());
 }
 

@@ -7,9 +7,6 @@ namespace quorvane::virtualization {
 // np.asarray(argument, dtype=np.float64)
 Ref as_float64(const State& state, PyObject* argument);
 
-// asarray(argument, dtype=np.float64) with the function that np.asarray was a moment ago.
-Ref call_converting(const State& state, PyObject* asarray, PyObject* argument);
-
 // array(source, dtype=np.float64, copy=True) with the function that np.array was a moment ago.
 Ref call_copying(const State& state, PyObject* array, PyObject* source);
 

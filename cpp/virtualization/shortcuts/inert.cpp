@@ -1,6 +1,7 @@
 #include "virtualization/shortcuts/inert.hpp"
 
 #include "capi/numpy.hpp"
+#include "virtualization/shortcuts/plain_rotation.hpp"
 
 namespace quorvane::virtualization {
 
@@ -61,6 +62,30 @@ bool are_normal_legs(PyObject* legs) noexcept {
     return true;
 }
 
+// Which of the item's fields a string names; null for another string. Nearly always the string is
+// the interned name itself.
+PyObject** field_of(const Names& names, PyObject* name, ItemEntries& entries) noexcept {
+    struct Field {
+        PyObject* name;
+        PyObject** entry;
+    };
+    const Field fields[] = {{names.key, &entries.key},
+                            {names.legs, &entries.legs},
+                            {names.value, &entries.value},
+                            {names.metadata, &entries.metadata}};
+    for (const Field& field : fields) {
+        if (name == field.name) return field.entry;
+    }
+    for (const Field& field : fields) {
+        if (PyUnicode_Compare(name, field.name) == 0) return field.entry;
+    }
+    return nullptr;
+}
+
+bool is_empty_metadata(PyObject* metadata) noexcept {
+    return metadata == Py_None || (PyDict_CheckExact(metadata) && PyDict_Size(metadata) == 0);
+}
+
 }  // namespace
 
 bool is_normal_leg(PyObject* leg) noexcept {
@@ -100,6 +125,24 @@ Ref inert_legs(PyObject* legs) {
         capi::append(normalized.get(), leg.get());
     }
     return require(PyList_AsTuple(normalized.get()));
+}
+
+bool read_inert_entries(const State& state, PyObject* raw, ItemEntries& entries) noexcept {
+    PyObject* dict = PyDict_CheckExact(raw) ? raw : nullptr;
+    if (Py_IS_TYPE(raw, state.pristine.structure_class())) dict = instance_dict(raw);
+    if (dict == nullptr) return false;
+    // One walk over a few entries is quicker than four lookups, and compares with nobody's keys.
+    Py_ssize_t position = 0;
+    PyObject* name = nullptr;
+    PyObject* entry = nullptr;
+    while (PyDict_Next(dict, &position, &name, &entry) != 0) {
+        if (!PyUnicode_CheckExact(name)) return false;
+        if (PyObject** field = field_of(state.names, name, entries)) *field = entry;
+    }
+    if (entries.metadata != nullptr && is_empty_metadata(entries.metadata)) {
+        entries.metadata = nullptr;
+    }
+    return entries.key != nullptr && entries.legs != nullptr && entries.value != nullptr;
 }
 
 bool is_plain_record(PyObject* dict) noexcept {

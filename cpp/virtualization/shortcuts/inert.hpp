@@ -22,6 +22,18 @@ bool is_normal_leg(PyObject* leg) noexcept;
 // (int, float) tuples cannot change and is kept as it is.
 Ref inert_legs(PyObject* legs);
 
+// What an item says, borrowed; null where it says nothing.
+struct ItemEntries {
+    PyObject* key = nullptr;
+    PyObject* legs = nullptr;
+    PyObject* value = nullptr;
+    PyObject* metadata = nullptr;  // null also for None and for an empty dict
+};
+
+// The entries of an exact dict, or of a record that is known to be plain. False when a key of the
+// dict is no exact string, or when the key, the legs or the value are not there.
+bool read_inert_entries(const State& state, PyObject* raw, ItemEntries& entries) noexcept;
+
 // An exact dict whose keys are all exact strings, so that looking things up compares only strings.
 bool is_plain_record(PyObject* dict) noexcept;
 

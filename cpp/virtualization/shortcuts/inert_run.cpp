@@ -8,42 +8,6 @@
 
 namespace quorvane::virtualization {
 
-namespace {
-
-// The entries of an item without metadata, borrowed; `legs` is owned when it had to be normalised.
-struct Entries {
-    PyObject* key = nullptr;
-    PyObject* legs = nullptr;
-    PyObject* value = nullptr;
-    Ref normalized_legs;
-};
-
-bool is_empty_metadata(PyObject* metadata) noexcept {
-    return metadata == Py_None || (PyDict_CheckExact(metadata) && PyDict_Size(metadata) == 0);
-}
-
-// One walk over the item's few entries is quicker than four lookups. Only the interned names are
-// recognised; an item that spells them with other string objects is left to the lookups.
-bool read_entries(const Names& names, PyObject* dict, Entries& entries) noexcept {
-    Py_ssize_t position = 0;
-    PyObject* name = nullptr;
-    PyObject* entry = nullptr;
-    while (PyDict_Next(dict, &position, &name, &entry) != 0) {
-        if (name == names.key) {
-            entries.key = entry;
-        } else if (name == names.legs) {
-            entries.legs = entry;
-        } else if (name == names.value) {
-            entries.value = entry;
-        } else if (name != names.metadata || !is_empty_metadata(entry)) {
-            return false;
-        }
-    }
-    return entries.key != nullptr && entries.legs != nullptr && entries.value != nullptr;
-}
-
-}  // namespace
-
 InertRun::InertRun(const State& state, PlainRotation& plain, const DayMasks& masks,
                    PyObject* structures, DayMemory* memory)
     : state_(state), plain_(plain), masks_(masks), structures_(structures), memory_(memory) {}
@@ -90,36 +54,34 @@ Py_ssize_t InertRun::record() {
     return recorded;
 }
 
+// Everything that can need Python is found out before the first change.
 InertRun::Outcome InertRun::record_item(std::size_t position, PyObject* raw) {
-    PyObject* dict = PyDict_CheckExact(raw) ? raw : nullptr;
-    if (Py_IS_TYPE(raw, state_.pristine.structure_class())) dict = instance_dict(raw);
-    Entries entries;
-    if (dict == nullptr || !read_entries(state_.names, dict, entries)) return Outcome::needs_python;
+    ItemEntries entries;
+    if (!read_inert_entries(state_, raw, entries) || entries.metadata != nullptr) {
+        return Outcome::needs_python;
+    }
     const std::optional<double> value = inert_float(entries.value);
     if (!value) return Outcome::needs_python;
-
-    // Everything that can need Python is found out before the first change.
     SlotMemory::Found slot = memory_->slots.find(plain_.slot_by_key(), position, entries.key);
     const bool same_legs = slot.slot != nullptr && memory_->legs.holds(slot.index, entries.legs);
-    if (!same_legs) {
-        entries.normalized_legs = inert_legs(entries.legs);
-        entries.legs = entries.normalized_legs.get();
-        if (entries.legs == nullptr || !LegMemory::accepts(entries.legs)) {
-            return Outcome::needs_python;
-        }
-    }
-    if (slot.slot == nullptr) {
-        if (!is_inert_key(entries.key) ||
-            PyDict_Size(plain_.slot_by_key()) >= plain_.max_structures()) {
-            return Outcome::needs_python;
-        }
-        slot = memory_->slots.add(plain_.slot_by_key(), plain_.key_by_slot(), entries.key);
-    }
-    if (!same_legs) remember_legs(slot, entries.legs);
+    const Ref legs = same_legs ? Ref::borrow(entries.legs) : inert_legs(entries.legs);
+    if (!legs || (!same_legs && !LegMemory::accepts(legs.get()))) return Outcome::needs_python;
+    if (slot.slot == nullptr) slot = new_slot(entries.key);
+    if (slot.slot == nullptr) return Outcome::needs_python;
+
+    if (!same_legs) remember_legs(slot, legs.get());
     const bool valid = are_legs_live(slot.index) && std::isfinite(*value);
-    memory_->metadata.report(state_, slot.slot, slot.index, entries.key, entries.legs, valid);
+    memory_->metadata.report(state_, slot.slot, slot.index, entries.key, legs.get(), valid);
     if (valid) txi_input_[static_cast<npy_intp>(slot.index)] = *value;
     return Outcome::recorded;
+}
+
+// Null when the key cannot be given a slot here: it may not be inert, or the maps are full.
+SlotMemory::Found InertRun::new_slot(PyObject* key) {
+    if (!is_inert_key(key) || PyDict_Size(plain_.slot_by_key()) >= plain_.max_structures()) {
+        return {};
+    }
+    return memory_->slots.add(plain_.slot_by_key(), plain_.key_by_slot(), key);
 }
 
 void InertRun::remember_legs(const SlotMemory::Found& slot, PyObject* legs) {

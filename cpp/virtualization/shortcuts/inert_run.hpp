@@ -33,6 +33,7 @@ private:
     [[nodiscard]] bool see_masks();
     [[nodiscard]] Py_ssize_t item_count() const noexcept;
     Outcome record_item(std::size_t position, PyObject* raw);
+    SlotMemory::Found new_slot(PyObject* key);
     void remember_legs(const SlotMemory::Found& slot, PyObject* legs);
     [[nodiscard]] bool are_legs_live(std::size_t slot) const noexcept;
 

@@ -1,6 +1,9 @@
 #include "virtualization/shortcuts/plain_rotation.hpp"
 
 #include "virtualization/shortcuts/plain_size.hpp"
+#include "virtualization/slots.hpp"
+#include "virtualization/structure.hpp"
+#include "virtualization/validity.hpp"
 
 namespace quorvane::virtualization {
 
@@ -22,7 +25,10 @@ PlainRotation::PlainRotation(const State& state, PyObject* self)
     : state_(state), self_(self), watch_(state.dict_watcher) {}
 
 bool PlainRotation::still_seen() const {
-    return Py_TYPE(self_) == type_ && instance_dict(self_) == dict_ && watch_.unchanged();
+    if (Py_TYPE(self_) != type_ || instance_dict(self_) != dict_ || !watch_.unchanged())
+        return false;
+    return capi::instance_dicts_tell_changes ||
+           (instance_is_plain(dict_) && has_same_bookkeeping());
 }
 
 void PlainRotation::look() {
@@ -32,8 +38,9 @@ void PlainRotation::look() {
     dict_ = instance_dict(self_);
     if (dict_ == nullptr || !PyDict_CheckExact(dict_)) return;
     watch_.clear();
-    watch_.add_dict(dict_);
+    if constexpr (capi::instance_dicts_tell_changes) watch_.add_dict(dict_);
     watch_.add_dict(state_.globals());
+    if (state_.pristine.numpy_dict() == nullptr) return;
     watch_.add_dict(state_.pristine.numpy_dict());
     plain_ = class_is_plain(type_) && instance_is_plain(dict_) && take_bookkeeping(dict_) &&
              state_.pristine.numpy_holds(state_) && state_.pristine.structure_class_holds(state_);
@@ -52,12 +59,13 @@ bool PlainRotation::class_is_plain(PyTypeObject* type) const {
           static_cast<PyObject*>(names.max_structures)}) {
         if (_PyType_Lookup(type, attribute) != nullptr) return false;
     }
-    const auto is_own = [&](PyObject* name, const Ref& step) {
-        return step && _PyType_Lookup(type, name) == step.get();
+    const auto has_own = [&](PyObject* name, const capi::FunctionDef& step) {
+        PyObject* found = _PyType_Lookup(type, name);
+        return found != nullptr && state_.is_own(found, step);
     };
-    return is_own(names.normalize_structure, state_.normalize_step) &&
-           is_own(names.slot_for_key, state_.slot_step) &&
-           is_own(names.structure_is_valid, state_.validity_step);
+    return has_own(names.normalize_structure, normalize_structure_def) &&
+           has_own(names.slot_for_key, slot_for_key_def) &&
+           has_own(names.structure_is_valid, structure_is_valid_def);
 }
 
 bool PlainRotation::instance_is_plain(PyObject* dict) const {
@@ -65,6 +73,17 @@ bool PlainRotation::instance_is_plain(PyObject* dict) const {
     return capi::dict_peek(dict, names.normalize_structure) == nullptr &&
            capi::dict_peek(dict, names.slot_for_key) == nullptr &&
            capi::dict_peek(dict, names.structure_is_valid) == nullptr;
+}
+
+bool PlainRotation::has_same_bookkeeping() const {
+    const Names& names = state_.names;
+    const auto same = [&](PyObject* name, const Ref& object) {
+        return capi::dict_peek(dict_, name) == object.get();
+    };
+    return same(names.slot_by_key, slot_by_key_) && same(names.key_by_slot, key_by_slot_) &&
+           same(names.legs_by_slot, legs_by_slot_) &&
+           same(names.metadata_by_slot, metadata_by_slot_) && same(names.txi_input, txi_input_) &&
+           plain_size(capi::dict_peek(dict_, names.max_structures)) == max_structures_;
 }
 
 bool PlainRotation::take_bookkeeping(PyObject* dict) {

@@ -34,6 +34,7 @@ private:
     [[nodiscard]] bool class_is_plain(PyTypeObject* type) const;
     [[nodiscard]] bool instance_is_plain(PyObject* dict) const;
     [[nodiscard]] bool take_bookkeeping(PyObject* dict);
+    [[nodiscard]] bool has_same_bookkeeping() const;
 
     const State& state_;
     PyObject* self_;

@@ -6,7 +6,10 @@ namespace quorvane::virtualization {
 
 void Pristine::remember(const State& state) {
     const Names& names = state.names;
-    numpy_ = state.global(names.np);
+    const Ref numpy = state.global(names.np);
+    remember_structure_class(state);
+    if (!PyModule_CheckExact(numpy.get())) return;  // a stand-in may answer as it likes
+    numpy_ = numpy.share();
     numpy_dict_ = Ref::borrow(PyModule_GetDict(numpy_.get()));
     int index = 0;
     for (PyObject* name :
@@ -16,20 +19,30 @@ void Pristine::remember(const State& state) {
         numpy_values_[index].name = name;
         numpy_values_[index++].value = capi::dict_get(numpy_dict_.get(), name);
     }
-    structure_class_ = state.global(names.VirtualStructure);
-    structure_init_ = Ref::borrow(_PyType_Lookup(structure_class(), names.init));
+}
+
+void Pristine::remember_structure_class(const State& state) {
+    structure_class_ = state.global(state.names.VirtualStructure);
+    if (!PyType_CheckExact(structure_class_.get())) return;
+    structure_init_ = Ref::borrow(_PyType_Lookup(structure_class(), state.names.init));
+    if (structure_init_ && PyFunction_Check(structure_init_.get())) {
+        structure_init_code_ = Ref::borrow(PyFunction_GetCode(structure_init_.get()));
+    }
 }
 
 bool Pristine::numpy_holds(const State& state) const {
-    if (capi::dict_peek(state.globals(), state.names.np) != numpy_.get()) return false;
+    if (!numpy_ || !PyModule_CheckExact(numpy_.get()) ||
+        capi::dict_peek(state.globals(), state.names.np) != numpy_.get()) {
+        return false;
+    }
     for (const Watched& watched : numpy_values_) {
-        if (watched.name == nullptr) break;
         if (capi::dict_peek(numpy_dict_.get(), watched.name) != watched.value.get()) return false;
     }
     return true;
 }
 
 bool Pristine::structure_class_holds(const State& state) const {
+    if (!structure_init_code_) return false;
     PyTypeObject* type = structure_class();
     const Names& names = state.names;
     return capi::dict_peek(state.globals(), names.VirtualStructure) == structure_class_.get() &&
@@ -38,6 +51,7 @@ bool Pristine::structure_class_holds(const State& state) const {
            type->tp_getattro == PyObject_GenericGetAttr &&
            type->tp_setattro == PyObject_GenericSetAttr && type->tp_finalize == nullptr &&
            _PyType_Lookup(type, names.init) == structure_init_.get() &&
+           PyFunction_GetCode(structure_init_.get()) == structure_init_code_.get() &&
            _PyType_Lookup(type, names.key) == nullptr &&
            _PyType_Lookup(type, names.legs) == nullptr &&
            _PyType_Lookup(type, names.value) == nullptr &&
@@ -47,6 +61,7 @@ bool Pristine::structure_class_holds(const State& state) const {
 int Pristine::traverse(visitproc visit, void* arg) const {
     Py_VISIT(structure_class_.get());
     Py_VISIT(structure_init_.get());
+    Py_VISIT(structure_init_code_.get());
     return 0;
 }
 

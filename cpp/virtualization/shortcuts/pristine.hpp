@@ -12,7 +12,8 @@ class State;
 // in them, what the module would get by calling them is known without the call.
 class Pristine {
 public:
-    // Remembers NumPy and the record class; both are bound in the module already.
+    // Remembers NumPy and the record class, right after both were bound in the module: from then on
+    // other code may run.
     void remember(const State& state);
 
     // NumPy's functions and constants that the day uses are its own.
@@ -29,7 +30,7 @@ public:
     int traverse(visitproc visit, void* arg) const;
 
 private:
-    static constexpr int watched_names = 8;
+    static constexpr int watched_names = 6;
 
     struct Watched {
         PyObject* name = nullptr;  // interned, owned by the module's names
@@ -38,7 +39,9 @@ private:
 
     Ref numpy_, numpy_dict_;
     Watched numpy_values_[watched_names];
-    Ref structure_class_, structure_init_;
+    void remember_structure_class(const State& state);
+
+    Ref structure_class_, structure_init_, structure_init_code_;
 };
 
 }  // namespace quorvane::virtualization

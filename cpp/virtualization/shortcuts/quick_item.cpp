@@ -10,39 +10,6 @@ namespace quorvane::virtualization {
 
 namespace {
 
-// The item's four entries; empty where it has none.
-struct Entries {
-    Ref key, legs, value, metadata;
-};
-
-bool read_dict_entries(const State& state, PyObject* raw, Entries& entries) {
-    const Names& names = state.names;
-    if (!is_plain_record(raw)) return false;
-    entries.key = capi::dict_get(raw, names.key);
-    entries.legs = capi::dict_get(raw, names.legs);
-    entries.value = capi::dict_get(raw, names.value);
-    entries.metadata = capi::dict_get(raw, names.metadata);
-    return true;
-}
-
-// Only the module's own record: its class is known to read attributes from the instance.
-bool read_record_entries(const State& state, PyObject* raw, Entries& entries) {
-    const Names& names = state.names;
-    PyObject* dict = instance_dict(raw);
-    if (!Py_IS_TYPE(raw, state.pristine.structure_class()) || dict == nullptr) return false;
-    if (!is_plain_record(dict)) return false;
-    entries.key = capi::dict_get(dict, names.key);
-    entries.legs = capi::dict_get(dict, names.legs);
-    entries.value = capi::dict_get(dict, names.value);
-    entries.metadata = capi::dict_get(dict, names.metadata);
-    return true;
-}
-
-bool has_no_metadata(const Ref& metadata) {
-    return !metadata || metadata.get() == Py_None ||
-           (PyDict_CheckExact(metadata.get()) && PyDict_Size(metadata.get()) == 0);
-}
-
 // Whether a mask flags the instrument; unknown when only Python can tell.
 Verdict judge_mask(PyObject* mask, npy_intp instrument) noexcept {
     const auto view = capi::readable_mask(mask);
@@ -78,15 +45,9 @@ Verdict judge_legs(PyObject* legs, const DayMasks& masks) noexcept {
 
 // dict(metadata or {}) with "key" and "legs" set where they are not; empty when the metadata's own
 // entries could make that run Python code.
-Ref normalized_metadata(const State& state, const Ref& own, PyObject* key, PyObject* legs) {
-    Ref metadata;
-    if (has_no_metadata(own)) {
-        metadata = capi::make_dict();
-    } else if (is_plain_record(own.get())) {
-        metadata = require(PyDict_Copy(own.get()));
-    } else {
-        return {};
-    }
+Ref normalized_metadata(const State& state, PyObject* own, PyObject* key, PyObject* legs) {
+    if (own != nullptr && !is_plain_record(own)) return {};
+    Ref metadata = own != nullptr ? require(PyDict_Copy(own)) : capi::make_dict();
     set_default(metadata.get(), state.names.key, key);
     set_default(metadata.get(), state.names.legs, legs);
     return metadata;
@@ -95,22 +56,21 @@ Ref normalized_metadata(const State& state, const Ref& own, PyObject* key, PyObj
 }  // namespace
 
 bool normalize_quickly(const State& state, PyObject* raw, QuickItem& quick) {
-    Entries entries;
-    const bool read = PyDict_CheckExact(raw) ? read_dict_entries(state, raw, entries)
-                                             : read_record_entries(state, raw, entries);
-    if (!read || !entries.key || !entries.legs || !entries.value) return false;
-    if (!is_inert_key(entries.key.get())) return false;
-    const std::optional<double> value = inert_float(entries.value.get());
+    ItemEntries entries;
+    if (!read_inert_entries(state, raw, entries) || !is_inert_key(entries.key)) return false;
+    const std::optional<double> value = inert_float(entries.value);
     if (!value) return false;
-    quick.legs = inert_legs(entries.legs.get());
+    // Making the legs may collect garbage and so run finalizers: from here on everything is owned.
+    quick.key = Ref::borrow(entries.key);
+    quick.raw_value = Ref::borrow(entries.value);
+    quick.value = *value;
+    const Ref own_legs = Ref::borrow(entries.legs);
+    const Ref own_metadata = Ref::borrow(entries.metadata);
+    quick.legs = inert_legs(own_legs.get());
     if (!quick.legs) return false;
     quick.metadata =
-        normalized_metadata(state, entries.metadata, entries.key.get(), quick.legs.get());
-    if (!quick.metadata) return false;
-    quick.key = std::move(entries.key);
-    quick.raw_value = std::move(entries.value);
-    quick.value = *value;
-    return true;
+        normalized_metadata(state, own_metadata.get(), quick.key.get(), quick.legs.get());
+    return static_cast<bool>(quick.metadata);
 }
 
 Verdict judge_quickly(const QuickItem& quick, const DayMasks& masks) noexcept {

@@ -62,6 +62,7 @@ SlotMemory::Found SlotMemory::find(PyObject* slot_by_key, std::size_t position, 
 SlotMemory::Found SlotMemory::add(PyObject* slot_by_key, PyObject* key_by_slot, PyObject* key) {
     const Py_ssize_t next = PyDict_Size(slot_by_key);
     const Ref slot = capi::make_int(next);
+    if (require(PyDict_Contains(key_by_slot, slot.get())) != 0) return {};
     require(PyDict_SetItem(slot_by_key, key, slot.get()));
     require(PyDict_SetItem(key_by_slot, slot.get(), key));
     slots_version_ = capi::dict_version(slot_by_key);
