@@ -4,6 +4,9 @@ from pathlib import Path
 
 _MET, _MISSED = "#2b7a4b", "#b5432a"
 
+# Multiples beyond are drawn as this one, lest a single bar take all the room.
+_LARGEST_MULTIPLE = 20.0
+
 
 def draw(path, machine, lines):
     """Draw one bar for each line that has a goal, as multiples of that goal, quartiles as whiskers.
@@ -43,8 +46,10 @@ def _multiples(line):
     found = line.comparison
     figures = [max(figure, 1e-3) for figure in (found.low, found.ratio, found.high)]
     if line.smaller_is_better:
-        return sorted(line.goal / figure for figure in figures)
-    return [figure / line.goal for figure in figures]
+        multiples = sorted(line.goal / figure for figure in figures)
+    else:
+        multiples = [figure / line.goal for figure in figures]
+    return [min(multiple, _LARGEST_MULTIPLE) for multiple in multiples]
 
 
 def _label(line):

@@ -29,7 +29,7 @@ def print_line(line):
         each = f"{found.ours / line.structures * 1e9:9.1f} ns each"
     print(
         f"{line.case:<34}{line.what:<20}{times}{found.ratio:>9.3g}  {spread:<17}{goal:>7}"
-        f" {verdict:<6}{each}  ({found.pairs})",
+        f" {verdict:<7}{each}  ({found.pairs})",
         flush=True,
     )
 
