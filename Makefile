@@ -71,7 +71,7 @@ coverage: $(TEST_READY)
 	cmake --build --preset coverage
 	find build/coverage -name '*.gcda' -delete
 	ctest --preset coverage
-	PYTHONPATH=build/coverage/python $(PY) -m pytest -q
+	PYTHONPATH=$(CURDIR)/build/coverage/python $(PY) -m pytest -q
 	mkdir -p build/coverage/report
 	gcovr --root . --filter cpp/ --exclude cpp/tests/ --object-directory build/coverage \
 	    --exclude-throw-branches --exclude-unreachable-branches --merge-lines \
@@ -84,7 +84,7 @@ asan: $(TEST_READY)
 	cmake --build --preset asan
 	ASAN_OPTIONS=detect_leaks=0 ctest --preset asan
 	LD_PRELOAD="$$(c++ -print-file-name=libasan.so) $$(c++ -print-file-name=libstdc++.so)" \
-	    ASAN_OPTIONS=detect_leaks=0 PYTHONMALLOC=malloc PYTHONPATH=build/asan/python \
+	    ASAN_OPTIONS=detect_leaks=0 PYTHONMALLOC=malloc PYTHONPATH=$(CURDIR)/build/asan/python \
 	    $(PY) -m pytest -q
 
 tidy: $(TEST_READY)
@@ -105,7 +105,7 @@ dist-test:
 	cmake --preset distro
 	cmake --build --preset distro
 	ctest --preset distro
-	PYTHONPATH=build/distro/python /usr/bin/python3 -m pytest -q
+	PYTHONPATH=$(CURDIR)/build/distro/python /usr/bin/python3 -m pytest -q
 
 clean:
 	rm -rf build $(VENV)/.ready-wheel
