@@ -1,0 +1,134 @@
+"""Programs in which allocations fail, one after another; `python failing_allocations.py <name>`.
+
+Each program repeats something with the k-th allocation failing, for every k until none fails any
+more: once with only that allocation failing, as in a shortage that passes, and once with all from
+there on. They are programs and not tests because a crash is one of the things looked for.
+"""
+
+import _testcapi
+import copy
+import sys
+
+import numpy as np
+
+from safety import subjects
+
+# So many successes in a row mean that there are no more allocations to fail.
+QUIET = 20
+ENDLESS = 5000
+
+
+def outcome(operation, first, last):
+    """Run the operation while the allocations from `first` up to `last` fail; its error, if any."""
+    fail, work_again = _testcapi.set_nomemory, _testcapi.remove_mem_hooks
+    fail(first, last)
+    try:
+        result = operation()
+    except BaseException as error:
+        work_again()
+        return error
+    finally:
+        work_again()
+    return result
+
+
+def fail_one_by_one(name, operation, *, once, after=lambda result: None):
+    """Fail every allocation of the operation; `after` looks at what each time has left behind.
+
+    Returns how many times the operation failed.
+    """
+    operation()
+    after(None)
+    failures = quiet = first = 0
+    while quiet < QUIET:
+        first += 1
+        result = outcome(operation, first, first + 1 if once else 0)
+        failed = isinstance(result, BaseException) or result is False
+        if isinstance(result, BaseException) and not isinstance(result, MemoryError):
+            raise AssertionError(f"{name}: with allocation {first} failing") from result
+        after(result)
+        quiet = 0 if failed else quiet + 1
+        failures += failed
+        if first == ENDLESS:
+            raise AssertionError(f"{name}: fails after {first} allocations that worked")
+    return failures
+
+
+# Some recoveries answer False whatever happens. When memory runs out, NumPy's indexing with a mask
+# and its broadcasting fail without setting an error, which the interpreter reports as SystemError.
+OUT_OF_REACH = ("recover_", "unmap_step_by_step", "mask_indexing")
+
+
+def every_operation():
+    """Only MemoryError comes out of anything."""
+    failures = 0
+    for name, setup in subjects.OPERATIONS.items():
+        if not name.startswith(OUT_OF_REACH):
+            for once in (True, False):
+                failures += fail_one_by_one(name, setup(), once=once)
+    assert failures > 1000, failures
+
+
+def frozen(value):
+    """Make what compares by contents, arrays and their NaN included."""
+    if isinstance(value, dict):
+        return [(frozen(key), frozen(entry)) for key, entry in value.items()]
+    if isinstance(value, (list, tuple)):
+        return [type(value), *map(frozen, value)]
+    if isinstance(value, np.ndarray):
+        return value.dtype.str, value.shape, value.tobytes()
+    return type(value), copy.deepcopy(value)
+
+
+def restoring(make, change, *, once, recover=False):
+    """A state is installed wholly or not at all.
+
+    In a lasting shortage the children cannot be put back; the rotation's own part is as it was.
+    """
+    rotation = subjects.used(make)
+    old = copy.deepcopy(rotation.get_state())
+    change(rotation)
+    new = copy.deepcopy(rotation.get_state())
+    assert frozen(old) != frozen(new)
+    store = subjects.Store(new)
+
+    def operation():
+        return rotation.recover(store) if recover else rotation.set_state(new)
+
+    def after(result):
+        state = rotation.get_state()
+        if isinstance(result, MemoryError) or result is False:
+            if not once and "child_states" in state:
+                state["child_states"] = old["child_states"]
+            assert frozen(state) == frozen(old), (make, once, state, old)
+        else:
+            assert frozen(state) == frozen(new), (make, once, state, new)
+        rotation.set_state(copy.deepcopy(old))
+
+    rotation.set_state(copy.deepcopy(old))
+    failures = fail_one_by_one("restoring", operation, once=once, after=after)
+    assert failures > 2, failures
+
+
+def other_structures(rotation):
+    rotation.items = [*subjects.usual_items()[2:], {"key": ("z",), "legs": (), "value": 1.0}]
+    rotation(subjects.row())
+    rotation(subjects.row())
+
+
+def another_day(rotation):
+    rotation(subjects.row())
+
+
+def every_restore():
+    for recover in (False, True):
+        for once in (True, False):
+            restoring(subjects.Baskets, other_structures, once=once, recover=recover)
+            restoring(subjects.make_ewma, another_day, once=once, recover=recover)
+
+
+PROGRAMS = {program.__name__: program for program in (every_operation, every_restore)}
+
+if __name__ == "__main__":
+    PROGRAMS[sys.argv[1]]()
+    print("done")

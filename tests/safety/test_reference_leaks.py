@@ -1,0 +1,140 @@
+"""Calling anything again and again leaves nothing behind, whether it succeeds or raises."""
+
+import array
+import gc
+import itertools
+import os
+import sys
+
+import numpy as np
+import pytest
+
+from quorvane.functions.rotations._boilerplate import RotationBase
+from quorvane.functions.rotations.latitudinal.normalize import ZScore
+from quorvane.functions.rotations.latitudinal.rank import Rank
+from quorvane.functions.rotations.longitudinal.ewma import Ewma
+from quorvane.functions.rotations.numerical.transcendental import Transcendental
+from quorvane.functions.rotations.virtualization import base
+from safety.subjects import FAILURES, OPERATIONS
+
+REPEATS = 1000 if os.environ.get("QUORVANE_LONG") else 100
+WARM_UPS = 3
+ROUNDS = 3
+# Readings, caches and free lists take a few blocks; a leak takes one in every repeat at least.
+FEW = REPEATS // 4
+
+# Objects that are used everywhere, so that a reference too many or too few shows in their counts.
+SHARED = {
+    "None": None,
+    "True": True,
+    "0": 0,
+    "1": 1,
+    "''": "",
+    "()": (),
+    "NumPy's float64": np.dtype(np.float64),
+    "NumPy's uint8": np.dtype(np.uint8),
+    "NumPy's bool": np.dtype(np.bool_),
+    "ndarray": np.ndarray,
+    "numpy": np,
+    "the key 'active'": sys.intern("active"),
+    "the module": base,
+    **{
+        kind.__name__: kind
+        for kind in (
+            base.VirtualizationBase,
+            base.VirtualStructure,
+            base._VirtualContext,
+            base._AllOnesVirtualMask,
+            RotationBase,
+            Ewma,
+            Rank,
+            ZScore,
+            Transcendental,
+            dict,
+            tuple,
+            list,
+            ValueError,
+            TypeError,
+        )
+    },
+}
+# Only a debug build of the interpreter counts all references; its NumPy must be one too.
+count_references = getattr(sys, "gettotalrefcount", lambda: 0)
+MEASURES = ["allocated blocks", "all references", *SHARED]
+
+
+@pytest.fixture(autouse=True)
+def quick_collections():
+    """Keep everything that is there already out of the collections, and restore that."""
+    gc.collect()
+    gc.freeze()
+    yield
+    gc.unfreeze()
+
+
+def measure():
+    """Read every measure, into an array, which holds no references."""
+    gc.collect()
+    return array.array(
+        "q", [sys.getallocatedblocks(), count_references(), *map(sys.getrefcount, SHARED.values())]
+    )
+
+
+def repeat(operation):
+    for _ in range(REPEATS):
+        operation()
+
+
+def growth_per_round(operation):
+    """What each measure grew by in every round, by its name, where it grew in all rounds."""
+    for _ in range(WARM_UPS):
+        repeat(operation)
+    readings = [measure()]
+    for _ in range(ROUNDS):
+        repeat(operation)
+        readings.append(measure())
+    growths = [
+        [after - before for before, after in itertools.pairwise(readings)]
+        for readings in zip(*readings, strict=True)
+    ]
+    return {
+        name: growth
+        for name, growth in zip(MEASURES, growths, strict=True)
+        if min(growth) > FEW or max(growth) < -FEW
+    }
+
+
+def expecting(error, operation):
+    def expected():
+        try:
+            operation()
+        except error:
+            return
+        pytest.fail(f"{error.__name__} was not raised")
+
+    return expected
+
+
+@pytest.mark.parametrize("name", OPERATIONS)
+def test_repeating_what_succeeds_leaves_nothing_behind(name):
+    assert growth_per_round(OPERATIONS[name]()) == {}
+
+
+@pytest.mark.parametrize("name", FAILURES)
+def test_repeating_what_fails_leaves_nothing_behind(name):
+    error, setup = FAILURES[name]
+    assert growth_per_round(expecting(error, setup())) == {}
+
+
+def test_a_leak_would_be_seen():
+    kept = []
+    if sys.getallocatedblocks() > 0:  # without the interpreter's own allocator none are counted
+        assert "allocated blocks" in growth_per_round(lambda: kept.append(object()))
+    assert "ValueError" in growth_per_round(lambda: kept.append(ValueError))
+
+
+def test_instances_are_freed_with_all_that_they_remember():
+    def operation():
+        OPERATIONS["call of virtualization"]()()
+
+    assert growth_per_round(operation) == {}
