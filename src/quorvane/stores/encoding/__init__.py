@@ -14,7 +14,7 @@ as the equal dtype with the standard name, ``longlong`` as ``int64``, in arrays 
 The container is MessagePack inside a checked header. MessagePack alone hands every tuple to a
 Python callback: the nine million tuples of a million slots take eight to ten seconds and 200 MB.
 So values that stand side by side are stored as columns, and MessagePack carries the tree of
-columns, a few hundred nodes and their buffers, in a fifth of the time and a third of the size.
+columns, a few dozen nodes and their buffers, in a fifth of the time and a third of the size.
 `quorvane.stores.encoding._writer` describes the columns, `_envelope` the header.
 """
 
