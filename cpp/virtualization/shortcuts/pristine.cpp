@@ -1,5 +1,6 @@
 #include "virtualization/shortcuts/pristine.hpp"
 
+#include "capi/dict_version.hpp"
 #include "virtualization/state.hpp"
 
 namespace quorvane::virtualization {
@@ -31,10 +32,19 @@ void Pristine::remember_structure_class(const State& state) {
 }
 
 bool Pristine::numpy_holds(const State& state) const {
-    if (!numpy_ || !PyModule_CheckExact(numpy_.get()) ||
-        capi::dict_peek(state.globals(), state.names.np) != numpy_.get()) {
-        return false;
+    if (!numpy_ || !PyModule_CheckExact(numpy_.get())) return false;
+    if constexpr (!capi::dicts_have_versions) return look_at_numpy(state);
+    // A day asks this several times, and nearly always nothing has changed in between.
+    const Versions now{capi::dict_version(state.globals()), capi::dict_version(numpy_dict_.get())};
+    if (now != seen_) {
+        numpy_was_own_ = look_at_numpy(state);
+        seen_ = now;
     }
+    return numpy_was_own_;
+}
+
+bool Pristine::look_at_numpy(const State& state) const {
+    if (capi::dict_peek(state.globals(), state.names.np) != numpy_.get()) return false;
     for (const Watched& watched : numpy_values_) {
         if (capi::dict_peek(numpy_dict_.get(), watched.name) != watched.value.get()) return false;
     }

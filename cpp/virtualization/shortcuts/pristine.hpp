@@ -37,7 +37,18 @@ private:
         Ref value;
     };
 
+    // Of the module's own dictionary and of NumPy's.
+    struct Versions {
+        std::uint64_t globals = 0;
+        std::uint64_t numpy = 0;
+        bool operator==(const Versions&) const = default;
+    };
+
+    [[nodiscard]] bool look_at_numpy(const State& state) const;
+
     Ref numpy_, numpy_dict_;
+    mutable Versions seen_;
+    mutable bool numpy_was_own_ = false;
     Watched numpy_values_[watched_names];
     void remember_structure_class(const State& state);
 
