@@ -1,0 +1,45 @@
+"""Running a script on one of the modules in an interpreter of its own, for what may crash."""
+
+import os
+import subprocess
+import sys
+import textwrap
+from pathlib import Path
+
+from support.siblings import base_location
+
+_TESTS = str(Path(__file__).parents[1])
+
+
+def run_isolated(kind, script, *, timeout=60):
+    """Run the script and return what it printed; AssertionError when the interpreter failed.
+
+    The script finds `kind`, `np`, `Siblings`, `load_base`, `plain_rotation_base` and the fakes of
+    tests/support, and loads the module of the kind itself. Memory that was freed is overwritten,
+    so that a use of it shows.
+    """
+    setup = f"""
+        import sys
+        sys.path[:0] = {[_TESTS]!r}
+        import gc
+        import numpy as np
+        from support import siblings
+        from support.fakes import *
+        from support.siblings import *
+        siblings.base_location = lambda kind: {str(base_location(kind))!r}
+        kind = {kind!r}
+    """
+    done = subprocess.run(
+        [sys.executable, "-X", "faulthandler", "-c", _dedented(setup) + _dedented(script)],
+        env={**os.environ, "PYTHONMALLOC": "debug"},
+        capture_output=True,
+        text=True,
+        timeout=timeout,
+        check=False,
+    )
+    assert done.returncode == 0, f"{kind} ended with {done.returncode}: {done.stderr[-3000:]}"
+    return done.stdout
+
+
+def _dedented(text):
+    return textwrap.dedent(text).strip() + "\n"
