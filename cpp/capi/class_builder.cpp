@@ -2,6 +2,13 @@
 
 namespace quorvane::capi {
 
+Ref super_attr(PyObject* class_cell, PyObject* self, PyObject* name) {
+    const Ref own_class = Ref::steal(PyCell_Get(class_cell));
+    if (!own_class) raise(PyExc_RuntimeError, "super(): empty __class__ cell");
+    auto* super_type = reinterpret_cast<PyObject*>(&PySuper_Type);
+    return attr(call(super_type, own_class.get(), self).get(), name);
+}
+
 ClassBuilder::ClassBuilder(const FunctionHome& home, const char* name, const Ref& base)
     : home_(home), name_(name), given_bases_(make_tuple(base.get())) {
     prepare();

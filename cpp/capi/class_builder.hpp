@@ -12,6 +12,9 @@ struct FunctionHome {
     PyObject* module_name;
 };
 
+// super().<name> in a method of the class that the cell holds.
+Ref super_attr(PyObject* class_cell, PyObject* self, PyObject* name);
+
 // Makes a class the way a class statement does: the metaclass of the bases prepares the namespace,
 // is called with the complete body in order, and so sees what it would see of a Python class.
 class ClassBuilder {

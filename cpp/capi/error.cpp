@@ -13,13 +13,22 @@ void raise(PyObject* type, PyObject* argument) {
     throw PythonError();
 }
 
+namespace {
+
+// A failure without an error would be a fault of ours; it must not become a crash.
+void ensure_error() noexcept {
+    if (PyErr_Occurred() == nullptr) {
+        PyErr_SetString(PyExc_SystemError, "an error was reported without being set");
+    }
+}
+
+}  // namespace
+
 void set_error_from_cpp_exception() noexcept {
     try {
         throw;
     } catch (const PythonError&) {
-        if (PyErr_Occurred() == nullptr) {
-            PyErr_SetString(PyExc_SystemError, "an error was reported without being set");
-        }
+        ensure_error();
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
     } catch (const std::exception& error) {
@@ -31,7 +40,10 @@ void set_error_from_cpp_exception() noexcept {
 
 #if PY_VERSION_HEX >= 0x030C0000
 
-FetchedError::FetchedError() : value_(Ref::steal(PyErr_GetRaisedException())) {}
+FetchedError::FetchedError() {
+    ensure_error();
+    value_ = Ref::steal(PyErr_GetRaisedException());
+}
 
 void FetchedError::rethrow() {
     PyErr_SetRaisedException(value_.release());
@@ -41,6 +53,7 @@ void FetchedError::rethrow() {
 #else
 
 FetchedError::FetchedError() {
+    ensure_error();
     PyObject* type = nullptr;
     PyObject* value = nullptr;
     PyObject* traceback = nullptr;
@@ -60,6 +73,14 @@ void FetchedError::rethrow() {
 }
 
 #endif
+
+KeptError::KeptError() {
+    if (PyErr_Occurred() != nullptr) value_ = FetchedError().take();
+}
+
+KeptError::~KeptError() {
+    if (value_) PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(value_.get())), value_.get());
+}
 
 HandledError::HandledError() {
     PyObject* type = nullptr;

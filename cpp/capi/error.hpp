@@ -68,7 +68,20 @@ class FetchedError {
 public:
     FetchedError();
     [[nodiscard]] PyObject* value() const noexcept { return value_.get(); }
+    [[nodiscard]] Ref take() noexcept { return std::move(value_); }
     [[noreturn]] void rethrow();
+
+private:
+    Ref value_;
+};
+
+// Keeps the current error, if there is one, aside while it lives.
+class KeptError {
+public:
+    KeptError();
+    KeptError(const KeptError&) = delete;
+    KeptError& operator=(const KeptError&) = delete;
+    ~KeptError();
 
 private:
     Ref value_;

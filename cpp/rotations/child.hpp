@@ -30,9 +30,7 @@ public:
 
     // super().<attribute>
     [[nodiscard]] Ref super_attr(PyObject* self, PyObject* attribute) const {
-        const Ref own_class = capi::require(PyCell_Get(class_cell_.get()));
-        auto* super_type = reinterpret_cast<PyObject*>(&PySuper_Type);
-        return capi::attr(capi::call(super_type, own_class.get(), self).get(), attribute);
+        return capi::super_attr(class_cell_.get(), self, attribute);
     }
 
     // super().__init__(N_alloc=N_alloc, **parameters)

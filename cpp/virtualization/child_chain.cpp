@@ -53,9 +53,9 @@ Ref make_child_context(State& state, PyObject* const* values) {
 
 // True only for an exact array of one axis with max_structures entries; false says nothing.
 bool is_plain_row(const State& state, PyObject* self, PyObject* current) {
+    const Py_ssize_t width = plain_size(plain_attribute(self, state.names.max_structures).get());
     return PyArray_CheckExact(current) && PyArray_NDIM(capi::as_array(current)) == 1 &&
-           PyArray_DIM(capi::as_array(current), 0) ==
-               plain_size(plain_attribute(self, state.names.max_structures));
+           PyArray_DIM(capi::as_array(current), 0) == width;
 }
 
 void check_shape(const State& state, PyObject* self, PyObject* current) {

@@ -90,7 +90,7 @@ State::State(PyObject* module)
       one(make_int(1)),
       memories(std::make_unique<DayMemories>()),
       module_(module),
-      globals_(PyModule_GetDict(module)),
+      globals_(Ref::borrow(PyModule_GetDict(module))),
       function_type_(capi::make_native_function_type(module)) {}
 
 void State::execute() {
@@ -130,17 +130,18 @@ void State::bind_imports() {
 }
 
 void State::bind(const char* name, PyObject* value) {
-    require(PyDict_SetItemString(globals_, name, value));
+    require(PyDict_SetItemString(globals(), name, value));
 }
 
 int State::traverse(visitproc visit, void* arg) const {
+    Py_VISIT(globals());
     Py_VISIT(function_type_.get());
     Py_VISIT(rotation_class_cell_.get());
     return pristine.traverse(visit, arg);
 }
 
 Ref State::global(PyObject* name) const {
-    if (Ref value = capi::dict_get(globals_, name)) return value;
+    if (Ref value = capi::dict_get(globals(), name)) return value;
     const Ref text = require(PyUnicode_FromFormat("name '%U' is not defined", name));
     const Ref error = call(PyExc_NameError, text.get());
     set_attr(error.get(), capi::Interned("name"), name);
@@ -154,9 +155,7 @@ Ref State::numpy_with_dtype(PyObject* function, PyObject* argument, PyObject* dt
 }
 
 Ref State::super_attr(PyObject* self, PyObject* name) const {
-    const Ref rotation_class = require(PyCell_Get(rotation_class_cell_.get()));
-    auto* super_type = reinterpret_cast<PyObject*>(&PySuper_Type);
-    return attr(call(super_type, rotation_class.get(), self).get(), name);
+    return capi::super_attr(rotation_class_cell_.get(), self, name);
 }
 
 }  // namespace quorvane::virtualization

@@ -51,7 +51,7 @@ public:
     // super().<name>, as a method of the rotation class would write it.
     [[nodiscard]] Ref super_attr(PyObject* self, PyObject* name) const;
 
-    [[nodiscard]] PyObject* globals() const noexcept { return globals_; }
+    [[nodiscard]] PyObject* globals() const noexcept { return globals_.get(); }
 
     // True of the very function that the definition makes in this module.
     [[nodiscard]] bool is_own(PyObject* function, const capi::FunctionDef& definition) const {
@@ -78,8 +78,8 @@ private:
     void bind(const char* name, PyObject* value);
     void bind_imports();
 
-    PyObject* module_;   // borrowed: the module owns this state
-    PyObject* globals_;  // borrowed: the module's dictionary
+    PyObject* module_;  // borrowed: the module owns this state
+    Ref globals_;       // the module's dictionary
     Ref function_type_;
     Ref rotation_class_cell_;
 };

@@ -182,7 +182,8 @@ Ref checked_metadata(const Rotation& rotation, const Ref& raw) {
 
 // The width of the child space, when looking it up cannot be observed; else -1.
 Py_ssize_t plain_width(const Rotation& rotation) {
-    return plain_size(plain_attribute(rotation.self, rotation.state.names.max_structures));
+    const Ref width = plain_attribute(rotation.self, rotation.state.names.max_structures);
+    return plain_size(width.get());
 }
 
 SlotMaps slot_maps(const Rotation& rotation, const RawState& raw) {

@@ -127,7 +127,62 @@ def every_restore():
             restoring(subjects.make_ewma, another_day, once=once, recover=recover)
 
 
-PROGRAMS = {program.__name__: program for program in (every_operation, every_restore)}
+def check_bookkeeping(rotation):
+    """The attributes say what the day's items say, whatever the days before have left."""
+    reported = {}
+    for item in rotation.items:
+        structure = rotation._normalize_structure(item)
+        reported[rotation.slot_by_key[structure.key]] = structure
+    for slot, structure in reported.items():
+        entry = rotation._metadata_by_slot[slot]
+        assert rotation.key_by_slot[slot] == structure.key
+        assert rotation._legs_by_slot[slot] == structure.legs, (slot, rotation._legs_by_slot)
+        assert (entry["slot"], entry["active"]) == (slot, True), entry
+        assert (entry["key"], entry["legs"]) == (structure.key, structure.legs), entry
+        assert rotation._txi_input[slot] == structure.value
+    for slot in set(range(4)) - set(reported):
+        assert rotation._metadata_by_slot[slot] == {"active": False}, (slot, reported)
+
+
+def days_after(*, once):
+    """A day that was cut short does not show in the days after it."""
+    rotation, values = subjects.used(subjects.Baskets), subjects.row()
+    plain = [
+        {"key": (letter,), "legs": ((place, 1.0),), "value": 1.0 + place}
+        for place, letter in enumerate("abcd")
+    ]
+    reports = [plain[:2], plain[1:], plain[3:], plain[:1] + subjects.usual_items()[2:]]
+    days = iter(range(10**9))
+
+    def forget_slots():
+        for table in (rotation.slot_by_key, rotation.key_by_slot, rotation._legs_by_slot):
+            table.clear()
+
+    def operation():
+        rotation(values)
+
+    def after(result):
+        rotation(values)  # the same report once more, with all the memory that it wants
+        check_bookkeeping(rotation)
+        day = next(days)
+        rotation.items = reports[day % len(reports)]
+        if day % 3 == 0:
+            forget_slots()
+
+    forget_slots()
+    rotation.items = plain
+    failures = fail_one_by_one("day", operation, once=once, after=after)
+    assert failures > 20, failures
+
+
+def days_after_a_failure():
+    for once in (True, False):
+        days_after(once=once)
+
+
+PROGRAMS = {
+    program.__name__: program for program in (every_operation, every_restore, days_after_a_failure)
+}
 
 if __name__ == "__main__":
     PROGRAMS[sys.argv[1]]()

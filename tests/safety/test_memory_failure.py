@@ -9,11 +9,6 @@ import pytest
 
 pytest.importorskip("_testcapi", reason="only a CPython with its test modules can fail allocations")
 
-# Its own copy.deepcopy stops at an assertion there.
-pytestmark = pytest.mark.skipif(
-    hasattr(sys, "gettotalrefcount"), reason="a debug build does not outlive failing allocations"
-)
-
 PROGRAM = Path(__file__).with_name("failing_allocations.py")
 
 
@@ -37,3 +32,7 @@ def test_only_memory_errors_come_out():
 
 def test_a_failed_restore_leaves_everything_as_it_was():
     run("every_restore")
+
+
+def test_a_day_that_failed_does_not_show_in_the_days_after_it():
+    run("days_after_a_failure")

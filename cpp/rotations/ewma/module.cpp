@@ -34,10 +34,7 @@ Ref init(State& state, PyObject* const* values) {
     state.initialise_base(self, values[2], parameters);
     capi::set_attr(self, state.window, window.get());
 
-    const Ref N_alloc = capi::attr(self, state.n_alloc);
-    const Py_ssize_t size = capi::is_none(N_alloc.get()) ? 0 : PyLong_AsSsize_t(N_alloc.get());
-    if (size < 0) throw capi::PythonError();
-    set_memory(state, self, new_memory(size));
+    set_memory(state, self, new_memory(allocated_columns(state, self)));
     return capi::none();
 }
 

@@ -120,13 +120,25 @@ Ref resize(State& state, PyObject* const* values) {
     const Memory old = memory_of(state, self);
     if (!is_usable(old)) raise_unusable(state, self, 0);
     capi::call(state.super_attr(self, state.resize).get(), values[1]);
-    const Py_ssize_t size = PyLong_AsSsize_t(attr(self, state.n_alloc).get());
-    if (size < 0) throw capi::PythonError();
-    set_memory(state, self, resized(old, size));
+    set_memory(state, self, resized(old, allocated_columns(state, self)));
     return capi::none();
 }
 
 }  // namespace
+
+Py_ssize_t allocated_columns(const State& state, PyObject* self) {
+    const Ref allocated = attr(self, state.n_alloc);
+    if (capi::is_none(allocated.get())) return 0;
+    const Py_ssize_t columns = PyLong_AsSsize_t(allocated.get());
+    if (columns == -1 && PyErr_Occurred() != nullptr) throw capi::PythonError();
+    if (columns < 0) {
+        message_of(state, self)
+            .text("_n_alloc must be None or at least 0, got ")
+            .repr(allocated.get())
+            .raise(PyExc_ValueError);
+    }
+    return columns;
+}
 
 Memory new_memory(Py_ssize_t size) {
     Memory memory{new_vector(size, NPY_DOUBLE), new_vector(size, NPY_DOUBLE)};

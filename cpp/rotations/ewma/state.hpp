@@ -28,6 +28,9 @@ struct Memory {
     Ref mean, weight;
 };
 
+// The columns that the rotation is allocated for, 0 when it grows with its inputs.
+Py_ssize_t allocated_columns(const State& state, PyObject* self);
+
 // For `size` columns that have seen nothing.
 Memory new_memory(Py_ssize_t size);
 

@@ -24,22 +24,29 @@ class DayMemories {
 public:
     DayMemories();
 
-    // The rotation's memory; null when it cannot be watched for its end.
-    DayMemory* of(PyObject* rotation);
+    // The rotation's memory; empty when it cannot be watched for its end.
+    std::shared_ptr<DayMemory> of(PyObject* rotation);
 
     // The same if there is one already.
-    DayMemory* find(PyObject* rotation) noexcept;
+    [[nodiscard]] std::shared_ptr<DayMemory> find(PyObject* rotation) const;
 
 private:
     struct Entry {
         Ref weak_reference;
-        std::unique_ptr<DayMemory> memory;
+        std::shared_ptr<DayMemory> memory;
+    };
+    struct Table {
+        std::unordered_map<PyObject*, Entry> entries;  // by rotation
+        std::unordered_map<PyObject*, PyObject*> rotation_by_reference;
     };
 
+    // The callback's own hold on the table, which may be gone before the last weak reference.
+    using TableLink = std::weak_ptr<Table>;
+    static TableLink& link_of(PyObject* capsule);
+    static void drop_link(PyObject* capsule);
     static PyObject* forget(PyObject* capsule, PyObject* weak_reference);
 
-    std::unordered_map<PyObject*, Entry> entries_;  // by rotation
-    std::unordered_map<PyObject*, PyObject*> rotation_by_reference_;
+    std::shared_ptr<Table> table_;
     Ref forget_;
 };
 

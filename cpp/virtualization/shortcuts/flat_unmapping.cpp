@@ -30,9 +30,9 @@ bool read_task(const State& state, PyObject* self, PyObject* txi_output, PyObjec
                PyObject* N, Task& task) {
     const Names& names = state.names;
     if (!state.pristine.numpy_holds(state)) return false;
-    task.legs_by_slot = Ref::borrow(plain_attribute(self, names.legs_by_slot));
-    task.max_structures = plain_size(plain_attribute(self, names.max_structures));
-    const Ref policy = Ref::borrow(plain_attribute(self, names.unmap_policy));
+    task.legs_by_slot = plain_attribute(self, names.legs_by_slot);
+    task.max_structures = plain_size(plain_attribute(self, names.max_structures).get());
+    const Ref policy = plain_attribute(self, names.unmap_policy);
     task.N = plain_size(N);
     task.txi_output = capi::readable_vector<double>(txi_output);
     task.output = capi::writable_vector<double>(output_buf);
@@ -46,16 +46,12 @@ bool read_task(const State& state, PyObject* self, PyObject* txi_output, PyObjec
     return true;
 }
 
-// The legs of the slots, known since they were recorded. False when the table has changed since, or
-// when it holds an id that is no index of the output.
-const LegMemory* remembered_legs(const State& state, PyObject* self, const Task& task) {
-    const DayMemory* memory = state.memories->find(self);
-    if (memory == nullptr || !memory->legs.describes(task.legs_by_slot.get()) ||
-        memory->legs.id_bound() > static_cast<std::size_t>(task.N) ||
-        memory->legs.slots() > static_cast<std::size_t>(task.max_structures)) {
-        return nullptr;
-    }
-    return &memory->legs;
+// True when the memory knows the table's legs as they are now, and all of their ids are indices of
+// the output.
+bool knows_legs(const DayMemory& memory, const Task& task) {
+    return memory.legs.describes(task.legs_by_slot.get()) &&
+           memory.legs.id_bound() <= static_cast<std::size_t>(task.N) &&
+           memory.legs.slots() <= static_cast<std::size_t>(task.max_structures);
 }
 
 void collect_remembered(const Task& task, const LegMemory& legs,
@@ -144,10 +140,10 @@ bool unmap_flat(const State& state, PyObject* self, PyObject* txi_output, PyObje
                 PyObject* N) {
     Task task;
     if (!read_task(state, self, txi_output, output_buf, N, task)) return false;
-    if (const LegMemory* legs = remembered_legs(state, self, task)) {
-        auto& contributions = state.memories->find(self)->contributions;
-        collect_remembered(task, *legs, contributions);
-        return add_and_write(state, task, contributions, legs->flat());
+    const std::shared_ptr<DayMemory> memory = state.memories->find(self);
+    if (memory && knows_legs(*memory, task)) {
+        collect_remembered(task, memory->legs, memory->contributions);
+        return add_and_write(state, task, memory->contributions, memory->legs.flat());
     }
     kernels::FlatLegs flat;
     std::vector<kernels::Contribution> contributions;

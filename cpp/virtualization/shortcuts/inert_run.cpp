@@ -9,8 +9,12 @@
 namespace quorvane::virtualization {
 
 InertRun::InertRun(const State& state, PlainRotation& plain, const DayMasks& masks,
-                   PyObject* structures, DayMemory* memory)
-    : state_(state), plain_(plain), masks_(masks), structures_(structures), memory_(memory) {}
+                   PyObject* structures, std::shared_ptr<DayMemory> memory)
+    : state_(state),
+      plain_(plain),
+      masks_(masks),
+      structures_(structures),
+      memory_(std::move(memory)) {}
 
 bool InertRun::is_possible() {
     if (memory_ == nullptr || item_count() <= 0 || !plain_.holds() || !see_masks()) return false;
@@ -45,16 +49,25 @@ Py_ssize_t InertRun::record() {
             const auto position = static_cast<std::size_t>(recorded);
             if (record_item(position, raw) == Outcome::needs_python) break;
         }
-    } catch (const capi::PythonError&) {
-        capi::FetchedError out_of_memory;
-        metadata.end_day(state_);
-        out_of_memory.rethrow();
+    } catch (...) {
+        end_failed_day(metadata);
+        throw;
     }
     metadata.end_day(state_);
     return recorded;
 }
 
 // Everything that can need Python is found out before the first change.
+// Memory has run out. The slots that were to be reset still are, as far as that is possible.
+void InertRun::end_failed_day(MetadataMemory& metadata) const {
+    const capi::KeptError error;
+    try {
+        metadata.end_day(state_);
+    } catch (const capi::PythonError&) {
+        PyErr_Clear();
+    }
+}
+
 InertRun::Outcome InertRun::record_item(std::size_t position, PyObject* raw) {
     ItemEntries entries;
     if (!read_inert_entries(state_, raw, entries) || entries.metadata != nullptr) {
@@ -85,6 +98,7 @@ SlotMemory::Found InertRun::new_slot(PyObject* key) {
 }
 
 void InertRun::remember_legs(const SlotMemory::Found& slot, PyObject* legs) {
+    memory_->legs.describes_nothing();
     memory_->legs.store(slot.index, legs);
     require(PyDict_SetItem(plain_.legs_by_slot(), slot.slot, legs));
     memory_->legs.now_describes(plain_.legs_by_slot());

@@ -13,7 +13,7 @@ namespace quorvane::virtualization {
 class InertRun {
 public:
     InertRun(const State& state, PlainRotation& plain, const DayMasks& masks, PyObject* structures,
-             DayMemory* memory);
+             std::shared_ptr<DayMemory> memory);
 
     // Whether there is anything that can be recorded this way. Nothing is changed by asking.
     [[nodiscard]] bool is_possible();
@@ -28,6 +28,8 @@ public:
     Py_ssize_t record();
 
 private:
+    void end_failed_day(MetadataMemory& metadata) const;
+
     enum class Outcome { recorded, needs_python };
 
     [[nodiscard]] bool see_masks();
@@ -41,7 +43,7 @@ private:
     PlainRotation& plain_;
     const DayMasks& masks_;
     PyObject* structures_;
-    DayMemory* memory_;
+    std::shared_ptr<DayMemory> memory_;
     std::vector<capi::VectorView<const npy_uint8>> mask_views_;
     capi::VectorView<double> txi_input_;
     std::size_t live_instruments_ = 0;

@@ -34,6 +34,8 @@ public:
     // True when the table is as it was last seen, and so every slot's legs are known.
     [[nodiscard]] bool describes(PyObject* legs_by_slot) const noexcept;
     void now_describes(PyObject* legs_by_slot) noexcept;
+    // Until it is said again: the table and the memory are about to be changed one after the other.
+    void describes_nothing() noexcept { version_ = 0; }
 
     [[nodiscard]] std::size_t slots() const noexcept { return places_.size(); }
     [[nodiscard]] const Place& place(std::size_t slot) const noexcept { return places_[slot]; }

@@ -12,41 +12,44 @@ PyObject* instance_dict(PyObject* object) noexcept {
     return place == nullptr ? nullptr : *place;
 }
 
-PyObject* plain_attribute(PyObject* object, PyObject* name) {
+Ref plain_attribute(PyObject* object, PyObject* name) {
     PyTypeObject* type = Py_TYPE(object);
     if (type->tp_getattro != PyObject_GenericGetAttr || _PyType_Lookup(type, name) != nullptr) {
-        return nullptr;
+        return {};
     }
-    PyObject* dict = instance_dict(object);
-    return dict == nullptr ? nullptr : capi::dict_peek(dict, name);
+    const Ref dict = Ref::borrow(instance_dict(object));
+    return dict ? capi::dict_get(dict.get(), name) : Ref();
 }
 
 PlainRotation::PlainRotation(const State& state, PyObject* self)
     : state_(state), self_(self), watch_(state.dict_watcher) {}
 
 bool PlainRotation::still_seen() const {
-    if (Py_TYPE(self_) != type_ || instance_dict(self_) != dict_ || !watch_.unchanged())
+    if (!Py_IS_TYPE(self_, type()) || instance_dict(self_) != dict_.get() || !watch_.unchanged())
         return false;
     return capi::instance_dicts_tell_changes ||
-           (instance_is_plain(dict_) && has_same_bookkeeping());
+           (instance_is_plain(dict_.get()) && has_same_bookkeeping());
 }
 
 void PlainRotation::look() {
     looked_ = true;
     plain_ = false;
-    type_ = Py_TYPE(self_);
-    dict_ = instance_dict(self_);
-    if (dict_ == nullptr || !PyDict_CheckExact(dict_)) return;
+    type_ = Ref::borrow(reinterpret_cast<PyObject*>(Py_TYPE(self_)));
+    dict_ = Ref::borrow(instance_dict(self_));
     watch_.clear();
-    if constexpr (capi::instance_dicts_tell_changes) watch_.add_dict(dict_);
+    if (!dict_ || !PyDict_CheckExact(dict_.get())) return;
+    if constexpr (capi::instance_dicts_tell_changes) watch_.add_dict(dict_.get());
     watch_.add_dict(state_.globals());
-    if (state_.pristine.numpy_dict() == nullptr) return;
+    const bool plain = state_.pristine.numpy_holds(state_) &&
+                       state_.pristine.structure_class_holds(state_) && class_is_plain(type()) &&
+                       instance_is_plain(dict_.get()) && take_bookkeeping(dict_.get());
+    if (!plain) return;
     watch_.add_dict(state_.pristine.numpy_dict());
-    plain_ = class_is_plain(type_) && instance_is_plain(dict_) && take_bookkeeping(dict_) &&
-             state_.pristine.numpy_holds(state_) && state_.pristine.structure_class_holds(state_);
     // Types get their version when something is looked up in them, which has been done now.
-    watch_.add_type(type_);
+    watch_.add_type(type());
     watch_.add_type(state_.pristine.structure_class());
+    // Odd keys in a dictionary may have run code while it was looked into.
+    plain_ = still_seen();
 }
 
 bool PlainRotation::class_is_plain(PyTypeObject* type) const {
@@ -78,12 +81,12 @@ bool PlainRotation::instance_is_plain(PyObject* dict) const {
 bool PlainRotation::has_same_bookkeeping() const {
     const Names& names = state_.names;
     const auto same = [&](PyObject* name, const Ref& object) {
-        return capi::dict_peek(dict_, name) == object.get();
+        return capi::dict_peek(dict_.get(), name) == object.get();
     };
     return same(names.slot_by_key, slot_by_key_) && same(names.key_by_slot, key_by_slot_) &&
            same(names.legs_by_slot, legs_by_slot_) &&
            same(names.metadata_by_slot, metadata_by_slot_) && same(names.txi_input, txi_input_) &&
-           plain_size(capi::dict_peek(dict_, names.max_structures)) == max_structures_;
+           plain_size(capi::dict_peek(dict_.get(), names.max_structures)) == max_structures_;
 }
 
 bool PlainRotation::take_bookkeeping(PyObject* dict) {

@@ -30,6 +30,9 @@ public:
 
 private:
     void look();
+    [[nodiscard]] PyTypeObject* type() const noexcept {
+        return reinterpret_cast<PyTypeObject*>(type_.get());
+    }
     [[nodiscard]] bool still_seen() const;
     [[nodiscard]] bool class_is_plain(PyTypeObject* type) const;
     [[nodiscard]] bool instance_is_plain(PyObject* dict) const;
@@ -39,8 +42,7 @@ private:
     const State& state_;
     PyObject* self_;
     capi::ChangeWatch watch_;
-    PyTypeObject* type_ = nullptr;
-    PyObject* dict_ = nullptr;
+    Ref type_, dict_;
     bool looked_ = false;
     bool plain_ = false;
     Ref slot_by_key_, key_by_slot_, legs_by_slot_, metadata_by_slot_, txi_input_;
@@ -51,7 +53,7 @@ private:
 PyObject* instance_dict(PyObject* object) noexcept;
 
 // An attribute that reading cannot observe: held by the instance, with a class that leaves
-// attribute access alone. Borrowed; null when it is anything else.
-PyObject* plain_attribute(PyObject* object, PyObject* name);
+// attribute access alone. Empty when it is anything else.
+Ref plain_attribute(PyObject* object, PyObject* name);
 
 }  // namespace quorvane::virtualization

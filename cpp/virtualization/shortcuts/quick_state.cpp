@@ -55,6 +55,7 @@ QuickSlotMaps quick_slot_maps(PyObject* raw_slot_by_key, PyObject* raw_key_by_sl
         !are_inverse_in_order(raw_slot_by_key, raw_key_by_slot, max_structures)) {
         return {};
     }
+    const capi::GcPause no_finalizers;  // which could change what has just been checked
     return {require(PyDict_Copy(raw_slot_by_key)), require(PyDict_Copy(raw_key_by_slot))};
 }
 
@@ -65,6 +66,7 @@ Ref quick_legs_by_slot(PyObject* raw_legs_by_slot, PyObject* key_by_slot, Py_ssi
         if (!PyLong_CheckExact(walk.key) || !are_legs_within(walk.value, limit)) return {};
         if (capi::dict_peek(key_by_slot, walk.key) == nullptr) return {};
     }
+    const capi::GcPause no_finalizers;
     return require(PyDict_Copy(raw_legs_by_slot));
 }
 

@@ -34,7 +34,10 @@ bool SlotMemory::knows(PyObject* slot_by_key, PyObject* key_by_slot, Py_ssize_t 
     if constexpr (!capi::dicts_have_versions) return false;
     const std::uint64_t slots_version = capi::dict_version(slot_by_key);
     const std::uint64_t keys_version = capi::dict_version(key_by_slot);
-    if (slots_version_ == slots_version && keys_version_ == keys_version) return true;
+    if (slots_version_ == slots_version && keys_version_ == keys_version &&
+        max_structures_ == max_structures) {
+        return true;
+    }
     memos_.clear();
     slots_version_ = keys_version_ = 0;
     if (!maps_inert_keys_to_slots(slot_by_key, max_structures) ||
@@ -43,6 +46,7 @@ bool SlotMemory::knows(PyObject* slot_by_key, PyObject* key_by_slot, Py_ssize_t 
     }
     slots_version_ = slots_version;
     keys_version_ = keys_version;
+    max_structures_ = max_structures;
     return true;
 }
 

@@ -34,6 +34,7 @@ private:
     std::vector<Memo> memos_;
     std::uint64_t slots_version_ = 0;
     std::uint64_t keys_version_ = 0;
+    Py_ssize_t max_structures_ = -1;
 };
 
 }  // namespace quorvane::virtualization
