@@ -92,6 +92,51 @@ def test_functions_of_a_failed_import_outlive_their_class(kind):
 
 
 @pytest.mark.parametrize("kind", ["native", "twin"])
+def test_namespace_of_a_class_that_was_never_made_stays_callable(kind):
+    printed = run_isolated(
+        kind,
+        """
+        left = {}
+
+        class Refusing(type):
+            def __new__(metaclass, name, bases, namespace):
+                if name == "VirtualizationBase":
+                    left.update(namespace)
+                    raise LookupError("no class")
+                return super().__new__(metaclass, name, bases, namespace)
+
+        Base = Refusing("Base", (plain_rotation_base(),), {})
+        try:
+            load_base(kind, Siblings(RotationBase=Base))
+        except LookupError as error:
+            print(error)
+        gc.collect()
+        fill = [bytearray(1000) for _ in range(5000)]
+
+        class StandIn:
+            _n_alloc = 3
+
+            def _validate_constructor(self, *arguments):
+                print(arguments)
+
+        for name in ["__init__", "__call__"]:
+            try:
+                left[name](StandIn())
+            except RuntimeError as error:
+                print(name, error)
+        print(left["stateful"].fget(None))
+        """,
+    )
+    assert printed.splitlines() == [
+        "no class",
+        "(None, None, None, 'proportional')",
+        "__init__ super(): empty __class__ cell",
+        "__call__ super(): empty __class__ cell",
+        "True",
+    ]
+
+
+@pytest.mark.parametrize("kind", ["native", "twin"])
 def test_day_may_run_while_the_class_is_being_made(kind):
     printed = run_isolated(
         kind,

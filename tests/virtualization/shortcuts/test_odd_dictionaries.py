@@ -76,19 +76,26 @@ ODD_KEY = """
         return rotation
 
 
-    def survive(rotation, count, act):
-        'Run days in which the action comes at the count-th comparison.'
+    def day(rotation):
+        rotation(np.ones(6))
+
+
+    def compute(rotation):
+        clear = np.zeros(6, dtype=np.uint8)
+        rotation.compute((clear,), (clear,), clear, np.zeros(6), 6)
+
+
+    def unmap(rotation):
+        rotation._unmap(np.ones(4), np.zeros(6), 6)
+
+
+    def survive(rotation, count, act, calls=(day, compute, unmap)):
+        'Make the calls; the action comes at the count-th comparison.'
         Odd.action = staticmethod(act)
         Odd.left = count
-        clear = np.zeros(6, dtype=np.uint8)
-        output = np.zeros(6)
-        for call in [
-            lambda: rotation(np.ones(6)),
-            lambda: rotation.compute((clear,), (clear,), clear, output, 6),
-            lambda: rotation._unmap(np.ones(4), output, 6),
-        ]:
+        for call in calls:
             try:
-                call()
+                call(rotation)
             except (AttributeError, ValueError, IndexError, TypeError, LookupError, RuntimeError):
                 pass
         Odd.left = -1
@@ -146,9 +153,10 @@ def test_odd_keys_among_the_attributes_do_no_harm(kind):
     for name in {ATTRIBUTES!r}:
         for act in ACTIONS:
             for count in [1, 2, 4]:
-                rotation = prepared(base)
-                put_before(vars(rotation), name)
-                survive(rotation, count, lambda: act(rotation))
+                for calls in [(day, compute), (unmap, unmap)]:
+                    rotation = prepared(base)
+                    put_before(vars(rotation), name)
+                    survive(rotation, count, lambda: act(rotation), calls)
     print("survived")
     """,
     )
