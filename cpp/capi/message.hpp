@@ -5,7 +5,7 @@
 namespace quorvane::capi {
 
 // An error text put together as an f-string is: literal pieces and values, each value formatted
-// with an empty format specification at the moment it is added.
+// as {value} is, at the moment it is added.
 class Message {
 public:
     Message& text(const char* literal) { return append(make_str(literal)); }

@@ -152,7 +152,7 @@ PyGetSetDef properties[] = {
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
-// Put into the type's dictionary by hand: making a type from a specification writes its own there.
+// Put into the type's dictionary by hand: making a type from a slot table writes its own there.
 PyMemberDef module_member = {"__module__", T_OBJECT, offsetof(NativeFunction, module_name), 0,
                              nullptr};
 

@@ -11,8 +11,8 @@ NAN = float("nan")
 class Named:
     """A display name that is no string: only its formatting matters."""
 
-    def __format__(self, specification):
-        return f"<formatted {specification!r}>"
+    def __format__(self, format_spec):
+        return f"<formatted {format_spec!r}>"
 
 
 def chain(base, *children, **constructor):

@@ -21,8 +21,8 @@ PREFIX = "virtualization_base: "
 class Formatted:
     """An object whose formatted text differs from its str() and repr()."""
 
-    def __format__(self, specification):
-        return f"formatted<{specification}>"
+    def __format__(self, format_spec):
+        return f"formatted<{format_spec}>"
 
     def __str__(self):
         return "str"

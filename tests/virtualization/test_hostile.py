@@ -1475,11 +1475,11 @@ def storage_objects_that_are_odd(base):
 @scenario
 def names_that_format_oddly(base):
     class Failing:
-        def __format__(self, specification):
+        def __format__(self, format_spec):
             raise LookupError("format")
 
     class Lying:
-        def __format__(self, specification):
+        def __format__(self, format_spec):
             return 5
 
     log = []

@@ -440,8 +440,8 @@ def test_metadata_entry_that_is_no_dict_fails(base, entry):
 
 def test_message_formats_a_name_that_is_no_string(base):
     class Name:
-        def __format__(self, specification):
-            return f"<{specification!r}>"
+        def __format__(self, format_spec):
+            return f"<{format_spec!r}>"
 
     rotation = make_rotation(base, attributes={"_name": Name()})
     with pytest.raises(ValueError, match="dict") as caught:

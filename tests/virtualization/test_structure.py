@@ -29,8 +29,8 @@ NamedKey = collections.namedtuple("NamedKey", "left right")
 
 
 class Formatted:
-    def __format__(self, specification):
-        return f"formatted<{specification}>"
+    def __format__(self, format_spec):
+        return f"formatted<{format_spec}>"
 
 
 class Converted:
