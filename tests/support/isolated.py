@@ -11,12 +11,12 @@ from support.siblings import base_location
 _TESTS = str(Path(__file__).parents[1])
 
 
-def run_isolated(kind, script, *, timeout=60):
+def run_isolated(kind, script, *, allocator="debug", timeout=60):
     """Run the script and return what it printed; AssertionError when the interpreter failed.
 
     The script finds `kind`, `np`, `Siblings`, `load_base`, `plain_rotation_base` and the fakes of
-    tests/support, and loads the module of the kind itself. Memory that was freed is overwritten,
-    so that a use of it shows.
+    tests/support, and loads the module of the kind itself. The allocator "debug" overwrites freed
+    memory, "default" soon gives it away again: a use of it shows with one or with the other.
     """
     setup = f"""
         import sys
@@ -31,7 +31,7 @@ def run_isolated(kind, script, *, timeout=60):
     """
     done = subprocess.run(
         [sys.executable, "-X", "faulthandler", "-c", _dedented(setup) + _dedented(script)],
-        env={**os.environ, "PYTHONMALLOC": "debug"},
+        env={**os.environ, "PYTHONMALLOC": allocator},
         capture_output=True,
         text=True,
         timeout=timeout,
