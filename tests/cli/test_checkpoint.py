@@ -7,7 +7,7 @@ import time
 import numpy as np
 import pytest
 
-from quorvane.cli.checkpoint import RunIdentity
+from quorvane.cli.checkpoint import Checkpoint, RunIdentity
 from quorvane.cli.table import Dates, Table
 from quorvane.cli.table_io import write_table
 
@@ -208,6 +208,134 @@ def test_a_damaged_checkpoint_is_noticed(go, files):
     refused = go("parts", "--resume", checkpoint=files / "c.db")
     assert refused.status == 1
     assert "damaged" in refused.err
+
+
+def stored(files):
+    """The checkpoint's records, to be read and altered."""
+    from quorvane.stores import SqliteStore
+
+    return SqliteStore(files / "c.db", namespace="quorvane replay", keep=1)
+
+
+def assert_makes_no_sense(go, files, text):
+    refused = go("parts", "--resume", checkpoint=files / "c.db")
+    assert (refused.status, refused.out) == (1, "")
+    start = f"quorvane replay: error: {files / 'c.db'}: "
+    assert refused.err.startswith(start)
+    assert text in refused.err
+    assert refused.err.count("\n") == 1
+    assert not (files / "parts.csv").exists()
+
+
+def test_a_replay_that_another_has_taken_over_from_writes_no_more(go, files, monkeypatch):
+    options = {"checkpoint": files / "c.db", "checkpoint_every": 7, "stop_after": 35}
+    save, answers = Checkpoint.save, []
+
+    def save_with_another_run_between(self, day):
+        if day == 21 and not answers:
+            answers.append(None)
+            answers[0] = go("other", **{**options, "checkpoint_every": 10, "stop_after": 12})
+        save(self, day)
+
+    monkeypatch.setattr(Checkpoint, "save", save_with_another_run_between)
+    first = go("first", **options)
+    assert (first.status, answers[0].status) == (1, 0)
+    assert first.err.endswith("c.db: another replay has taken the checkpoint over\n")
+    assert go("parts", "--resume", checkpoint=files / "c.db").status == 0
+    assert go("whole").status == 0
+    assert outputs(files, "parts") == outputs(files, "whole")
+
+
+def test_a_replay_resumed_twice_at_once_is_written_by_the_later_one(go, files, whole, monkeypatch):
+    options = {"checkpoint": files / "c.db", "checkpoint_every": 5}
+    assert go("parts", stop_after=10, **options).status == 0
+    save, answers = Checkpoint.save, []
+
+    def save_with_another_run_between(self, day):
+        if not answers:
+            answers.append(None)
+            answers[0] = go("parts", "--resume", **options)
+        save(self, day)
+
+    monkeypatch.setattr(Checkpoint, "save", save_with_another_run_between)
+    assert go("first", "--resume", **options).status == 1
+    assert answers[0].status == 0
+    assert outputs(files, "parts") == whole
+
+
+def test_rows_of_another_run_are_not_taken(go, files):
+    go("other", checkpoint=files / "c.db", checkpoint_every=5, stop_after=20)
+    foreign = stored(files).load("rows 1")
+    go("first", checkpoint=files / "c.db", checkpoint_every=5, stop_after=20)
+    assert foreign["last"] == stored(files).load("rows 1")["last"]
+    stored(files).write("rows 1", foreign)
+    assert_makes_no_sense(go, files, "some of its rows are of another run")
+
+
+HEADS = {
+    "no dict": (lambda head: [1], "its head has no format"),
+    "empty": (lambda head: {}, "its head has no format"),
+    "a format that is no number": (lambda head: {**head, "format": "x"}, "has no format"),
+    "an older format": (lambda head: {"format": 1}, "has format 1, expected 2"),
+    "a field too few": (lambda head: {"format": 2}, "its head has other fields"),
+    "a run without token": (lambda head: {**head, "run": None}, "its run has no token"),
+    "another run": (lambda head: {**head, "run": "x"}, "rows are of another run"),
+    "a day that is text": (lambda head: {**head, "next_day": "a"}, "its day is no day number"),
+    "a negative day": (lambda head: {**head, "next_day": -1}, "its day is no day number"),
+    "a number of records that is text": (lambda head: {**head, "records": "2"}, "records is none"),
+    "a record less": (lambda head: {**head, "records": 3}, "the rows of day 15 are not there"),
+    "a record more": (lambda head: {**head, "records": 5}, "no record named 'rows 4'"),
+    "no identity": (lambda head: {**head, "identity": 7}, "does not say what it was made with"),
+    "options of an odd kind": (
+        lambda head: {
+            **head,
+            "identity": {**head["identity"], "options": {"input": np.zeros(3)}},
+        },
+        "does not say what it was made with",
+    ),
+    "values of an odd kind": (
+        lambda head: {**head, "identity": {**head["identity"], "values": np.zeros(3)}},
+        "does not say what it was made with",
+    ),
+    "no state": (lambda head: {**head, "rotation": None}, "the rotation refuses its state"),
+}
+
+
+@pytest.mark.parametrize(("alter", "text"), HEADS.values(), ids=HEADS)
+def test_a_head_that_makes_no_sense_is_refused(go, files, alter, text):
+    go("first", checkpoint=files / "c.db", checkpoint_every=5, stop_after=20)
+    stored(files).write("head", alter(stored(files).load("head")))
+    assert_makes_no_sense(go, files, text)
+
+
+ROWS = {
+    "no dict": (lambda rows: 5, "its rows have other fields"),
+    "a field too few": (lambda rows: {"run": rows["run"]}, "its rows have other fields"),
+    "other days": (lambda rows: {**rows, "first": 0, "last": 5}, "rows of day 5 are not there"),
+    "days beyond the head": (lambda rows: {**rows, "last": 21}, "rows of day 5 are not there"),
+    "no days": (lambda rows: {**rows, "last": 5}, "rows of day 5 are not there"),
+    "a day that is an array": (lambda rows: {**rows, "first": np.array([5, 5])}, "rows of day 5"),
+    "an array missing": (lambda rows: {**rows, "arrays": {}}, "its rows are of other arrays"),
+    "an array too short": (
+        lambda rows: {**rows, "arrays": {k: v[1:] for k, v in rows["arrays"].items()}},
+        "do not fit",
+    ),
+    "an array of text": (
+        lambda rows: {**rows, "arrays": {k: v.astype("U9") for k, v in rows["arrays"].items()}},
+        "do not fit",
+    ),
+    "a list": (
+        lambda rows: {**rows, "arrays": {k: v.tolist() for k, v in rows["arrays"].items()}},
+        "do not fit",
+    ),
+}
+
+
+@pytest.mark.parametrize(("alter", "text"), ROWS.values(), ids=ROWS)
+def test_rows_that_make_no_sense_are_refused(go, files, alter, text):
+    go("first", checkpoint=files / "c.db", checkpoint_every=5, stop_after=20)
+    stored(files).write("rows 1", alter(stored(files).load("rows 1")))
+    assert_makes_no_sense(go, files, text)
 
 
 def test_the_identity_does_not_depend_on_where_a_run_was_stopped():

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import hashlib
 import json
+import secrets
 from collections.abc import Iterator, Mapping, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass, field
@@ -12,6 +13,14 @@ from typing import Any
 
 import numpy as np
 
+from quorvane.cli.checkpoint_contents import (
+    ContentsError,
+    Head,
+    format_of,
+    head_from,
+    require_all_rows,
+    rows_from,
+)
 from quorvane.cli.errors import DataError
 from quorvane.cli.libraries import require_library
 from quorvane.cli.recording import Recorder
@@ -19,9 +28,10 @@ from quorvane.cli.structures import Structures
 from quorvane.cli.table import Table
 from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 
-_FORMAT = 1
+_FORMAT = 2
 _NAMESPACE = "quorvane replay"
 _HEAD = "head"
+_WRITER = "writer"
 _RECORD_BYTES = 1 << 26
 
 
@@ -69,6 +79,10 @@ class Checkpoint:
     Each save writes the rows recorded since the last one as records of their own, then the head:
     day number, identity, the rotation's state, and how many records of rows there are. The head
     is one atomic record, so a run that is killed resumes from the last whole one.
+
+    Head and rows bear the token of their run, which stays when it is resumed, so rows of two runs
+    are never put together. A process that starts or resumes also leaves a token of its own, and
+    whoever finds another's there writes no more.
     """
 
     def __init__(
@@ -85,17 +99,28 @@ class Checkpoint:
         self._rotation = rotation
         self._recorders = recorders
         self._records = 0
+        self._run = secrets.token_hex(16)
+        self._writer = secrets.token_hex(16)
 
     def start(self) -> None:
         """Begin at day 0, in place of whatever run the file holds."""
+        with self._reporting():
+            self._open().write(_WRITER, self._writer)
         # Written at once: rows to come may replace those that the old head counts.
         self.save(0)
 
     def save(self, day: int) -> None:
-        """Keep everything that is needed to go on with ``day``."""
+        """Keep everything that is needed to go on with ``day``.
+
+        Raises
+        ------
+        DataError
+            The store refuses, or another replay has the file now.
+        """
         spans = list(self._spans(self.saved_days, day))
         head = {
             "format": _FORMAT,
+            "run": self._run,
             "next_day": day,
             "identity": self._identity.upto(day),
             "records": self._records + len(spans),
@@ -103,9 +128,9 @@ class Checkpoint:
         }
         with self._reporting():
             store = self._open()
+            self._require_own(store)
             for number, (first, last) in enumerate(spans, start=self._records):
-                rows = {name: array[first:last] for name, array in self._arrays().items()}
-                store.write(_rows_name(number), rows)
+                store.write(_rows_name(number), self._rows(first, last))
             store.write(_HEAD, head)
         self._records += len(spans)
         self.saved_days = day
@@ -117,17 +142,15 @@ class Checkpoint:
         with self._reporting():
             store = self._open()
             head = self._head(store)
-            day: int = head["next_day"]
-            self._require_same_run(day, head["identity"])
-            filled = 0
-            for number in range(head["records"]):
-                filled = self._refill(filled, store.load(_rows_name(number)))
-        try:
-            self._rotation.set_state(head["rotation"])
-        except (ValueError, TypeError) as error:
-            raise DataError(f"{self.path}: the rotation refuses its state: {error}") from error
-        self._records, self.saved_days = head["records"], day
-        return day
+            self._require_same_run(head.next_day, head.identity)
+            self._refill(store, head)
+            try:
+                self._rotation.set_state(head.rotation)
+            except (ValueError, TypeError) as error:
+                raise DataError(f"{self.path}: the rotation refuses its state: {error}") from error
+            store.write(_WRITER, self._writer)
+        self._run, self._records, self.saved_days = head.run, head.records, head.next_day
+        return head.next_day
 
     def _open(self) -> Any:
         return self._stores.SqliteStore(self.path, namespace=_NAMESPACE, keep=1)
@@ -137,16 +160,21 @@ class Checkpoint:
             name: array for recorder in self._recorders for name, array in recorder.arrays.items()
         }
 
-    def _head(self, store: Any) -> dict[str, Any]:
+    def _require_own(self, store: Any) -> None:
+        """Refuse to write into a file that another process has started or resumed meanwhile."""
+        writer = store.load(_WRITER)
+        if type(writer) is not str or writer != self._writer:
+            raise DataError(f"{self.path}: another replay has taken the checkpoint over")
+
+    def _head(self, store: Any) -> Head:
         try:
-            head: dict[str, Any] = store.load(_HEAD)
+            record = store.load(_HEAD)
         except self._stores.RecordNotFoundError as error:
             raise DataError(f"{self.path}: holds no checkpoint of a replay") from error
-        if head["format"] != _FORMAT:
-            raise DataError(
-                f"{self.path}: the checkpoint has format {head['format']}, expected {_FORMAT}"
-            )
-        return head
+        number = format_of(record)
+        if number != _FORMAT:
+            raise DataError(f"{self.path}: the checkpoint has format {number}, expected {_FORMAT}")
+        return head_from(record, self._identity.upto(0))
 
     def _spans(self, first_day: int, day: int) -> Iterator[tuple[int, int]]:
         """The days from ``first_day`` to ``day`` in runs that make records of moderate size."""
@@ -155,13 +183,19 @@ class Checkpoint:
         for first in range(first_day, day, step):
             yield first, min(first + step, day)
 
-    def _refill(self, filled: int, rows: Mapping[str, Any]) -> int:
-        """Put stored rows behind the ``filled`` days that are there already; the new count."""
-        last = filled
-        for name, array in self._arrays().items():
-            last = filled + len(rows[name])
-            array[filled:last] = rows[name]
-        return last
+    def _rows(self, first: int, last: int) -> dict[str, Any]:
+        arrays = {name: array[first:last] for name, array in self._arrays().items()}
+        return {"run": self._run, "first": first, "last": last, "arrays": arrays}
+
+    def _refill(self, store: Any, head: Head) -> None:
+        """Put the stored rows of all days before the head's into the recorders."""
+        arrays, filled = self._arrays(), 0
+        for number in range(head.records):
+            last, stored = rows_from(store.load(_rows_name(number)), head, filled, arrays)
+            for name, rows in stored.items():
+                arrays[name][filled:last] = rows
+            filled = last
+        require_all_rows(head, filled)
 
     def _require_same_run(self, day: int, made_with: Mapping[str, Any]) -> None:
         """Refuse to go on with anything that was not so when the checkpoint was made."""
@@ -189,9 +223,11 @@ class Checkpoint:
 
     @contextmanager
     def _reporting(self) -> Iterator[None]:
-        """Turn the store's errors into one that names the file."""
+        """Turn the store's errors, and contents without sense, into one that names the file."""
         try:
             yield
+        except ContentsError as error:
+            raise DataError(f"{self.path}: the checkpoint makes no sense: {error}") from error
         except self._stores.StoreError as error:
             raise DataError(f"{self.path}: {error}") from error
 
