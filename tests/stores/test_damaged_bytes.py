@@ -221,6 +221,16 @@ def test_the_same_tuples_in_very_many_lists_cost_no_more_than_is_claimed():
         assert_refused_cheaply(seal(Payload(data, values), ""))
 
 
+def test_a_key_of_tuples_shared_again_and_again_is_refused_before_it_is_hashed():
+    # Sixty levels, each the one below twice: hashing the key would take 2 ** 60 steps.
+    key, values = (FIELDS, ONE), 2
+    for number in range(60):
+        key, values = (FIELDS, key, (SAME, number)), values + 2
+    data = msgpack.packb((int(Code.DICT), ONE, key, (0, b"\0")))
+    for claimed in (values + 3, 8 * len(data)):
+        assert_refused_cheaply(seal(Payload(data, claimed), ""))
+
+
 def test_a_flipped_bit_under_a_fitting_checksum_gives_a_value_or_the_error():
     payload = pack(SMALL)
     intact = bytes(payload.data)

@@ -162,6 +162,13 @@ def test_equal_tuples_of_different_types_are_not_taken_for_each_other():
     assert exactly_equal(restored(columns), columns)
 
 
+def shared_on_many_levels(levels):
+    value = (1, "a")
+    for _ in range(levels):
+        value = (value, value)
+    return value
+
+
 def very_many_values_in_few_bytes():
     tuples = [(i,) for i in range(1000)]
     value = 1
@@ -170,6 +177,7 @@ def very_many_values_in_few_bytes():
     return {
         "the same tuples in many lists": {str(i): list(tuples) for i in range(60)},
         "many tuples in tuples": {"deep": [value for _ in range(500)]},
+        "tuples shared on many levels": {shared_on_many_levels(14): shared_on_many_levels(12)},
     }
 
 

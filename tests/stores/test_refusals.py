@@ -173,6 +173,14 @@ def test_too_many_values_are_refused_before_they_are_collected(monkeypatch):
     assert "holds more than 1000 values" in str(refusal([[[block] * 20] * 20] * 20))
 
 
+def test_tuples_shared_deeper_than_any_reader_would_follow_are_refused():
+    value = (1,)
+    for _ in range(50):
+        value = (value, value)
+    assert "holds more than" in str(refusal([value]))
+    assert "holds more than" in str(refusal({"a": value, "b": [value]}))
+
+
 def test_a_payload_that_no_reader_would_take_is_refused(monkeypatch):
     monkeypatch.setattr("quorvane.stores.encoding._writer.MAX_PAYLOAD_BYTES", 1000)
     assert "allowed are 1000" in str(refusal({"a": b"x" * 1001}))

@@ -105,7 +105,8 @@ class _Columns:
 
     def __init__(self, room: int) -> None:
         self.room = room
-        self._tuple_columns: list[Column] = []
+        # Tuple columns and how many values each comes to, those inside included.
+        self._tuple_columns: list[tuple[Column, int]] = []
         self._read: dict[Code, Callable[..., Column]] = {
             Code.NONE: self._nones,
             Code.BOOL: self._bools,
@@ -206,9 +207,10 @@ class _Columns:
         return values
 
     def _tuples_of_fields(self, depth: int, *fields: Any) -> Column:
+        room_before = self.room
         columns = self._equally_long(fields, depth)
         self._take(len(columns[0]))
-        return self._noted(list(zip(*columns, strict=True)))
+        return self._noted(list(zip(*columns, strict=True)), room_before)
 
     def _equally_long(self, nodes: tuple[Any, ...], depth: int) -> list[Column]:
         columns = [self.column(node, depth) for node in nodes]
@@ -216,13 +218,14 @@ class _Columns:
             raise StateDecodeError("encoded state has fields that are not equally long")
         return columns
 
-    def _noted(self, tuples: list[tuple[Any, ...]]) -> Column:
-        self._tuple_columns.append(tuples)
+    def _noted(self, tuples: list[tuple[Any, ...]], room_before: int) -> Column:
+        self._tuple_columns.append((tuples, room_before - self.room))
         return tuples
 
     def _tuples(self, depth: int, lengths: Any, items: Any) -> Column:
+        room_before = self.room
         sizes, values = self._sized(depth, lengths, items)
-        return self._noted(list(map(tuple(values).__getitem__, _slices(sizes))))
+        return self._noted(list(map(tuple(values).__getitem__, _slices(sizes))), room_before)
 
     def _lists(self, depth: int, lengths: Any, items: Any) -> Column:
         sizes, values = self._sized(depth, lengths, items)
@@ -294,8 +297,9 @@ class _Columns:
     def _same(self, depth: int, number: int) -> Column:
         if type(number) is not int or not 0 <= number < len(self._tuple_columns):
             raise StateDecodeError(f"encoded state refers to tuples {number!r} that are not there")
-        column = self._tuple_columns[number]
-        self._take(len(column))
+        column, values_inside = self._tuple_columns[number]
+        # Counted in full although it is shared: hashing a tuple walks through all that is in it.
+        self._take(values_inside)
         return column
 
 

@@ -104,7 +104,8 @@ class _Columns:
         self._state = state
         self._compact = compact
         self._known_acyclic = False
-        self._tuple_columns: list[list[Any]] = []
+        # Tuple columns and how many values each comes to, those inside included.
+        self._tuple_columns: list[tuple[list[Any], int]] = []
         # Those that later ones may refer to, by length and last value and by how they are written.
         self._numbers_by_last: dict[tuple[int, int], list[int]] = {}
         self._number_by_node: dict[Node, int] = {}
@@ -175,24 +176,26 @@ class _Columns:
 
     def _tuples(self, values: list[tuple[Any, ...]], depth: int) -> Node:
         _require_depth(depth)
+        values_before = self.values - len(values)
         number = self._same_objects(values)
         if number is not None:
+            # A column counts in full each time, as it does for the reader.
+            _, values_inside = self._tuple_columns[number]
+            self.values = values_before
+            self._require_room(values_inside)
+            self.values += values_inside
             return (int(Code.SAME), number)
-        values_before = self.values
         node = self._tuple_node(values, depth)
         number = self._number_by_node.get(node)
         if number is not None:
-            # Nothing inside was new, or it could not have been written the same; and the reader
-            # never sees it, so nothing of it counts.
-            self.values = values_before
             return (int(Code.SAME), number)
-        self._note(values, node)
+        self._note(values, node, self.values - values_before)
         return node
 
-    def _note(self, values: list[tuple[Any, ...]], node: Node) -> None:
+    def _note(self, values: list[tuple[Any, ...]], node: Node, values_inside: int) -> None:
         """Number a column as the reader will, and remember it if others may refer to it."""
         number = len(self._tuple_columns)
-        self._tuple_columns.append(values)
+        self._tuple_columns.append((values, values_inside))
         if self._compact and _is_immutable(node):
             last = (len(values), id(values[-1]))
             self._numbers_by_last.setdefault(last, []).append(number)
@@ -212,7 +215,7 @@ class _Columns:
     def _same_objects(self, values: list[tuple[Any, ...]]) -> int | None:
         """Return the number of an immutable column of these very tuples, if there is one."""
         for number in self._numbers_by_last.get((len(values), id(values[-1])), ()):
-            if all(map(is_, self._tuple_columns[number], values)):
+            if all(map(is_, self._tuple_columns[number][0], values)):
                 return number
         return None
 
