@@ -58,6 +58,9 @@ REFUSED = {
     "structured array": np.zeros(2, dtype=[("a", "i4"), ("b", "f8")]),
     "void array": np.zeros(2, dtype="V4"),
     "void scalar": np.zeros(1, dtype="V4")[0],
+    "date of a unit too long": np.datetime64(5, ("s", 1234567890)),
+    "time difference of a unit too long": np.timedelta64(5, ("s", 1234567890)),
+    "dates of a unit too long": np.zeros(2, "M8[1234567890s]"),
     "dtype with metadata": np.zeros(2, dtype=np.dtype("f8", metadata={"unit": "m"})),
 }
 
@@ -107,6 +110,10 @@ def test_a_refused_key_is_named_by_its_place():
 )
 def test_a_subclass_is_refused_with_what_it_would_come_back_as(value, kind):
     assert f"would come back as a plain {kind}" in str(refusal({"a": value}))
+
+
+def test_a_key_too_long_to_be_written_is_named_by_its_place():
+    assert refusal({10**5000: {1}}).path == "list(state.values())[0]"
 
 
 def test_the_first_of_several_refused_values_is_named():

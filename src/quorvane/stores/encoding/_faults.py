@@ -66,7 +66,9 @@ class _Walk:
             return self._container_fault(value, path, depth)
         if kind is np.ndarray:
             return None if keeps_array_dtype(value.dtype) else (path, _array_reason(value))
-        return None if keeps_scalar_type(kind) else (path, _type_reason(value))
+        if not keeps_scalar_type(kind):
+            return path, _type_reason(value)
+        return None if keeps_array_dtype(value.dtype) else (path, _scalar_reason(value))
 
     def _container_fault(self, value: Any, path: str, depth: int) -> tuple[str, str] | None:
         if id(value) in self._on_path:
@@ -99,7 +101,11 @@ def _inner_values(value: Any, path: str) -> Iterator[tuple[Any, str]]:
 
 def _key_text(key: Any) -> str | None:
     """Return the key as it is written in Python, or None when that is too long to read."""
-    text = repr(key)
+    try:
+        text = repr(key)
+    except ValueError:
+        # Python refuses to write an int of more than some thousand digits.
+        return None
     if type(key) is str and '"' not in key and "'" not in key:
         text = f'"{text[1:-1]}"'
     return text if len(text) <= _LONGEST_KEY_TEXT else None
@@ -119,6 +125,10 @@ def _type_reason(value: Any) -> str:
         f"is a {kind.__module__}.{kind.__qualname__}; a store keeps None, bool, int, float, str, "
         "bytes, tuple, list, dict, and NumPy arrays and scalars"
     )
+
+
+def _scalar_reason(scalar: np.generic) -> str:
+    return f"is a scalar of dtype {scalar.dtype!r}, which a store cannot keep"
 
 
 def _array_reason(array: np.ndarray[Any, Any]) -> str:

@@ -283,6 +283,9 @@ class _Columns:
         return (int(Code.ARRAY), texts, bytes(orders), shapes, buffers)
 
     def _scalars(self, values: list[np.generic], depth: int) -> Node:
+        # The unit of a date is part of its dtype and not of its type.
+        if not all(keeps_array_dtype(dtype) for dtype in {value.dtype for value in values}):
+            raise CannotKeepError("holds a scalar whose dtype cannot be kept")
         texts = self.node([value.dtype.str for value in values], depth)
         return (int(Code.SCALAR), texts, b"".join(value.tobytes() for value in values))
 
