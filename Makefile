@@ -79,13 +79,17 @@ coverage: $(TEST_READY)
 
 # The interpreter is not instrumented, so the runtime is loaded before it, and with it libstdc++,
 # whose throw it intercepts. CPython keeps memory until exit on purpose: leaks are not looked for.
+# Reports go to files, because pytest would swallow what is written right before the end.
 asan: $(TEST_READY)
 	cmake --preset asan -DPython_EXECUTABLE=$(PY)
 	cmake --build --preset asan
 	ASAN_OPTIONS=detect_leaks=0 ctest --preset asan
+	rm -f build/asan/report.*
 	LD_PRELOAD="$$(c++ -print-file-name=libasan.so) $$(c++ -print-file-name=libstdc++.so)" \
-	    ASAN_OPTIONS=detect_leaks=0 PYTHONMALLOC=malloc PYTHONPATH=$(CURDIR)/build/asan/python \
-	    $(PY) -m pytest -q
+	    ASAN_OPTIONS=detect_leaks=0:log_path=$(CURDIR)/build/asan/report \
+	    UBSAN_OPTIONS=print_stacktrace=1:log_path=$(CURDIR)/build/asan/report \
+	    PYTHONMALLOC=malloc PYTHONPATH=$(CURDIR)/build/asan/python \
+	    $(PY) -m pytest -q || { cat build/asan/report.*; exit 1; }
 
 tidy: $(TEST_READY)
 	command -v clang-tidy >/dev/null || $(PY) -m pip install -qq clang-tidy
