@@ -2,7 +2,9 @@
 
 import errno
 import os
+import threading
 import time
+import tracemalloc
 
 import pytest
 
@@ -209,7 +211,46 @@ def test_a_record_under_another_name_is_noticed(place, tmp_path):
 
 
 def test_a_file_larger_than_any_record_is_not_read_into_memory(place, tmp_path):
+    place.write("a", {})
+    with open(tmp_path / "records" / "a.qvstate", "r+b") as file:
+        file.seek(16)
+        file.write((2**33).to_bytes(8, "little"))
+        file.truncate(64 + 2**33)
+    with pytest.raises(
+        RecordDamagedError, match=r"claims 8589934592 bytes, allowed are 4294967295"
+    ):
+        place.load("a")
+
+
+@pytest.mark.parametrize("first", [b"", b"\x8dQVS\r\n\x1a\n"])
+def test_a_large_file_that_is_no_record_is_not_read_into_memory(place, tmp_path, first):
     with open(tmp_path / "records" / "a.qvstate", "wb") as file:
-        file.truncate(2**33)
-    with pytest.raises(RecordDamagedError, match="larger than any record"):
+        file.write(first)
+        file.truncate(500_000_000)
+    tracemalloc.start()
+    try:
+        with pytest.raises(RecordDamagedError, match=r"it begins with|which claims 0"):
+            place.load("a")
+        _, peak = tracemalloc.get_traced_memory()
+    finally:
+        tracemalloc.stop()
+    assert peak < 1_000_000
+
+
+def test_a_pipe_in_place_of_a_record_is_not_waited_for(place, tmp_path):
+    os.mkfifo(tmp_path / "records" / "a.qvstate")
+    # Whoever waits for the pipe is released by this, and then finds no error.
+    releasing = threading.Timer(5.0, os.open, (tmp_path / "records" / "a.qvstate", os.O_RDWR))
+    releasing.start()
+    try:
+        with pytest.raises(RecordDamagedError, match="no regular file"):
+            place.load("a")
+        assert releasing.is_alive()
+    finally:
+        releasing.cancel()
+
+
+def test_a_device_in_place_of_a_record_is_not_read(place, tmp_path):
+    (tmp_path / "records" / "a.qvstate").symlink_to("/dev/null")
+    with pytest.raises(RecordDamagedError, match="no regular file"):
         place.load("a")

@@ -2,6 +2,7 @@
 
 import os
 import sqlite3
+import tracemalloc
 from datetime import datetime, timedelta, timezone
 
 import pytest
@@ -229,6 +230,20 @@ def test_damage_to_the_newest_version_is_noticed_and_no_older_one_is_read(path, 
     store.write("rotation", {"number": 2, "padding": b"x" * 100})
     sql(path, statement)
     assert_damaged(store)
+
+
+def test_a_large_blob_that_is_no_record_is_not_read_into_memory(path):
+    store = SqliteStore(path)
+    store.write("rotation", {"number": 1})
+    sql(path, "UPDATE records SET data = zeroblob(50000000)")
+    tracemalloc.start()
+    try:
+        with pytest.raises(RecordDamagedError, match="it begins with"):
+            store.load("rotation")
+        _, peak = tracemalloc.get_traced_memory()
+    finally:
+        tracemalloc.stop()
+    assert peak < 1_000_000
 
 
 def test_after_damage_older_versions_load_and_the_next_write_is_read(path):

@@ -5,13 +5,14 @@ from __future__ import annotations
 import contextlib
 import errno
 import os
+import stat
 import time
 from pathlib import Path
 from typing import Any
 from urllib.parse import unquote
 
 from quorvane.stores._files import TEMPORARY_SUFFIX, replace_file
-from quorvane.stores.encoding import HEADER_BYTES, MAX_PAYLOAD_BYTES, encode
+from quorvane.stores.encoding import HEADER_BYTES, encode, header_fault
 from quorvane.stores.errors import (
     RecordDamagedError,
     RecordNotFoundError,
@@ -87,12 +88,12 @@ class DirectoryStore(RecordStore):
         what = f"record {name!r} of {self!r}"
         try:
             data = _read_file(source)
+        except _NoRecordError as fault:
+            raise RecordDamagedError(f"{what} is damaged: {fault}") from None
         except FileNotFoundError:
             raise RecordNotFoundError(f"{self!r} holds no record named {name!r}") from None
         except OSError as error:
             raise StoreReadError(error.errno, f"cannot read {what}: {_why(error)}") from error
-        if data is None:
-            raise RecordDamagedError(f"{what} is damaged: it is larger than any record")
         return decode_record(data, self._label(name), what)
 
     def names(self) -> list[str]:
@@ -147,8 +148,12 @@ def _escape(text: str) -> str:
     )
 
 
-def _read_file(source: Path) -> bytes | None:
-    """Return what `source` holds, or None when it is larger than any record.
+class _NoRecordError(Exception):
+    """What stands at a record's path cannot be one; the text says why."""
+
+
+def _read_file(source: Path) -> bytes:
+    """Return what `source` holds, which has the header of a record of its length.
 
     A network file system may lose the file between opening and reading, when another machine
     replaces it; the new one is then read.
@@ -162,11 +167,22 @@ def _read_file(source: Path) -> bytes | None:
     return _read_file_once(source)
 
 
-def _read_file_once(source: Path) -> bytes | None:
-    with open(source, "rb") as file:
-        if os.fstat(file.fileno()).st_size > HEADER_BYTES + MAX_PAYLOAD_BYTES:
-            return None
-        return file.read()
+def _read_file_once(source: Path) -> bytes:
+    with open(source, "rb", opener=_open_without_waiting) as file:
+        status = os.fstat(file.fileno())
+        if not stat.S_ISREG(status.st_mode):
+            raise _NoRecordError("it is no regular file")
+        header = file.read(HEADER_BYTES)
+        fault = header_fault(header, status.st_size)
+        if fault is not None:
+            raise _NoRecordError(fault)
+        file.seek(0)
+        return file.read(status.st_size)
+
+
+def _open_without_waiting(path: str, flags: int) -> int:
+    # Opening a pipe otherwise waits for somebody to write into it.
+    return os.open(path, flags | os.O_NONBLOCK | os.O_CLOEXEC)
 
 
 def _remove_stale(target: Path) -> None:

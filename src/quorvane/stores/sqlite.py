@@ -12,7 +12,7 @@ from pathlib import Path
 from typing import Any
 
 from quorvane.stores._sqlite_file import SqliteFile
-from quorvane.stores.encoding import HEADER_BYTES, MAX_PAYLOAD_BYTES, pack, seal
+from quorvane.stores.encoding import HEADER_BYTES, header_fault, pack, seal
 from quorvane.stores.errors import RecordDamagedError, RecordNotFoundError
 from quorvane.stores.records import RecordStore, check_text, decode_record
 
@@ -200,19 +200,21 @@ class SqliteStore(RecordStore):
     def _data(
         self, database: sqlite3.Connection, name: str, version: int, what: str, *, is_newest: bool
     ) -> bytes:
-        """Return the bytes of one version, asking for their length before for them."""
+        """Return the bytes of one version, asking for kind, length and header before for them."""
         row = database.execute(
-            "SELECT rowid, typeof(data), length(data) FROM records "
+            "SELECT rowid, typeof(data), length(data), substr(data, 1, ?) FROM records "
             "WHERE namespace = ? AND name = ? AND version = ?",
-            (self._namespace, name, version),
+            (HEADER_BYTES, self._namespace, name, version),
         ).fetchone()
         if row is None and not is_newest:
             raise RecordNotFoundError(f"{self!r} holds no version {version} of record {name!r}")
         if row is None:
             raise RecordDamagedError(f"{what} is damaged: its newest version is missing")
-        rowid, kind, size = row
-        if kind != "blob" or size > HEADER_BYTES + MAX_PAYLOAD_BYTES:
-            raise RecordDamagedError(f"{what} is damaged: it is {kind} of length {size}")
+        # SQLite takes the beginning of an empty blob for NULL.
+        rowid, kind, size, header = row
+        fault = f"it is {kind}" if kind != "blob" else header_fault(header or b"", size)
+        if fault is not None:
+            raise RecordDamagedError(f"{what} is damaged: {fault}")
         (data,) = database.execute("SELECT data FROM records WHERE rowid = ?", (rowid,)).fetchone()
         return bytes(data)
 

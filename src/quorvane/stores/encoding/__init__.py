@@ -26,6 +26,7 @@ from quorvane.stores.encoding._envelope import (
     HEADER_BYTES,
     MAX_PAYLOAD_BYTES,
     Payload,
+    header_fault,
     open_envelope,
     seal,
 )
@@ -41,6 +42,7 @@ __all__ = [
     "Payload",
     "decode",
     "encode",
+    "header_fault",
     "pack",
     "seal",
 ]

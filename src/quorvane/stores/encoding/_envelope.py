@@ -60,6 +60,25 @@ def seal(payload: Payload, label: str) -> bytes:
     return b"".join((fields, _digest(fields, payload.data, label), payload.data))
 
 
+def header_fault(
+    header: bytes | memoryview, record_bytes: int, max_bytes: int = MAX_PAYLOAD_BYTES
+) -> str | None:
+    """Return why nothing of `record_bytes` that begins with `header` is a record, or None."""
+    if len(header) < HEADER_BYTES:
+        return f"encoded state is truncated: {len(header)} bytes, the header has {HEADER_BYTES}"
+    magic, _version, _zero, length, _values = _FIELDS.unpack_from(header)
+    if magic != MAGIC:
+        return f"not an encoded state: it begins with {magic!r}, not {MAGIC!r}"
+    if length > max_bytes:
+        return f"encoded state claims {length} bytes, allowed are {max_bytes}"
+    if length != record_bytes - HEADER_BYTES:
+        return (
+            f"encoded state has {record_bytes - HEADER_BYTES} bytes after the header, "
+            f"which claims {length}"
+        )
+    return None
+
+
 def open_envelope(data: bytes | bytearray | memoryview, label: str, max_bytes: int) -> Payload:
     """Return the payload of `data` after every check that needs no look inside it.
 
@@ -71,21 +90,11 @@ def open_envelope(data: bytes | bytearray | memoryview, label: str, max_bytes: i
         Intact, and in a newer format.
     """
     view = memoryview(data).cast("B")
-    if len(view) < HEADER_BYTES:
-        raise StateDecodeError(
-            f"encoded state is truncated: {len(view)} bytes, the header alone has {HEADER_BYTES}"
-        )
+    fault = header_fault(view[:HEADER_BYTES], len(view), max_bytes)
+    if fault is not None:
+        raise StateDecodeError(fault)
     fields = bytes(view[: _FIELDS.size])
-    magic, version, _zero, length, values = _FIELDS.unpack(fields)
-    if magic != MAGIC:
-        raise StateDecodeError(f"not an encoded state: it begins with {magic!r}, not {MAGIC!r}")
-    if length > max_bytes:
-        raise StateDecodeError(f"encoded state claims {length} bytes, allowed are {max_bytes}")
-    if len(view) - HEADER_BYTES != length:
-        raise StateDecodeError(
-            f"encoded state has {len(view) - HEADER_BYTES} bytes after the header, "
-            f"which claims {length}"
-        )
+    _magic, version, _zero, length, values = _FIELDS.unpack(fields)
     payload = view[HEADER_BYTES:]
     if _digest(fields, payload, label) != bytes(view[_FIELDS.size : HEADER_BYTES]):
         raise StateDecodeError(
