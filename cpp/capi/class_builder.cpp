@@ -27,6 +27,12 @@ void ClassBuilder::prepare() {
     metaclass_ = Ref::borrow(PyTuple_GET_ITEM(prepared.get(), 0));
     namespace_ = Ref::borrow(PyTuple_GET_ITEM(prepared.get(), 1));
     keywords_ = Ref::borrow(PyTuple_GET_ITEM(prepared.get(), 2));
+    if (PyMapping_Check(namespace_.get()) == 0) {
+        PyErr_Format(PyExc_TypeError, "%U.__prepare__() must return a mapping, not %.200s",
+                     attr(metaclass_.get(), make_str("__name__").get()).get(),
+                     Py_TYPE(namespace_.get())->tp_name);
+        throw PythonError();
+    }
     set("__module__", home_.module_name);
     set("__qualname__", make_str(name_).get());
 }
@@ -47,7 +53,8 @@ ClassBuilder& ClassBuilder::method(const FunctionDef& definition) {
 }
 
 ClassBuilder& ClassBuilder::static_method(const FunctionDef& definition) {
-    set(definition.name, require(PyStaticMethod_New(function(definition).get())).get());
+    auto* static_method_type = reinterpret_cast<PyObject*>(&PyStaticMethod_Type);
+    set(definition.name, call(static_method_type, function(definition).get()).get());
     return *this;
 }
 

@@ -86,7 +86,8 @@ Ref record_structures(const State& state, const Day& day, PyObject* structures) 
     PlainRotation plain(state, day.self);
     const Py_ssize_t recorded = record_inertly(state, day, plain, masks, structures);
     capi::Iteration items(structures, recorded);
-    Ref raw;
+    Ref raw =
+        recorded > 0 ? Ref::borrow(PySequence_Fast_GET_ITEM(structures, recorded - 1)) : Ref();
     while (Ref next = items.next()) {
         raw = std::move(next);
         record_item(state, day.self, plain, masks, raw.get());
@@ -122,9 +123,10 @@ void write_output(const State& state, const Day& day) {
 
 Ref compute(State& state, PyObject* const* values) {
     const Day day{values[0], values[1], values[2], values[3], values[4], values[5]};
+    Ref last_item;  // dropped after the report that it came from
     const Ref structures = refresh_structures(state, day);
     fill_with_nan(state, day.self, state.names.txi_input);
-    const Ref last_item = record_structures(state, day, structures.get());
+    last_item = record_structures(state, day, structures.get());
     if (skips_children(state, day.self, structures.get())) {
         fill_with_nan(state, day.self, state.names.txi_output);
     } else {

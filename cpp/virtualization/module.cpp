@@ -142,6 +142,7 @@ int State::traverse(visitproc visit, void* arg) const {
 
 Ref State::global(PyObject* name) const {
     if (Ref value = capi::dict_get(globals(), name)) return value;
+    if (Ref value = capi::dict_get(PyEval_GetBuiltins(), name)) return value;
     const Ref text = require(PyUnicode_FromFormat("name '%U' is not defined", name));
     const Ref error = call(PyExc_NameError, text.get());
     set_attr(error.get(), capi::Interned("name"), name);

@@ -130,7 +130,8 @@ def test_a_leak_would_be_seen():
     kept = []
     if sys.getallocatedblocks() > 0:  # without the interpreter's own allocator none are counted
         assert "allocated blocks" in growth_per_round(lambda: kept.append(object()))
-    assert "ValueError" in growth_per_round(lambda: kept.append(ValueError))
+    if sys.version_info < (3, 12):  # later ones do not count references to builtin types
+        assert "ValueError" in growth_per_round(lambda: kept.append(ValueError))
 
 
 def test_instances_are_freed_with_all_that_they_remember():

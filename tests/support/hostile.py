@@ -545,8 +545,9 @@ def shrink_outputs_in_place(rotation):
     rotation._output_buf.fill(77.0)
 
 
-def shrink_masks_in_place(rotation):
-    rotation._combined_nan_buf.resize(1, refcheck=False)
+def flag_all_in_place(rotation):
+    # Filled, not resized: the day's mask is a view of this array.
+    rotation._combined_nan_buf.fill(1)
 
 
 def other_legs_table(rotation):
@@ -644,7 +645,7 @@ OWN_ACTIONS = [
     list_input,
     shrink_input_in_place,
     shrink_outputs_in_place,
-    shrink_masks_in_place,
+    flag_all_in_place,
     other_legs_table,
     other_slot_map,
     clear_slot_map,

@@ -30,8 +30,8 @@ bool read_task(const State& state, PyObject* self, PyObject* txi_output, PyObjec
                PyObject* N, Task& task) {
     const Names& names = state.names;
     if (!state.pristine.numpy_holds(state)) return false;
-    task.legs_by_slot = plain_attribute(self, names.legs_by_slot);
     task.max_structures = plain_size(plain_attribute(self, names.max_structures).get());
+    task.legs_by_slot = plain_attribute(self, names.legs_by_slot);
     const Ref policy = plain_attribute(self, names.unmap_policy);
     task.N = plain_size(N);
     task.txi_output = capi::readable_vector<double>(txi_output);
