@@ -232,6 +232,52 @@ def test_damage_to_the_newest_version_is_noticed_and_no_older_one_is_read(path, 
     assert_damaged(store)
 
 
+SCHEMAS = {
+    "a view in place of a table": "DROP TABLE heads; CREATE VIEW heads(namespace, name, version, "
+    "seal) AS WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c) "
+    "SELECT '', 'a' || x, x, x'00' FROM c",
+    "a trigger": "CREATE TRIGGER t AFTER INSERT ON records BEGIN DELETE FROM heads; END",
+    "an index": "CREATE INDEX i ON records (version)",
+    "one table more": "CREATE TABLE more (x)",
+    "another column": "ALTER TABLE heads ADD COLUMN more",
+}
+
+
+@pytest.mark.parametrize("script", SCHEMAS.values(), ids=SCHEMAS)
+def test_a_schema_that_a_store_does_not_make_is_refused(path, script):
+    store = SqliteStore(path)
+    store.write("rotation", {"number": 1})
+    database = sqlite3.connect(path)
+    database.executescript(script)
+    database.close()
+    with pytest.raises(StoreFormatError, match="holds other tables than a store's"):
+        SqliteStore(path)
+    with pytest.raises(StoreFormatError):
+        store.write("rotation", {"number": 2})
+    assert_damaged(store)
+
+
+ERRORS = {
+    sqlite3.OperationalError("locking protocol"): StoreBusyError,
+    sqlite3.OperationalError("database schema has changed"): StoreReadError,
+    sqlite3.OperationalError("interrupted"): StoreReadError,
+    sqlite3.OperationalError("large file support is disabled"): StoreReadError,
+    sqlite3.OperationalError("cannot start a transaction within a transaction"): StoreReadError,
+    sqlite3.ProgrammingError("malformed statement"): StoreReadError,
+    sqlite3.InterfaceError("malformed parameter"): StoreReadError,
+    sqlite3.InternalError("malformed something"): StoreReadError,
+    sqlite3.DatabaseError("database disk image is malformed"): RecordDamagedError,
+    sqlite3.OperationalError("unsupported file format"): RecordDamagedError,
+}
+
+
+@pytest.mark.parametrize(("error", "kind"), ERRORS.items(), ids=map(str, ERRORS))
+def test_only_what_says_so_is_taken_for_damage(path, error, kind):
+    store = SqliteStore(path)
+    with pytest.raises(kind), store._file.reading("a record"):
+        raise error
+
+
 def test_a_large_blob_that_is_no_record_is_not_read_into_memory(path):
     store = SqliteStore(path)
     store.write("rotation", {"number": 1})

@@ -23,8 +23,8 @@ _APPLICATION_ID = 0x51565354
 _SCHEMA_VERSION = 1
 # Every record has a row in heads that says which version is the newest. Its seal covers the
 # version's own checksum, so losing or altering either row shows, whatever else is still there.
-_SCHEMA = (
-    """CREATE TABLE records (
+_TABLES = {
+    "records": """CREATE TABLE records (
         namespace TEXT NOT NULL,
         name TEXT NOT NULL,
         version INTEGER NOT NULL,
@@ -32,13 +32,16 @@ _SCHEMA = (
         data BLOB NOT NULL,
         UNIQUE (namespace, name, version)
     )""",
-    """CREATE TABLE heads (
+    "heads": """CREATE TABLE heads (
         namespace TEXT NOT NULL,
         name TEXT NOT NULL,
         version INTEGER NOT NULL,
         seal BLOB NOT NULL,
         PRIMARY KEY (namespace, name)
     ) WITHOUT ROWID""",
+}
+_SCHEMA = (
+    *_TABLES.values(),
     f"PRAGMA application_id = {_APPLICATION_ID}",
     f"PRAGMA user_version = {_SCHEMA_VERSION}",
 )
@@ -52,15 +55,16 @@ _CONNECTION_SETTINGS = (
 )
 _RETRY_SECONDS = 0.01
 _SMALLEST_PAGE = 512
-# What SQLite says when the system is at fault; the file may be fine.
-_SYSTEM_FAULTS = (
-    "unable to open",
-    "disk I/O error",
-    "disk is full",
-    "readonly",
-    "permission denied",
-    "out of memory",
-    "too big",
+# What SQLite and Python say of a file that no longer holds what was written.
+_SIGNS_OF_DAMAGE = (
+    "malformed",
+    "no such table",
+    "no such column",
+    "has no column named",
+    "unsupported file format",
+    "constraint failed",
+    "datatype mismatch",
+    "Could not decode to UTF-8",
 )
 
 
@@ -182,11 +186,23 @@ class SqliteFile:
                 f"this one knows up to {_SCHEMA_VERSION}"
             )
         if application == _APPLICATION_ID and schema == _SCHEMA_VERSION:
+            self._require_own_tables(database)
             return False
         (objects,) = database.execute("SELECT count(*) FROM sqlite_master").fetchone()
         if (application, schema, objects) == (0, 0, 0):
             return True
         raise StoreFormatError(f"{str(self.path)!r} is an SQLite database, and not a store")
+
+    def _require_own_tables(self, database: sqlite3.Connection) -> None:
+        """Refuse a schema that somebody else made: views and triggers would run their SQL here."""
+        # Indexes without SQL are those that SQLite makes for the tables' keys.
+        objects = database.execute(
+            "SELECT type, name, sql FROM sqlite_master WHERE type <> 'index' OR sql IS NOT NULL"
+        ).fetchall()
+        if set(objects) != {("table", name, sql) for name, sql in _TABLES.items()}:
+            raise StoreFormatError(
+                f"{str(self.path)!r} is marked as a store and holds other tables than a store's"
+            )
 
     def _make_tables(self, database: sqlite3.Connection) -> None:
         self._use_write_ahead_log(database)
@@ -230,20 +246,24 @@ def _committed(database: sqlite3.Connection, begin: str) -> Iterator[None]:
 
 
 def _is_busy(error: Exception) -> bool:
-    return isinstance(error, sqlite3.OperationalError) and "locked" in str(error)
+    # SQLite says "locking protocol" when others kept it from the log's locks again and again.
+    return isinstance(error, sqlite3.OperationalError) and any(
+        sign in str(error) for sign in ("locked", "locking protocol")
+    )
 
 
 def _is_damage(error: Exception) -> bool:
     """Tell whether an error says that the file no longer holds what was written.
 
-    The statements are always the same and work on an intact store, so whatever is not the
-    system's fault is the file's: missing tables, broken pages, an unknown schema.
+    Whatever does not say so may pass: taken for damage, it would lose a state that is there.
     """
     if isinstance(error, UnicodeDecodeError):
         # A broken schema stands in SQLite's message, which Python then cannot read.
         return True
-    return isinstance(error, sqlite3.DatabaseError) and not any(
-        sign in str(error) for sign in _SYSTEM_FAULTS
+    return (
+        isinstance(error, sqlite3.DatabaseError)
+        and not isinstance(error, (sqlite3.ProgrammingError, sqlite3.InternalError))
+        and any(sign in str(error) for sign in _SIGNS_OF_DAMAGE)
     )
 
 
