@@ -3,6 +3,7 @@
 import subprocess
 import sys
 import threading
+from enum import Enum
 from pathlib import Path
 
 import numpy as np
@@ -88,6 +89,36 @@ def test_a_name_is_text(store, name, error):
     for act in (lambda: store.write(name, {}), lambda: store.read(name), lambda: store.load(name)):
         with pytest.raises(error, match="name must"):
             act()
+
+
+class Name(str, Enum):
+    BOOK = "book 1"
+
+
+class Shown(str):
+    """Text that shows itself as something else."""
+
+    __slots__ = ()
+
+    def __str__(self):
+        return "other"
+
+    def __format__(self, spec):
+        return "other"
+
+
+@pytest.mark.parametrize("name", [Name.BOOK, Shown("book 1"), np.str_("book 1")], ids=type)
+def test_a_kind_of_text_names_the_same_as_plain_text(store, name):
+    store.write(name, {"a": 1})
+    assert store.read("book 1") == store.read(name) == {"a": 1}
+    assert store.names() == ["book 1"]
+    assert type(store.names()[0]) is str
+
+
+@pytest.mark.parametrize("namespace", [Name.BOOK, Shown("book 1"), np.str_("book 1")], ids=type)
+def test_a_kind_of_text_is_the_same_namespace_as_plain_text(durable_kind, tmp_path, namespace):
+    durable_store(durable_kind, tmp_path, namespace=namespace).write("a", {"b": 1})
+    assert durable_store(durable_kind, tmp_path, namespace="book 1").read("a") == {"b": 1}
 
 
 def test_namespaces_keep_instances_apart(durable_kind, tmp_path):

@@ -5,6 +5,7 @@ import sqlite3
 import tracemalloc
 from datetime import datetime, timedelta, timezone
 
+import numpy as np
 import pytest
 
 from quorvane.stores import (
@@ -51,6 +52,30 @@ def test_the_last_versions_are_kept_and_listed(path):
     assert store.load("rotation") == {"number": 5}
     with pytest.raises(RecordNotFoundError, match="holds no version 2 of record 'rotation'"):
         store.load("rotation", 2)
+
+
+@pytest.mark.parametrize("version", [np.int64(1), np.uint8(1)])
+def test_a_version_may_be_any_integer(path, version):
+    store = SqliteStore(path)
+    for number in (1, 2):
+        store.write("rotation", {"number": number})
+    assert store.load("rotation", version) == {"number": 1}
+
+
+@pytest.mark.parametrize("version", [True, 1.0, "1", [1], b"1", np.array([1, 2])])
+def test_a_version_that_is_no_integer_is_refused(path, version):
+    store = SqliteStore(path)
+    store.write("rotation", {"number": 1})
+    with pytest.raises(TypeError, match=r"version must be|only integer"):
+        store.load("rotation", version)
+
+
+@pytest.mark.parametrize("version", [0, -1, 2, 2**63 - 1, 2**63, 2**70, -(2**70)])
+def test_a_version_beyond_those_that_are_there_is_not_found(path, version):
+    store = SqliteStore(path)
+    store.write("rotation", {"number": 1})
+    with pytest.raises(RecordNotFoundError, match=f"holds no version {version} of"):
+        store.load("rotation", version)
 
 
 def test_a_version_says_when_it_was_written_and_how_large_it_is(path):

@@ -72,6 +72,7 @@ class DirectoryStore(RecordStore):
 
     def write(self, name: str, state: object) -> None:
         """Keep `state` under `name`; see `RecordStore.write`."""
+        name = check_text(name, "name")
         target = self._file(name)
         data = encode(state, label=self._label(name))
         try:
@@ -84,6 +85,7 @@ class DirectoryStore(RecordStore):
 
     def load(self, name: str) -> Any:
         """Return the state of `name`; see `RecordStore.load`."""
+        name = check_text(name, "name")
         source = self._file(name)
         what = f"record {name!r} of {self!r}"
         try:
@@ -125,7 +127,7 @@ class DirectoryStore(RecordStore):
         return f"{self._namespace}\0{name}"
 
     def _file(self, name: str) -> Path:
-        file = f"{self._prefix()}{_escape(check_text(name, 'name'))}{_SUFFIX}"
+        file = f"{self._prefix()}{_escape(name)}{_SUFFIX}"
         if len(file) > _LONGEST_FILE_NAME:
             raise ValueError(
                 f"name and namespace make a file name of {len(file)} characters, "

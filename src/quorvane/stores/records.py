@@ -100,6 +100,7 @@ class RecordStore(ABC):
         StateVersionError, StoreReadError, StoreBusyError
             As ``load`` does: the record may be fine, and going on without it would lose it.
         """
+        name = check_text(name, "name")
         try:
             return self.load(name)
         except RecordNotFoundError:
@@ -110,7 +111,7 @@ class RecordStore(ABC):
 
 
 def check_text(value: object, argument: str, *, may_be_empty: bool = False) -> str:
-    """Return `value` if it can serve as a name in every store.
+    """Return `value`, as an exact str, if it can serve as a name in every store.
 
     Raises
     ------
@@ -121,11 +122,13 @@ def check_text(value: object, argument: str, *, may_be_empty: bool = False) -> s
     """
     if not isinstance(value, str):
         raise TypeError(f"{argument} must be a str, got {type(value).__name__}")
-    if not value and not may_be_empty:
+    # A subclass, such as an enumeration of names, may show itself as something else.
+    text = str.__str__(value)
+    if not text and not may_be_empty:
         raise ValueError(f"{argument} must not be empty")
-    if "\0" in value or any("\ud800" <= character <= "\udfff" for character in value):
-        raise ValueError(f"{argument} must hold no NUL and no lone surrogates, got {value!r}")
-    return value
+    if "\0" in text or any("\ud800" <= character <= "\udfff" for character in text):
+        raise ValueError(f"{argument} must hold no NUL and no lone surrogates, got {text!r}")
+    return text
 
 
 def decode_record(data: bytes, label: str, what: str) -> Any:

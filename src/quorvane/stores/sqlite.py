@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import hashlib
+import operator
 import os
 import sqlite3
 import time
@@ -15,6 +16,9 @@ from quorvane.stores._sqlite_file import SqliteFile
 from quorvane.stores.encoding import HEADER_BYTES, header_fault, pack, seal
 from quorvane.stores.errors import RecordDamagedError, RecordNotFoundError
 from quorvane.stores.records import RecordStore, check_text, decode_record
+
+# SQLite's largest integer.
+_LAST_VERSION = 2**63 - 1
 
 
 @dataclass(frozen=True)
@@ -98,7 +102,7 @@ class SqliteStore(RecordStore):
         RecordDamagedError, StoreFormatError
             The file is damaged so far that SQLite cannot write to it.
         """
-        check_text(name, "name")
+        name = check_text(name, "name")
         payload = pack(state)
         what = f"write record {name!r} of {self!r}"
         with self._file.writing(what), self._file.write_transaction() as database:
@@ -122,16 +126,19 @@ class SqliteStore(RecordStore):
 
         Raises
         ------
+        TypeError
+            `version` is neither None nor an integer.
         RecordNotFoundError
             Nothing is stored under this name, or not this version.
         RecordDamagedError, StateVersionError, StoreReadError, StoreBusyError
             See `RecordStore.load`.
         """
-        check_text(name, "name")
+        name = check_text(name, "name")
+        wanted = None if version is None else _version_number(version)
         what = f"record {name!r} of {self!r}"
         with self._file.reading(what), self._file.read_transaction() as database:
             newest, head_seal = self._head(database, name, what)
-            number = newest if version is None else version
+            number = newest if wanted is None else wanted
             data = self._data(database, name, number, what, is_newest=number == newest)
         if number == newest and self._seal_of_head(name, number, data) != head_seal:
             raise RecordDamagedError(f"{what} is damaged: it is not the newest version")
@@ -145,7 +152,7 @@ class SqliteStore(RecordStore):
         RecordDamagedError, StoreReadError, StoreBusyError
             See `RecordStore.load`.
         """
-        check_text(name, "name")
+        name = check_text(name, "name")
         what = f"the versions of record {name!r} of {self!r}"
         with self._file.reading(what), self._file.read_transaction() as database:
             rows = database.execute(
@@ -201,6 +208,8 @@ class SqliteStore(RecordStore):
         self, database: sqlite3.Connection, name: str, version: int, what: str, *, is_newest: bool
     ) -> bytes:
         """Return the bytes of one version, asking for kind, length and header before for them."""
+        if not is_newest and not 1 <= version <= _LAST_VERSION:
+            raise RecordNotFoundError(f"{self!r} holds no version {version} of record {name!r}")
         row = database.execute(
             "SELECT rowid, typeof(data), length(data), substr(data, 1, ?) FROM records "
             "WHERE namespace = ? AND name = ? AND version = ?",
@@ -225,3 +234,10 @@ class SqliteStore(RecordStore):
         # The header holds the checksum of everything else.
         sealed = data[:HEADER_BYTES] + self._label(name, version).encode()
         return hashlib.blake2b(sealed, digest_size=32, person=b"quorvane-head").digest()
+
+
+def _version_number(version: object) -> int:
+    """Return `version` as an int; a bool is none, though Python counts with it."""
+    if not isinstance(version, bool) and hasattr(version, "__index__"):
+        return operator.index(version)
+    raise TypeError(f"version must be an int, got {type(version).__name__}")
