@@ -65,6 +65,21 @@ def test_folders_on_the_way_are_made(tmp_path):
     assert os.listdir(tmp_path / "a" / "b" / "c") == ["r.qvstate"]
 
 
+def test_folders_on_the_way_are_flushed_into_those_above_them(tmp_path, monkeypatch):
+    flushed, fsync = [], os.fsync
+
+    def note_and_flush(descriptor):
+        flushed.append(os.readlink(f"/proc/self/fd/{descriptor}"))
+        fsync(descriptor)
+
+    monkeypatch.setattr(os, "fsync", note_and_flush)
+    DirectoryStore(tmp_path / "one" / "two" / "three")
+    assert flushed == [str(tmp_path), str(tmp_path / "one"), str(tmp_path / "one" / "two")]
+    flushed.clear()
+    DirectoryStore(tmp_path / "one" / "two" / "three")
+    assert flushed == []
+
+
 def test_a_path_that_is_no_folder_is_refused(tmp_path):
     (tmp_path / "file").write_text("x")
     for path in (tmp_path / "file", tmp_path / "file" / "inside"):

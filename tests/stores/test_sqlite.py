@@ -421,3 +421,12 @@ def test_a_record_larger_than_sqlite_keeps_is_said(path, monkeypatch):
     with pytest.raises(StoreWriteError, match="too big"):
         store.write("rotation", {"a": b"x" * 20_000})
     assert store.read("rotation") == {"a": 1}
+
+
+def test_a_file_cut_to_nothing_is_noticed_by_a_store_that_is_open(path):
+    store = SqliteStore(path)
+    store.write("rotation", {"a": 1})
+    os.truncate(path, 0)
+    with pytest.raises(StoreFormatError, match="was a store and is now empty"):
+        store.load("rotation")
+    assert SqliteStore(path).read("rotation") is None

@@ -39,6 +39,17 @@ def _write_file(path: Path, data: bytes) -> None:
     os.close(descriptor)
 
 
+def make_folder(folder: Path) -> None:
+    """Make `folder` and those above it that are missing, in a way that survives a power cut."""
+    if folder.is_dir():
+        return
+    if folder.parent != folder:
+        make_folder(folder.parent)
+    # Another process may have been first; it may not have come to flushing yet.
+    folder.mkdir(exist_ok=True)
+    flush_folder(folder.parent)
+
+
 def flush_folder(folder: Path) -> None:
     """Make the names in `folder` survive a power cut."""
     descriptor = os.open(folder, os.O_RDONLY | os.O_DIRECTORY | os.O_CLOEXEC)

@@ -11,7 +11,7 @@ from pathlib import Path
 from typing import Any
 from urllib.parse import unquote
 
-from quorvane.stores._files import TEMPORARY_SUFFIX, replace_file
+from quorvane.stores._files import TEMPORARY_SUFFIX, make_folder, replace_file
 from quorvane.stores.encoding import HEADER_BYTES, encode, header_fault
 from quorvane.stores.errors import (
     RecordDamagedError,
@@ -59,7 +59,7 @@ class DirectoryStore(RecordStore):
         self._path = Path(path)
         self._namespace = check_text(namespace, "namespace", may_be_empty=True)
         try:
-            self._path.mkdir(parents=True, exist_ok=True)
+            make_folder(self._path)
         except (FileExistsError, NotADirectoryError) as error:
             raise StoreFormatError(f"{str(path)!r} is not a folder") from error
         except OSError as error:
