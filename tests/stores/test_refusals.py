@@ -9,9 +9,9 @@ from enum import IntEnum
 import numpy as np
 import pytest
 
-from quorvane.stores import StateEncodeError, encode
+from quorvane.stores import StateEncodeError, decode, encode
 from quorvane.stores.encoding import MAX_DEPTH
-from stores.support.samples import rotation_state
+from stores.support.samples import exactly_equal, rotation_state
 
 Point = namedtuple("Point", "x y")
 
@@ -186,6 +186,42 @@ def test_tuples_shared_deeper_than_any_reader_would_follow_are_refused():
         value = (value, value)
     assert "holds more than" in str(refusal([value]))
     assert "holds more than" in str(refusal({"a": value, "b": [value]}))
+
+
+def shared_on_every_level(pair, levels=60):
+    value = pair(1, 2)
+    for _ in range(levels):
+        value = pair(value, value)
+    return value
+
+
+@pytest.mark.parametrize(
+    "pair",
+    [
+        lambda a, b: [a, b],
+        lambda a, b: {"a": a, "b": b},
+        lambda a, b: {1: a, 2: b},
+        lambda a, b: (a, b) * 10,
+        lambda a, b: {"a": a, 2: b},
+    ],
+    ids=["lists", "dicts of fields", "dicts", "long tuples", "mixed dicts"],
+)
+def test_containers_shared_on_every_level_are_refused_before_they_are_collected(pair):
+    tracemalloc.start()
+    try:
+        error = refusal({"a": shared_on_every_level(pair)})
+        _, peak = tracemalloc.get_traced_memory()
+    finally:
+        tracemalloc.stop()
+    assert "holds more than" in str(error)
+    assert peak < 100_000_000
+
+
+def test_containers_shared_on_some_levels_are_kept():
+    state = shared_on_every_level(lambda a, b: [a, b], 16)
+    assert exactly_equal(decode(encode(state)), state)
+    state = shared_on_every_level(lambda a, b: {"a": a, "b": b}, 14)
+    assert exactly_equal(decode(encode(state)), state)
 
 
 def test_a_payload_that_no_reader_would_take_is_refused(monkeypatch):

@@ -26,7 +26,7 @@ from quorvane.stores.encoding._arrays import (
     keeps_scalar_type,
 )
 from quorvane.stores.encoding._envelope import MAX_PAYLOAD_BYTES, Payload
-from quorvane.stores.encoding._faults import explain, has_cycle
+from quorvane.stores.encoding._faults import explain, has_cycle, least_values
 from quorvane.stores.encoding._layout import (
     MAX_DEPTH,
     MAX_DICT_FIELDS,
@@ -40,6 +40,12 @@ from quorvane.stores.encoding._layout import (
 from quorvane.stores.errors import StateEncodeError
 
 Node = tuple[Any, ...]
+
+# A state has a few dozen columns and few containers in two places. More suggests containers that
+# are shared on many levels, which would be written again for every way that leads to them.
+_MANY_COLUMNS = 1 << 11
+_LONG_COLUMN = 1 << 16
+_SAMPLE = 1 << 12
 
 _MUTABLE = frozenset({Code.LIST, Code.DICT, Code.DICT_FIELDS, Code.ARRAY})
 
@@ -104,6 +110,8 @@ class _Columns:
         self._state = state
         self._compact = compact
         self._known_acyclic = False
+        self._known_to_fit = False
+        self._container_columns = 0
         # Tuple columns and how many values each comes to, those inside included.
         self._tuple_columns: list[tuple[list[Any], int]] = []
         # Those that later ones may refer to, by length and last value and by how they are written.
@@ -142,6 +150,20 @@ class _Columns:
         if self.values + count > MAX_VALUES:
             raise CannotKeepError(f"holds more than {MAX_VALUES} values")
 
+    def _require_few_shared(self, values: list[Any]) -> None:
+        """Refuse containers shared so often that they never fit, before they are collected."""
+        self._container_columns += 1
+        if self._known_to_fit or not (
+            self._container_columns > _MANY_COLUMNS
+            or (len(values) > _LONG_COLUMN and 2 * len(set(map(id, values[:_SAMPLE]))) < _SAMPLE)
+        ):
+            return
+        if has_cycle(self._state):
+            raise CannotKeepError("contains itself")
+        if least_values(self._state) > MAX_VALUES:
+            raise CannotKeepError(f"holds more than {MAX_VALUES} values")
+        self._known_to_fit = True
+
     def _union(self, kinds: list[Code], values: list[Any], depth: int) -> Node:
         tag_of = {kind: tag for tag, kind in enumerate(dict.fromkeys(kinds))}
         tags = bytes(map(tag_of.__getitem__, kinds))
@@ -176,6 +198,7 @@ class _Columns:
 
     def _tuples(self, values: list[tuple[Any, ...]], depth: int) -> Node:
         _require_depth(depth)
+        self._require_few_shared(values)
         values_before = self.values - len(values)
         number = self._same_objects(values)
         if number is not None:
@@ -221,6 +244,7 @@ class _Columns:
 
     def _lists(self, values: list[list[Any]], depth: int) -> Node:
         _require_depth(depth)
+        self._require_few_shared(values)
         self._enter(values)
         items = self.node(self._joined(values), depth + 1)
         self._ancestors.pop()
@@ -232,6 +256,7 @@ class _Columns:
 
     def _dicts(self, values: list[dict[Any, Any]], depth: int) -> Node:
         _require_depth(depth)
+        self._require_few_shared(values)
         self._enter(values)
         shapes = _shape_numbers(values) if self._compact else None
         if shapes is None:
