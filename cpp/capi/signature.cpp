@@ -73,7 +73,7 @@ std::string Signature::text() const {
         separator = ", ";
         if (parameter.kind == Kind::keyword_only && !starred) text += "*, ";
         starred = starred || parameter.kind != Kind::positional;
-        if (parameter.kind == Kind::var_positional) text += "*";
+        if (parameter.kind == Kind::var_positional) text += '*';
         if (parameter.kind == Kind::var_keyword) text += "**";
         text += parameter.name;
         if (parameter.default_text != nullptr) text.append("=").append(parameter.default_text);

@@ -1,10 +1,15 @@
 """Stores of every kind, and processes that can be killed or confined."""
 
+import importlib.util
+
 import pytest
 
 from quorvane.stores import MemoryStore
 from stores.support.samples import durable_store
 from stores.support.tasks import TaskServer
+
+# The stores need MessagePack, an extra: without it nothing here can run.
+collect_ignore_glob = [] if importlib.util.find_spec("msgpack") else ["test_*.py"]
 
 
 @pytest.fixture(params=["memory", "directory", "sqlite"])
