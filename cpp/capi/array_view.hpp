@@ -12,8 +12,6 @@ template <class T>
 inline constexpr int type_number_of = NPY_NOTYPE;
 template <>
 inline constexpr int type_number_of<double> = NPY_DOUBLE;
-template <>
-inline constexpr int type_number_of<npy_bool> = NPY_BOOL;
 
 // A one-dimensional array as it lies in memory. It is valid until the next Python code runs: code
 // can resize or drop the array, so views are made right before the loop that uses them.

@@ -58,7 +58,6 @@ struct Names {
     Interned run_child_chain{"_run_child_chain"};
     Interned unmap{"_unmap"};
     Interned record_trace{"_record_trace"};
-    Interned compute{"compute"};
     Interned get_state{"get_state"};
     Interned set_state{"set_state"};
     Interned validate_state_components{"_validate_state_components"};
