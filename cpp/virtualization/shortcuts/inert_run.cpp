@@ -57,7 +57,6 @@ Py_ssize_t InertRun::record() {
     return recorded;
 }
 
-// Everything that can need Python is found out before the first change.
 // Memory has run out. The slots that were to be reset still are, as far as that is possible.
 void InertRun::end_failed_day(MetadataMemory& metadata) const {
     const capi::KeptError error;
@@ -68,6 +67,7 @@ void InertRun::end_failed_day(MetadataMemory& metadata) const {
     }
 }
 
+// Everything that can need Python is found out before the first change.
 InertRun::Outcome InertRun::record_item(std::size_t position, PyObject* raw) {
     ItemEntries entries;
     if (!read_inert_entries(state_, raw, entries) || entries.metadata != nullptr) {

@@ -25,8 +25,9 @@ PlainRotation::PlainRotation(const State& state, PyObject* self)
     : state_(state), self_(self), watch_(state.dict_watcher) {}
 
 bool PlainRotation::still_seen() const {
-    if (!Py_IS_TYPE(self_, type()) || instance_dict(self_) != dict_.get() || !watch_.unchanged())
+    if (!Py_IS_TYPE(self_, type()) || instance_dict(self_) != dict_.get() || !watch_.unchanged()) {
         return false;
+    }
     return capi::instance_dicts_tell_changes ||
            (instance_is_plain(dict_.get()) && has_same_bookkeeping());
 }
@@ -40,14 +41,13 @@ void PlainRotation::look() {
     if (!dict_ || !PyDict_CheckExact(dict_.get())) return;
     if constexpr (capi::instance_dicts_tell_changes) watch_.add_dict(dict_.get());
     watch_.add_dict(state_.globals());
-    const bool plain = state_.pristine.numpy_holds(state_) &&
-                       state_.pristine.structure_class_holds(state_) && class_is_plain(type()) &&
-                       instance_is_plain(dict_.get()) && take_bookkeeping(dict_.get());
-    if (!plain) return;
+    if (!state_.pristine.numpy_holds(state_)) return;
     watch_.add_dict(state_.pristine.numpy_dict());
+    if (!state_.pristine.structure_class_holds(state_) || !class_is_plain(type())) return;
     // Types get their version when something is looked up in them, which has been done now.
     watch_.add_type(type());
     watch_.add_type(state_.pristine.structure_class());
+    if (!instance_is_plain(dict_.get()) || !take_bookkeeping(dict_.get())) return;
     // Odd keys in a dictionary may have run code while it was looked into.
     plain_ = still_seen();
 }
