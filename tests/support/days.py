@@ -32,22 +32,29 @@ BUILTIN_COLLECTIONS = (list, tuple, set, collections.deque)
 # Freezing: anything to nested tuples that compare equal only when nothing can tell them apart
 
 
+TOLD_BY_VALUE = frozenset({type(None), bool, int, str, bytes, type(Ellipsis)})
+FLOAT_BITS = struct.Struct("<d").pack
+
+
 def freeze(value, seen=None):
     """Return nested tuples of `value`'s types, bits, orders and sharing of mutable parts.
 
     Classes count by their name, since each module has its own; the same mutable object met again
     freezes to its first position, so copies and shared objects differ.
     """
-    seen = {} if seen is None else seen
-    kind = type(value).__name__
-    if value is None or type(value) in (bool, int, str, bytes, type(Ellipsis)):
+    cls = type(value)
+    kind = cls.__name__
+    if cls in TOLD_BY_VALUE:
         return (kind, value)
-    if type(value) is float:
-        return (kind, struct.pack("<d", value))
+    if cls is float:
+        return (kind, FLOAT_BITS(value))
+    seen = {} if seen is None else seen
+    if cls is tuple:
+        return (kind, *[freeze(part, seen) for part in value])
     if isinstance(value, np.generic):
         return (kind, value.dtype.str, value.tobytes())
-    if type(value) in (tuple, slice, range, frozenset):
-        parts = (value.start, value.stop, value.step) if type(value) is slice else value
+    if cls in (slice, range, frozenset):
+        parts = (value.start, value.stop, value.step) if cls is slice else value
         return (kind, *(freeze(part, seen) for part in parts))
     if isinstance(value, (type, types.FunctionType, types.MethodType, functools.partial)):
         return (kind, getattr(value, "__name__", "?"))
@@ -75,7 +82,7 @@ def _freeze_mutable(value, seen):
     elif issubclass(kind, BaseException):
         return freeze_error(value, seen)
     attributes = getattr(value, "__dict__", {})
-    return (*parts, tuple((name, freeze(part, seen)) for name, part in attributes.items()))
+    return (*parts, tuple([(name, freeze(part, seen)) for name, part in attributes.items()]))
 
 
 def freeze_error(error, seen=None):
@@ -200,7 +207,13 @@ class Pairing:
 def build_item(base, spec):
     """Build one raw item from its plain description (form, fields)."""
     form, fields = spec
-    fields = {name: build_value(value) for name, value in copy.deepcopy(fields).items()}
+    return form_item(
+        base, form, {name: build_value(value) for name, value in copy.deepcopy(fields).items()}
+    )
+
+
+def form_item(base, form, fields):
+    """Put the fields of an item into one of the forms that an item may have."""
     if form == "record":
         fields = {"key": (), "legs": (), "value": 0.0, "metadata": None, **fields}
         return base.VirtualStructure(**fields)
