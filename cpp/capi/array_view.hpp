@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <span>
 
 #include "capi/numpy.hpp"
@@ -35,11 +36,29 @@ public:
     }
     explicit operator bool() const noexcept { return data_ != nullptr; }
 
+    // The bytes from the first to the last entry, whatever lies between them.
+    [[nodiscard]] std::span<const char> extent() const noexcept {
+        if (size_ == 0) return {};
+        const npy_intp last = (size_ - 1) * stride_;
+        const auto length = static_cast<std::size_t>(last < 0 ? -last : last) + sizeof(T);
+        return {last < 0 ? data_ + last : data_, length};
+    }
+
 private:
     char* data_ = nullptr;
     npy_intp size_ = 0;
     npy_intp stride_ = 0;
 };
+
+// False only when no entry of one view can be part of the other.
+template <class Left, class Right>
+bool may_share_memory(const VectorView<Left>& left, const VectorView<Right>& right) noexcept {
+    const auto a = left.extent();
+    const auto b = right.extent();
+    // Of pointers into different objects, only these have a defined order.
+    const std::less<const char*> before;
+    return before(a.data(), b.data() + b.size()) && before(b.data(), a.data() + a.size());
+}
 
 inline PyArrayObject* as_array(PyObject* object) noexcept {
     return reinterpret_cast<PyArrayObject*>(object);

@@ -1,25 +1,32 @@
 #include "kernels/unmap.hpp"
 
-#include <cfenv>
+#include <bit>
+
+#include "kernels/exception_flags.hpp"
 
 namespace quorvane::kernels {
 
 namespace {
 
-constexpr int reported = FE_OVERFLOW | FE_UNDERFLOW | FE_INVALID | FE_DIVBYZERO;
+// By its bits, so that asking raises no flag.
+bool is_finite(double value) noexcept {
+    constexpr std::uint64_t exponent = 0x7ff0'0000'0000'0000;
+    return (std::bit_cast<std::uint64_t>(value) & exponent) != exponent;
+}
 
-// amount(contribution) gives what a leg of that contribution adds, by the leg's weight.
+// amount(output, number of legs) gives what a leg adds, by the leg's weight.
 template <class Amount>
-[[gnu::noinline]] void add_all(std::span<const Contribution> contributions, const FlatLegs& legs,
-                               Totals& totals, Amount amount) {
+[[gnu::noinline]] void add_all(std::span<const double> outputs, const LegPlace* places,
+                               const FlatLegs& legs, Totals& totals, Amount amount) {
     double* sums = totals.sums.data();
     std::uint8_t* reached = totals.reached.data();
-    const std::size_t* ids = legs.ids.data();
+    const std::uint32_t* ids = legs.ids.data();
     const double* weights = legs.weights.data();
-    for (const Contribution& contribution : contributions) {
-        const auto amount_of = amount(contribution);
-        const std::size_t end = contribution.begin + contribution.count;
-        for (std::size_t leg = contribution.begin; leg < end; ++leg) {
+    for (std::size_t slot = 0; slot < outputs.size(); ++slot) {
+        const auto [begin, count] = places[slot];
+        if (count == 0 || !is_finite(outputs[slot])) continue;
+        const auto amount_of = amount(outputs[slot], count);
+        for (std::size_t leg = begin; leg < begin + count; ++leg) {
             sums[ids[leg]] += amount_of(weights[leg]);
             reached[ids[leg]] = 1;
         }
@@ -29,11 +36,11 @@ template <class Amount>
 // Adds between two looks at the processor's exception flags. The arithmetic stands in a function
 // that is not inlined, so that it cannot be moved past either look.
 template <class Amount>
-bool adds_silently(std::span<const Contribution> contributions, const FlatLegs& legs,
-                   Totals& totals, Amount amount) noexcept {
-    std::feclearexcept(reported);
-    add_all(contributions, legs, totals, amount);
-    return std::fetestexcept(reported) == 0;
+bool adds_silently(std::span<const double> outputs, std::span<const LegPlace> places,
+                   const FlatLegs& legs, Totals& totals, Amount amount) noexcept {
+    clear_exceptions();
+    add_all(outputs, places.data(), legs, totals, amount);
+    return !has_exceptions();
 }
 
 }  // namespace
@@ -43,17 +50,17 @@ void Totals::reset(std::size_t instruments) {
     reached.assign(instruments, 0);
 }
 
-bool add_in_proportion(std::span<const Contribution> contributions, const FlatLegs& legs,
-                       Totals& totals) noexcept {
-    return adds_silently(contributions, legs, totals, [](const Contribution& contribution) {
-        return [value = contribution.value](double weight) { return value * weight; };
+bool add_in_proportion(std::span<const double> outputs, std::span<const LegPlace> places,
+                       const FlatLegs& legs, Totals& totals) noexcept {
+    return adds_silently(outputs, places, legs, totals, [](double output, std::size_t /*count*/) {
+        return [output](double weight) { return output * weight; };
     });
 }
 
-bool add_equal_split(std::span<const Contribution> contributions, const FlatLegs& legs,
-                     Totals& totals) noexcept {
-    return adds_silently(contributions, legs, totals, [](const Contribution& contribution) {
-        const double scale = contribution.value / static_cast<double>(contribution.count);
+bool add_equal_split(std::span<const double> outputs, std::span<const LegPlace> places,
+                     const FlatLegs& legs, Totals& totals) noexcept {
+    return adds_silently(outputs, places, legs, totals, [](double output, std::size_t count) {
+        const double scale = output / static_cast<double>(count);
         return [scale](double weight) { return weight >= 0.0 ? scale : -scale; };
     });
 }

@@ -7,17 +7,14 @@
 
 namespace quorvane::kernels {
 
-// Legs laid out flat: a structure has `count` of them from `begin` on.
+// Legs laid out flat, and where those of one slot lie.
 struct FlatLegs {
-    std::vector<std::size_t> ids;
+    std::vector<std::uint32_t> ids;
     std::vector<double> weights;
 };
-
-// A slot that contributes on a day: its output and where its legs are.
-struct Contribution {
-    double value;
-    std::size_t begin;
-    std::size_t count;
+struct LegPlace {
+    std::size_t begin = 0;
+    std::size_t count = 0;
 };
 
 // Running totals per instrument, and which instruments got any contribution.
@@ -28,17 +25,18 @@ struct Totals {
     void reset(std::size_t instruments);
 };
 
-// Both add every contribution in the given order, then in leg order; every id is below the totals'
-// size. They answer false when the arithmetic overflowed, underflowed or was invalid, which is
-// where NumPy may warn: the totals are worthless then.
+// Both add what every slot with a finite output and any legs contributes, in slot order and then
+// in leg order; there is a place for every output, and every id is below the totals' size. They
+// answer false when the arithmetic overflowed, underflowed or was invalid, which is where NumPy may
+// warn: the totals are worthless then.
 
-// sums[id] += value * weight
-bool add_in_proportion(std::span<const Contribution> contributions, const FlatLegs& legs,
-                       Totals& totals) noexcept;
+// sums[id] += output * weight
+bool add_in_proportion(std::span<const double> outputs, std::span<const LegPlace> places,
+                       const FlatLegs& legs, Totals& totals) noexcept;
 
-// sums[id] += value / number of legs, negated for a weight below zero or NaN
-bool add_equal_split(std::span<const Contribution> contributions, const FlatLegs& legs,
-                     Totals& totals) noexcept;
+// sums[id] += output / number of legs, negated for a weight below zero or NaN
+bool add_equal_split(std::span<const double> outputs, std::span<const LegPlace> places,
+                     const FlatLegs& legs, Totals& totals) noexcept;
 
 // Writes the totals of the instruments that were reached; the others keep what they hold.
 template <class Output>

@@ -9,7 +9,8 @@ using namespace quorvane::kernels;
 namespace {
 
 // Slot 0: 2.0 over (0, 0.5) and (3, -1.0); slot 1: 4.0 over (3, 0.0).
-const std::vector<Contribution> contributions = {{2.0, 0, 2}, {4.0, 2, 1}};
+const std::vector<double> outputs = {2.0, 4.0};
+const std::vector<LegPlace> places = {{0, 2}, {2, 1}};
 const FlatLegs legs = {{0, 3, 3}, {0.5, -1.0, 0.0}};
 
 Totals zeros(std::size_t instruments) {
@@ -20,7 +21,7 @@ Totals zeros(std::size_t instruments) {
 
 void proportional_adds_value_times_weight() {
     Totals totals = zeros(5);
-    CHECK(add_in_proportion(contributions, legs, totals));
+    CHECK(add_in_proportion(outputs, places, legs, totals));
     CHECK(totals.sums[0] == 1.0);
     CHECK(totals.sums[3] == -2.0);
     CHECK(totals.reached[0] == 1 && totals.reached[3] == 1 && totals.reached[1] == 0);
@@ -28,7 +29,7 @@ void proportional_adds_value_times_weight() {
 
 void equal_split_uses_only_the_sign_and_counts_zero_as_positive() {
     Totals totals = zeros(5);
-    CHECK(add_equal_split(contributions, legs, totals));
+    CHECK(add_equal_split(outputs, places, legs, totals));
     CHECK(totals.sums[0] == 1.0);
     CHECK(totals.sums[3] == 3.0);
 }
@@ -36,8 +37,9 @@ void equal_split_uses_only_the_sign_and_counts_zero_as_positive() {
 // Whether adding one slot's legs, all on instrument 0, has nothing to report.
 bool is_silent(double value, const std::vector<double>& weights) {
     Totals totals = zeros(1);
-    const std::vector<Contribution> one = {{value, 0, weights.size()}};
-    return add_in_proportion(one, {std::vector<std::size_t>(weights.size(), 0), weights}, totals);
+    const std::vector<LegPlace> one = {{0, weights.size()}};
+    return add_in_proportion(std::vector{value}, one,
+                             {std::vector<std::uint32_t>(weights.size(), 0), weights}, totals);
 }
 
 void overflow_underflow_and_invalid_are_told() {
@@ -49,10 +51,21 @@ void overflow_underflow_and_invalid_are_told() {
     CHECK(is_silent(1.0, {std::numeric_limits<double>::quiet_NaN()}));
 }
 
+void slots_without_legs_or_a_finite_output_contribute_nothing() {
+    const double infinity = std::numeric_limits<double>::infinity();
+    const std::vector<double> odd = {infinity, -infinity, std::numeric_limits<double>::quiet_NaN(),
+                                     1.0};
+    const std::vector<LegPlace> all_but_last = {{0, 1}, {0, 1}, {0, 1}, {0, 0}};
+    Totals totals = zeros(1);
+    CHECK(add_in_proportion(odd, all_but_last, {{0}, {1.0}}, totals));
+    CHECK(add_equal_split(odd, all_but_last, {{0}, {1.0}}, totals));
+    CHECK(totals.reached[0] == 0);
+}
+
 void only_reached_instruments_are_written() {
     Totals totals = zeros(2);
-    const std::vector<Contribution> one = {{1.0, 0, 1}};
-    CHECK(add_in_proportion(one, {{1}, {0.25}}, totals));
+    const std::vector<LegPlace> one = {{0, 1}};
+    CHECK(add_in_proportion(std::vector{1.0}, one, {{1}, {0.25}}, totals));
     double output[] = {7.0, 7.0};
     write_reached(totals, output);
     CHECK(output[0] == 7.0 && output[1] == 0.25);
@@ -64,6 +77,7 @@ int main() {
     proportional_adds_value_times_weight();
     equal_split_uses_only_the_sign_and_counts_zero_as_positive();
     overflow_underflow_and_invalid_are_told();
+    slots_without_legs_or_a_finite_output_contribute_nothing();
     only_reached_instruments_are_written();
     return check::result();
 }

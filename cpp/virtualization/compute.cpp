@@ -72,8 +72,8 @@ void deactivate_slots(const State& state, PyObject* self) {
 
 // Records what it can without Python; the slots are reset by then in any case.
 Py_ssize_t record_inertly(const State& state, const Day& day, PlainRotation& plain,
-                          const DayMasks& masks, PyObject* structures) {
-    InertRun run(state, plain, masks, structures, state.memories->of(day.self));
+                          const DayMasks& masks, const DayReport& report) {
+    InertRun run(state, plain, masks, report, state.memories->of(day.self));
     if (run.is_possible() && run.may_postpone_reset()) return run.record();
     deactivate_slots(state, day.self);
     return run.is_possible() && run.adopt_reset_slots() ? run.record() : 0;
@@ -84,10 +84,10 @@ Py_ssize_t record_inertly(const State& state, const Day& day, PlainRotation& pla
 Ref record_structures(const State& state, const Day& day, PyObject* structures) {
     const DayMasks masks{day.nan_masks, day.combined_nan_mask, day.N};
     PlainRotation plain(state, day.self);
-    const Py_ssize_t recorded = record_inertly(state, day, plain, masks, structures);
+    const DayReport report(state, structures);
+    const Py_ssize_t recorded = record_inertly(state, day, plain, masks, report);
     capi::Iteration items(structures, recorded);
-    Ref raw =
-        recorded > 0 ? Ref::borrow(PySequence_Fast_GET_ITEM(structures, recorded - 1)) : Ref();
+    Ref raw = recorded > 0 ? report.object_at(recorded - 1) : Ref();
     while (Ref next = items.next()) {
         raw = std::move(next);
         record_item(state, day.self, plain, masks, raw.get());

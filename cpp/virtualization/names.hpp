@@ -1,6 +1,7 @@
 #pragma once
 
 #include "capi/names.hpp"
+#include "columns/columns.hpp"
 
 namespace quorvane::virtualization {
 
@@ -124,6 +125,9 @@ struct Names {
     Interned isfinite{"isfinite"};
     Interned vstack{"vstack"};
     Interned broadcast_to{"broadcast_to"};
+
+    // What structure columns are recognised by.
+    Interned passport{columns::passport_attribute};
 };
 
 }  // namespace quorvane::virtualization

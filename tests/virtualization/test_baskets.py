@@ -119,7 +119,7 @@ def test_baskets_and_legs_may_be_pairs(make):
     assert by_pairs.basket_values(np.array([1.0, 2.0, 3.0, 4.0])).tolist() == [3.0, 3.0]
 
 
-def test_items_are_made_once_and_hold_exact_types(make):
+def test_keys_and_legs_are_made_once_and_items_hold_exact_types(make):
     rotation = make({"x": {"KO": 2, "PEP": np.float64(0.5)}})
     seen = []
     inner = rotation._refresh_active_structures
@@ -131,14 +131,15 @@ def test_items_are_made_once_and_hold_exact_types(make):
     rotation._refresh_active_structures = spy
     for scale in (1.0, 2.0):
         rotation(np.full(4, scale))
-    assert seen[0] is seen[1]
+    assert seen[0].keys is seen[1].keys
+    assert seen[0].legs is seen[1].legs
     (item,) = seen[0]
     assert type(item) is dict
     assert type(item["key"]) is tuple
     assert type(item["legs"]) is tuple
     assert [(type(i), type(w)) for i, w in item["legs"]] == [(int, float)] * 2
     assert item["legs"] == ((0, 2.0), (1, 0.5))
-    assert (type(item["value"]), item["value"]) == (float, 5.0)
+    assert (type(item["value"]), item["value"]) == (float, 2.5)
 
 
 def test_equal_split_gives_each_leg_the_same_size(make):

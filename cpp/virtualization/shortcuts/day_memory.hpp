@@ -3,19 +3,20 @@
 #include <memory>
 #include <unordered_map>
 
-#include "virtualization/shortcuts/leg_memory.hpp"
-#include "virtualization/shortcuts/metadata_memory.hpp"
-#include "virtualization/shortcuts/slot_memory.hpp"
+#include "virtualization/shortcuts/column_memory.hpp"
+#include "virtualization/shortcuts/live_instruments.hpp"
 
 namespace quorvane::virtualization {
 
-// What is kept of a rotation's last day, so that what has not changed is not written again. It is
-// never the truth: each part is compared with the rotation's own tables before it is used.
+// What is kept of a rotation's last day, so that what has not changed is not written again, nor
+// allocated. It is never the truth: each part is compared with the rotation's own tables before it
+// is used.
 struct DayMemory {
     SlotMemory slots;
     LegMemory legs;
     MetadataMemory metadata;
-    std::vector<kernels::Contribution> contributions;
+    ColumnMemory columns;
+    LiveInstruments live;
 };
 
 // The memories of all rotations of a module, outside the instances so that their attributes are

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "capi/array_view.hpp"
 #include "virtualization/shortcuts/day_memory.hpp"
@@ -38,7 +39,8 @@ bool read_task(const State& state, PyObject* self, PyObject* txi_output, PyObjec
     task.output = capi::writable_vector<double>(output_buf);
     if (!task.legs_by_slot || !PyDict_CheckExact(task.legs_by_slot.get()) ||
         task.max_structures < 0 || !policy || !PyUnicode_CheckExact(policy.get()) || task.N < 0 ||
-        !task.txi_output || task.txi_output.size() < task.max_structures || !task.output ||
+        task.N > std::numeric_limits<std::uint32_t>::max() || !task.txi_output ||
+        task.txi_output.size() < task.max_structures || !task.output ||
         task.output.size() < task.N) {
         return false;
     }
@@ -51,19 +53,7 @@ bool read_task(const State& state, PyObject* self, PyObject* txi_output, PyObjec
 bool knows_legs(const DayMemory& memory, const Task& task) {
     return memory.legs.describes(task.legs_by_slot.get()) &&
            memory.legs.id_bound() <= static_cast<std::size_t>(task.N) &&
-           memory.legs.slots() <= static_cast<std::size_t>(task.max_structures);
-}
-
-void collect_remembered(const Task& task, const LegMemory& legs,
-                        std::vector<kernels::Contribution>& contributions) {
-    contributions.clear();
-    for (std::size_t slot = 0; slot < legs.slots(); ++slot) {
-        const double value = task.txi_output[static_cast<npy_intp>(slot)];
-        const LegMemory::Place& place = legs.place(slot);
-        if (std::isfinite(value) && place.count > 0) {
-            contributions.push_back({value, place.begin, place.count});
-        }
-    }
+           memory.legs.places().size() <= static_cast<std::size_t>(task.max_structures);
 }
 
 // The legs of a slot at the end of the flat arrays; false when one is not plain or outside.
@@ -75,7 +65,7 @@ bool append_legs(PyObject* legs, Py_ssize_t N, kernels::FlatLegs& flat) {
         long long id = PyLong_AsLongLongAndOverflow(PyTuple_GET_ITEM(leg, 0), &overflow);
         if (overflow == 0 && id < 0) id += N;  // a negative id counts from the end
         if (overflow != 0 || id < 0 || id >= N) return false;
-        flat.ids.push_back(static_cast<std::size_t>(id));
+        flat.ids.push_back(static_cast<std::uint32_t>(id));
         flat.weights.push_back(PyFloat_AS_DOUBLE(PyTuple_GET_ITEM(leg, 1)));
     }
     return true;
@@ -111,25 +101,31 @@ bool contributing_slots(const Task& task, std::vector<Slot>& slots) {
     return true;
 }
 
-bool collect_from_table(const Task& task, kernels::FlatLegs& flat,
-                        std::vector<kernels::Contribution>& contributions) {
+// The outputs that contribute, and where the legs of each are laid out.
+struct Collected {
+    std::vector<double> outputs;
+    std::vector<kernels::LegPlace> places;
+    kernels::FlatLegs legs;
+};
+
+bool collect_from_table(const Task& task, Collected& collected) {
     std::vector<Slot> slots;
     if (!contributing_slots(task, slots)) return false;
     for (const Slot& slot : slots) {
-        contributions.push_back({task.txi_output[slot.index], flat.ids.size(),
-                                 static_cast<std::size_t>(PyTuple_GET_SIZE(slot.legs))});
-        if (!append_legs(slot.legs, task.N, flat)) return false;
+        collected.outputs.push_back(task.txi_output[slot.index]);
+        collected.places.push_back(
+            {collected.legs.ids.size(), static_cast<std::size_t>(PyTuple_GET_SIZE(slot.legs))});
+        if (!append_legs(slot.legs, task.N, collected.legs)) return false;
     }
     return true;
 }
 
 // Adds everything up and writes it; false, with nothing written, when NumPy would warn.
-bool add_and_write(const State& state, const Task& task,
-                   std::span<const kernels::Contribution> contributions,
-                   const kernels::FlatLegs& legs) {
+bool add_and_write(const State& state, const Task& task, std::span<const double> outputs,
+                   std::span<const kernels::LegPlace> places, const kernels::FlatLegs& legs) {
     state.totals.reset(static_cast<std::size_t>(task.N));
     const auto add = task.equal_split ? kernels::add_equal_split : kernels::add_in_proportion;
-    if (!add(contributions, legs, state.totals)) return false;
+    if (!add(outputs, places, legs, state.totals)) return false;
     kernels::write_reached(state.totals, task.output);
     return true;
 }
@@ -141,14 +137,14 @@ bool unmap_flat(const State& state, PyObject* self, PyObject* txi_output, PyObje
     Task task;
     if (!read_task(state, self, txi_output, output_buf, N, task)) return false;
     const std::shared_ptr<DayMemory> memory = state.memories->find(self);
-    if (memory && knows_legs(*memory, task)) {
-        collect_remembered(task, memory->legs, memory->contributions);
-        return add_and_write(state, task, memory->contributions, memory->legs.flat());
+    if (memory && task.txi_output.contiguous() && knows_legs(*memory, task)) {
+        const auto places = memory->legs.places();
+        return add_and_write(state, task, task.txi_output.span().first(places.size()), places,
+                             memory->legs.flat());
     }
-    kernels::FlatLegs flat;
-    std::vector<kernels::Contribution> contributions;
-    return collect_from_table(task, flat, contributions) &&
-           add_and_write(state, task, contributions, flat);
+    Collected collected;
+    return collect_from_table(task, collected) &&
+           add_and_write(state, task, collected.outputs, collected.places, collected.legs);
 }
 
 }  // namespace quorvane::virtualization

@@ -1,29 +1,35 @@
 #include "virtualization/shortcuts/inert_run.hpp"
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "capi/gc_pause.hpp"
 #include "virtualization/shortcuts/inert.hpp"
-#include "virtualization/shortcuts/plain_size.hpp"
+#include "virtualization/shortcuts/known_day.hpp"
 
 namespace quorvane::virtualization {
 
+namespace {
+
+// Slots are remembered in 32 bits.
+constexpr Py_ssize_t most_slots = std::numeric_limits<std::int32_t>::max();
+
+}  // namespace
+
 InertRun::InertRun(const State& state, PlainRotation& plain, const DayMasks& masks,
-                   PyObject* structures, std::shared_ptr<DayMemory> memory)
-    : state_(state),
-      plain_(plain),
-      masks_(masks),
-      structures_(structures),
-      memory_(std::move(memory)) {}
+                   const DayReport& report, std::shared_ptr<DayMemory> memory)
+    : state_(state), plain_(plain), masks_(masks), report_(report), memory_(std::move(memory)) {}
 
 bool InertRun::is_possible() {
-    if (memory_ == nullptr || item_count() <= 0 || !plain_.holds() || !see_masks()) return false;
+    if (memory_ == nullptr || report_.count() <= 0 || !plain_.holds()) return false;
     txi_input_ = capi::writable_vector<double>(plain_.txi_input());
     const Py_ssize_t width = plain_.max_structures();
-    if (!txi_input_ || txi_input_.size() < width ||
+    if (!txi_input_ || txi_input_.size() < width || width > most_slots ||
         PyList_GET_SIZE(plain_.metadata_by_slot()) != width) {
         return false;
     }
+    if (!memory_->live.see(masks_, txi_input_)) return false;
     if (!memory_->slots.knows(plain_.slot_by_key(), plain_.key_by_slot(), width)) return false;
     return memory_->legs.describes(plain_.legs_by_slot()) ||
            memory_->legs.load(plain_.legs_by_slot(), width);
@@ -39,53 +45,70 @@ bool InertRun::adopt_reset_slots() const {
 
 Py_ssize_t InertRun::record() {
     const capi::GcPause no_finalizers;
-    MetadataMemory& metadata = memory_->metadata;
-    metadata.begin_day(plain_.metadata_by_slot());
-    Py_ssize_t recorded = 0;
-    try {
-        const Py_ssize_t count = item_count();
-        for (; recorded < count; ++recorded) {
-            PyObject* raw = PySequence_Fast_GET_ITEM(structures_, recorded);
-            const auto position = static_cast<std::size_t>(recorded);
-            if (record_item(position, raw) == Outcome::needs_python) break;
-        }
-    } catch (...) {
-        end_failed_day(metadata);
-        throw;
-    }
-    metadata.end_day(state_);
+    if (record_same_again()) return report_.count();
+    const Py_ssize_t recorded = record_each();
+    remember_columns(recorded);
     return recorded;
 }
 
+bool InertRun::record_same_again() {
+    DayMemory& memory = *memory_;
+    const columns::Columns* columns = report_.columns();
+    return columns != nullptr &&
+           memory.columns.knows(*columns, memory.slots, memory.legs, memory.metadata) &&
+           record_known_day(state_, plain_, *columns, memory, txi_input_);
+}
+
+Py_ssize_t InertRun::record_each() {
+    memory_->metadata.begin_day(plain_.metadata_by_slot());
+    Py_ssize_t recorded = 0;
+    try {
+        const Py_ssize_t count = report_.count();
+        for (; recorded < count; ++recorded) {
+            if (record_item(static_cast<std::size_t>(recorded)) == Outcome::needs_python) break;
+        }
+    } catch (...) {
+        end_failed_day();
+        throw;
+    }
+    memory_->metadata.end_day(state_);
+    return recorded;
+}
+
+void InertRun::remember_columns(Py_ssize_t recorded) {
+    const columns::Columns* columns = report_.columns();
+    if (columns != nullptr && recorded == report_.count()) {
+        memory_->columns.remember(*columns, memory_->slots, memory_->legs, memory_->metadata);
+    } else {
+        memory_->columns.forget();
+    }
+}
+
 // Memory has run out. The slots that were to be reset still are, as far as that is possible.
-void InertRun::end_failed_day(MetadataMemory& metadata) const {
+void InertRun::end_failed_day() const {
     const capi::KeptError error;
     try {
-        metadata.end_day(state_);
+        memory_->metadata.end_day(state_);
     } catch (const capi::PythonError&) {
         PyErr_Clear();
     }
 }
 
 // Everything that can need Python is found out before the first change.
-InertRun::Outcome InertRun::record_item(std::size_t position, PyObject* raw) {
-    ItemEntries entries;
-    if (!read_inert_entries(state_, raw, entries) || entries.metadata != nullptr) {
-        return Outcome::needs_python;
-    }
-    const std::optional<double> value = inert_float(entries.value);
-    if (!value) return Outcome::needs_python;
-    SlotMemory::Found slot = memory_->slots.find(plain_.slot_by_key(), position, entries.key);
-    const bool same_legs = slot.slot != nullptr && memory_->legs.holds(slot.index, entries.legs);
-    const Ref legs = same_legs ? Ref::borrow(entries.legs) : inert_legs(entries.legs);
+InertRun::Outcome InertRun::record_item(std::size_t position) {
+    ReportedItem item;
+    if (!report_.read(static_cast<Py_ssize_t>(position), item)) return Outcome::needs_python;
+    SlotMemory::Found slot = memory_->slots.find(plain_.slot_by_key(), position, item.key);
+    const bool same_legs = slot.slot != nullptr && memory_->legs.holds(slot.index, item.legs);
+    const Ref legs = same_legs ? Ref::borrow(item.legs) : inert_legs(item.legs);
     if (!legs || (!same_legs && !LegMemory::accepts(legs.get()))) return Outcome::needs_python;
-    if (slot.slot == nullptr) slot = new_slot(entries.key);
+    if (slot.slot == nullptr) slot = new_slot(item.key);
     if (slot.slot == nullptr) return Outcome::needs_python;
 
     if (!same_legs) remember_legs(slot, legs.get());
-    const bool valid = are_legs_live(slot.index) && std::isfinite(*value);
-    memory_->metadata.report(state_, slot.slot, slot.index, entries.key, legs.get(), valid);
-    if (valid) txi_input_[static_cast<npy_intp>(slot.index)] = *value;
+    const bool valid = are_legs_live(slot.index) && std::isfinite(item.value);
+    memory_->metadata.report(state_, slot.slot, slot.index, item.key, legs.get(), valid);
+    if (valid) txi_input_[static_cast<npy_intp>(slot.index)] = item.value;
     return Outcome::recorded;
 }
 
@@ -105,38 +128,10 @@ void InertRun::remember_legs(const SlotMemory::Found& slot, PyObject* legs) {
 }
 
 bool InertRun::are_legs_live(std::size_t slot) const noexcept {
-    const LegMemory::Place& place = memory_->legs.place(slot);
-    const std::vector<std::size_t>& ids = memory_->legs.flat().ids;
-    for (std::size_t leg = place.begin; leg < place.begin + place.count; ++leg) {
-        if (ids[leg] >= live_instruments_) return false;
-        for (const auto& mask : mask_views_) {
-            if (mask[static_cast<npy_intp>(ids[leg])] != 0) return false;
-        }
-    }
-    return true;
-}
-
-bool InertRun::see_masks() {
-    const Py_ssize_t N = plain_size(masks_.N);
-    if (N < 0 || !PyTuple_CheckExact(masks_.nan_masks)) return false;
-    live_instruments_ = static_cast<std::size_t>(N);
-    mask_views_.clear();
-    const auto see = [&](PyObject* mask) {
-        const auto view = capi::readable_mask(mask);
-        mask_views_.push_back(view);
-        return view && view.size() >= N;
-    };
-    bool all_wide = see(masks_.combined_nan_mask);
-    for (Py_ssize_t i = 0; all_wide && i < PyTuple_GET_SIZE(masks_.nan_masks); ++i) {
-        all_wide = see(PyTuple_GET_ITEM(masks_.nan_masks, i));
-    }
-    return all_wide;
-}
-
-// The length of an exact list or tuple; -1 of anything else.
-Py_ssize_t InertRun::item_count() const noexcept {
-    if (PyList_CheckExact(structures_)) return PyList_GET_SIZE(structures_);
-    return PyTuple_CheckExact(structures_) ? PyTuple_GET_SIZE(structures_) : -1;
+    const kernels::LegPlace& place = memory_->legs.places()[slot];
+    const std::uint32_t* ids = memory_->legs.flat().ids.data() + place.begin;
+    return std::all_of(ids, ids + place.count,
+                       [&](std::uint32_t id) { return memory_->live.is_live(id); });
 }
 
 }  // namespace quorvane::virtualization

@@ -2,8 +2,8 @@
 
 #include "capi/array_view.hpp"
 #include "virtualization/shortcuts/day_memory.hpp"
+#include "virtualization/shortcuts/day_report.hpp"
 #include "virtualization/shortcuts/plain_rotation.hpp"
-#include "virtualization/shortcuts/quick_item.hpp"
 
 namespace quorvane::virtualization {
 
@@ -12,8 +12,8 @@ namespace quorvane::virtualization {
 // and slots need not be reset before they are reported again, as nobody can see them in between.
 class InertRun {
 public:
-    InertRun(const State& state, PlainRotation& plain, const DayMasks& masks, PyObject* structures,
-             std::shared_ptr<DayMemory> memory);
+    InertRun(const State& state, PlainRotation& plain, const DayMasks& masks,
+             const DayReport& report, std::shared_ptr<DayMemory> memory);
 
     // Whether there is anything that can be recorded this way. Nothing is changed by asking.
     [[nodiscard]] bool is_possible();
@@ -28,25 +28,23 @@ public:
     Py_ssize_t record();
 
 private:
-    void end_failed_day(MetadataMemory& metadata) const;
-
     enum class Outcome { recorded, needs_python };
 
-    [[nodiscard]] bool see_masks();
-    [[nodiscard]] Py_ssize_t item_count() const noexcept;
-    Outcome record_item(std::size_t position, PyObject* raw);
+    [[nodiscard]] bool record_same_again();
+    Py_ssize_t record_each();
+    Outcome record_item(std::size_t position);
     SlotMemory::Found new_slot(PyObject* key);
     void remember_legs(const SlotMemory::Found& slot, PyObject* legs);
+    void remember_columns(Py_ssize_t recorded);
     [[nodiscard]] bool are_legs_live(std::size_t slot) const noexcept;
+    void end_failed_day() const;
 
     const State& state_;
     PlainRotation& plain_;
     const DayMasks& masks_;
-    PyObject* structures_;
+    const DayReport& report_;
     std::shared_ptr<DayMemory> memory_;
-    std::vector<capi::VectorView<const npy_uint8>> mask_views_;
     capi::VectorView<double> txi_input_;
-    std::size_t live_instruments_ = 0;
 };
 
 }  // namespace quorvane::virtualization

@@ -1,6 +1,7 @@
 #include "virtualization/shortcuts/leg_memory.hpp"
 
 #include <algorithm>
+#include <limits>
 
 #include "capi/dict_version.hpp"
 #include "virtualization/shortcuts/inert.hpp"
@@ -8,18 +9,31 @@
 
 namespace quorvane::virtualization {
 
+namespace {
+
+// An id that is an index, and small enough to be kept in half the space.
+bool is_index(PyObject* id) noexcept {
+    const Py_ssize_t index = plain_size(id);
+    return index >= 0 && index < std::numeric_limits<std::uint32_t>::max();
+}
+
+}  // namespace
+
 bool LegMemory::accepts(PyObject* legs) noexcept {
     if (!PyTuple_CheckExact(legs)) return false;
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(legs); ++i) {
         PyObject* leg = PyTuple_GET_ITEM(legs, i);
-        if (!is_normal_leg(leg) || plain_size(PyTuple_GET_ITEM(leg, 0)) < 0) return false;
+        if (!is_normal_leg(leg) || !is_index(PyTuple_GET_ITEM(leg, 0))) return false;
     }
     return true;
 }
 
 void LegMemory::store(std::size_t slot, PyObject* legs) {
-    if (slot >= places_.size()) places_.resize(slot + 1);
-    Place& place = places_[slot];
+    if (slot >= places_.size()) {
+        legs_.resize(slot + 1);
+        places_.resize(slot + 1);
+    }
+    kernels::LegPlace& place = places_[slot];
     const auto count = static_cast<std::size_t>(PyTuple_GET_SIZE(legs));
     if (count > place.count) {
         live_ -= place.count;
@@ -35,12 +49,12 @@ void LegMemory::store(std::size_t slot, PyObject* legs) {
     place.count = count;
     for (std::size_t i = 0; i < count; ++i) {
         PyObject* leg = PyTuple_GET_ITEM(legs, static_cast<Py_ssize_t>(i));
-        const auto id = static_cast<std::size_t>(plain_size(PyTuple_GET_ITEM(leg, 0)));
-        id_bound_ = std::max(id_bound_, id + 1);
+        const auto id = static_cast<std::uint32_t>(plain_size(PyTuple_GET_ITEM(leg, 0)));
+        id_bound_ = std::max(id_bound_, std::size_t{id} + 1);
         flat_.ids[place.begin + i] = id;
         flat_.weights[place.begin + i] = PyFloat_AS_DOUBLE(PyTuple_GET_ITEM(leg, 1));
     }
-    place.legs = Ref::borrow(legs);
+    legs_[slot] = Ref::borrow(legs);
 }
 
 bool LegMemory::load(PyObject* legs_by_slot, Py_ssize_t max_structures) {
@@ -70,6 +84,7 @@ void LegMemory::now_describes(PyObject* legs_by_slot) noexcept {
 }
 
 void LegMemory::clear() noexcept {
+    legs_.clear();
     places_.clear();
     flat_.ids.clear();
     flat_.weights.clear();
@@ -83,7 +98,7 @@ void LegMemory::compact() {
     kernels::FlatLegs packed;
     packed.ids.reserve(live_);
     packed.weights.reserve(live_);
-    for (Place& place : places_) {
+    for (kernels::LegPlace& place : places_) {
         const auto begin = static_cast<std::ptrdiff_t>(place.begin);
         const auto end = begin + static_cast<std::ptrdiff_t>(place.count);
         place.begin = packed.ids.size();

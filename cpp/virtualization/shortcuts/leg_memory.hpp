@@ -11,15 +11,9 @@ namespace quorvane::virtualization {
 // exact (int, float) tuples cannot change, so the same tuple has the same legs.
 class LegMemory {
 public:
-    struct Place {
-        Ref legs;  // owned, so that its address is not given to another tuple
-        std::size_t begin = 0;
-        std::size_t count = 0;
-    };
-
     // True when the slot's legs are this very tuple.
     [[nodiscard]] bool holds(std::size_t slot, PyObject* legs) const noexcept {
-        return slot < places_.size() && places_[slot].legs.get() == legs;
+        return slot < legs_.size() && legs_[slot].get() == legs;
     }
 
     // A tuple of exact (int, float) tuples whose ids can be indices.
@@ -37,8 +31,11 @@ public:
     // Until it is said again: the table and the memory are about to be changed one after the other.
     void describes_nothing() noexcept { version_ = 0; }
 
-    [[nodiscard]] std::size_t slots() const noexcept { return places_.size(); }
-    [[nodiscard]] const Place& place(std::size_t slot) const noexcept { return places_[slot]; }
+    // What changes whenever another table, or the same one with other contents, is known.
+    [[nodiscard]] std::uint64_t version() const noexcept { return version_; }
+
+    // By slot; a slot without legs has a place of no legs.
+    [[nodiscard]] std::span<const kernels::LegPlace> places() const noexcept { return places_; }
     [[nodiscard]] const kernels::FlatLegs& flat() const noexcept { return flat_; }
     // Every id is below this.
     [[nodiscard]] std::size_t id_bound() const noexcept { return id_bound_; }
@@ -47,7 +44,8 @@ private:
     void clear() noexcept;
     void compact();
 
-    std::vector<Place> places_;
+    std::vector<Ref> legs_;  // owned, so that an address is not given to another tuple
+    std::vector<kernels::LegPlace> places_;
     kernels::FlatLegs flat_;
     std::size_t live_ = 0;  // entries of flat_ that some slot still uses
     std::size_t id_bound_ = 0;

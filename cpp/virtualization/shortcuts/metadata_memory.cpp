@@ -9,6 +9,15 @@ namespace {
 // How far ahead the next dicts are fetched: a million of them do not fit in any cache.
 constexpr std::size_t prefetch_distance = 24;
 
+// A dict's entries lie apart from it: a head, an index and up to five entries of 24 bytes.
+void prefetch_contents(PyObject* dict) noexcept {
+    const auto* entries =
+        reinterpret_cast<const char*>(reinterpret_cast<PyDictObject*>(dict)->ma_keys);
+    __builtin_prefetch(entries);
+    __builtin_prefetch(entries + 64);
+    __builtin_prefetch(entries + 128);
+}
+
 void set_entry(PyObject* dict, PyObject* key, PyObject* value) {
     require(PyDict_SetItem(dict, key, value));
 }
@@ -25,12 +34,13 @@ bool says_only_inactive(const State& state, PyObject* dict) {
            key == state.names.active && value == Py_False;
 }
 
-bool MetadataMemory::describes(PyObject* metadata_by_slot) const noexcept {
+bool MetadataMemory::describes(PyObject* metadata_by_slot) noexcept {
     const std::size_t slots = versions_.size();
     if (slots == 0 || static_cast<std::size_t>(PyList_GET_SIZE(metadata_by_slot)) != slots) {
         return false;
     }
     PyObject** dicts = PySequence_Fast_ITEMS(metadata_by_slot);
+    alone_ = true;
     for (std::size_t slot = 0; slot < slots; ++slot) {
         if (slot + prefetch_distance < slots) {
             __builtin_prefetch(dicts[slot + prefetch_distance]);
@@ -38,6 +48,7 @@ bool MetadataMemory::describes(PyObject* metadata_by_slot) const noexcept {
         if (!PyDict_CheckExact(dicts[slot]) || capi::dict_version(dicts[slot]) != versions_[slot]) {
             return false;
         }
+        alone_ &= Py_REFCNT(dicts[slot]) == 1;
     }
     return true;
 }
@@ -46,7 +57,9 @@ bool MetadataMemory::adopt(const State& state, PyObject* metadata_by_slot) {
     const auto slots = static_cast<std::size_t>(PyList_GET_SIZE(metadata_by_slot));
     versions_.clear();
     active_.clear();
+    ++day_;
     entries_.assign(slots, Entries{});
+    valid_.assign(slots, 0);
     std::vector<std::uint64_t> versions(slots);
     for (std::size_t slot = 0; slot < slots; ++slot) {
         PyObject* dict = PyList_GET_ITEM(metadata_by_slot, static_cast<Py_ssize_t>(slot));
@@ -70,37 +83,65 @@ void MetadataMemory::report(const State& state, PyObject* slot_object, std::size
     Entries& entries = entries_[slot];
     const bool known = entries.key != nullptr;
     if (known && Py_REFCNT(dict) == 1) {
-        renew(state, dict, entries, key, legs, valid);
+        renew(state, dict, slot, key, legs, valid);
     } else {
         if (known) deactivate(state, slot);  // whoever else holds it sees it reset
         replace(state, slot_object, slot, key, legs, valid);
     }
     if (entries.day != day_) {
         entries.day = day_;
-        active_.push_back(slot);
+        active_.push_back(static_cast<std::uint32_t>(slot));
     }
 }
 
 void MetadataMemory::end_day(const State& state) {
-    for (const std::size_t slot : active_before_) {
+    for (const std::uint32_t slot : active_before_) {
         if (entries_[slot].day != day_) deactivate(state, slot);
     }
     active_before_.clear();
     list_ = nullptr;
 }
 
+void MetadataMemory::report_again(const State& state, PyObject* metadata_by_slot,
+                                  std::span<const std::uint8_t> valid) {
+    list_ = metadata_by_slot;
+    changed_.clear();
+    for (std::uint32_t position = 0; position < active_.size(); ++position) {
+        if (valid[position] != valid_[active_[position]]) changed_.push_back(position);
+    }
+    renew_validity(state, valid);
+    list_ = nullptr;
+}
+
+// Which dicts are to be written is known beforehand, so each is fetched while others are written.
+// Each has the entry already: replacing its value needs no memory.
+void MetadataMemory::renew_validity(const State& state, std::span<const std::uint8_t> valid) {
+    const auto changed_dict = [&](std::size_t i) { return dict_of(active_[changed_[i]]); };
+    constexpr std::size_t far_ahead = 16;
+    constexpr std::size_t ahead = 8;
+    for (std::size_t i = 0; i < changed_.size(); ++i) {
+        if (i + far_ahead < changed_.size()) __builtin_prefetch(changed_dict(i + far_ahead));
+        if (i + ahead < changed_.size()) prefetch_contents(changed_dict(i + ahead));
+        const std::uint32_t slot = active_[changed_[i]];
+        PyObject* dict = dict_of(slot);
+        const std::uint8_t validity = valid[changed_[i]];
+        set_entry(dict, state.names.active, boolean(validity != 0));
+        valid_[slot] = validity;
+        versions_[slot] = capi::dict_version(dict);
+    }
+}
+
 // Only what differs is written; the entries keep their order.
-void MetadataMemory::renew(const State& state, PyObject* dict, Entries& entries, PyObject* key,
+void MetadataMemory::renew(const State& state, PyObject* dict, std::size_t slot, PyObject* key,
                            PyObject* legs, bool valid) {
     const Names& names = state.names;
-    if (entries.key == key && entries.legs == legs && entries.valid == valid) return;
+    const Entries& entries = entries_[slot];
+    const bool same_validity = valid_[slot] == static_cast<std::uint8_t>(valid);
+    if (entries.key == key && entries.legs == legs && same_validity) return;
     if (entries.key != key) set_entry(dict, names.key, key);
     if (entries.legs != legs) set_entry(dict, names.legs, legs);
-    if (entries.valid != valid) set_entry(dict, names.active, boolean(valid));
-    entries.key = key;
-    entries.legs = legs;
-    entries.valid = valid;
-    versions_[static_cast<std::size_t>(&entries - entries_.data())] = capi::dict_version(dict);
+    if (!same_validity) set_entry(dict, names.active, boolean(valid));
+    remember(slot, dict, key, legs, valid);
 }
 
 void MetadataMemory::replace(const State& state, PyObject* slot_object, std::size_t slot,
@@ -111,12 +152,16 @@ void MetadataMemory::replace(const State& state, PyObject* slot_object, std::siz
     set_entry(dict.get(), names.legs, legs);
     set_entry(dict.get(), names.slot, slot_object);
     set_entry(dict.get(), names.active, boolean(valid));
-    Entries& entries = entries_[slot];
-    entries.key = key;
-    entries.legs = legs;
-    entries.valid = valid;
-    versions_[slot] = capi::dict_version(dict.get());
+    remember(slot, dict.get(), key, legs, valid);
     require(PyList_SetItem(list_, static_cast<Py_ssize_t>(slot), dict.release()));
+}
+
+void MetadataMemory::remember(std::size_t slot, PyObject* dict, PyObject* key, PyObject* legs,
+                              bool valid) noexcept {
+    entries_[slot].key = key;
+    entries_[slot].legs = legs;
+    valid_[slot] = static_cast<std::uint8_t>(valid);
+    versions_[slot] = capi::dict_version(dict);
 }
 
 void MetadataMemory::deactivate(const State& state, std::size_t slot) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "virtualization/state.hpp"
 
@@ -15,7 +16,7 @@ bool says_only_inactive(const State& state, PyObject* dict);
 class MetadataMemory {
 public:
     // True when every dict of the list is as it was left.
-    [[nodiscard]] bool describes(PyObject* metadata_by_slot) const noexcept;
+    [[nodiscard]] bool describes(PyObject* metadata_by_slot) noexcept;
 
     // Takes over a list of dicts that all say only that their slot is inactive; false otherwise.
     bool adopt(const State& state, PyObject* metadata_by_slot);
@@ -27,26 +28,42 @@ public:
                 PyObject* legs, bool valid);
     void end_day(const State& state);
 
+    // The slots that the last day reported, each once, in the order in which they came.
+    [[nodiscard]] std::span<const std::uint32_t> reported() const noexcept { return active_; }
+    // Changes with every day but those that report the same again.
+    [[nodiscard]] std::uint32_t day() const noexcept { return day_; }
+
+    // A day that describes(), in which nobody else holds a dict, and which reports the same keys
+    // and legs: only the validity of the reported slots, by position, can be new.
+    [[nodiscard]] bool are_alone() const noexcept { return alone_; }
+    void report_again(const State& state, PyObject* metadata_by_slot,
+                      std::span<const std::uint8_t> valid);
+
 private:
     // The entries of a dict that was made here; the dict keeps them alive while it is unchanged.
     struct Entries {
         PyObject* key = nullptr;  // null: the dict says only inactive
         PyObject* legs = nullptr;
-        bool valid = false;
         std::uint32_t day = 0;
     };
 
-    void renew(const State& state, PyObject* dict, Entries& entries, PyObject* key, PyObject* legs,
+    void renew(const State& state, PyObject* dict, std::size_t slot, PyObject* key, PyObject* legs,
                bool valid);
     void replace(const State& state, PyObject* slot_object, std::size_t slot, PyObject* key,
                  PyObject* legs, bool valid);
+    void remember(std::size_t slot, PyObject* dict, PyObject* key, PyObject* legs,
+                  bool valid) noexcept;
+    void renew_validity(const State& state, std::span<const std::uint8_t> valid);
     void deactivate(const State& state, std::size_t slot);
     [[nodiscard]] PyObject* dict_of(std::size_t slot) const noexcept;
 
     std::vector<std::uint64_t> versions_;
     std::vector<Entries> entries_;
-    std::vector<std::size_t> active_, active_before_;
+    std::vector<std::uint8_t> valid_;
+    std::vector<std::uint32_t> active_, active_before_;
+    std::vector<std::uint32_t> changed_;  // positions, for a day's use
     std::uint32_t day_ = 0;
+    bool alone_ = false;        // nobody else held any of the dicts when they were last looked at
     PyObject* list_ = nullptr;  // borrowed, during a day
 };
 

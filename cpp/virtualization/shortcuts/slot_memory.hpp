@@ -21,6 +21,9 @@ public:
     // The slot of an inert key, reported at this position of the day.
     Found find(PyObject* slot_by_key, std::size_t position, PyObject* key);
 
+    // What changes whenever another map, or the same one with other contents, is known.
+    [[nodiscard]] std::uint64_t version() const noexcept { return slots_version_; }
+
     // Gives the next slot to an inert key that has none; null when somebody else has put that slot
     // into the map already, and replacing what is there might run code.
     Found add(PyObject* slot_by_key, PyObject* key_by_slot, PyObject* key);

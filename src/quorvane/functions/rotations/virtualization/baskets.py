@@ -12,6 +12,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from quorvane.functions.rotations.virtualization.base import VirtualizationBase
+from quorvane.functions.rotations.virtualization.columns import StructureColumns
 
 BasketKey = str | tuple[Hashable, ...]
 BasketLegs = Mapping[str, float] | Iterable[tuple[str, float]]
@@ -106,17 +107,7 @@ class FixedBaskets(VirtualizationBase):
             **parameters,
         )
         self._instruments = names
-        # Exact dicts with exact tuples, made once: the base class keeps legs that are the same
-        # object as yesterday's without reading them again.
-        self._items: list[dict[str, Any]] = [
-            {"key": key, "legs": legs, "value": math.nan} for key, legs in resolved.items()
-        ]
-        flat = [leg for legs in resolved.values() for leg in legs]
-        self._leg_columns = np.array([column for column, _ in flat], dtype=np.intp)
-        self._leg_weights = np.array([weight for _, weight in flat], dtype=np.float64)
-        self._leg_baskets = np.repeat(
-            np.arange(len(resolved), dtype=np.intp), [len(legs) for legs in resolved.values()]
-        )
+        self._columns = _columns_of(resolved)
 
     @property
     def instruments(self) -> tuple[str, ...]:
@@ -126,7 +117,7 @@ class FixedBaskets(VirtualizationBase):
     @property
     def keys(self) -> tuple[tuple[Hashable, ...], ...]:
         """The baskets' keys as tuples, in basket order."""
-        return tuple(item["key"] for item in self._items)
+        return self._columns.keys
 
     def basket_values(self, inputs: NDArray[np.float64]) -> NDArray[np.float64]:
         """Weighted sum of each basket over one day's input.
@@ -134,11 +125,7 @@ class FixedBaskets(VirtualizationBase):
         ``inputs`` is a float64 vector with at least one entry per named instrument, in column
         order; the result is a float64 vector with one entry per basket, in basket order.
         """
-        # bincount adds its weights one after the other, so every sum runs in leg order.
-        with np.errstate(invalid="ignore", over="ignore"):
-            products = inputs[self._leg_columns] * self._leg_weights
-        sums = np.bincount(self._leg_baskets, weights=products, minlength=len(self._items))
-        return np.asarray(sums, dtype=np.float64)
+        return self._columns.weighted_sums(inputs)
 
     def structure_values(
         self, baskets: Sequence[int] | None = None
@@ -149,8 +136,8 @@ class FixedBaskets(VirtualizationBase):
         float64 vectors with one entry per position: the value that went in (NaN when the basket
         was not valid) and the child output. Both are NaN before the first day.
         """
-        wanted = self._items if baskets is None else [self._items[i] for i in baskets]
-        slots = np.array([self.slot_by_key.get(item["key"], -1) for item in wanted], dtype=np.intp)
+        wanted = self.keys if baskets is None else [self.keys[i] for i in baskets]
+        slots = np.array([self.slot_by_key.get(key, -1) for key in wanted], dtype=np.intp)
         unseen = slots < 0
         entered, left = self._txi_input[slots], self._txi_output[slots]
         entered[unseen] = left[unseen] = np.nan
@@ -163,17 +150,25 @@ class FixedBaskets(VirtualizationBase):
         nan_masks: Sequence[NDArray[np.uint8]],
         combined_nan_mask: NDArray[np.uint8],
         N: int,
-    ) -> list[dict[str, Any]]:
-        """All baskets with the day's values; the same items every day."""
+    ) -> StructureColumns:
+        """All baskets with the day's values; the same keys and legs every day."""
         if N < len(self._instruments):
             raise ValueError(
                 f"{self._name}: input has {N} columns, expected at least "
                 f"{len(self._instruments)}, one for each named instrument"
             )
-        values = self.basket_values(space_input).tolist()
-        for item, value in zip(self._items, values, strict=True):
-            item["value"] = value
-        return self._items
+        return self._columns.with_values(self.basket_values(space_input))
+
+
+def _columns_of(resolved: dict[tuple[Hashable, ...], _Legs]) -> StructureColumns:
+    flat = [leg for legs in resolved.values() for leg in legs]
+    return StructureColumns(
+        keys=tuple(resolved),
+        offsets=np.cumsum([0, *map(len, resolved.values())]),
+        leg_ids=np.array([column for column, _ in flat], dtype=np.int64),
+        weights=np.array([weight for _, weight in flat], dtype=np.float64),
+        values=np.full(len(resolved), math.nan),
+    )
 
 
 def _instrument_names(instruments: Iterable[str]) -> tuple[str, ...]:

@@ -1,0 +1,29 @@
+#include "virtualization/shortcuts/column_memory.hpp"
+
+namespace quorvane::virtualization {
+
+void ColumnMemory::remember(const columns::Columns& columns, const SlotMemory& slots,
+                            const LegMemory& legs, const MetadataMemory& metadata) {
+    const auto structures = static_cast<std::size_t>(PyTuple_GET_SIZE(columns.keys.get()));
+    // A key that stands twice has one slot, whose value depends on both items.
+    if (metadata.reported().size() != structures) return forget();
+    keys_ = columns.keys.share();
+    legs_ = columns.legs.share();
+    slots_version_ = slots.version();
+    legs_version_ = legs.version();
+    day_ = metadata.day();
+}
+
+void ColumnMemory::forget() noexcept {
+    keys_ = Ref();
+    legs_ = Ref();
+}
+
+bool ColumnMemory::knows(const columns::Columns& columns, const SlotMemory& slots,
+                         const LegMemory& legs, const MetadataMemory& metadata) const noexcept {
+    return keys_ && keys_.get() == columns.keys.get() && legs_.get() == columns.legs.get() &&
+           slots_version_ == slots.version() && legs_version_ == legs.version() &&
+           day_ == metadata.day();
+}
+
+}  // namespace quorvane::virtualization

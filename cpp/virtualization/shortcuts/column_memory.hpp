@@ -1,0 +1,31 @@
+#pragma once
+
+#include "columns/columns.hpp"
+#include "virtualization/shortcuts/leg_memory.hpp"
+#include "virtualization/shortcuts/metadata_memory.hpp"
+#include "virtualization/shortcuts/slot_memory.hpp"
+
+namespace quorvane::virtualization {
+
+// The columns of the last day, if that day was recorded whole from columns. While the tables are
+// as that day left them, another day of the same keys and legs differs in its values alone.
+class ColumnMemory {
+public:
+    void remember(const columns::Columns& columns, const SlotMemory& slots, const LegMemory& legs,
+                  const MetadataMemory& metadata);
+    void forget() noexcept;
+
+    [[nodiscard]] bool knows(const columns::Columns& columns, const SlotMemory& slots,
+                             const LegMemory& legs, const MetadataMemory& metadata) const noexcept;
+
+    // Which structures are valid, for a day's use.
+    std::vector<std::uint8_t> valid;
+
+private:
+    Ref keys_, legs_;  // owned, so that their addresses are not given to other tuples
+    std::uint64_t slots_version_ = 0;
+    std::uint64_t legs_version_ = 0;
+    std::uint32_t day_ = 0;
+};
+
+}  // namespace quorvane::virtualization

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "columns/columns.hpp"
+#include "virtualization/state.hpp"
+
+namespace quorvane::virtualization {
+
+// One item of a report, read without running any Python code; borrowed.
+struct ReportedItem {
+    PyObject* key = nullptr;
+    PyObject* legs = nullptr;
+    double value = 0.0;
+};
+
+// What a day's hook returned, as far as it can be read without running any Python code: an exact
+// list or tuple of plain items without metadata, or structure columns.
+class DayReport {
+public:
+    DayReport(const State& state, PyObject* structures) noexcept;
+
+    // How many items there are to read; -1 when there is nothing of the kind.
+    [[nodiscard]] Py_ssize_t count() const noexcept;
+
+    // False when reading the item could run Python code or raise.
+    [[nodiscard]] bool read(Py_ssize_t position, ReportedItem& item) const noexcept;
+
+    // The object at this position; empty for columns, which have none.
+    [[nodiscard]] Ref object_at(Py_ssize_t position) const noexcept;
+
+    // Null when the items are objects.
+    [[nodiscard]] const columns::Columns* columns() const noexcept { return columns_; }
+
+private:
+    bool read_object(PyObject* raw, ReportedItem& item) const noexcept;
+    bool read_column(Py_ssize_t position, ReportedItem& item) const noexcept;
+
+    const State& state_;
+    PyObject* structures_;
+    const columns::Columns* columns_;
+};
+
+}  // namespace quorvane::virtualization

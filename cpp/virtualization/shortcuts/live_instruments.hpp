@@ -1,0 +1,30 @@
+#pragma once
+
+#include "capi/array_view.hpp"
+#include "virtualization/shortcuts/quick_item.hpp"
+
+namespace quorvane::virtualization {
+
+// The day's masks laid one over the other.
+class LiveInstruments {
+public:
+    // False when only Python can tell what the masks say, or when they could change while the day
+    // is being written into the row.
+    bool see(const DayMasks& masks, const capi::VectorView<double>& row);
+
+    // 0 below N and one of all masks flags it. A leg outside 0 to N - 1 is on no live instrument.
+    [[nodiscard]] bool is_live(std::size_t instrument) const noexcept {
+        return instrument < dead_.size() && dead_[instrument] == 0;
+    }
+
+    [[nodiscard]] bool all_live() const noexcept { return all_live_; }
+    [[nodiscard]] std::span<const std::uint8_t> dead() const noexcept { return dead_; }
+
+private:
+    bool add(PyObject* mask, const capi::VectorView<double>& row);
+
+    std::vector<std::uint8_t> dead_;  // by instrument, N of them
+    bool all_live_ = false;
+};
+
+}  // namespace quorvane::virtualization
