@@ -32,6 +32,10 @@ inline unsigned int version_of(PyTypeObject* type) noexcept {
     return type->tp_version_tag;
 }
 
+// Up to Python 3.10 the versions of types may start again, see sys._clear_type_cache(); since then
+// the same version always means the same type with the same contents.
+inline constexpr bool type_versions_are_unique = PY_VERSION_HEX >= 0x030B0000;
+
 // From Python 3.13 on an instance's own dictionary may be a view of values inside the instance, and
 // its watchers are not told of every change of them. Such a dictionary must be looked into instead.
 inline constexpr bool instance_dicts_tell_changes = PY_VERSION_HEX < 0x030D0000;

@@ -12,6 +12,11 @@ Ref optional_attr(PyObject* object, PyObject* name) {
     return Ref::steal(value);
 }
 
+PyObject* instance_dict(PyObject* object) noexcept {
+    PyObject** place = _PyObject_GetDictPtr(object);
+    return place == nullptr ? nullptr : *place;
+}
+
 Ref slice_of(PyObject* object, PyObject* start, PyObject* stop) {
     const Ref slice = require(PySlice_New(start, stop, nullptr));
     return item(object, slice.get());
@@ -57,11 +62,6 @@ Ref import_from(const char* module, const char* name) {
                                      module_name.get(), path.get(), "unknown location"));
     PyErr_SetImportError(text.get(), module_name.get(), path.get());
     throw PythonError();
-}
-
-void Iteration::set_position(Py_ssize_t position) {
-    // What unpickling a list or tuple iterator uses.
-    require(PyObject_CallMethod(iterator_.get(), "__setstate__", "n", position));
 }
 
 namespace {

@@ -29,6 +29,9 @@ inline void set_attr(PyObject* object, PyObject* name, PyObject* value) {
     require(PyObject_SetAttr(object, name, value));
 }
 
+// The instance's own dictionary, or null; never runs Python code.
+PyObject* instance_dict(PyObject* object) noexcept;
+
 // ---- subscription ------------------------------------------------------------------------------
 
 // object[key]
@@ -153,27 +156,38 @@ Ref import_from(const char* module, const char* name);
 
 // ---- iteration ---------------------------------------------------------------------------------
 
-// for element in iterable: the elements are asked for one by one, as the loop goes on.
+// for element in iterable: the elements are asked for one by one, as the loop goes on. Nobody gets
+// to see the iterator of an exact list or tuple, so there a position does.
 class Iteration {
 public:
-    explicit Iteration(PyObject* iterable) : iterator_(require(PyObject_GetIter(iterable))) {}
-
-    // The same over an exact list or tuple, as if the first `position` elements had been asked for.
-    Iteration(PyObject* sequence, Py_ssize_t position) : Iteration(sequence) {
-        if (position > 0) set_position(position);
-    }
+    // `position` above 0 is for an exact list or tuple: as if so many elements had been asked for.
+    explicit Iteration(PyObject* iterable, Py_ssize_t position = 0)
+        : position_(position),
+          is_sequence_(PyList_CheckExact(iterable) || PyTuple_CheckExact(iterable)),
+          source_(is_sequence_ ? Ref::borrow(iterable) : require(PyObject_GetIter(iterable))) {}
 
     // The next element; empty at the end.
-    Ref next() {
-        Ref element = Ref::steal(PyIter_Next(iterator_.get()));
+    Ref next() { return is_sequence_ ? next_of_sequence() : next_of_iterator(); }
+
+private:
+    Ref next_of_iterator() {
+        Ref element = Ref::steal(PyIter_Next(source_.get()));
         if (!element && PyErr_Occurred() != nullptr) throw PythonError();
         return element;
     }
 
-private:
-    void set_position(Py_ssize_t position);
+    // The list may have changed since the last element; at the end it is let go.
+    Ref next_of_sequence() {
+        if (source_ && position_ < PySequence_Fast_GET_SIZE(source_.get())) {
+            return Ref::borrow(PySequence_Fast_GET_ITEM(source_.get(), position_++));
+        }
+        source_ = Ref();
+        return {};
+    }
 
-    Ref iterator_;
+    Py_ssize_t position_;
+    bool is_sequence_;
+    Ref source_;
 };
 
 // parts... = object: unpacks exactly `count`, by ordinary iteration, with the interpreter's errors.

@@ -1,5 +1,7 @@
 #include "virtualization/batch.hpp"
 
+#include "virtualization/context.hpp"
+
 namespace quorvane::virtualization {
 
 namespace {
@@ -46,8 +48,7 @@ Ref replay_day(const State& state, PyObject* self, PyObject* arrays, PyObject* u
                PyObject* day) {
     const Names& names = state.names;
     const Ref context_class = state.global(names.VirtualContext);
-    const Ref context = call_with_keywords(context_class.get(),
-                                           state.current_day_index_keyword.get(), universe, day);
+    const Ref context = make_context(state, context_class.get(), universe, day);
     const Ref rows = capi::make_list();
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(arrays); ++i) {
         capi::append(rows.get(), item(PyList_GET_ITEM(arrays, i), day).get());

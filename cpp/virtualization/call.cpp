@@ -36,20 +36,18 @@ void check_width(const State& state, PyObject* self, PyObject* input) {
 // super().__call__(*args, context=context)
 Ref call_base(const State& state, PyObject* self, PyObject* args, PyObject* context) {
     constexpr Py_ssize_t most_on_stack = 6;
-    const Ref base_call = state.super_attr(self, state.names.call);
     const Py_ssize_t count = PyTuple_GET_SIZE(args);
     if (count > most_on_stack) {
+        const Ref base_call = state.super_attr(self, state.names.call);
         const Ref keywords = capi::make_dict();
         require(PyDict_SetItem(keywords.get(), state.names.context, context));
         return require(PyObject_Call(base_call.get(), args, keywords.get()));
     }
+    const Method base_call = state.super_method(self, state.names.call);
     PyObject* stack[most_on_stack + 2] = {};
     for (Py_ssize_t i = 0; i < count; ++i) stack[i + 1] = PyTuple_GET_ITEM(args, i);
     stack[count + 1] = context;
-    return require(
-        PyObject_Vectorcall(base_call.get(), stack + 1,
-                            static_cast<std::size_t>(count) | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                            state.context_keyword.get()));
+    return base_call.call(stack, static_cast<std::size_t>(count), state.context_keyword.get());
 }
 
 Ref call_day(State& state, PyObject* const* values) {

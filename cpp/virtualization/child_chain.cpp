@@ -1,6 +1,7 @@
 #include "virtualization/child_chain.hpp"
 
 #include "capi/array_view.hpp"
+#include "virtualization/context.hpp"
 #include "virtualization/shortcuts/float64.hpp"
 #include "virtualization/shortcuts/plain_rotation.hpp"
 #include "virtualization/shortcuts/plain_size.hpp"
@@ -34,10 +35,9 @@ Ref make_child_context(State& state, PyObject* const* values) {
     if (capi::compare(rows.get(), state.one.get(), Py_LT)) rows = state.one.share();
     const Ref mask_class = state.global(names.AllOnesVirtualMask);
     const Ref universe_row = attr(self, names.txi_universe_row);
-    const Ref mask = call(mask_class.get(), rows.get(), universe_row.get());
+    const Ref mask = make_mask(state, mask_class.get(), rows.get(), universe_row.get());
     const Ref context_class = state.global(names.VirtualContext);
-    return call_with_keywords(context_class.get(), state.current_day_index_keyword.get(),
-                              mask.get(), day_index);
+    return make_context(state, context_class.get(), mask.get(), day_index);
 }
 
 [[noreturn]] void raise_wrong_shape(const State& state, PyObject* self, PyObject* current) {
@@ -75,8 +75,9 @@ Ref run_child_chain(State& state, PyObject* const* values) {
     Ref current = as_float64(state, values[1]);
     capi::Iteration children(attr(self, names.child_rotations).get());
     while (const Ref child = children.next()) {
-        const Ref output = call_with_keywords(child.get(), state.context_keyword.get(),
-                                              current.get(), child_context);
+        const Ref output =
+            Method::called_by(child.get(), names.call)
+                .with_keywords(state.context_keyword.get(), current.get(), child_context);
         current = as_float64(state, output.get());
         check_shape(state, self, current.get());
     }

@@ -34,7 +34,10 @@ struct Day {
 
 Ref refresh_structures(const State& state, const Day& day) {
     const Ref space_input = item(day.args, state.zero.get());
-    const Ref structure_inputs = capi::slice_of(day.args, state.one.get(), Py_None);
+    const Ref structure_inputs =
+        PyTuple_CheckExact(day.args)
+            ? require(PyTuple_GetSlice(day.args, 1, PyTuple_GET_SIZE(day.args)))
+            : capi::slice_of(day.args, state.one.get(), Py_None);
     return call_method(day.self, state.names.refresh_active_structures, space_input.get(),
                        structure_inputs.get(), day.nan_masks, day.combined_nan_mask, day.N);
 }
@@ -108,16 +111,15 @@ void run_children(const State& state, PyObject* self) {
     const Ref day_index = day_index_of(state, parent_context.get());
     const Ref child_context =
         call_method(self, names.make_child_context, parent_context.get(), day_index.get());
-    const Ref run_chain = attr(self, names.run_child_chain);
-    const Ref output =
-        call(run_chain.get(), attr(self, names.txi_input).get(), child_context.get());
+    const Method run_chain = Method::of(self, names.run_child_chain);
+    const Ref output = run_chain(attr(self, names.txi_input).get(), child_context.get());
     set_attr(self, names.txi_output, output.get());
 }
 
 void write_output(const State& state, const Day& day) {
     const Names& names = state.names;
-    const Ref unmap = attr(day.self, names.unmap);
-    call(unmap.get(), attr(day.self, names.txi_output).get(), day.output_buf, day.N);
+    const Method unmap = Method::of(day.self, names.unmap);
+    unmap(attr(day.self, names.txi_output).get(), day.output_buf, day.N);
     call_method(day.self, names.record_trace, day.output_buf, day.N);
 }
 

@@ -1,5 +1,8 @@
 #include "virtualization/context.hpp"
 
+#include "capi/array_view.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
+
 namespace quorvane::virtualization {
 
 namespace {
@@ -63,9 +66,24 @@ Ref single_row(const State& state, PyObject* self, PyObject* index) {
     return attr(self, names.row);
 }
 
+// The same for an exact int within the rows of a mask of the module's own; empty for others.
+Ref plain_row(const State& state, PyObject* self, PyObject* index) {
+    const Py_ssize_t row = plain_size(index);
+    if (row < 0 || !state.mask_class.is(state, reinterpret_cast<PyObject*>(Py_TYPE(self)))) {
+        return {};
+    }
+    const Ref shape = capi::optional_attr(self, state.names.shape);
+    if (!shape || !PyTuple_CheckExact(shape.get()) || PyTuple_GET_SIZE(shape.get()) == 0 ||
+        row >= plain_size(PyTuple_GET_ITEM(shape.get(), 0))) {
+        return {};
+    }
+    return attr(self, state.names.row);
+}
+
 Ref get_item(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     PyObject* index = values[1];
+    if (Ref row = plain_row(state, self, index)) return row;
     if (capi::is_instance(index, PyTuple_Type)) {
         const capi::Pair keys = capi::unpack_pair(index);
         const Ref rows = item(self, keys.first.get());
@@ -83,17 +101,42 @@ const capi::FunctionDef get_item_def{"__getitem__", item_parameters,
 
 }  // namespace
 
-Ref make_context_class(const capi::FunctionHome& home) {
-    return capi::ClassBuilder(home, "_VirtualContext").method(init_context_def).build();
+Ref make_context_class(State& state, const capi::FunctionHome& home) {
+    Ref made = capi::ClassBuilder(home, "_VirtualContext").method(init_context_def).build();
+    state.context_class.remember(made, init_context_def, state.names.universe_mask,
+                                 state.names.current_day_index);
+    return made;
 }
 
-Ref make_mask_class(const capi::FunctionHome& home) {
-    return capi::ClassBuilder(home, "_AllOnesVirtualMask")
-        .doc("Shape-compatible all-in-universe mask without dense TxI row history.")
-        .attribute("ndim", capi::make_int(2).get())
-        .method(init_mask_def)
-        .method(get_item_def)
-        .build();
+Ref make_mask_class(State& state, const capi::FunctionHome& home) {
+    Ref made = capi::ClassBuilder(home, "_AllOnesVirtualMask")
+                   .doc("Shape-compatible all-in-universe mask without dense TxI row history.")
+                   .attribute("ndim", capi::make_int(2).get())
+                   .method(init_mask_def)
+                   .method(get_item_def)
+                   .build();
+    state.mask_class.remember(made, init_mask_def, state.names.shape, state.names.row);
+    return made;
+}
+
+Ref make_context(const State& state, PyObject* context_class, PyObject* universe_mask,
+                 PyObject* day) {
+    if (state.context_class.is(state, context_class)) {
+        return state.context_class.make(universe_mask, day);
+    }
+    return call_with_keywords(context_class, state.current_day_index_keyword.get(), universe_mask,
+                              day);
+}
+
+Ref make_mask(const State& state, PyObject* mask_class, PyObject* rows, PyObject* row) {
+    const bool plain =
+        PyLong_CheckExact(rows) && PyArray_CheckExact(row) && PyArray_NDIM(capi::as_array(row)) > 0;
+    if (!plain) return call(mask_class, rows, row);
+    const Ref columns = capi::make_int(PyArray_DIM(capi::as_array(row), 0));
+    const Ref shape = capi::make_tuple(rows, columns.get());
+    // Only now: making the tuple may collect garbage, and that may run code.
+    if (!state.mask_class.is(state, mask_class)) return call(mask_class, rows, row);
+    return state.mask_class.make(shape.get(), row);
 }
 
 }  // namespace quorvane::virtualization

@@ -108,8 +108,8 @@ void State::execute() {
     const FunctionHome home{function_type_.get(), module_, this, module_name.get()};
     bind("VirtualStructure", make_structure_class(*this, home).get());
     pristine.remember(*this);
-    bind("_VirtualContext", make_context_class(home).get());
-    bind("_AllOnesVirtualMask", make_mask_class(home).get());
+    bind("_VirtualContext", make_context_class(*this, home).get());
+    bind("_AllOnesVirtualMask", make_mask_class(*this, home).get());
     const Ref rotation_base = global(capi::Interned("RotationBase"));
     const Ref rotation_class = make_rotation_class(home, rotation_base, rotation_class_cell_);
     bind("VirtualizationBase", rotation_class.get());
@@ -137,6 +137,9 @@ int State::traverse(visitproc visit, void* arg) const {
     Py_VISIT(globals());
     Py_VISIT(function_type_.get());
     Py_VISIT(rotation_class_cell_.get());
+    for (const OwnClass* own : {&context_class, &mask_class}) {
+        if (const int status = own->traverse(visit, arg)) return status;
+    }
     return pristine.traverse(visit, arg);
 }
 
@@ -157,6 +160,10 @@ Ref State::numpy_with_dtype(PyObject* function, PyObject* argument, PyObject* dt
 
 Ref State::super_attr(PyObject* self, PyObject* name) const {
     return capi::super_attr(rotation_class_cell_.get(), self, name);
+}
+
+Method State::super_method(PyObject* self, PyObject* name) const {
+    return Method::of_super(rotation_class_cell_.get(), self, name);
 }
 
 }  // namespace quorvane::virtualization

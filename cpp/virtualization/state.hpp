@@ -4,9 +4,11 @@
 
 #include "capi/class_builder.hpp"
 #include "capi/message.hpp"
+#include "capi/method.hpp"
 #include "capi/objects.hpp"
 #include "kernels/unmap.hpp"
 #include "virtualization/names.hpp"
+#include "virtualization/shortcuts/own_class.hpp"
 #include "virtualization/shortcuts/pristine.hpp"
 
 namespace quorvane::virtualization {
@@ -17,6 +19,7 @@ using capi::call_method;
 using capi::call_with_keywords;
 using capi::item;
 using capi::Message;
+using capi::Method;
 using capi::require;
 using capi::set_attr;
 using capi::set_default;
@@ -50,6 +53,7 @@ public:
 
     // super().<name>, as a method of the rotation class would write it.
     [[nodiscard]] Ref super_attr(PyObject* self, PyObject* name) const;
+    [[nodiscard]] Method super_method(PyObject* self, PyObject* name) const;
 
     [[nodiscard]] PyObject* globals() const noexcept { return globals_.get(); }
 
@@ -68,6 +72,7 @@ public:
     // What the shortcuts of a day compare with.
     const capi::DictWatcher dict_watcher;
     Pristine pristine;
+    OwnClass context_class, mask_class;
 
     // What rotations left of their last day, and the working memory of unmapping. Neither changes
     // any answer; no Python code runs while either is in use.

@@ -85,6 +85,15 @@ void unmap_slot(const State& state, PyObject* self, PyObject* txi_output, PyObje
     }
 }
 
+void fill_with_nan(const capi::VectorView<double>& view, Py_ssize_t end) {
+    constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+    if (view.contiguous()) {
+        std::ranges::fill(view.span().first(static_cast<std::size_t>(end)), nan);
+    } else {
+        for (Py_ssize_t i = 0; i < end; ++i) view[i] = nan;
+    }
+}
+
 // output_buf[:N] = np.nan
 void clear_output(const State& state, PyObject* output_buf, PyObject* N) {
     const bool numpy_holds = state.pristine.numpy_holds(state);
@@ -92,7 +101,7 @@ void clear_output(const State& state, PyObject* output_buf, PyObject* N) {
     const Py_ssize_t live_size = plain_size(N);
     if (view && live_size >= 0 && numpy_holds) {
         const Py_ssize_t end = std::min(live_size, view.size());
-        for (Py_ssize_t i = 0; i < end; ++i) view[i] = std::numeric_limits<double>::quiet_NaN();
+        fill_with_nan(view, end);
         return;
     }
     const Ref live = require(PySlice_New(Py_None, N, nullptr));

@@ -1,5 +1,7 @@
 #include "virtualization/shortcuts/float64.hpp"
 
+#include <algorithm>
+
 #include "capi/array_view.hpp"
 
 namespace quorvane::virtualization {
@@ -14,28 +16,37 @@ bool is_float64_array(PyObject* object) noexcept {
     return reinterpret_cast<PyObject*>(PyArray_DESCR(capi::as_array(object))) == float64.get();
 }
 
-// The function is NumPy's own, and NumPy is as it was.
-bool is_own(const State& state, PyObject* name, PyObject* function) {
-    return state.pristine.numpy_holds(state) &&
-           capi::dict_peek(state.pristine.numpy_dict(), name) == function;
+// A copy of an exact float64 array as NumPy makes it; the usual one is a row.
+Ref copy_of(PyObject* source) {
+    const auto row = capi::readable_vector<double>(source);
+    if (!row || !row.contiguous()) {
+        return require(PyArray_NewCopy(capi::as_array(source), NPY_KEEPORDER));
+    }
+    npy_intp shape[] = {row.size()};
+    Ref copy = require(PyArray_SimpleNew(1, shape, NPY_DOUBLE));
+    std::ranges::copy(row.span(), capi::writable_vector<double>(copy.get()).span().begin());
+    return copy;
 }
 
 }  // namespace
 
 Ref as_float64(const State& state, PyObject* argument) {
-    const Ref asarray = state.numpy(state.names.asarray);
-    if (is_float64_array(argument) && is_own(state, state.names.asarray, asarray.get())) {
+    if (is_float64_array(argument) && state.pristine.numpy_holds(state)) {
         return Ref::borrow(argument);
     }
-    return call_with_keywords(asarray.get(), state.dtype_keyword.get(), argument,
-                              state.numpy(state.names.float64).get());
+    return state.numpy_with_dtype(state.names.asarray, argument, state.names.float64);
 }
 
-Ref call_copying(const State& state, PyObject* array, PyObject* source) {
-    if (is_float64_array(source) && is_own(state, state.names.array, array)) {
-        return require(PyArray_NewCopy(capi::as_array(source), NPY_KEEPORDER));
+Ref find_array_function(const State& state) {
+    return state.pristine.numpy_holds(state) ? Ref() : state.numpy(state.names.array);
+}
+
+Ref call_copying(const State& state, const Ref& array, PyObject* source) {
+    if (!array && is_float64_array(source) && state.pristine.numpy_holds(state)) {
+        return copy_of(source);
     }
-    return call_with_keywords(array, state.dtype_and_copy_keywords.get(), source,
+    const Ref function = array ? array.share() : state.pristine.own(state.names.array);
+    return call_with_keywords(function.get(), state.dtype_and_copy_keywords.get(), source,
                               state.numpy(state.names.float64).get(), Py_True);
 }
 

@@ -7,11 +7,6 @@
 
 namespace quorvane::virtualization {
 
-PyObject* instance_dict(PyObject* object) noexcept {
-    PyObject** place = _PyObject_GetDictPtr(object);
-    return place == nullptr ? nullptr : *place;
-}
-
 Ref plain_attribute(PyObject* object, PyObject* name) {
     PyTypeObject* type = Py_TYPE(object);
     if (type->tp_getattro != PyObject_GenericGetAttr || _PyType_Lookup(type, name) != nullptr) {

@@ -6,6 +6,8 @@
 
 namespace quorvane::virtualization {
 
+using capi::instance_dict;
+
 // A rotation whose day can be recorded without asking Python for every step, because nobody could
 // tell: its class and instance leave attribute access and the three per-item steps alone, and the
 // bookkeeping consists of exact dicts, lists and integers.
@@ -48,9 +50,6 @@ private:
     Ref slot_by_key_, key_by_slot_, legs_by_slot_, metadata_by_slot_, txi_input_;
     Py_ssize_t max_structures_ = 0;
 };
-
-// The instance's own dictionary, or null; never runs Python code.
-PyObject* instance_dict(PyObject* object) noexcept;
 
 // An attribute that reading cannot observe: held by the instance, with a class that leaves
 // attribute access alone. Empty when it is anything else.

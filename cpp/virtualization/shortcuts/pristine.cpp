@@ -51,6 +51,12 @@ bool Pristine::look_at_numpy(const State& state) const {
     return true;
 }
 
+Ref Pristine::own(PyObject* name) const {
+    const Watched* watched = numpy_values_;
+    while (watched->name != name) ++watched;
+    return watched->value.share();
+}
+
 bool Pristine::structure_class_holds(const State& state) const {
     if (!structure_init_code_) return false;
     PyTypeObject* type = structure_class();

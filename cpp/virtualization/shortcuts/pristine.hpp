@@ -22,6 +22,9 @@ public:
     // VirtualStructure is the module's own dataclass and makes its instances as it did.
     [[nodiscard]] bool structure_class_holds(const State& state) const;
 
+    // What NumPy had under one of these names; only once numpy_holds() was true.
+    [[nodiscard]] Ref own(PyObject* name) const;
+
     [[nodiscard]] PyObject* numpy_dict() const noexcept { return numpy_dict_.get(); }
     [[nodiscard]] PyTypeObject* structure_class() const noexcept {
         return reinterpret_cast<PyTypeObject*>(structure_class_.get());

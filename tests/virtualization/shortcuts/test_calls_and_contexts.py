@@ -1,0 +1,614 @@
+"""Children, the framework and the contexts are reached without detours that nobody can see.
+
+Whatever their classes are made to be, before the day or in the middle of it, the day is the
+twin's; and it is the same with overrides that only call super().
+"""
+
+import functools
+
+import numpy as np
+import pytest
+
+from support import days
+from support.fakes import RecordingChild, make_rotation, structure
+from support.siblings import Siblings, load_base, plain_rotation_base
+
+ITEMS = [
+    structure(("a",), ((0, 1.0), (1, -0.3)), 1.1),
+    structure(("b",), ((2, 0.7),), 2.0),
+]
+
+
+def through_super(base, name):
+    """Return an override of the method that only calls the one behind it."""
+
+    def only_super(self, *args, **kwargs):
+        return getattr(base.VirtualizationBase, name)(self, *args, **kwargs)
+
+    return only_super
+
+
+def without_overrides(log):
+    """Return the log without the overrides' own frames."""
+    if not isinstance(log, (list, tuple)):
+        return log
+    return [without_overrides(part) for part in log if part != "only_super"]
+
+
+OVERRIDES = ["__call__", "compute", "_make_child_context", "_run_child_chain", "_unmap"]
+
+
+def same_on_both(scenario, **siblings):
+    """Run scenario(base, attributes) on both modules, natively with and without overrides."""
+
+    def log(kind, names):
+        base = load_base(kind, Siblings(**{key: make() for key, make in siblings.items()}))
+        return scenario(base, {name: through_super(base, name) for name in names})
+
+    expected = log("twin", [])
+    assert log("native", []) == expected
+    assert without_overrides(log("native", OVERRIDES)) == without_overrides(expected)
+    return expected
+
+
+def a_day(rotation, *inputs, **keywords):
+    """Call the rotation; return the outcome and all attributes that are no children."""
+    result = days.outcome(rotation, *(inputs or (np.ones(6),)), **keywords)
+    hidden = {"child_rotations", "child_factories"}
+    kept = {name: value for name, value in vars(rotation).items() if name not in hidden}
+    return result, days.freeze(kept)
+
+
+def seen(child):
+    """Freeze what a recording child was called with."""
+    return [
+        (days.freeze(values), type(context).__name__, days.freeze(getattr(context, "__dict__", 0)))
+        for _, values, context in child.calls
+    ]
+
+
+# --- children ---------------------------------------------------------------------------------
+
+
+class Adding:
+    """Child whose class defines __call__ as a function."""
+
+    def __call__(self, values, context=None, **further):
+        assert not further
+        return values + context.current_day_index + 1.0
+
+
+class OfClass:
+    @classmethod
+    def __call__(cls, values, *, context):
+        assert cls.__name__ == "OfClass"
+        return values * 2.0
+
+
+class Static:
+    @staticmethod
+    def __call__(values, *, context):
+        return values * 3.0
+
+
+class Held:
+    """Child whose class holds another callable, which does not bind."""
+
+    __call__ = functools.partial(lambda values, context: values * 4.0)
+
+
+class Computed:
+    @property
+    def __call__(self):
+        return lambda values, context: values * 5.0
+
+
+class OwnEntry(Adding):
+    """What stands in an instance under __call__ does not count."""
+
+    def __init__(self):
+        vars(self)["__call__"] = lambda *values, **context: np.zeros(4)
+
+
+class Uncallable:
+    __call__ = None
+
+
+class NoKeyword:
+    def __call__(self, values):
+        return values
+
+
+class OnlyKeywords:
+    def __call__(self, **everything):
+        return everything
+
+
+class Dictionary(dict):
+    def __call__(self, values, *, context):
+        return values + len(self)
+
+
+class Meta(type):
+    def __call__(cls, values, *, context):
+        return values - 7.0
+
+
+class OfMeta(metaclass=Meta):
+    pass
+
+
+def function(values, context):
+    return values / 3.0
+
+
+CHILDREN = {
+    "instance": Adding,
+    "classmethod": OfClass,
+    "staticmethod": Static,
+    "held": Held,
+    "property": Computed,
+    "instance entry": OwnEntry,
+    "none": Uncallable,
+    "no keyword": NoKeyword,
+    "only keywords": OnlyKeywords,
+    "not callable": object,
+    "dictionary": lambda: Dictionary(a=1),
+    "class": lambda: OfMeta,
+    "function": lambda: function,
+    "bound": lambda: Adding().__call__,
+    "partial": lambda: functools.partial(function),
+    "builtin": lambda: np.asarray,
+    "list": lambda: lambda values, context: values.tolist(),
+    "strided": lambda: lambda values, context: np.repeat(values, 3)[::3],
+    "backward": lambda: lambda values, context: values[::-1],
+    "swapped": lambda: lambda values, context: values.astype(">f8"),
+    "single": lambda: lambda values, context: values.astype(np.float32),
+    "frozen": lambda: lambda values, context: np.broadcast_to(values[1], values.shape),
+    "subclass": lambda: lambda values, context: values.view(type("Row", (np.ndarray,), {})),
+    "matrix": lambda: lambda values, context: values.reshape(2, 2),
+}
+
+
+@pytest.mark.parametrize("name", CHILDREN)
+@pytest.mark.parametrize("last", [False, True])
+def test_child_of_any_kind_is_called_as_python_calls_it(name, last):
+    def scenario(base, attributes):
+        recording = RecordingChild()
+        children = [CHILDREN[name]()]
+        children.insert(0 if last else 1, recording)
+        rotation = make_rotation(base, [ITEMS] * 3, attributes=attributes, child_rotations=children)
+        return a_day(rotation), a_day(rotation), seen(recording)
+
+    same_on_both(scenario)
+
+
+REPLACEMENTS = {
+    "function": lambda self, values, context: values * 10.0,
+    "static": staticmethod(lambda values, context: values * 20.0),
+    "none": None,
+    "class": RecordingChild,
+    "array": np.ones(4),
+}
+
+
+@pytest.mark.parametrize("name", [*REPLACEMENTS, "deleted", "restored"])
+def test_call_replaced_by_the_child_before_counts(name):
+    def scenario(base, attributes):
+        class Child:
+            def __call__(self, values, *, context):
+                return values + 0.5
+
+        class Changing:
+            def __call__(self, values, *, context):
+                if name == "deleted":
+                    del Child.__call__
+                elif name == "restored":
+                    own = Child.__call__
+                    Child.__call__ = None
+                    Child.__call__ = own
+                else:
+                    Child.__call__ = REPLACEMENTS[name]
+                return values
+
+        rotation = make_rotation(
+            base, [ITEMS], attributes=attributes, child_rotations=[Child(), Changing(), Child()]
+        )
+        return a_day(rotation)
+
+    same_on_both(scenario)
+
+
+def test_class_replaced_by_the_child_before_counts():
+    def scenario(base, attributes):
+        last = Adding()
+
+        def change(values, context):
+            last.__class__ = type("Later", (Adding,), {"__call__": lambda *_, context: [9.0] * 4})
+            return values
+
+        rotation = make_rotation(
+            base, [ITEMS], attributes=attributes, child_rotations=[Adding(), change, last]
+        )
+        return a_day(rotation)
+
+    same_on_both(scenario)
+
+
+@pytest.mark.parametrize("error", [ValueError, KeyboardInterrupt, StopIteration])
+def test_failing_child_leaves_the_day_as_it_was(error):
+    def scenario(base, attributes):
+        class Failing:
+            def __call__(self, values, *, context):
+                raise error("no")
+
+        later = RecordingChild()
+        rotation = make_rotation(
+            base, [ITEMS] * 2, attributes=attributes, child_rotations=[Adding(), Failing(), later]
+        )
+        return a_day(rotation), later.calls
+
+    (result, _), calls = same_on_both(scenario)
+    assert result[0] == "raised"
+    assert calls == []
+
+
+CHANGES_OF_THE_LIST = {
+    "append": lambda children: children.append(Adding()),
+    "insert": lambda children: children.insert(0, Adding()),
+    "remove next": lambda children: children.pop(1),
+    "remove last": lambda children: children.pop(),
+    "clear": lambda children: children.clear(),
+    "replace next": lambda children: children.__setitem__(1, Static()),
+}
+
+
+@pytest.mark.parametrize("change", CHANGES_OF_THE_LIST)
+@pytest.mark.parametrize("kind", [list, type("List", (list,), {})])
+def test_list_of_children_changed_by_a_child_is_gone_through_as_it_is(change, kind):
+    def scenario(base, attributes):
+        def first(values, context):
+            if len(children) == 3:
+                CHANGES_OF_THE_LIST[change](children)
+            return values * 2.0
+
+        children = kind([first, Adding(), OfClass()])
+        rotation = make_rotation(base, [ITEMS], attributes=attributes)
+        rotation.child_rotations = children
+        return a_day(rotation)
+
+    same_on_both(scenario)
+
+
+@pytest.mark.parametrize("kind", [tuple, iter, lambda parts: dict.fromkeys(parts).keys(), set])
+def test_children_may_be_any_iterable(kind):
+    def scenario(base, attributes):
+        rotation = make_rotation(base, [ITEMS] * 2, attributes=attributes)
+        rotation.child_rotations = kind([Adding()])
+        return a_day(rotation), a_day(rotation)
+
+    same_on_both(scenario)
+
+
+@pytest.mark.parametrize("change", ["shorter", "longer", "cleared", "replaced"])
+@pytest.mark.parametrize("kind", [list, tuple])
+def test_report_changed_while_it_is_recorded_is_gone_through_as_it_is(change, kind):
+    def scenario(base, attributes):
+        class Changing:
+            key, legs, metadata = ("c",), ((3, 1.0),), None
+
+            @property
+            def value(self):
+                if type(report) is list and change == "shorter":
+                    report.pop()
+                elif type(report) is list and change == "longer":
+                    report.append(structure(("d",), ((4, 1.0),), 4.0))
+                elif type(report) is list and change == "cleared":
+                    report.clear()
+                elif type(report) is list:
+                    report[2] = structure(("b",), ((5, 1.0),), 5.0)
+                return 3.0
+
+        report = kind([ITEMS[0], Changing(), ITEMS[1]])
+        rotation = make_rotation(base, [report], attributes=attributes)
+        return a_day(rotation)
+
+    same_on_both(scenario)
+
+
+# --- the framework's __call__ -----------------------------------------------------------------
+
+
+BESIDE = {
+    "function": lambda self, *args, context: ("mixin", len(args), context),
+    "static": staticmethod(lambda *args, context: ("static", len(args), context)),
+    "class method": classmethod(lambda cls, *args, context: (cls.__name__, len(args))),
+    "partial": functools.partial(lambda *args, context: ("partial", len(args))),
+    "property": property(lambda self: lambda *args, context: ("property", self._name)),
+    "class": dict,
+    "none": None,
+}
+
+
+@pytest.mark.parametrize("name", BESIDE)
+@pytest.mark.parametrize("inputs", [1, 6, 7, 20])
+def test_call_of_a_class_between_is_the_one_that_super_finds(name, inputs):
+    def scenario(base, attributes):
+        between = type("Between", (base.RotationBase,), {"__call__": BESIDE[name]})
+        bases = (base.VirtualizationBase, between)
+        own = type("Own", bases, {**attributes, "_refresh_active_structures": lambda *_: ITEMS})
+        rotation = own(max_structures=4, N_alloc=6, transformation_expression="none")
+        return [a_day(rotation, *[np.ones(6)] * inputs, context=None) for _ in range(2)]
+
+    same_on_both(scenario)
+
+
+@pytest.mark.parametrize("inputs", [1, 6, 7, 20])
+def test_any_number_of_inputs_reaches_the_framework(inputs):
+    def scenario(base, attributes):
+        rotation = make_rotation(base, [ITEMS] * 2, attributes=attributes)
+        return [a_day(rotation, *[np.ones(6)] * inputs) for _ in range(2)]
+
+    same_on_both(scenario)
+
+
+@pytest.mark.parametrize("name", [*BESIDE, "deleted"])
+def test_call_of_the_framework_replaced_between_the_days_counts(name):
+    def scenario(base, attributes):
+        rotation = make_rotation(base, [ITEMS] * 3, attributes=attributes)
+        log = [a_day(rotation)]
+        if name == "deleted":
+            del base.RotationBase.__call__
+        else:
+            base.RotationBase.__call__ = BESIDE[name]
+        return [*log, a_day(rotation)]
+
+    same_on_both(scenario, RotationBase=plain_rotation_base)
+
+
+def test_bases_replaced_between_the_days_count():
+    def scenario(base, attributes):
+        rotation = make_rotation(base, [ITEMS] * 3, attributes=attributes)
+        log = [a_day(rotation)]
+        between = type("Between", (base.RotationBase,), {"__call__": BESIDE["function"]})
+        type(rotation).__bases__ = (base.VirtualizationBase, between)
+        return [*log, a_day(rotation)]
+
+    same_on_both(scenario)
+
+
+class Pretending:
+    """An object that only says that it is a rotation."""
+
+    _n_alloc = 6
+
+    def __init__(self, rotation_class):
+        self.pretended = rotation_class
+
+    @property
+    def __class__(self):
+        return self.pretended
+
+
+@pytest.mark.parametrize("what", ["alien", "class", "pretending", "none"])
+def test_self_that_is_no_rotation_is_what_super_makes_of_it(what):
+    def scenario(base, attributes):
+        own = type(make_rotation(base, attributes=attributes))
+        own._n_alloc = 6
+        selves = {
+            "alien": type("Alien", (), {"_n_alloc": 6})(),
+            "class": own,
+            "pretending": Pretending(own),
+            "none": None,
+        }
+        return days.outcome(base.VirtualizationBase.__call__, selves[what], np.ones(6))
+
+    same_on_both(scenario)
+
+
+# --- the two context classes ------------------------------------------------------------------
+
+
+def set_on_instances(self, name, value):
+    object.__setattr__(self, name, (value,))
+
+
+def refuse(*args, **kwargs):
+    raise LookupError("refused")
+
+
+class Stored:
+    """Data descriptor that keeps what is set, marked, under another name."""
+
+    def __init__(self, name):
+        self.name = name
+
+    def __get__(self, instance, owner=None):
+        return self if instance is None else vars(instance)["stored " + self.name]
+
+    def __set__(self, instance, value):
+        vars(instance)["stored " + self.name] = value
+
+
+CHANGES = {
+    "init": lambda own: setattr(own, "__init__", lambda self, *a, **k: vars(self).update(k, a=a)),
+    "failing init": lambda own: setattr(own, "__init__", refuse),
+    "no init": lambda own: delattr(own, "__init__"),
+    "init with a result": lambda own: setattr(own, "__init__", lambda *args, **kwargs: 5),
+    "new": lambda own: setattr(own, "__new__", lambda cls, *args, **kwargs: ("new", len(args))),
+    "failing new": lambda own: setattr(own, "__new__", refuse),
+    "setattr": lambda own: setattr(own, "__setattr__", set_on_instances),
+    "failing setattr": lambda own: setattr(own, "__setattr__", refuse),
+    "abstract": lambda own: setattr(own, "__abstractmethods__", frozenset({"f"})),
+    "mask attribute": lambda own: setattr(own, "universe_mask", Stored("mask")),
+    "day attribute": lambda own: setattr(own, "current_day_index", Stored("day")),
+    "shape attribute": lambda own: setattr(own, "shape", Stored("shape")),
+    "row attribute": lambda own: setattr(own, "_row", property(lambda self: None)),
+    "plain attribute": lambda own: setattr(own, "_row", "plain"),
+    "further attribute": lambda own: setattr(own, "further", 1),
+    "item": lambda own: setattr(own, "__getitem__", lambda self, item: ("item", item)),
+    "getattribute": lambda own: setattr(own, "__getattribute__", lambda self, name: (name, 1)),
+    "getattr": lambda own: setattr(own, "__getattr__", lambda self, name: name),
+    "finalizer": lambda own: setattr(own, "__del__", lambda self: None),
+}
+CONTEXT_CLASSES = ["_VirtualContext", "_AllOnesVirtualMask"]
+
+
+class Reading:
+    """Child that logs what it can read of its context."""
+
+    def __init__(self):
+        self.log = []
+
+    def __call__(self, values, *, context):
+        for read in [
+            lambda: type(context).__name__,
+            lambda: vars(context),
+            lambda: context.current_day_index,
+            lambda: context.universe_mask.shape,
+            lambda: context.universe_mask[0],
+            lambda: context.universe_mask[1],
+            lambda: context.universe_mask[-1],
+            lambda: context.universe_mask[:, 1],
+            lambda: vars(context.universe_mask),
+        ]:
+            self.log.append(days.outcome(read))
+        return values * 0.5
+
+
+@pytest.mark.parametrize("change", CHANGES)
+@pytest.mark.parametrize("name", CONTEXT_CLASSES)
+@pytest.mark.parametrize("moment", ["before", "hook", "child", "batch"])
+def test_changed_context_class_makes_what_it_makes(change, name, moment):
+    def scenario(base, attributes):
+        def act(values=None, context=None):
+            if values is None or armed:
+                armed.clear()
+                CHANGES[change](getattr(base, name))
+            return values
+
+        def hook():
+            if moment == "hook" and armed:
+                act()
+            return ITEMS
+
+        armed = []
+        reading = Reading()
+        children = [act, reading] if moment == "child" else [reading]
+        rotation = make_rotation(
+            base,
+            [lambda *_: hook()] * 9,
+            attributes=attributes,
+            child_rotations=children,
+        )
+        log = [a_day(rotation)]
+        armed.append(True)
+        if moment == "before":
+            act()
+        if moment == "batch":
+            act()
+            log.append(days.outcome(rotation.batch_reference, np.ones((2, 6))))
+        return [*log, a_day(rotation), a_day(rotation), reading.log]
+
+    same_on_both(scenario)
+
+
+@pytest.mark.parametrize("name", CONTEXT_CLASSES)
+def test_change_of_a_context_class_that_is_taken_back_leaves_no_trace(name):
+    def scenario(base, attributes):
+        reading = Reading()
+        rotation = make_rotation(
+            base, [ITEMS] * 4, attributes=attributes, child_rotations=[reading]
+        )
+        own = getattr(base, name)
+        init = own.__init__
+        log = [a_day(rotation)]
+        own.__init__ = refuse
+        log.append(a_day(rotation))
+        own.__init__ = init
+        return [*log, a_day(rotation), reading.log]
+
+    log = same_on_both(scenario)
+    assert [day[0][0] for day in log[:3]] == ["returned", "raised", "returned"]
+
+
+@pytest.mark.parametrize("name", CONTEXT_CLASSES)
+@pytest.mark.parametrize("other", CONTEXT_CLASSES)
+def test_initialiser_of_the_other_context_class_is_called_as_it_is(name, other):
+    def scenario(base, attributes):
+        rotation = make_rotation(base, [ITEMS] * 2, attributes=attributes)
+        getattr(base, name).__init__ = getattr(base, other).__init__
+        return a_day(rotation)
+
+    same_on_both(scenario)
+
+
+ROWS = {
+    "wide": lambda: np.ones(9, dtype=np.uint8),
+    "matrix": lambda: np.ones((3, 4), dtype=np.uint8),
+    "scalar": lambda: np.array(1),
+    "list": lambda: [1, 1],
+    "subclass": lambda: np.ones(4).view(type("Row", (np.ndarray,), {"shape": (7,)})),
+    "shaped": lambda: type("Shaped", (), {"shape": ("5", 1)})(),
+    "none": lambda: None,
+}
+
+
+@pytest.mark.parametrize("row", ROWS)
+def test_universe_row_may_be_anything_with_a_shape(row):
+    def scenario(base, attributes):
+        reading = Reading()
+        rotation = make_rotation(
+            base, [ITEMS] * 3, attributes=attributes, child_rotations=[reading]
+        )
+        log = [a_day(rotation)]
+        rotation._txi_universe_row = ROWS[row]()
+        return [*log, days.outcome(rotation, np.ones(6)), reading.log]
+
+    same_on_both(scenario)
+
+
+class Seven(int):
+    def __int__(self):
+        return 3
+
+
+DAYS = [0, 5, -1, -9, True, 2.9, "4", 2**70, -(2**70), None, Seven(7), np.int64(2), 2**63 - 1]
+
+
+@pytest.mark.parametrize("day", DAYS, ids=repr)
+def test_day_of_a_child_context_may_be_whatever_int_takes(day):
+    def scenario(base, attributes):
+        rotation = make_rotation(base, attributes=attributes)
+        outcome = days.outcome(rotation._make_child_context, None, day)
+        if outcome[0] == "returned":
+            assert rotation._make_child_context(None, day).current_day_index is day
+        return outcome
+
+    same_on_both(scenario)
+
+
+SHAPES = [(3, 4), (np.int64(3), 4), (3.0, 4), [3, 4], (), ("3",), (True,), (2**70, 4), (-1, 4), 5]
+
+
+@pytest.mark.parametrize("shape", SHAPES, ids=repr)
+@pytest.mark.parametrize("way", ["set", "subclass", "attribute", "missing", "no row"])
+def test_mask_of_any_shape_is_indexed_by_the_rules(shape, way):
+    def scenario(base, attributes):
+        own = base._AllOnesVirtualMask
+        if way == "subclass":
+            own = type("Own", (own,), {"shape": property(lambda self: shape, lambda *_: None)})
+        mask = own(2, np.ones(4, dtype=np.uint8))
+        days.outcome(mask.__getitem__, 0)
+        if way == "set":
+            mask.shape = shape
+        elif way == "attribute":
+            type(mask).shape = property(lambda self: shape)
+        elif way == "missing":
+            del mask.shape
+        elif way == "no row":
+            del mask._row
+        items = [0, 1, 2, 3, -1, -3, -4, True, np.int64(1), 1.7, 2**70, Seven(7), "1", None]
+        return [days.outcome(mask.__getitem__, item) for item in items]
+
+    same_on_both(scenario)
