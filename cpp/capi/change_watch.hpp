@@ -36,6 +36,23 @@ inline unsigned int version_of(PyTypeObject* type) noexcept {
 // the same version always means the same type with the same contents.
 inline constexpr bool type_versions_are_unique = PY_VERSION_HEX >= 0x030B0000;
 
+// The version of the type for which a question was last answered with yes.
+class TypeAnswer {
+public:
+    // Whether that is the version that the type has now.
+    [[nodiscard]] bool holds(PyTypeObject* type) const noexcept {
+        return type_versions_are_unique && version_ != 0 && version_ == version_of(type);
+    }
+    // Keeps a yes; the question has looked something up in the type, which gave it its version.
+    bool keep(bool answer, PyTypeObject* type) noexcept {
+        if (answer) version_ = version_of(type);
+        return answer;
+    }
+
+private:
+    unsigned int version_ = 0;
+};
+
 // From Python 3.13 on an instance's own dictionary may be a view of values inside the instance, and
 // its watchers are not told of every change of them. Such a dictionary must be looked into instead.
 inline constexpr bool instance_dicts_tell_changes = PY_VERSION_HEX < 0x030D0000;

@@ -1,6 +1,10 @@
 #include "virtualization/batch.hpp"
 
+#include <vector>
+
+#include "capi/array_view.hpp"
 #include "virtualization/context.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
 
 namespace quorvane::virtualization {
 
@@ -43,19 +47,30 @@ Ref universe_of(const State& state, PyObject* context, PyObject* first, PyObject
                               state.numpy(names.uint8).get());
 }
 
+// array[day]; a row of an exact array is found without NumPy's reading the index.
+Ref row_of(PyObject* array, PyObject* day) {
+    const Py_ssize_t index = plain_size(day);
+    const bool plain =
+        index >= 0 && PyArray_CheckExact(array) && PyArray_NDIM(capi::as_array(array)) > 1;
+    return plain ? require(PySequence_GetItem(array, index)) : item(array, day);
+}
+
 // self(*rows of the day, context=...)
 Ref replay_day(const State& state, PyObject* self, PyObject* arrays, PyObject* universe,
                PyObject* day) {
     const Names& names = state.names;
     const Ref context_class = state.global(names.VirtualContext);
     const Ref context = make_context(state, context_class.get(), universe, day);
-    const Ref rows = capi::make_list();
+    // The rows, with a place for the rotation in front and for the context behind.
+    std::vector<Ref> rows;
+    std::vector<PyObject*> stack{nullptr};
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(arrays); ++i) {
-        capi::append(rows.get(), item(PyList_GET_ITEM(arrays, i), day).get());
+        rows.push_back(row_of(PyList_GET_ITEM(arrays, i), day));
+        stack.push_back(rows.back().get());
     }
-    const Ref keywords = capi::make_dict();
-    require(PyDict_SetItem(keywords.get(), names.context, context.get()));
-    return require(PyObject_Call(self, capi::to_tuple(rows.get()).get(), keywords.get()));
+    stack.push_back(context.get());
+    return Method::called_by(self, names.call)
+        .call(stack.data(), rows.size(), state.context_keyword.get());
 }
 
 Ref batch_reference(State& state, PyObject* const* values) {

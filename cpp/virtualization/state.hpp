@@ -73,6 +73,7 @@ public:
     const capi::DictWatcher dict_watcher;
     Pristine pristine;
     OwnClass context_class, mask_class;
+    mutable capi::TypeAnswer plain_class;  // of the rotations' classes
 
     // What rotations left of their last day, and the working memory of unmapping. Neither changes
     // any answer; no Python code runs while either is in use.

@@ -9,6 +9,7 @@ void OwnClass::remember(const Ref& made, const capi::FunctionDef& init, PyObject
                         PyObject* second) {
     if (!PyType_CheckExact(made.get())) return;
     class_ = made.share();
+    no_arguments_ = capi::make_tuple();
     init_ = &init;
     first_ = first;
     second_ = second;
@@ -16,20 +17,13 @@ void OwnClass::remember(const Ref& made, const capi::FunctionDef& init, PyObject
 
 bool OwnClass::is(const State& state, PyObject* object) const {
     if (!class_ || object != class_.get() || !Py_IS_TYPE(object, &PyType_Type)) return false;
-    if (capi::type_versions_are_unique && seen_version_ != 0 &&
-        seen_version_ == capi::version_of(type())) {
-        return true;
-    }
-    if (!look(state)) return false;
-    // The lookups have given the class its version.
-    seen_version_ = capi::version_of(type());
-    return true;
+    return seen_.holds(type()) || seen_.keep(look(state), type());
 }
 
 bool OwnClass::look(const State& state) const {
     PyObject* init = _PyType_Lookup(type(), state.names.init);
     return init != nullptr && state.is_own(init, *init_) &&
-           type()->tp_new == PyBaseObject_Type.tp_new && type()->tp_alloc == PyType_GenericAlloc &&
+           type()->tp_new == PyBaseObject_Type.tp_new &&
            !PyType_HasFeature(type(), Py_TPFLAGS_IS_ABSTRACT) &&
            type()->tp_getattro == PyObject_GenericGetAttr &&
            type()->tp_setattro == PyObject_GenericSetAttr &&
@@ -38,7 +32,7 @@ bool OwnClass::look(const State& state) const {
 
 Ref OwnClass::make(PyObject* first, PyObject* second) const {
     const capi::GcPause no_finalizers;
-    Ref instance = require(PyType_GenericAlloc(type(), 0));
+    Ref instance = require(PyBaseObject_Type.tp_new(type(), no_arguments_.get(), nullptr));
     require(PyObject_GenericSetAttr(instance.get(), first_, first));
     require(PyObject_GenericSetAttr(instance.get(), second_, second));
     return instance;

@@ -35,11 +35,11 @@ private:
         return reinterpret_cast<PyTypeObject*>(class_.get());
     }
 
-    Ref class_;
+    Ref class_, no_arguments_;
     const capi::FunctionDef* init_ = nullptr;
     PyObject* first_ = nullptr;  // interned, owned by the module's names
     PyObject* second_ = nullptr;
-    mutable unsigned int seen_version_ = 0;
+    mutable capi::TypeAnswer seen_;
 };
 
 }  // namespace quorvane::virtualization

@@ -58,16 +58,24 @@ Ref Pristine::own(PyObject* name) const {
 }
 
 bool Pristine::structure_class_holds(const State& state) const {
-    if (!structure_init_code_) return false;
+    if (!structure_init_code_ ||
+        capi::dict_peek(state.globals(), state.names.VirtualStructure) != structure_class_.get() ||
+        !Py_IS_TYPE(structure_class_.get(), &PyType_Type) ||
+        PyFunction_GetCode(structure_init_.get()) != structure_init_code_.get()) {
+        return false;
+    }
+    PyTypeObject* type = structure_class();
+    return structure_class_seen_.holds(type) ||
+           structure_class_seen_.keep(look_at_structure_class(state), type);
+}
+
+bool Pristine::look_at_structure_class(const State& state) const {
     PyTypeObject* type = structure_class();
     const Names& names = state.names;
-    return capi::dict_peek(state.globals(), names.VirtualStructure) == structure_class_.get() &&
-           Py_IS_TYPE(structure_class_.get(), &PyType_Type) &&
-           type->tp_new == PyBaseObject_Type.tp_new &&
+    return type->tp_new == PyBaseObject_Type.tp_new &&
            type->tp_getattro == PyObject_GenericGetAttr &&
            type->tp_setattro == PyObject_GenericSetAttr && type->tp_finalize == nullptr &&
            _PyType_Lookup(type, names.init) == structure_init_.get() &&
-           PyFunction_GetCode(structure_init_.get()) == structure_init_code_.get() &&
            _PyType_Lookup(type, names.key) == nullptr &&
            _PyType_Lookup(type, names.legs) == nullptr &&
            _PyType_Lookup(type, names.value) == nullptr &&

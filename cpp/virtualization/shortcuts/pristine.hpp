@@ -48,6 +48,7 @@ private:
     };
 
     [[nodiscard]] bool look_at_numpy(const State& state) const;
+    [[nodiscard]] bool look_at_structure_class(const State& state) const;
 
     Ref numpy_, numpy_dict_;
     mutable Versions seen_;
@@ -56,6 +57,7 @@ private:
     void remember_structure_class(const State& state);
 
     Ref structure_class_, structure_init_, structure_init_code_;
+    mutable capi::TypeAnswer structure_class_seen_;
 };
 
 }  // namespace quorvane::virtualization
