@@ -9,7 +9,9 @@ from fuzz.oddities import anything, chance, container, mapping, mutated, number,
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
 from support import days
-from support.hostile import ACTIONS, DELETIONS, ITEM_PLACES, PLACES, Trigger
+from support.hostile import Trigger
+from support.hostile_actions import ACTIONS
+from support.hostile_places import DELETIONS, ITEM_PLACES, PLACES
 
 __all__ = ["play", "subjects"]
 

@@ -10,13 +10,15 @@ from fuzz.oddities import Int, Key, anything, chance, container, mutated, number
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
 from support import days
-from support.hostile import Deleted, Hashed, Number, Parts, Trigger, TruthOf
+from support.hostile import Trigger
+from support.hostile_states import NAMES, RESTORE_HARMS, SPOTS
 
 __all__ = ["play", "subjects"]
 
 CAPACITY = 4
-NAMES = ["slot_by_key", "key_by_slot", "legs_by_slot", "structure_metadata_by_slot"]
-NAMES += ["structure_N_limit", "child_states", "constructor"]
+# What a finalizer raises reaches nobody.
+LIVE_SPOTS = sorted(spot for spot in SPOTS if "deletion" not in spot)
+ACTS = [act for acts in RESTORE_HARMS.values() for act in acts]
 
 
 def play(random, base):
@@ -24,7 +26,10 @@ def play(random, base):
     rotation = make_rotation(random, base)
     trigger = Trigger()
     state = odd_state(random, rotation, trigger)
-    arm(random, rotation, state, trigger)
+    act = pick(random, ACTS)
+    # What makes the parts of a state may have fired already.
+    trigger.fired = 0
+    trigger.action = lambda: act(rotation, state)
     draw = random.random()
     log = []
     if draw < 0.2:
@@ -94,7 +99,7 @@ def odd_state(random, rotation, trigger):
         name = pick(random, sorted(state))
         state[name] = ODD_ENTRIES[name](random)
     elif draw < 0.4:
-        make_hostile(random, state, trigger)
+        SPOTS[pick(random, LIVE_SPOTS)](state, trigger)
     elif draw < 0.45:
         name = pick(random, NAMES)
         state[name] = mutated(random, state[name])
@@ -167,233 +172,3 @@ ODD_ENTRIES = {
     "structure_N_limit": number,
     "child_states": anything,
 }
-
-
-# Parts of a state that run code
-
-
-def make_hostile(random, state, trigger):
-    """Put something into the state that runs the trigger's action when it is looked at."""
-    spot = pick(random, sorted(SPOTS))
-    SPOTS[spot](state, trigger)
-
-
-def spot_weight(state, trigger):
-    for slot in state["legs_by_slot"]:
-        state["legs_by_slot"][slot] = [(0, 1.0), (1, Number(trigger, 0.5)), (2, 1.0)]
-
-
-def spot_leg(state, trigger):
-    class Leg(list):
-        def __iter__(self):
-            trigger.fire()
-            return super().__iter__()
-
-        def __len__(self):
-            trigger.fire()
-            return super().__len__()
-
-    for slot in state["legs_by_slot"]:
-        state["legs_by_slot"][slot] = [[0, 1.0], Leg([1, 2.0]), [2, 1.0]]
-
-
-def spot_legs(state, trigger):
-    class Legs(list):
-        def __iter__(self):
-            trigger.fire()
-            return super().__iter__()
-
-    for slot in state["legs_by_slot"]:
-        state["legs_by_slot"][slot] = Legs([(0, 1.0), (1, 2.0)])
-
-
-def spot_leg_id(state, trigger):
-    class Id(int):
-        def __lt__(self, other):
-            trigger.fire()
-            return int(self) < other
-
-        def __int__(self):
-            trigger.fire()
-            return int.__index__(self)
-
-    for slot in state["legs_by_slot"]:
-        state["legs_by_slot"][slot] = [(0, 1.0), (Id(1), 2.0), (2, 1.0)]
-
-
-def spot_key_of(place):
-    def spot(state, trigger):
-        names = state["key_by_slot"]
-        for slot in names:
-            names[slot] = (Hashed(trigger, place),)
-        state["slot_by_key"].clear()
-        for slot in list(names):
-            state["slot_by_key"][names[slot]] = slot
-            break
-
-    return spot
-
-
-def spot_slot(state, trigger):
-    class Slot(int):
-        def __int__(self):
-            trigger.fire()
-            return int.__index__(self)
-
-        def __eq__(self, other):
-            trigger.fire()
-            return int.__index__(self) == other
-
-        __hash__ = int.__hash__
-
-    slots = state["slot_by_key"]
-    for key in slots:
-        slots[key] = Slot(slots[key])
-    state["key_by_slot"] = {Slot(slot): key for slot, key in state["key_by_slot"].items()}
-
-
-def spot_metadata(state, trigger):
-    class Entry(dict):
-        def keys(self):
-            trigger.fire()
-            return super().keys()
-
-        def __iter__(self):
-            trigger.fire()
-            return super().__iter__()
-
-    state["structure_metadata_by_slot"] = [{}, Entry(a=1), {"b": 2}, {}]
-
-
-def spot_metadata_list(state, trigger):
-    class Entries(list):
-        def __len__(self):
-            trigger.fire()
-            return super().__len__()
-
-        def __iter__(self):
-            trigger.fire()
-            return super().__iter__()
-
-    state["structure_metadata_by_slot"] = Entries({} for _ in range(CAPACITY))
-
-
-def spot_map(state, trigger):
-    class Map(dict):
-        def items(self):
-            trigger.fire()
-            return super().items()
-
-        def __len__(self):
-            trigger.fire()
-            return super().__len__()
-
-    for name in NAMES[:3]:
-        state[name] = Map(state[name])
-
-
-def spot_limit(state, trigger):
-    class Limit(int):
-        def __lt__(self, other):
-            trigger.fire()
-            return int(self) < other
-
-    state["structure_N_limit"] = Limit(6)
-
-
-def spot_deletion(state, trigger):
-    state["structure_metadata_by_slot"] = [{"old": Deleted(trigger)} for _ in range(CAPACITY)]
-    state["legs_by_slot"][9] = ()
-
-
-def spot_truth(state, trigger):
-    state["legs_by_slot"] = {0: Parts(trigger, [(0, 1.0)]), 1: TruthOf(trigger, True)}
-
-
-def spot_child_states(state, trigger):
-    class States(list):
-        def __len__(self):
-            trigger.fire()
-            return super().__len__()
-
-    state["child_states"] = States(state["child_states"])
-
-
-SPOTS = {name[5:]: spot for name, spot in list(globals().items()) if name.startswith("spot_")}
-SPOTS["key hash"] = spot_key_of("hash")
-SPOTS["key comparison"] = spot_key_of("eq")
-del SPOTS["key_of"]
-
-
-def arm(random, rotation, state, trigger):
-    """Choose what the trigger does: to the state, or to the rotation."""
-    act = pick(random, ACTS)
-    # What makes the parts of a state may have fired already.
-    trigger.fired = 0
-    trigger.action = lambda: act(rotation, state)
-
-
-def clear_part(name):
-    def act(rotation, state):
-        part = state.get(name)
-        if hasattr(part, "clear"):
-            part.clear()
-
-    return act
-
-
-def grow_part(name):
-    def act(rotation, state):
-        part = state.get(name)
-        if isinstance(part, dict):
-            part[("new",) if name == "slot_by_key" else 3] = 3
-        elif isinstance(part, list):
-            part.append({})
-
-    return act
-
-
-def clear_legs(rotation, state):
-    for legs in list(state.get("legs_by_slot", {}).values()):
-        if isinstance(legs, list):
-            legs.clear()
-
-
-def shrink_capacity(rotation, state):
-    rotation.max_structures = 1
-
-
-def shrink_width(rotation, state):
-    rotation._n_alloc = 1
-
-
-def lose_metadata(rotation, state):
-    del rotation._metadata_by_slot
-
-
-def no_children(rotation, state):
-    rotation.child_rotations.clear()
-
-
-def own_state(rotation, state):
-    rotation.set_state(rotation.get_state())
-
-
-def day(rotation, state):
-    rotation(np.ones(WIDTH))
-
-
-def clear_state(rotation, state):
-    state.clear()
-
-
-def fail(error):
-    def act(rotation, state):
-        raise error("act")
-
-    return act
-
-
-ACTS = [clear_part(name) for name in NAMES] + [grow_part(name) for name in NAMES]
-ACTS += [clear_legs, shrink_capacity, shrink_width, lose_metadata, no_children, own_state, day]
-ACTS += [clear_state, fail(LookupError), fail(KeyboardInterrupt), fail(AttributeError)]

@@ -20,7 +20,9 @@ import numpy as np
 import pytest
 
 from support import days
-from support.hostile import ACTIONS, DELETIONS, ITEM_PLACES, PLACES, Trigger, item_with
+from support.hostile import Trigger
+from support.hostile_days import hostile_days, make
+from support.hostile_places import DELETIONS, ITEM_PLACES, PLACES, item_with
 from support.siblings import Siblings, base_location, load_base
 
 NAN = float("nan")
@@ -38,70 +40,6 @@ def fresh():
     return load_base("native", siblings), load_base("twin", siblings)
 
 
-# Every place meets every action
-
-
-def hostile_days(base, place, action):
-    """Run three days; in the second, the place runs the action once."""
-    trigger = Trigger()
-    rotation = make(base)
-    make_item = ITEM_PLACES.get(place, item_with)
-    rotation.items = [
-        {"key": ("a",), "legs": ((0, 1.0),), "value": 1.0},
-        make_item(trigger),
-        {"key": ("c",), "legs": ((3, 1.0), (4, -1.0)), "value": 3.0, "metadata": {"note": [1]}},
-    ]
-    # Outside of the attributes, so that actions upon these find them all the same.
-    log = type(rotation).log = []
-    one_day(rotation, log)
-    if place in PLACES:
-        PLACES[place](rotation, trigger)
-    trigger.action = lambda: ACTIONS[action](rotation)
-    one_day(rotation, log)
-    trigger.action = None
-    one_day(rotation, log)
-    log.append(trigger.fired)
-    return log
-
-
-def make(base, *children, **attributes):
-    """Make a rotation of four slots whose last child turns NaN into something finite."""
-    return days.day_rotation_class(base, **attributes)(
-        max_structures=4,
-        N_alloc=6,
-        transformation_expression="none",
-        child_rotations=[*children, days.build_child("fill", 4)],
-        trace_sink=[],
-    )
-
-
-def one_day(rotation, log):
-    attributes = dict(vars(rotation))
-    if "masks" in attributes:
-        masks, combined = attributes["masks"]
-        buffer = attributes.get("buffer", np.zeros(6))
-        arguments = (rotation.compute, (np.zeros(6),), masks, combined, buffer, 6)
-        log.append(days.outcome(*arguments))
-        log.append(days.freeze(buffer))
-    else:
-        log.append(days.outcome(rotation, np.ones(6), context=attributes.get("context")))
-    log.append(days.freeze(vars(rotation)))
-
-
-@pytest.mark.parametrize("place", sorted([*ITEM_PLACES, *PLACES]))
-def test_any_action_in_the_middle_of_a_day(place):
-    different = []
-    for action in ACTIONS:
-        # What a finalizer raises reaches nobody but the hook for unraisable errors.
-        if place in DELETIONS and action.startswith("raise_"):
-            continue
-        native, twin = (hostile_days(base, place, action) for base in shared())
-        assert twin[-1] == 1, "the place never ran its action"
-        if native != twin:
-            different.append(action)
-    assert different == []
-
-
 # Single scenarios: each returns what it saw on one module
 
 SCENARIOS = []
@@ -112,6 +50,7 @@ def scenario(function):
     return function
 
 
+@pytest.mark.hostile
 @pytest.mark.parametrize("scene", SCENARIOS, ids=lambda scene: scene.__name__)
 def test_scenario(scene):
     modules = fresh()

@@ -1,0 +1,38 @@
+"""Every place in a day where the user's code can run, meeting every harm that it can do there."""
+
+import functools
+
+import pytest
+
+from support.hostile_actions import HARMS
+from support.hostile_days import hostile_days
+from support.hostile_places import DELETIONS, ITEM_PLACES, PLACES
+from support.siblings import Siblings, load_base
+
+
+@functools.cache
+def both():
+    """Load both modules once, on the same siblings."""
+    siblings = Siblings()
+    return load_base("native", siblings), load_base("twin", siblings)
+
+
+# What a finalizer raises reaches nobody but the hook for unraisable errors.
+CASES = [
+    (place, harm)
+    for place in sorted([*ITEM_PLACES, *PLACES])
+    for harm in HARMS
+    if not (place in DELETIONS and harm.startswith("raises"))
+]
+
+
+@pytest.mark.hostile
+@pytest.mark.parametrize(("place", "harm"), CASES, ids=map(" ".join, CASES))
+def test_harm_in_the_middle_of_a_day(place, harm):
+    different = []
+    for action in HARMS[harm]:
+        native, twin = (hostile_days(base, place, action.__name__) for base in both())
+        assert twin[-1] == 1, "the place never ran its action"
+        if native != twin:
+            different.append(action.__name__)
+    assert different == []

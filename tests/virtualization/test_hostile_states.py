@@ -1,0 +1,93 @@
+"""Every place in a restore where the user's code can run, meeting every harm it can do there."""
+
+import functools
+import types
+
+import numpy as np
+import pytest
+
+from support import days
+from support.hostile import Trigger
+from support.hostile_states import CAPACITY, OVERRIDES, RESTORE_HARMS, ROTATION_SPOTS, SPOTS, WIDTH
+from support.siblings import Siblings, load_base
+
+HARMS = {**RESTORE_HARMS, "overrides": OVERRIDES}
+
+
+@functools.cache
+def both():
+    """Load both modules once, on the same siblings."""
+    siblings = Siblings()
+    return load_base("native", siblings), load_base("twin", siblings)
+
+
+def hostile_restore(base, spot, act, *, way):
+    """Install a state in a rotation, while a spot of either runs the act once."""
+    trigger = Trigger()
+    rotation = make(base)
+    state = {
+        "slot_by_key": {("x",): 2, ("b",): 0},
+        "key_by_slot": {0: ("b",), 2: ("x",)},
+        "legs_by_slot": {2: [(0, 1.0), [3, -1.0]], 0: ((1, 2.0),)},
+        "structure_metadata_by_slot": [{"slot": slot} for slot in range(CAPACITY)],
+        "structure_N_limit": 6,
+        "child_states": [{"total": 1.0, "days": []}, {"total": 2.0, "days": []}],
+    }
+    if spot in SPOTS:
+        SPOTS[spot](state, trigger)
+    else:
+        ROTATION_SPOTS[spot](rotation, trigger)
+    acted = []
+
+    def take_action():
+        if "deletion" in spot:
+            # What a finalizer raises reaches nobody but the hook for unraisable errors.
+            acted.append(days.outcome(act, rotation, state))
+        else:
+            act(rotation, state)
+
+    trigger.fired, trigger.action = 0, take_action
+    log = [days.outcome(way, rotation, state)]
+    trigger.action = None
+    log += [days.freeze([state, vars(rotation)]), trigger.fired, acted]
+    log += [days.outcome(rotation, np.ones(WIDTH)), days.freeze(vars(rotation))]
+    return log
+
+
+def make(base):
+    """Make a rotation with two children and a day behind it."""
+    rotation = days.day_rotation_class(base)(
+        max_structures=CAPACITY,
+        N_alloc=WIDTH,
+        transformation_expression="none",
+        child_rotations=[days.Sum(), days.Sum()],
+    )
+    rotation.items = [
+        {"key": (name,), "legs": ((leg, 1.0),), "value": 1.0} for leg, name in enumerate("ab")
+    ]
+    rotation(np.ones(WIDTH))
+    return rotation
+
+
+def set_the_state(rotation, state):
+    return rotation.set_state(state)
+
+
+def recover_it_from_a_store(rotation, state):
+    return rotation.recover(types.SimpleNamespace(read=lambda name: state))
+
+
+CASES = [(spot, harm) for spot in sorted([*SPOTS, *ROTATION_SPOTS]) for harm in HARMS]
+
+
+@pytest.mark.hostile
+@pytest.mark.parametrize("way", [set_the_state, recover_it_from_a_store])
+@pytest.mark.parametrize(("spot", "harm"), CASES, ids=map(" ".join, CASES))
+def test_harm_in_the_middle_of_a_restore(spot, harm, way):
+    different = []
+    for act in HARMS[harm]:
+        native, twin = (hostile_restore(base, spot, act, way=way) for base in both())
+        assert twin[2] == 1, "the place never ran its action"
+        if native != twin:
+            different.append(act.__name__)
+    assert different == []
