@@ -1,5 +1,6 @@
 #include "virtualization/state_validation.hpp"
 
+#include "capi/gc_pause.hpp"
 #include "virtualization/shortcuts/plain_rotation.hpp"
 #include "virtualization/shortcuts/plain_size.hpp"
 #include "virtualization/shortcuts/quick_state.hpp"
@@ -186,10 +187,18 @@ Py_ssize_t plain_width(const Rotation& rotation) {
     return plain_size(width.get());
 }
 
+// A copy, during which no finalizers may change what has just been checked.
+Ref copy_of(PyObject* map) {
+    const capi::GcPause no_finalizers;
+    return require(PyDict_Copy(map));
+}
+
 SlotMaps slot_maps(const Rotation& rotation, const RawState& raw) {
-    if (QuickSlotMaps quick =
-            quick_slot_maps(raw.slot_by_key.get(), raw.key_by_slot.get(), plain_width(rotation))) {
-        return {std::move(quick.slot_by_key), std::move(quick.key_by_slot)};
+    PyObject* slots = raw.slot_by_key.get();
+    PyObject* keys = raw.key_by_slot.get();
+    if (SlotSet seen; are_inverse_maps(slots, keys, plain_width(rotation), seen)) {
+        const capi::GcPause no_finalizers;  // which could change the second map
+        return {copy_of(slots), copy_of(keys)};
     }
     SlotMaps maps = checked_slot_maps(rotation, raw.slot_by_key);
     check_inverse(rotation, raw.key_by_slot, maps);
@@ -198,10 +207,10 @@ SlotMaps slot_maps(const Rotation& rotation, const RawState& raw) {
 
 Ref legs_by_slot(const Rotation& rotation, const RawState& raw, const SlotMaps& maps,
                  const Ref& limit) {
+    PyObject* legs = raw.legs_by_slot.get();
     if (rotation.state.pristine.numpy_holds(rotation.state)) {
-        Ref quick = quick_legs_by_slot(raw.legs_by_slot.get(), maps.key_by_slot.get(),
-                                       plain_size(limit.get()));
-        if (quick) return quick;
+        const SlotSet slots = slots_of(maps.key_by_slot.get(), plain_width(rotation));
+        if (are_legs_of_slots(legs, slots, plain_size(limit.get()))) return copy_of(legs);
     }
     return checked_legs(rotation, raw.legs_by_slot, maps, limit);
 }

@@ -120,10 +120,15 @@ def another_day(rotation):
     rotation(subjects.row())
 
 
+def make_childless():
+    return subjects.Baskets(transformation_expression="none")
+
+
 def every_restore():
     for recover in (False, True):
         for once in (True, False):
             restoring(subjects.Baskets, other_structures, once=once, recover=recover)
+            restoring(make_childless, other_structures, once=once, recover=recover)
             restoring(subjects.make_ewma, another_day, once=once, recover=recover)
 
 

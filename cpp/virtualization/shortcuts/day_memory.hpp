@@ -5,6 +5,7 @@
 
 #include "virtualization/shortcuts/column_memory.hpp"
 #include "virtualization/shortcuts/live_instruments.hpp"
+#include "virtualization/shortcuts/restored_maps.hpp"
 
 namespace quorvane::virtualization {
 
@@ -17,6 +18,7 @@ struct DayMemory {
     MetadataMemory metadata;
     ColumnMemory columns;
     LiveInstruments live;
+    RestoredMaps restored;
 };
 
 // The memories of all rotations of a module, outside the instances so that their attributes are

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "virtualization/state.hpp"
+
+namespace quorvane::virtualization {
+
+// Makes a list of dicts say what other dicts say, as if each of its dicts were a new copy of the
+// other one. A dict that nobody else holds and that has the same words in the same order is not
+// made again: only the values that differ are written, and those that are already there stay.
+// Everything that goes is held until release(), so nothing runs before that and every change can be
+// undone; until keep() it is undone when the rewrite ends.
+class MetadataRewrite {
+public:
+    // Nobody else holds `list`, an exact list. No Python code may run until keep().
+    explicit MetadataRewrite(PyObject* list) noexcept : list_(list) {}
+    MetadataRewrite(const MetadataRewrite&) = delete;
+    MetadataRewrite& operator=(const MetadataRewrite&) = delete;
+    ~MetadataRewrite() { undo(); }
+
+    // False when an entry of the other list, which is as long, is no exact dict, or when somebody
+    // would hold the list afterwards.
+    bool run(PyObject* given);
+
+    void keep() noexcept { changes_.clear(); }
+
+    // Drops what was replaced, in the order in which dropping the old list would have done it.
+    void release();
+
+private:
+    static constexpr std::size_t most_words = 8;
+    static constexpr std::uint32_t whole_dict = std::uint32_t{1} << most_words;
+
+    // What has been replaced at a slot: the whole dict, or the values of the words in the mask.
+    struct Change {
+        std::uint32_t slot;
+        std::uint32_t mask;
+    };
+    struct Words {
+        PyObject* own = nullptr;
+        PyObject* given = nullptr;
+    };
+
+    bool rewrite_values(std::uint32_t slot, PyObject* dict, PyObject* given);
+    void replace_dict(std::uint32_t slot, PyObject* given);
+    bool is_same_word(std::size_t position, const Words& words) noexcept;
+    void make_room();
+    void undo() noexcept;
+    void undo_values(const Change& change);
+
+    PyObject* list_;
+    std::vector<Change> changes_;
+    std::vector<Ref> replaced_;
+    // Words found to be the same; nearly always they are the same objects in the next dict.
+    std::array<Words, most_words> same_words_{};
+};
+
+}  // namespace quorvane::virtualization

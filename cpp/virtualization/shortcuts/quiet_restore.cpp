@@ -1,0 +1,236 @@
+#include "virtualization/shortcuts/quiet_restore.hpp"
+
+#include "capi/change_watch.hpp"
+#include "capi/dict_version.hpp"
+#include "capi/gc_pause.hpp"
+#include "virtualization/child_state.hpp"
+#include "virtualization/shortcuts/day_memory.hpp"
+#include "virtualization/shortcuts/fetch_ahead.hpp"
+#include "virtualization/shortcuts/inert.hpp"
+#include "virtualization/shortcuts/metadata_rewrite.hpp"
+#include "virtualization/shortcuts/plain_rotation.hpp"
+#include "virtualization/shortcuts/plain_size.hpp"
+#include "virtualization/shortcuts/quick_state.hpp"
+#include "virtualization/state_validation.hpp"
+
+namespace quorvane::virtualization {
+
+namespace {
+
+// The class leaves attribute access and the steps of a restore alone.
+bool has_plain_class(const State& state, PyTypeObject* type) {
+    const Names& names = state.names;
+    if (type->tp_getattro != PyObject_GenericGetAttr ||
+        type->tp_setattro != PyObject_GenericSetAttr) {
+        return false;
+    }
+    for (PyObject* attribute :
+         {static_cast<PyObject*>(names.slot_by_key), static_cast<PyObject*>(names.key_by_slot),
+          static_cast<PyObject*>(names.legs_by_slot),
+          static_cast<PyObject*>(names.metadata_by_slot),
+          static_cast<PyObject*>(names.structure_N_limit),
+          static_cast<PyObject*>(names.max_structures), static_cast<PyObject*>(names.n_alloc),
+          static_cast<PyObject*>(names.child_rotations)}) {
+        if (_PyType_Lookup(type, attribute) != nullptr) return false;
+    }
+    const auto has_own = [&](PyObject* name, const capi::FunctionDef& step) {
+        PyObject* found = _PyType_Lookup(type, name);
+        return found != nullptr && state.is_own(found, step);
+    };
+    return has_own(names.validate_state_components, validate_state_components_def) &&
+           has_own(names.validate_child_states, validate_child_states_def) &&
+           has_own(names.snapshot_child_states, snapshot_child_states_def);
+}
+
+// The same, and NumPy is its own; and looking did not run code that changed the class, as odd keys
+// could. A type gets its version when something is looked up in it.
+bool has_plain_surroundings(const State& state, PyTypeObject* type) {
+    if (!has_plain_class(state, type)) return false;
+    const unsigned int version = capi::version_of(type);
+    return version != 0 && has_plain_class(state, type) && state.pristine.numpy_holds(state) &&
+           capi::version_of(type) == version;
+}
+
+bool is_empty_sequence(PyObject* object) noexcept {
+    return (PyList_CheckExact(object) || PyTuple_CheckExact(object)) && Py_SIZE(object) == 0;
+}
+
+struct Maps {
+    Ref slot_by_key, key_by_slot, legs_by_slot;
+};
+
+// Dropping a map runs no code when all it holds is inert.
+template <class IsInert>
+bool goes_quietly(PyObject* map, IsInert&& is_inert) {
+    EntryBatches entries(map);
+    while (entries.next()) {
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            if (!is_inert(entries.key(i), entries.value(i))) return false;
+        }
+    }
+    return true;
+}
+
+bool are_inert_legs(PyObject* legs) noexcept {
+    if (!PyTuple_CheckExact(legs)) return false;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(legs); ++i) {
+        if (!is_normal_leg(PyTuple_GET_ITEM(legs, i))) return false;
+    }
+    return true;
+}
+
+class QuietRestore {
+public:
+    QuietRestore(State& state, PyObject* self, PyObject* given)
+        : state_(state), self_(self), given_(given), own_(instance_dict(self)) {}
+
+    [[nodiscard]] bool is_possible() {
+        return has_plain_surroundings(state_, Py_TYPE(self_)) && own_ != nullptr &&
+               is_plain_record(own_) && is_plain_record(given_) && has_no_step_of_its_own() &&
+               has_no_children() && see_limits() && see_tables();
+    }
+
+    bool run();
+
+private:
+    [[nodiscard]] PyObject* own(PyObject* name) const { return capi::dict_peek(own_, name); }
+    // What the state says, null where it says nothing.
+    [[nodiscard]] PyObject* given(PyObject* name) const { return capi::dict_peek(given_, name); }
+
+    [[nodiscard]] bool has_no_step_of_its_own() const;
+    [[nodiscard]] bool has_no_children() const;
+    [[nodiscard]] bool see_limits();
+    [[nodiscard]] bool see_tables();
+    [[nodiscard]] bool own_maps_go_quietly() const;
+    [[nodiscard]] bool check_given() const;
+    [[nodiscard]] Maps copies() const;
+    void put(PyObject* name, const Ref& value) const { set_attr(self_, name, value.get()); }
+
+    State& state_;
+    PyObject* self_;
+    PyObject* given_;
+    PyObject* own_;
+    Py_ssize_t max_structures_ = -1;
+    Ref limit_;
+    Maps given_maps_;
+    // Borrowed from the instance, which nothing changes before the maps are replaced.
+    PyObject* slot_by_key_ = nullptr;
+    PyObject* key_by_slot_ = nullptr;
+    PyObject* legs_by_slot_ = nullptr;
+    PyObject* metadata_ = nullptr;
+    PyObject* given_metadata_ = nullptr;
+};
+
+bool QuietRestore::has_no_step_of_its_own() const {
+    const Names& names = state_.names;
+    return own(names.validate_state_components) == nullptr &&
+           own(names.validate_child_states) == nullptr &&
+           own(names.snapshot_child_states) == nullptr;
+}
+
+bool QuietRestore::has_no_children() const {
+    PyObject* children = own(state_.names.child_rotations);
+    PyObject* child_states = given(state_.names.child_states);
+    return children != nullptr && PyList_CheckExact(children) && PyList_GET_SIZE(children) == 0 &&
+           (child_states == nullptr || is_empty_sequence(child_states));
+}
+
+bool QuietRestore::see_limits() {
+    const Names& names = state_.names;
+    max_structures_ = plain_size(own(names.max_structures));
+    PyObject* n_alloc = own(names.n_alloc);
+    PyObject* limit = given(names.structure_N_limit_key);
+    limit_ = Ref::borrow(limit == nullptr || capi::is_none(limit) ? n_alloc : limit);
+    const Py_ssize_t width = plain_size(limit_.get());
+    return max_structures_ >= 0 && own(names.structure_N_limit) != nullptr && width >= 0 &&
+           width <= plain_size(n_alloc);
+}
+
+bool QuietRestore::see_tables() {
+    const Names& names = state_.names;
+    slot_by_key_ = own(names.slot_by_key);
+    key_by_slot_ = own(names.key_by_slot);
+    legs_by_slot_ = own(names.legs_by_slot);
+    for (PyObject* map : {slot_by_key_, key_by_slot_, legs_by_slot_}) {
+        if (map == nullptr || !PyDict_CheckExact(map)) return false;
+    }
+    metadata_ = own(names.metadata_by_slot);
+    given_metadata_ = given(names.structure_metadata_by_slot);
+    if (given_metadata_ == nullptr || capi::is_none(given_metadata_)) {
+        given_metadata_ = nullptr;
+        return metadata_ != nullptr;
+    }
+    // Whoever else holds the list must go on seeing the old dicts.
+    return metadata_ != nullptr && PyList_CheckExact(metadata_) && Py_REFCNT(metadata_) == 1 &&
+           PyList_GET_SIZE(metadata_) == max_structures_ && PyList_CheckExact(given_metadata_) &&
+           PyList_GET_SIZE(given_metadata_) == max_structures_;
+}
+
+bool QuietRestore::own_maps_go_quietly() const {
+    const auto is_inert_pair = [](PyObject* key, PyObject* value) {
+        return (PyLong_CheckExact(key) && is_inert_key(value)) ||
+               (PyLong_CheckExact(value) && is_inert_key(key));
+    };
+    const std::shared_ptr<DayMemory> memory = state_.memories->find(self_);
+    const bool knows_maps = memory && memory->restored.include_slots(slot_by_key_, key_by_slot_);
+    const bool knows_legs = memory && (memory->restored.include_legs(legs_by_slot_) ||
+                                       memory->legs.describes(legs_by_slot_));
+    return (knows_maps || (goes_quietly(slot_by_key_, is_inert_pair) &&
+                           goes_quietly(key_by_slot_, is_inert_pair))) &&
+           (knows_legs || goes_quietly(legs_by_slot_, [](PyObject* key, PyObject* legs) {
+                return PyLong_CheckExact(key) && are_inert_legs(legs);
+            }));
+}
+
+bool QuietRestore::check_given() const {
+    SlotSet slots;
+    return are_inverse_maps(given_maps_.slot_by_key.get(), given_maps_.key_by_slot.get(),
+                            max_structures_, slots) &&
+           are_legs_of_slots(given_maps_.legs_by_slot.get(), slots, plain_size(limit_.get()));
+}
+
+Maps QuietRestore::copies() const {
+    return {require(PyDict_Copy(given_maps_.slot_by_key.get())),
+            require(PyDict_Copy(given_maps_.key_by_slot.get())),
+            require(PyDict_Copy(given_maps_.legs_by_slot.get()))};
+}
+
+bool QuietRestore::run() {
+    const Names& names = state_.names;
+    MetadataRewrite rewrite(metadata_);
+    {
+        const capi::GcPause no_finalizers;
+        const auto map = [&](PyObject* name) {
+            PyObject* said = given(name);
+            return said == nullptr ? capi::make_dict() : Ref::borrow(said);
+        };
+        given_maps_ = {map(names.slot_by_key), map(names.key_by_slot), map(names.legs_by_slot_key)};
+        if (!own_maps_go_quietly() || !check_given()) return false;
+        const Maps maps = copies();
+        const std::shared_ptr<DayMemory> memory = state_.memories->of(self_);
+        if (given_metadata_ != nullptr && !rewrite.run(given_metadata_)) return false;
+        // From here on nothing fails.
+        rewrite.keep();
+        put(names.slot_by_key, maps.slot_by_key);
+        put(names.key_by_slot, maps.key_by_slot);
+        put(names.legs_by_slot, maps.legs_by_slot);
+        if (memory) {
+            memory->restored.are(maps.slot_by_key.get(), maps.key_by_slot.get(),
+                                 maps.legs_by_slot.get());
+        }
+    }
+    // The old maps have gone quietly; what the old metadata held may run code now.
+    rewrite.release();
+    put(names.structure_N_limit, limit_);
+    return true;
+}
+
+}  // namespace
+
+bool restore_quietly(State& state, PyObject* self, PyObject* given) {
+    if (!PyDict_CheckExact(given)) return false;
+    QuietRestore restore(state, self, given);
+    return restore.is_possible() && restore.run();
+}
+
+}  // namespace quorvane::virtualization
