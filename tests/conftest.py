@@ -5,6 +5,14 @@ import pytest
 from support.siblings import Siblings, installed_base, installed_real_base
 
 
+def pytest_collection_modifyitems(items):
+    """Mark what runs on the twin, so that a run under sanitizers can leave it out."""
+    for item in items:
+        parameters = getattr(item, "callspec", None)
+        if parameters is not None and parameters.params.get("kind") == "twin":
+            item.add_marker("plain_python")
+
+
 @pytest.fixture(params=["native", "twin"])
 def kind(request):
     """Which of the two modules the test runs on."""

@@ -8,6 +8,8 @@ import pytest
 from quorvane.cli.errors import DataError, UsageError
 from quorvane.cli.files import check_readable, check_writable, ending_of, whole_output
 
+pytestmark = pytest.mark.plain_python
+
 not_as_root = pytest.mark.skipif(
     not hasattr(os, "geteuid") or os.geteuid() == 0, reason="root may read and write anything"
 )

@@ -7,6 +7,8 @@ import pytest
 
 from quorvane.cli.inputs import structure_input
 
+pytestmark = pytest.mark.plain_python
+
 NAN, INF = math.nan, math.inf
 
 

@@ -7,6 +7,8 @@ from quorvane.cli.errors import DataError
 from quorvane.cli.table import Dates, Table
 from quorvane.cli.table_io import read_table, write_table
 
+pytestmark = pytest.mark.plain_python
+
 
 @pytest.fixture
 def path(tmp_path):

@@ -12,6 +12,8 @@ from quorvane.cli.table_io import read_table, write_table
 pyarrow = pytest.importorskip("pyarrow")
 parquet = pytest.importorskip("pyarrow.parquet")
 
+pytestmark = pytest.mark.plain_python
+
 DAYS = [datetime.date(2020, 1, 2), datetime.date(2020, 1, 3)]
 
 

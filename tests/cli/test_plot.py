@@ -7,6 +7,8 @@ from quorvane.cli.plot import Picture, _binned, _running_sum, _spread, choose_ev
 from quorvane.cli.table import Dates, Table
 from quorvane.cli.time_axis import parse_dates
 
+pytestmark = pytest.mark.plain_python
+
 PNG = b"\x89PNG\r\n\x1a\n"
 
 

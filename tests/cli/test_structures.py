@@ -5,6 +5,8 @@ import pytest
 from quorvane.cli.errors import DataError, UsageError
 from quorvane.cli.structures import read_structures
 
+pytestmark = pytest.mark.plain_python
+
 NAMES = ("KO", "PEP", "XOM", "BRK.B")
 
 TOML = """\

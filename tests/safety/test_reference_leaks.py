@@ -17,7 +17,9 @@ from quorvane.functions.rotations.numerical.transcendental import Transcendental
 from quorvane.functions.rotations.virtualization import base
 from safety.subjects import FAILURES, OPERATIONS
 
-REPEATS = 1000 if os.environ.get("QUORVANE_LONG") else 100
+REPEATS = int(
+    os.environ.get("QUORVANE_REPEATS", "1000" if os.environ.get("QUORVANE_LONG") else "100")
+)
 WARM_UPS = 3
 ROUNDS = 3
 # Readings, caches and free lists take a few blocks; a leak takes one in every repeat at least.

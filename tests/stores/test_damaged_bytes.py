@@ -15,6 +15,8 @@ from quorvane.stores.encoding import HEADER_BYTES, Payload, pack, seal
 from quorvane.stores.encoding._layout import Code
 from stores.support.samples import exactly_equal, rotation_state
 
+pytestmark = pytest.mark.plain_python
+
 SMALL = {
     "slot_by_key": {("a", "b"): 0, ("c", "d"): 1},
     "legs": {0: ((1, 0.5), (2, -0.5)), 1: ()},

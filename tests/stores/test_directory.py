@@ -20,6 +20,8 @@ from quorvane.stores import (
 )
 from stores.support.samples import exactly_equal, rotation_state
 
+pytestmark = pytest.mark.plain_python
+
 
 @pytest.fixture
 def place(tmp_path):

@@ -13,6 +13,8 @@ import pytest
 from quorvane.stores import StoreWriteError
 from stores.support.samples import durable_store, exactly_equal, numbered_state
 
+pytestmark = pytest.mark.plain_python
+
 # A file may grow to this: far enough for a small state, not for a large one.
 LIMIT = 200_000
 LARGE = next(n for n in range(1000) if n * 7919 % 37_000 > 35_000)

@@ -14,6 +14,8 @@ from quorvane.stores.encoding import MAX_DEPTH, seal
 from quorvane.stores.encoding._writer import _pack_once
 from stores.support.samples import exactly_equal, rotation_state
 
+pytestmark = pytest.mark.plain_python
+
 
 def restored(state):
     return decode(encode(state))

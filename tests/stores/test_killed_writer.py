@@ -7,7 +7,11 @@ import os
 import random
 import time
 
+import pytest
+
 from stores.support.samples import durable_store, exactly_equal, numbered_state
+
+pytestmark = pytest.mark.plain_python
 
 KILLS = int(os.environ.get("QUORVANE_KILLS", "200"))
 WRITES_IN_A_LONG_LIFE = 3

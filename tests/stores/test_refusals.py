@@ -13,6 +13,8 @@ from quorvane.stores import StateEncodeError, decode, encode
 from quorvane.stores.encoding import MAX_DEPTH
 from stores.support.samples import exactly_equal, rotation_state
 
+pytestmark = pytest.mark.plain_python
+
 Point = namedtuple("Point", "x y")
 
 

@@ -7,6 +7,8 @@ import pytest
 from quorvane.stores import SqliteStore
 from stores.support.samples import durable_store, exactly_equal, numbered_state
 
+pytestmark = pytest.mark.plain_python
+
 WRITES = 40
 
 
