@@ -94,6 +94,28 @@ Pair unpack_pair(PyObject* object) {
     return {std::move(parts[0]), std::move(parts[1])};
 }
 
+namespace {
+
+// Python 3.14 and later tell the number of values where asking for it runs no code.
+[[noreturn]] void raise_too_many(PyObject* object, Py_ssize_t count) {
+#if PY_VERSION_HEX >= 0x030E0000
+    Py_ssize_t got = 0;
+    if (PyTuple_CheckExact(object) || PyList_CheckExact(object)) got = Py_SIZE(object);
+    if (PyDict_CheckExact(object)) got = PyDict_Size(object);
+    if (got > count) {
+        PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zd, got %zd)", count,
+                     got);
+        throw PythonError();
+    }
+#else
+    static_cast<void>(object);
+#endif
+    PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zd)", count);
+    throw PythonError();
+}
+
+}  // namespace
+
 void unpack(PyObject* object, Ref* parts, Py_ssize_t count) {
     const Ref iterator = Ref::steal(PyObject_GetIter(object));
     if (!iterator) raise_not_unpackable(object);
@@ -106,9 +128,11 @@ void unpack(PyObject* object, Ref* parts, Py_ssize_t count) {
         }
         throw PythonError();
     }
-    const Ref surplus = Ref::steal(PyIter_Next(iterator.get()));
+    Ref surplus = Ref::steal(PyIter_Next(iterator.get()));
     if (surplus) {
-        PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zd)", count);
+        // What dropping it changes, the error tells.
+        surplus = Ref();
+        raise_too_many(object, count);
     }
     if (PyErr_Occurred() != nullptr) throw PythonError();
 }

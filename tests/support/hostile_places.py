@@ -1,5 +1,7 @@
 """Places in the middle of a day where the user's code can run."""
 
+import sys
+
 import numpy as np
 
 from support import days
@@ -96,7 +98,7 @@ ITEM_PLACES = {
     "metadata attribute": lambda trigger: item_with_property(trigger, "metadata"),
     "dict access": lambda trigger: watched(WatchedItem, trigger, item_with(trigger)),
     "key iteration": lambda trigger: item_with(trigger, key=Parts(trigger, ["b"])),
-    "key hash": lambda trigger: item_with(trigger, key=(Hashed(trigger, "hash"),)),
+    "key hash": lambda trigger: item_with(trigger, key=[Hashed(trigger, "hash")]),
     "key comparison": lambda trigger: item_with(trigger, key=(Hashed(trigger, "eq"),)),
     "key comparison with another": lambda trigger: item_with(
         trigger, key=(Hashed(trigger, "eq", equal=False),)
@@ -154,6 +156,10 @@ ITEM_PLACES = {
         trigger, metadata={LikeName(trigger, "active"): 1}
     ),
 }
+if sys.version_info < (3, 14):  # later tuples remember their hash
+    ITEM_PLACES["key hash of a tuple"] = lambda trigger: item_with(
+        trigger, key=(Hashed(trigger, "hash"),)
+    )
 
 
 def place_iterator(rotation, trigger):

@@ -298,7 +298,7 @@ def test_prepared_body_is_filled_in_the_order_of_a_class_statement():
         names, prepared = [], []
         Base = type.__new__(Meta, "Base", (plain_rotation_base(),), {})
         load_base(kind, Siblings(RotationBase=Base))
-        interpreters = {"__firstlineno__", "__static_attributes__"}
+        interpreters = {"__classdictcell__", "__firstlineno__", "__static_attributes__"}
         assert prepared == [("VirtualizationBase", (Base,), {})]
         return [name for name in names if name not in interpreters]
 

@@ -541,6 +541,20 @@ def test_leg_of_another_length_is_an_unpacking_error(normalize, leg, text):
         normalize(structure("a", [(0, 1.0), leg]))
 
 
+@pytest.mark.parametrize(
+    "leg",
+    [(1, 2.0, 3), [1, 2.0, 3], {1: 2, 3: 4, 5: 6}, "123", {1, 2, 3}, iter(range(3)), ()],
+    ids=shown,
+)
+def test_text_of_an_unpacking_error_is_the_interpreters(normalize, leg):
+    leg, again = itertools.tee(leg) if hasattr(leg, "__next__") else (leg, leg)
+    with pytest.raises(ValueError, match="values to unpack") as expected:
+        _, _ = again
+    with pytest.raises(ValueError, match="values to unpack") as caught:
+        normalize(structure("a", [leg]))
+    assert str(caught.value) == str(expected.value)
+
+
 def test_leg_may_be_an_iterator(normalize):
     assert normalize(structure("a", [iter([1, 0.5])])).legs == ((1, 0.5),)
     with pytest.raises(ValueError, match="not enough values to unpack"):
