@@ -13,7 +13,7 @@ import time
 import traceback
 from dataclasses import dataclass
 
-TARGETS = ["expressions", "items", "states", "records", "masks"]
+TARGETS = ["expressions", "items", "states", "records", "masks", "columns"]
 
 # Objects are shown with their addresses, which two subjects cannot have in common.
 ADDRESS = re.compile(r" at 0x[0-9a-f]+")

@@ -3,6 +3,7 @@
 import argparse
 import multiprocessing
 import random
+import signal
 import time
 import warnings
 
@@ -14,6 +15,8 @@ STUCK_SECONDS = 60.0
 def main():
     options = parse_arguments()
     print(f"seed {options.seed}", flush=True)
+    # Also when it runs in the background, where an interrupt cannot reach it.
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
     failed = False
     for target in options.only or TARGETS:
         failed |= not run_apart(target, options)
@@ -46,15 +49,19 @@ def run_apart(target, options):
     begun = time.monotonic()
     worker.start()
     sender.close()
-    stuck = not wait_for(worker, receiver, position)
+    stuck = interrupted = False
+    try:
+        stuck = not wait_for(worker, receiver, position)
+    except KeyboardInterrupt:
+        interrupted = True
     seconds = time.monotonic() - begun
-    if stuck:
+    if stuck or interrupted:
         worker.kill()
     worker.join()
     count, failure = position.value - options.first, None
     if not stuck and worker.exitcode == 0:
         count, failure = receiver.recv()
-    else:
+    elif not interrupted:
         ended = f"stuck for {STUCK_SECONDS:.0f} s" if stuck else f"ended with {worker.exitcode}"
         failure = (
             f"{target}: the process {ended}\nagain: python -m tests.fuzz --only {target} "
@@ -64,6 +71,8 @@ def run_apart(target, options):
     print(f"{target}: {count} inputs in {seconds:.1f} s, {rate:.0f} a second", flush=True)
     if failure is not None:
         print(f"FAILED {failure}", flush=True)
+    if interrupted:
+        raise SystemExit("interrupted")
     return failure is None
 
 
@@ -79,6 +88,9 @@ def wait_for(worker, receiver, position):
 
 
 def work(target, options, position, sender):
+    # An interrupt is the parent's to tell of; in an input it would pass for one of its errors.
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    signal.signal(signal.SIGTERM, signal.SIG_DFL)
     # As in the tests: nothing may warn but what a subject is called for.
     warnings.simplefilter("error")
 

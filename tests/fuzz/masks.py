@@ -79,9 +79,10 @@ def index_the_mask(random, base):
 def look_up(mask, row, asked):
     """Return the entry together with the row, so that the row itself is told from a copy."""
     found = mask[asked]
-    if isinstance(found, np.ndarray) and found.size > LARGE:
+    if isinstance(found, np.ndarray) and max(found.size, *found.shape, 0) > LARGE:
         # A view of that many rows takes no memory, but its contents would.
-        return row, found.shape, found.strides, found.flags.writeable, found[:2, :2]
+        corner = found[tuple(slice(2) for _ in found.shape)]
+        return row, found.shape, found.strides, found.flags.writeable, corner
     return row, found
 
 

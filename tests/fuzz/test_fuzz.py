@@ -7,7 +7,14 @@ import pytest
 from fuzz import campaign
 
 LONG = bool(os.environ.get("QUORVANE_LONG"))
-INPUTS = {"expressions": 6000, "items": 1500, "states": 1500, "records": 4000, "masks": 6000}
+INPUTS = {
+    "expressions": 6000,
+    "items": 1500,
+    "states": 1500,
+    "records": 4000,
+    "masks": 6000,
+    "columns": 1500,
+}
 
 
 @pytest.mark.parametrize("target", campaign.TARGETS)

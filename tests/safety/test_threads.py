@@ -9,12 +9,26 @@ import time
 import numpy as np
 import pytest
 
-from safety.subjects import CHAIN, Baskets, N, Sink, make_ewma, used, usual_items
+from quorvane.functions.rotations.virtualization.columns import StructureColumns
+from safety.subjects import (
+    CHAIN,
+    Baskets,
+    N,
+    Rank,
+    Sink,
+    Store,
+    Transcendental,
+    ZScore,
+    make_ewma,
+    used,
+    usual_items,
+)
 
 LONG = bool(os.environ.get("QUORVANE_LONG"))
-SECONDS = 20.0 if LONG else 2.0
+SECONDS = 60.0 if LONG else 2.0
 THREADS = 8
 WIDE = 3000
+DAYS = 12
 
 
 @pytest.fixture(autouse=True)
@@ -47,42 +61,58 @@ def run_together(*bodies):
         raise errors[0]
 
 
-def outputs_of_days(seed, days):
-    """Run random days on an instance of its own and return the outputs."""
+def results_of_days(seed):
+    """Run some random days on an instance of its own, in all ways; return all that came of them."""
     random = np.random.default_rng(seed)
     rotation = Baskets(
-        N_alloc=WIDE, max_structures=50, unmap_policy=["proportional", "equal_split"][seed % 2]
+        N_alloc=WIDE,
+        max_structures=50,
+        unmap_policy=["proportional", "equal_split"][seed % 2],
+        transformation_expression=["none", CHAIN, "ewma(20);rank", "zscore"][seed % 4],
+        trace_sink=[],
     )
-    outputs = []
-    for _ in range(days):
-        ids = random.integers(0, WIDE, size=(30, 2))
+    ids = random.integers(0, WIDE, size=(30, 2))
+    columns = StructureColumns(
+        [(place,) for place in range(30)], range(0, 61, 2), ids.ravel(), [0.5, -1.0] * 30, ids[:, 0]
+    )
+    results = []
+    for day in range(DAYS):
         values = random.normal(size=30)
         rotation.items = [
-            {
-                "key": (place,),
-                "legs": ((int(ids[place, 0]), 0.5), (int(ids[place, 1]), -1.0)),
-                "value": values[place],
-            }
-            for place in random.permutation(30)
+            {"key": key, "legs": legs, "value": value}
+            for key, legs, value in zip(columns.keys, columns.legs, values.tolist(), strict=True)
         ]
-        outputs.append(rotation(random.normal(size=WIDE)))
-    return np.array(outputs)
+        if day % 3 == 0:
+            rotation.items = columns.with_values(values)
+        elif day % 3 == 1:
+            random.shuffle(rotation.items)
+        inputs = random.normal(size=WIDE)
+        inputs[random.integers(0, WIDE, size=20)] = np.nan
+        results.append(rotation(inputs))
+        if day % 5 == 0:
+            store = Store()
+            rotation.checkpoint(store)
+            store.state = copy.deepcopy(store.state)
+            assert rotation.recover(store)
+    results.append(rotation.batch_reference(random.normal(size=(3, WIDE))))
+    results += [record["txi_output"] for record in rotation.trace_sink]
+    return np.concatenate([result.ravel() for result in results])
 
 
 def test_instances_of_their_own_give_the_same_as_alone():
-    days = 3000 if LONG else 60
-    alone = [outputs_of_days(seed, days) for seed in range(THREADS)]
-    together = [None] * THREADS
+    alone = [results_of_days(seed) for seed in range(THREADS)]
+    deadline = time.monotonic() + SECONDS
 
     def body(seed):
         def run():
-            together[seed] = outputs_of_days(seed, days)
+            rounds = 0
+            while not rounds or time.monotonic() < deadline:
+                np.testing.assert_array_equal(results_of_days(seed), alone[seed])
+                rounds += 1
 
         return run
 
     run_together(*map(body, range(THREADS)))
-    for expected, got in zip(alone, together, strict=True):
-        np.testing.assert_array_equal(got, expected)
 
 
 def until(deadline, *steps):
@@ -157,3 +187,55 @@ def test_two_threads_on_one_average_do_not_crash():
     rotation.resize(N)
     rotation.set_state(state)
     assert rotation(narrow).shape == (3,)
+
+
+@pytest.mark.parametrize("kind", [Rank, ZScore, Transcendental])
+def test_two_threads_on_one_child_do_not_crash(kind):
+    rotation = kind()
+    narrow, wide = np.ones(3), np.arange(float(WIDE))
+
+    def call_wide():
+        rotation(wide)
+
+    def call_narrow():
+        rotation(narrow)
+
+    deadline = time.monotonic() + SECONDS / 4
+    run_together(
+        until(
+            deadline, lambda: rotation(wide), lambda: rotation.resize(N), lambda: rotation(narrow)
+        ),
+        until(
+            deadline, lambda: rotation(narrow), lambda: rotation.resize(WIDE), rotation.get_state
+        ),
+    )
+    rotation.resize(N)
+    assert rotation(narrow).shape == (3,)
+
+
+def test_two_threads_on_the_same_columns_do_not_crash():
+    values = np.ones(3)
+    shared = StructureColumns(
+        [("a",), ("b",), ("c",)], [0, 1, 2, 4], [0, 1, 2, 3], [1.0] * 4, values
+    )
+    rotations = [Baskets(), Baskets(transformation_expression="none")]
+    for rotation in rotations:
+        rotation.items = shared
+    numbers = iter(range(10**9))
+    row = np.ones(N)
+
+    def edit():
+        values[next(numbers) % 3] = np.nan if next(numbers) % 2 else 2.0
+
+    def resize():
+        # The columns hold on to the array, so it can only be resized without being asked.
+        values.resize(1 + next(numbers) % 3, refcheck=False)
+
+    deadline = time.monotonic() + SECONDS
+    run_together(
+        until(deadline, lambda: rotations[0](row), edit, lambda: shared.weighted_sums(row)),
+        until(deadline, lambda: rotations[1](row), resize, lambda: shared.with_values([1.0] * 3)),
+    )
+    values.resize(3, refcheck=False)
+    values[:] = 1.0
+    assert rotations[0](row).shape == (N,)
