@@ -24,6 +24,7 @@ ACTS = [act for acts in RESTORE_HARMS.values() for act in acts]
 def play(random, base):
     """Install the state in a rotation that has one already, directly or from a store."""
     rotation = make_rotation(random, base)
+    held = hold(random, rotation)
     trigger = Trigger()
     state = odd_state(random, rotation, trigger)
     act = pick(random, ACTS)
@@ -41,7 +42,7 @@ def play(random, base):
         log.append(days.outcome(rotation.recover, store))
     trigger.action = None
     log.append(trigger.fired)
-    log.append(days.freeze([state, vars(rotation)]))
+    log.append(days.freeze([state, held, vars(rotation)]))
     if chance(random, 0.3):
         one_day(random, rotation, log)
         log.append(days.freeze(vars(rotation)))
@@ -60,6 +61,23 @@ def make_rotation(random, base):
     if chance(random, 0.7):
         days.outcome(rotation, np.ones(WIDTH))
     return rotation
+
+
+def hold(random, rotation):
+    """Hold some of what a restore replaces: whoever holds it must find it as it was."""
+    entries = rotation._metadata_by_slot
+    draw = random.random()
+    if draw < 0.6:
+        return None
+    if draw < 0.7:
+        return entries
+    if draw < 0.8:
+        return entries[int(random.random() * len(entries))]
+    if draw < 0.9:
+        entries[int(random.random() * len(entries))]["old"] = [1, 2]
+        return vars(rotation).copy()
+    entries[-1] = entries[0]
+    return rotation._legs_by_slot
 
 
 class FailingChild:
@@ -87,7 +105,7 @@ def make_child(random):
 
 
 def odd_state(random, rotation, trigger):
-    state = valid_state(random, rotation)
+    state = rotation.get_state() if chance(random, 0.2) else valid_state(random, rotation)
     draw = random.random()
     if draw < 0.1:
         return state
