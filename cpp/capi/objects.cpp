@@ -64,6 +64,11 @@ Ref import_from(const char* module, const char* name) {
     throw PythonError();
 }
 
+void Iteration::set_iterator_position() {
+    // What unpickling such an iterator uses.
+    require(PyObject_CallMethod(source_.get(), "__setstate__", "n", position_));
+}
+
 namespace {
 
 Pair pair_of(PyObject* first, PyObject* second) {

@@ -157,14 +157,17 @@ Ref import_from(const char* module, const char* name);
 // ---- iteration ---------------------------------------------------------------------------------
 
 // for element in iterable: the elements are asked for one by one, as the loop goes on. Nobody gets
-// to see the iterator of an exact list or tuple, so there a position does.
+// to see the iterator of an exact list or tuple, so there a position does. A position above 0, as
+// if so many elements had been asked for, is for these and for the interpreter's own iterator over
+// anything with __getitem__.
 class Iteration {
 public:
-    // `position` above 0 is for an exact list or tuple: as if so many elements had been asked for.
     explicit Iteration(PyObject* iterable, Py_ssize_t position = 0)
         : position_(position),
           is_sequence_(PyList_CheckExact(iterable) || PyTuple_CheckExact(iterable)),
-          source_(is_sequence_ ? Ref::borrow(iterable) : require(PyObject_GetIter(iterable))) {}
+          source_(is_sequence_ ? Ref::borrow(iterable) : require(PyObject_GetIter(iterable))) {
+        if (position > 0 && !is_sequence_) set_iterator_position();
+    }
 
     // The next element; empty at the end.
     Ref next() { return is_sequence_ ? next_of_sequence() : next_of_iterator(); }
@@ -184,6 +187,8 @@ private:
         source_ = Ref();
         return {};
     }
+
+    void set_iterator_position();
 
     Py_ssize_t position_;
     bool is_sequence_;

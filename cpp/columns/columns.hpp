@@ -13,12 +13,13 @@
 namespace quorvane::columns {
 
 // The legs of all structures, laid out flat. Common to all days that report the same structures.
+// Offsets and ids take 32 bits: every day they are read once more.
 struct Layout {
-    std::vector<std::int64_t> offsets;  // structure i has the legs offsets[i] to offsets[i + 1] - 1
-    std::vector<std::int64_t> leg_ids;
+    std::vector<std::int32_t> offsets;  // structure i has the legs offsets[i] to offsets[i + 1] - 1
+    std::vector<std::int32_t> leg_ids;
     std::vector<double> weights;
-    std::int64_t lowest_id = 0;
-    std::int64_t highest_id = -1;
+    std::int32_t lowest_id = 0;
+    std::int32_t highest_id = -1;
 };
 
 struct Columns {

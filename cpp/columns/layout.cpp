@@ -1,7 +1,7 @@
 #include "columns/layout.hpp"
 
 #include <algorithm>
-#include <span>
+#include <utility>
 
 #include "capi/array_view.hpp"
 #include "capi/message.hpp"
@@ -46,13 +46,22 @@ std::vector<T> copy_of(const Ref& array) {
     return {data, data + PyArray_SIZE(capi::as_array(array.get()))};
 }
 
-std::vector<std::int64_t> integers_from(const char* argument, PyObject* given) {
+std::vector<std::int32_t> integers_from(const char* argument, PyObject* given) {
     const Ref array = vector_from(argument, given);
     const bool is_integer = PyTypeNum_ISINTEGER(PyArray_TYPE(capi::as_array(array.get())));
     if (!is_integer && PyArray_SIZE(capi::as_array(array.get())) != 0) {
         reject(PyExc_TypeError, argument, " must be integers", dtype_of(array.get()));
     }
-    return copy_of<std::int64_t>(cast_vector(array, NPY_INT64));
+    const auto wide = copy_of<std::int64_t>(cast_vector(array, NPY_INT64));
+    const auto fits = [](std::int64_t number) { return std::in_range<std::int32_t>(number); };
+    if (const auto odd = std::ranges::find_if_not(wide, fits); odd != wide.end()) {
+        reject(PyExc_ValueError, argument, " must fit in 32 bits",
+               require(PyLong_FromLongLong(*odd)));
+    }
+    std::vector<std::int32_t> narrow(wide.size());
+    std::ranges::transform(wide, narrow.begin(),
+                           [](std::int64_t number) { return static_cast<std::int32_t>(number); });
+    return narrow;
 }
 
 // Real numbers as float64, maybe the caller's own array.
@@ -83,17 +92,17 @@ void check_offsets(const Layout& layout, Py_ssize_t structures) {
     const auto& offsets = layout.offsets;
     require_count("offsets", " entries, one more than keys", offsets.size(),
                   static_cast<std::size_t>(structures) + 1);
-    const auto legs = static_cast<std::int64_t>(layout.leg_ids.size());
+    const auto legs = static_cast<Py_ssize_t>(layout.leg_ids.size());
     if (offsets.front() == 0 && offsets.back() == legs && std::ranges::is_sorted(offsets)) return;
     Message()
         .text("offsets must rise from 0 to the number of legs, ")
-        .value(capi::make_int(static_cast<Py_ssize_t>(legs)))
+        .value(capi::make_int(legs))
         .text(", got an array that does not")
         .raise(PyExc_ValueError);
 }
 
-Ref make_leg(std::int64_t id, double weight) {
-    const Ref leg_id = require(PyLong_FromLongLong(id));
+Ref make_leg(std::int32_t id, double weight) {
+    const Ref leg_id = capi::make_int(id);
     return capi::make_tuple(leg_id.get(), capi::make_float(weight).get());
 }
 

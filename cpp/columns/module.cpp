@@ -95,7 +95,7 @@ PyObject* represent(PyObject* self) {
 
 void require_within(const Layout& layout, npy_intp size) {
     if (layout.lowest_id >= 0 && layout.highest_id < size) return;
-    const std::int64_t outside = layout.lowest_id < 0 ? layout.lowest_id : layout.highest_id;
+    const std::int32_t outside = layout.lowest_id < 0 ? layout.lowest_id : layout.highest_id;
     Message()
         .text("inputs must have an entry for every leg id, got ")
         .value(capi::make_int(size))
@@ -149,11 +149,11 @@ PyObject* read_only(PyObject* self, const std::vector<T>& numbers, int type_numb
 }
 
 PyObject* get_offsets(PyObject* self, void* /*closure*/) {
-    return read_only(self, columns_of(self).layout->offsets, NPY_INT64);
+    return read_only(self, columns_of(self).layout->offsets, NPY_INT32);
 }
 
 PyObject* get_leg_ids(PyObject* self, void* /*closure*/) {
-    return read_only(self, columns_of(self).layout->leg_ids, NPY_INT64);
+    return read_only(self, columns_of(self).layout->leg_ids, NPY_INT32);
 }
 
 PyObject* get_weights(PyObject* self, void* /*closure*/) {
@@ -212,9 +212,9 @@ keys : iterable of tuple
     The structures' keys.
 offsets : array_like of int, shape (len(keys) + 1,)
     Structure ``i`` has the legs ``offsets[i]`` to ``offsets[i + 1] - 1``. Rises from 0 to the
-    number of legs.
+    number of legs. Copied, as 32 bits.
 leg_ids : array_like of int
-    The instrument of each leg. Copied.
+    The instrument of each leg. Copied, as 32 bits.
 weights : array_like of float, shape of leg_ids
     The weight of each leg. Copied.
 values : array_like of float, shape (len(keys),)
@@ -225,7 +225,7 @@ Raises
 TypeError
     When a key is not a tuple, or an array is not of such numbers.
 ValueError
-    When the arrays do not fit together.
+    When the arrays do not fit together, or an int does not fit in 32 bits.
 )";
 
 constexpr const char* with_values_doc = R"(with_values($self, values, /)

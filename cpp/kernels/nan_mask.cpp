@@ -5,7 +5,7 @@
 
 #include "kernels/nan_mask.hpp"
 
-#include <algorithm>
+#include <cstring>
 #include <limits>
 
 namespace quorvane::kernels {
@@ -58,7 +58,7 @@ void merge_mask(std::span<const std::uint8_t> mask, std::span<std::uint8_t> into
 }
 
 bool any_left_out(std::span<const std::uint8_t> universe) {
-    return std::ranges::find(universe, std::uint8_t{0}) != universe.end();
+    return !universe.empty() && std::memchr(universe.data(), 0, universe.size()) != nullptr;
 }
 
 void leave_out(std::span<const std::uint8_t> universe, std::span<double> row) {

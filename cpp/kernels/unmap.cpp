@@ -26,7 +26,7 @@ template <class Amount>
         const auto [begin, count] = places[slot];
         if (count == 0 || !is_finite(outputs[slot])) continue;
         const auto amount_of = amount(outputs[slot], count);
-        for (std::size_t leg = begin; leg < begin + count; ++leg) {
+        for (std::size_t leg = begin; leg < std::size_t{begin} + count; ++leg) {
             sums[ids[leg]] += amount_of(weights[leg]);
             reached[ids[leg]] = 1;
         }

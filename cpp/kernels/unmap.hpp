@@ -7,14 +7,14 @@
 
 namespace quorvane::kernels {
 
-// Legs laid out flat, and where those of one slot lie.
+// Legs laid out flat, and where those of one slot lie; 32 bits, for the less to read every day.
 struct FlatLegs {
     std::vector<std::uint32_t> ids;
     std::vector<double> weights;
 };
 struct LegPlace {
-    std::size_t begin = 0;
-    std::size_t count = 0;
+    std::uint32_t begin = 0;
+    std::uint32_t count = 0;
 };
 
 // Running totals per instrument, and which instruments got any contribution.

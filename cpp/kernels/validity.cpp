@@ -26,11 +26,11 @@ void judge_values(std::span<const double> values, std::span<std::uint8_t> valid)
     mark_finite(values.data(), valid.data(), valid.size());
 }
 
-void judge_structures(std::span<const std::int64_t> offsets, std::span<const std::int64_t> ids,
+void judge_structures(std::span<const std::int32_t> offsets, std::span<const std::int32_t> ids,
                       std::span<const std::uint8_t> dead, std::span<const double> values,
                       std::span<std::uint8_t> valid) noexcept {
     judge_values(values, valid);
-    const auto is_dead = [&](std::int64_t id) {
+    const auto is_dead = [&](std::int32_t id) {
         const auto index = static_cast<std::size_t>(id);
         return index >= dead.size() || dead[index] != 0;
     };

@@ -2,7 +2,7 @@
 
 namespace quorvane::kernels {
 
-void weighted_sums(std::span<const std::int64_t> offsets, std::span<const std::int64_t> ids,
+void weighted_sums(std::span<const std::int32_t> offsets, std::span<const std::int32_t> ids,
                    std::span<const double> weights, std::span<const double> inputs,
                    std::span<double> out) noexcept {
     const double* input = inputs.data();

@@ -37,7 +37,7 @@ void equal_split_uses_only_the_sign_and_counts_zero_as_positive() {
 // Whether adding one slot's legs, all on instrument 0, has nothing to report.
 bool is_silent(double value, const std::vector<double>& weights) {
     Totals totals = zeros(1);
-    const std::vector<LegPlace> one = {{0, weights.size()}};
+    const std::vector<LegPlace> one = {{0, static_cast<std::uint32_t>(weights.size())}};
     return add_in_proportion(std::vector{value}, one,
                              {std::vector<std::uint32_t>(weights.size(), 0), weights}, totals);
 }

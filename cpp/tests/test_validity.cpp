@@ -20,7 +20,7 @@ void only_finite_values_are_valid() {
 }
 
 void one_dead_leg_is_enough() {
-    const std::vector<std::int64_t> offsets = {0, 2, 4, 4, 5}, ids = {0, 1, 1, 2, 2};
+    const std::vector<std::int32_t> offsets = {0, 2, 4, 4, 5}, ids = {0, 1, 1, 2, 2};
     const std::vector<std::uint8_t> dead = {0, 0, 2};
     const std::vector<double> values = {1.0, 1.0, 1.0, 1.0};
     std::vector<std::uint8_t> valid(values.size(), 9);
@@ -29,14 +29,14 @@ void one_dead_leg_is_enough() {
 }
 
 void an_instrument_outside_is_dead() {
-    const std::vector<std::int64_t> offsets = {0, 1, 2, 3}, ids = {0, 1, -1};
+    const std::vector<std::int32_t> offsets = {0, 1, 2, 3}, ids = {0, 1, -1};
     std::vector<std::uint8_t> valid(3, 9);
     judge_structures(offsets, ids, std::vector<std::uint8_t>{0}, std::vector{1.0, 1.0, 1.0}, valid);
     CHECK(valid == std::vector<std::uint8_t>{1, 0, 0});
 }
 
 void live_legs_do_not_make_a_value_valid() {
-    const std::vector<std::int64_t> offsets = {0, 1, 2}, ids = {0, 0};
+    const std::vector<std::int32_t> offsets = {0, 1, 2}, ids = {0, 0};
     const std::vector<std::uint8_t> dead = {0};
     const std::vector<double> values = {nan, 1.0};
     std::vector<std::uint8_t> valid(values.size(), 9);

@@ -8,8 +8,8 @@ using namespace quorvane::kernels;
 
 namespace {
 
-std::vector<double> sums_of(const std::vector<std::int64_t>& offsets,
-                            const std::vector<std::int64_t>& ids,
+std::vector<double> sums_of(const std::vector<std::int32_t>& offsets,
+                            const std::vector<std::int32_t>& ids,
                             const std::vector<double>& weights, const std::vector<double>& inputs) {
     std::vector<double> out(offsets.size() - 1, 99.0);
     weighted_sums(offsets, ids, weights, inputs, out);

@@ -1,6 +1,5 @@
 #include "virtualization/shortcuts/day_report.hpp"
 
-#include "capi/array_view.hpp"
 #include "virtualization/shortcuts/inert.hpp"
 
 namespace quorvane::virtualization {
@@ -19,6 +18,19 @@ Py_ssize_t DayReport::count() const noexcept {
 bool DayReport::read(Py_ssize_t position, ReportedItem& item) const noexcept {
     return columns_ != nullptr ? read_column(position, item)
                                : read_object(PySequence_Fast_GET_ITEM(structures_, position), item);
+}
+
+bool DayReport::may_change_with(const capi::VectorView<double>& row) const noexcept {
+    if (columns_ == nullptr) return false;
+    return capi::may_share_memory(capi::readable_vector<double>(columns_->values.get()), row);
+}
+
+void DayReport::prefetch(Py_ssize_t position) const noexcept {
+    if (columns_ != nullptr) {
+        __builtin_prefetch(PyTuple_GET_ITEM(columns_->legs.get(), position));
+    } else {
+        __builtin_prefetch(PySequence_Fast_GET_ITEM(structures_, position));
+    }
 }
 
 Ref DayReport::object_at(Py_ssize_t position) const noexcept {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "capi/array_view.hpp"
 #include "columns/columns.hpp"
 #include "virtualization/state.hpp"
 
@@ -23,6 +24,12 @@ public:
 
     // False when reading the item could run Python code or raise.
     [[nodiscard]] bool read(Py_ssize_t position, ReportedItem& item) const noexcept;
+
+    // Whether writing the row could change values that are still to be read.
+    [[nodiscard]] bool may_change_with(const capi::VectorView<double>& row) const noexcept;
+
+    // Starts fetching what reading the item will look at first.
+    void prefetch(Py_ssize_t position) const noexcept;
 
     // The object at this position; empty for columns, which have none.
     [[nodiscard]] Ref object_at(Py_ssize_t position) const noexcept;

@@ -112,9 +112,12 @@ bool collect_from_table(const Task& task, Collected& collected) {
     std::vector<Slot> slots;
     if (!contributing_slots(task, slots)) return false;
     for (const Slot& slot : slots) {
+        const std::size_t begin = collected.legs.ids.size();
+        const auto count = static_cast<std::size_t>(PyTuple_GET_SIZE(slot.legs));
+        if (begin + count > std::numeric_limits<std::uint32_t>::max()) return false;
         collected.outputs.push_back(task.txi_output[slot.index]);
         collected.places.push_back(
-            {collected.legs.ids.size(), static_cast<std::size_t>(PyTuple_GET_SIZE(slot.legs))});
+            {static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(count)});
         if (!append_legs(slot.legs, task.N, collected.legs)) return false;
     }
     return true;

@@ -29,7 +29,7 @@ bool InertRun::is_possible() {
         PyList_GET_SIZE(plain_.metadata_by_slot()) != width) {
         return false;
     }
-    if (!memory_->live.see(masks_, txi_input_)) return false;
+    if (!memory_->live.see(masks_, txi_input_) || report_.may_change_with(txi_input_)) return false;
     if (!memory_->slots.knows(plain_.slot_by_key(), plain_.key_by_slot(), width)) return false;
     return memory_->legs.describes(plain_.legs_by_slot()) ||
            memory_->legs.load(plain_.legs_by_slot(), width);
@@ -63,16 +63,56 @@ Py_ssize_t InertRun::record_each() {
     memory_->metadata.begin_day(plain_.metadata_by_slot());
     Py_ssize_t recorded = 0;
     try {
-        const Py_ssize_t count = report_.count();
-        for (; recorded < count; ++recorded) {
-            if (record_item(static_cast<std::size_t>(recorded)) == Outcome::needs_python) break;
-        }
+        recorded = record_blocks();
     } catch (...) {
         end_failed_day();
         throw;
     }
     memory_->metadata.end_day(state_);
     return recorded;
+}
+
+Py_ssize_t InertRun::record_blocks() {
+    Py_ssize_t recorded = 0;
+    while (const Py_ssize_t read = read_block(recorded)) {
+        fetch_new_legs(read);
+        for (Py_ssize_t i = 0; i < read; ++i, ++recorded) {
+            if (record_item(block_[i]) == Outcome::needs_python) return recorded;
+        }
+    }
+    return recorded;
+}
+
+// How many items from `start` on can be read, at most a block of them.
+Py_ssize_t InertRun::read_block(Py_ssize_t start) {
+    const Py_ssize_t count = report_.count();
+    const Py_ssize_t end = std::min(start + block_size, count);
+    const Py_ssize_t next_end = std::min(end + block_size, count);
+    for (Py_ssize_t next = end; next < next_end; ++next) report_.prefetch(next);
+    Py_ssize_t read = 0;
+    for (Py_ssize_t position = start; position < end; ++position, ++read) {
+        FoundItem& found = block_[read];
+        if (!report_.read(position, found.item)) break;
+        found.position = static_cast<std::size_t>(position);
+        found.slot = memory_->slots.find(plain_.slot_by_key(), found.position, found.item.key);
+        if (has_same_legs(found)) continue;
+        __builtin_prefetch(found.item.legs);
+        if (found.slot.slot != nullptr) memory_->metadata.prefetch(found.slot.index);
+    }
+    return read;
+}
+
+// The legs that are to be looked into, and the metadata that is to be given them.
+void InertRun::fetch_new_legs(Py_ssize_t read) const noexcept {
+    constexpr Py_ssize_t most = 4;
+    for (const FoundItem& found : std::span(block_).first(static_cast<std::size_t>(read))) {
+        PyObject* legs = found.item.legs;
+        if (has_same_legs(found) || !PyTuple_CheckExact(legs)) continue;
+        for (Py_ssize_t i = 0; i < std::min(most, PyTuple_GET_SIZE(legs)); ++i) {
+            __builtin_prefetch(PyTuple_GET_ITEM(legs, i));
+        }
+        if (found.slot.slot != nullptr) memory_->metadata.prefetch_contents(found.slot.index);
+    }
 }
 
 void InertRun::remember_columns(Py_ssize_t recorded) {
@@ -95,14 +135,14 @@ void InertRun::end_failed_day() const {
 }
 
 // Everything that can need Python is found out before the first change.
-InertRun::Outcome InertRun::record_item(std::size_t position) {
-    ReportedItem item;
-    if (!report_.read(static_cast<Py_ssize_t>(position), item)) return Outcome::needs_python;
-    SlotMemory::Found slot = memory_->slots.find(plain_.slot_by_key(), position, item.key);
-    const bool same_legs = slot.slot != nullptr && memory_->legs.holds(slot.index, item.legs);
-    const Ref legs = same_legs ? Ref::borrow(item.legs) : inert_legs(item.legs);
-    if (!legs || (!same_legs && !LegMemory::accepts(legs.get()))) return Outcome::needs_python;
-    if (slot.slot == nullptr) slot = new_slot(item.key);
+InertRun::Outcome InertRun::record_item(const FoundItem& found) {
+    const ReportedItem& item = found.item;
+    const bool same_legs = has_same_legs(found);
+    const bool as_they_are = same_legs || LegMemory::accepts(item.legs);
+    const Ref legs = as_they_are ? Ref::borrow(item.legs) : inert_legs(item.legs);
+    if (!legs || (!as_they_are && !LegMemory::accepts(legs.get()))) return Outcome::needs_python;
+    SlotMemory::Found slot =
+        found.slot.slot != nullptr ? found.slot : slot_now(found.position, item.key);
     if (slot.slot == nullptr) return Outcome::needs_python;
 
     if (!same_legs) remember_legs(slot, legs.get());
@@ -112,8 +152,17 @@ InertRun::Outcome InertRun::record_item(std::size_t position) {
     return Outcome::recorded;
 }
 
-// Null when the key cannot be given a slot here: it may not be inert, or the maps are full.
-SlotMemory::Found InertRun::new_slot(PyObject* key) {
+bool InertRun::has_same_legs(const FoundItem& found) const noexcept {
+    return found.slot.slot != nullptr && memory_->legs.holds(found.slot.index, found.item.legs);
+}
+
+// The slot of a key that had none when it was read: an item before may have got it one since. Null
+// when it cannot be given one here: it may not be inert, or the maps are full.
+SlotMemory::Found InertRun::slot_now(std::size_t position, PyObject* key) {
+    if (const SlotMemory::Found known = memory_->slots.find(plain_.slot_by_key(), position, key);
+        known.slot != nullptr) {
+        return known;
+    }
     if (!is_inert_key(key) || PyDict_Size(plain_.slot_by_key()) >= plain_.max_structures()) {
         return {};
     }

@@ -30,12 +30,23 @@ public:
 private:
     enum class Outcome { recorded, needs_python };
 
+    // An item and the slot that its key had when the item was read.
+    struct FoundItem {
+        ReportedItem item;
+        std::size_t position = 0;
+        SlotMemory::Found slot;
+    };
+
     [[nodiscard]] bool record_same_again();
     Py_ssize_t record_each();
-    Outcome record_item(std::size_t position);
-    SlotMemory::Found new_slot(PyObject* key);
+    Py_ssize_t record_blocks();
+    Py_ssize_t read_block(Py_ssize_t start);
+    void fetch_new_legs(Py_ssize_t read) const noexcept;
+    Outcome record_item(const FoundItem& found);
+    SlotMemory::Found slot_now(std::size_t position, PyObject* key);
     void remember_legs(const SlotMemory::Found& slot, PyObject* legs);
     void remember_columns(Py_ssize_t recorded);
+    [[nodiscard]] bool has_same_legs(const FoundItem& found) const noexcept;
     [[nodiscard]] bool are_legs_live(std::size_t slot) const noexcept;
     void end_failed_day() const;
 
@@ -45,6 +56,11 @@ private:
     const DayReport& report_;
     std::shared_ptr<DayMemory> memory_;
     capi::VectorView<double> txi_input_;
+
+    // Items are read some at a time, so that what they refer to is on its way from memory when it
+    // is looked at.
+    static constexpr Py_ssize_t block_size = 16;
+    FoundItem block_[block_size];
 };
 
 }  // namespace quorvane::virtualization

@@ -1,5 +1,8 @@
 #include "virtualization/shortcuts/known_day.hpp"
 
+#include <limits>
+#include <utility>
+
 #include "kernels/validity.hpp"
 
 namespace quorvane::virtualization {
@@ -9,17 +12,19 @@ namespace {
 void judge(const LiveInstruments& live, const columns::Layout& layout,
            std::span<const double> values, std::vector<std::uint8_t>& valid) {
     valid.resize(values.size());
-    if (live.all_live() && layout.highest_id < static_cast<std::int64_t>(live.dead().size())) {
+    if (live.all_live() && std::cmp_less(layout.highest_id, live.dead().size())) {
         kernels::judge_values(values, valid);
     } else {
         kernels::judge_structures(layout.offsets, layout.leg_ids, live.dead(), values, valid);
     }
 }
 
+// Writes every reported slot, since NaN is there already and a branch would be hard to predict.
 void write_values(std::span<const double> values, std::span<const std::uint8_t> valid,
                   std::span<const std::uint32_t> slots, capi::VectorView<double> txi_input) {
+    constexpr double nan = std::numeric_limits<double>::quiet_NaN();
     for (std::size_t i = 0; i < values.size(); ++i) {
-        if (valid[i] != 0) txi_input[slots[i]] = values[i];
+        txi_input[slots[i]] = valid[i] != 0 ? values[i] : nan;
     }
 }
 
@@ -31,7 +36,7 @@ bool record_known_day(const State& state, const PlainRotation& plain,
     const auto view = capi::readable_vector<double>(columns.values.get());
     const std::span<const std::uint32_t> slots = memory.metadata.reported();
     if (!view || !view.contiguous() || view.span().size() != slots.size() ||
-        capi::may_share_memory(view, txi_input) || !memory.metadata.are_alone()) {
+        !memory.metadata.are_alone()) {
         return false;
     }
     const std::span<const double> values = view.span();

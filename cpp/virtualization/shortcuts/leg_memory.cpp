@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 
 #include "capi/dict_version.hpp"
 #include "virtualization/shortcuts/inert.hpp"
@@ -39,14 +40,12 @@ void LegMemory::store(std::size_t slot, PyObject* legs) {
         live_ -= place.count;
         place.count = 0;
         if (flat_.ids.size() > 2 * live_ + 1024) compact();
-        place.begin = flat_.ids.size();
-        flat_.ids.resize(place.begin + count);
-        flat_.weights.resize(place.begin + count);
+        place.begin = grow(count);
     } else {
         live_ -= place.count;
     }
     live_ += count;
-    place.count = count;
+    place.count = static_cast<std::uint32_t>(count);
     for (std::size_t i = 0; i < count; ++i) {
         PyObject* leg = PyTuple_GET_ITEM(legs, static_cast<Py_ssize_t>(i));
         const auto id = static_cast<std::uint32_t>(plain_size(PyTuple_GET_ITEM(leg, 0)));
@@ -55,6 +54,15 @@ void LegMemory::store(std::size_t slot, PyObject* legs) {
         flat_.weights[place.begin + i] = PyFloat_AS_DOUBLE(PyTuple_GET_ITEM(leg, 1));
     }
     legs_[slot] = Ref::borrow(legs);
+}
+
+// Room for `count` legs at the end; where it begins.
+std::uint32_t LegMemory::grow(std::size_t count) {
+    const std::size_t begin = flat_.ids.size();
+    if (begin + count > std::numeric_limits<std::uint32_t>::max()) throw std::bad_alloc();
+    flat_.ids.resize(begin + count);
+    flat_.weights.resize(begin + count);
+    return static_cast<std::uint32_t>(begin);
 }
 
 bool LegMemory::load(PyObject* legs_by_slot, Py_ssize_t max_structures) {
@@ -101,7 +109,7 @@ void LegMemory::compact() {
     for (kernels::LegPlace& place : places_) {
         const auto begin = static_cast<std::ptrdiff_t>(place.begin);
         const auto end = begin + static_cast<std::ptrdiff_t>(place.count);
-        place.begin = packed.ids.size();
+        place.begin = static_cast<std::uint32_t>(packed.ids.size());
         packed.ids.insert(packed.ids.end(), flat_.ids.begin() + begin, flat_.ids.begin() + end);
         packed.weights.insert(packed.weights.end(), flat_.weights.begin() + begin,
                               flat_.weights.begin() + end);

@@ -42,6 +42,7 @@ public:
 
 private:
     void clear() noexcept;
+    std::uint32_t grow(std::size_t count);
     void compact();
 
     std::vector<Ref> legs_;  // owned, so that an address is not given to another tuple

@@ -9,15 +9,6 @@ namespace {
 // How far ahead the next dicts are fetched: a million of them do not fit in any cache.
 constexpr std::size_t prefetch_distance = 24;
 
-// A dict's entries lie apart from it: a head, an index and up to five entries of 24 bytes.
-void prefetch_contents(PyObject* dict) noexcept {
-    const auto* entries =
-        reinterpret_cast<const char*>(reinterpret_cast<PyDictObject*>(dict)->ma_keys);
-    __builtin_prefetch(entries);
-    __builtin_prefetch(entries + 64);
-    __builtin_prefetch(entries + 128);
-}
-
 void set_entry(PyObject* dict, PyObject* key, PyObject* value) {
     require(PyDict_SetItem(dict, key, value));
 }
@@ -105,23 +96,32 @@ void MetadataMemory::end_day(const State& state) {
 void MetadataMemory::report_again(const State& state, PyObject* metadata_by_slot,
                                   std::span<const std::uint8_t> valid) {
     list_ = metadata_by_slot;
-    changed_.clear();
+    changed_.resize(active_.size());
+    std::size_t count = 0;
     for (std::uint32_t position = 0; position < active_.size(); ++position) {
-        if (valid[position] != valid_[active_[position]]) changed_.push_back(position);
+        changed_[count] = position;
+        count += static_cast<std::size_t>(valid[position] != valid_[active_[position]]);
     }
+    changed_.resize(count);
     renew_validity(state, valid);
     list_ = nullptr;
+}
+
+// A dict's entries lie apart from it: a head, an index and up to five entries of 24 bytes.
+void MetadataMemory::prefetch_contents(std::size_t slot) const noexcept {
+    const auto* dict = reinterpret_cast<const PyDictObject*>(dict_of(slot));
+    const auto* entries = reinterpret_cast<const char*>(dict->ma_keys);
+    for (int line = 0; line < 3; ++line) __builtin_prefetch(entries + 64 * line);
 }
 
 // Which dicts are to be written is known beforehand, so each is fetched while others are written.
 // Each has the entry already: replacing its value needs no memory.
 void MetadataMemory::renew_validity(const State& state, std::span<const std::uint8_t> valid) {
-    const auto changed_dict = [&](std::size_t i) { return dict_of(active_[changed_[i]]); };
     constexpr std::size_t far_ahead = 16;
     constexpr std::size_t ahead = 8;
     for (std::size_t i = 0; i < changed_.size(); ++i) {
-        if (i + far_ahead < changed_.size()) __builtin_prefetch(changed_dict(i + far_ahead));
-        if (i + ahead < changed_.size()) prefetch_contents(changed_dict(i + ahead));
+        if (i + far_ahead < changed_.size()) prefetch(active_[changed_[i + far_ahead]]);
+        if (i + ahead < changed_.size()) prefetch_contents(active_[changed_[i + ahead]]);
         const std::uint32_t slot = active_[changed_[i]];
         PyObject* dict = dict_of(slot);
         const std::uint8_t validity = valid[changed_[i]];
@@ -170,10 +170,6 @@ void MetadataMemory::deactivate(const State& state, std::size_t slot) {
     PyDict_Clear(dict);
     set_entry(dict, state.names.active, Py_False);
     versions_[slot] = capi::dict_version(dict);
-}
-
-PyObject* MetadataMemory::dict_of(std::size_t slot) const noexcept {
-    return PyList_GET_ITEM(list_, static_cast<Py_ssize_t>(slot));
 }
 
 }  // namespace quorvane::virtualization

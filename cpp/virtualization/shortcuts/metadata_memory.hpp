@@ -28,6 +28,10 @@ public:
                 PyObject* legs, bool valid);
     void end_day(const State& state);
 
+    // During a day: start fetching a slot's dict, and then what it says.
+    void prefetch(std::size_t slot) const noexcept { __builtin_prefetch(dict_of(slot)); }
+    void prefetch_contents(std::size_t slot) const noexcept;
+
     // The slots that the last day reported, each once, in the order in which they came.
     [[nodiscard]] std::span<const std::uint32_t> reported() const noexcept { return active_; }
     // Changes with every day but those that report the same again.
@@ -55,7 +59,9 @@ private:
                   bool valid) noexcept;
     void renew_validity(const State& state, std::span<const std::uint8_t> valid);
     void deactivate(const State& state, std::size_t slot);
-    [[nodiscard]] PyObject* dict_of(std::size_t slot) const noexcept;
+    [[nodiscard]] PyObject* dict_of(std::size_t slot) const noexcept {
+        return PyList_GET_ITEM(list_, static_cast<Py_ssize_t>(slot));
+    }
 
     std::vector<std::uint64_t> versions_;
     std::vector<Entries> entries_;
