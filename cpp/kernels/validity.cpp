@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstddef>
 #include <limits>
+#include <numeric>
 
 namespace quorvane::kernels {
 
@@ -22,24 +23,28 @@ QUORVANE_SIMD void mark_finite(const double* __restrict values, std::uint8_t* __
 
 }  // namespace
 
-void judge_values(std::span<const double> values, std::span<std::uint8_t> valid) noexcept {
-    mark_finite(values.data(), valid.data(), valid.size());
+void StructuresByInstrument::index(std::span<const std::int32_t> offsets,
+                                   std::span<const std::int32_t> ids, std::int32_t highest_id) {
+    const auto instruments = static_cast<std::size_t>(highest_id + 1);
+    begin_.assign(instruments + 1, 0);
+    structures_.resize(ids.size());
+    for (const std::int32_t id : ids) ++begin_[static_cast<std::size_t>(id) + 1];
+    std::partial_sum(begin_.begin(), begin_.end(), begin_.begin());
+    std::vector<std::size_t> next(begin_.begin(), begin_.end() - 1);
+    for (std::size_t i = 0; i + 1 < offsets.size(); ++i) {
+        for (auto leg = offsets[i]; leg < offsets[i + 1]; ++leg) {
+            const auto id = static_cast<std::size_t>(ids[static_cast<std::size_t>(leg)]);
+            structures_[next[id]++] = static_cast<std::uint32_t>(i);
+        }
+    }
 }
 
-void judge_structures(std::span<const std::int32_t> offsets, std::span<const std::int32_t> ids,
-                      std::span<const std::uint8_t> dead, std::span<const double> values,
-                      std::span<std::uint8_t> valid) noexcept {
-    judge_values(values, valid);
-    const auto is_dead = [&](std::int32_t id) {
-        const auto index = static_cast<std::size_t>(id);
-        return index >= dead.size() || dead[index] != 0;
-    };
-    std::size_t leg = 0;
-    for (std::size_t i = 0; i < valid.size(); ++i) {
-        const auto end = static_cast<std::size_t>(offsets[i + 1]);
-        bool any_dead = false;
-        for (; leg < end; ++leg) any_dead |= is_dead(ids[leg]);
-        if (any_dead) valid[i] = 0;
+void judge_structures(const StructuresByInstrument& structures, std::span<const std::uint8_t> dead,
+                      std::span<const double> values, std::span<std::uint8_t> valid) noexcept {
+    mark_finite(values.data(), valid.data(), valid.size());
+    for (std::size_t instrument = 0; instrument < structures.instruments(); ++instrument) {
+        if (instrument < dead.size() && dead[instrument] == 0) continue;
+        for (const std::uint32_t structure : structures.of(instrument)) valid[structure] = 0;
     }
 }
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <limits>
 #include <vector>
 
@@ -11,37 +12,47 @@ namespace {
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 
+std::vector<std::uint8_t> judged(const std::vector<std::int32_t>& offsets,
+                                 const std::vector<std::int32_t>& ids,
+                                 const std::vector<std::uint8_t>& dead,
+                                 const std::vector<double>& values) {
+    StructuresByInstrument structures;
+    structures.index(offsets, ids, ids.empty() ? -1 : *std::ranges::max_element(ids));
+    std::vector<std::uint8_t> valid(values.size(), 9);
+    judge_structures(structures, dead, values, valid);
+    return valid;
+}
+
 void only_finite_values_are_valid() {
     const std::vector<double> values = {
         1.0, -0.0, infinity, -infinity, nan, std::numeric_limits<double>::max(), 5e-324};
-    std::vector<std::uint8_t> valid(values.size(), 9);
-    judge_values(values, valid);
-    CHECK(valid == std::vector<std::uint8_t>{1, 1, 0, 0, 0, 1, 1});
+    const std::vector<std::int32_t> no_legs(values.size() + 1, 0);
+    CHECK(judged(no_legs, {}, {}, values) == std::vector<std::uint8_t>{1, 1, 0, 0, 0, 1, 1});
 }
 
 void one_dead_leg_is_enough() {
-    const std::vector<std::int32_t> offsets = {0, 2, 4, 4, 5}, ids = {0, 1, 1, 2, 2};
-    const std::vector<std::uint8_t> dead = {0, 0, 2};
-    const std::vector<double> values = {1.0, 1.0, 1.0, 1.0};
-    std::vector<std::uint8_t> valid(values.size(), 9);
-    judge_structures(offsets, ids, dead, values, valid);
-    CHECK(valid == std::vector<std::uint8_t>{1, 0, 1, 0});
+    CHECK(judged({0, 2, 4, 4, 5}, {0, 1, 1, 2, 2}, {0, 0, 2}, {1.0, 1.0, 1.0, 1.0}) ==
+          std::vector<std::uint8_t>{1, 0, 1, 0});
 }
 
 void an_instrument_outside_is_dead() {
-    const std::vector<std::int32_t> offsets = {0, 1, 2, 3}, ids = {0, 1, -1};
-    std::vector<std::uint8_t> valid(3, 9);
-    judge_structures(offsets, ids, std::vector<std::uint8_t>{0}, std::vector{1.0, 1.0, 1.0}, valid);
-    CHECK(valid == std::vector<std::uint8_t>{1, 0, 0});
+    CHECK(judged({0, 1, 2, 3}, {0, 1, 5}, {0}, {1.0, 1.0, 1.0}) ==
+          std::vector<std::uint8_t>{1, 0, 0});
 }
 
 void live_legs_do_not_make_a_value_valid() {
-    const std::vector<std::int32_t> offsets = {0, 1, 2}, ids = {0, 0};
-    const std::vector<std::uint8_t> dead = {0};
-    const std::vector<double> values = {nan, 1.0};
-    std::vector<std::uint8_t> valid(values.size(), 9);
-    judge_structures(offsets, ids, dead, values, valid);
-    CHECK(valid == std::vector<std::uint8_t>{0, 1});
+    CHECK(judged({0, 1, 2}, {0, 0}, {0}, {nan, 1.0}) == std::vector<std::uint8_t>{0, 1});
+}
+
+void legs_are_found_the_other_way_round() {
+    StructuresByInstrument structures;
+    const std::vector<std::int32_t> offsets = {0, 2, 2, 5}, ids = {3, 0, 3, 1, 3};
+    structures.index(offsets, ids, 3);
+    CHECK(structures.instruments() == 4);
+    CHECK(std::ranges::equal(structures.of(0), std::vector<std::uint32_t>{0}));
+    CHECK(std::ranges::equal(structures.of(1), std::vector<std::uint32_t>{2}));
+    CHECK(structures.of(2).empty());
+    CHECK(std::ranges::equal(structures.of(3), std::vector<std::uint32_t>{0, 2, 2}));
 }
 
 }  // namespace
@@ -51,5 +62,6 @@ int main() {
     one_dead_leg_is_enough();
     an_instrument_outside_is_dead();
     live_legs_do_not_make_a_value_valid();
+    legs_are_found_the_other_way_round();
     return check::result();
 }

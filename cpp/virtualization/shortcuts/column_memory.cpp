@@ -7,6 +7,7 @@ void ColumnMemory::remember(const columns::Columns& columns, const SlotMemory& s
     const auto structures = static_cast<std::size_t>(PyTuple_GET_SIZE(columns.keys.get()));
     // A key that stands twice has one slot, whose value depends on both items.
     if (metadata.reported().size() != structures) return forget();
+    if (legs_.get() != columns.legs.get()) indexed_ = false;
     keys_ = columns.keys.share();
     legs_ = columns.legs.share();
     slots_version_ = slots.version();
@@ -17,6 +18,15 @@ void ColumnMemory::remember(const columns::Columns& columns, const SlotMemory& s
 void ColumnMemory::forget() noexcept {
     keys_ = Ref();
     legs_ = Ref();
+    indexed_ = false;
+}
+
+const kernels::StructuresByInstrument& ColumnMemory::by_instrument(const columns::Layout& layout) {
+    if (!indexed_) {
+        by_instrument_.index(layout.offsets, layout.leg_ids, layout.highest_id);
+        indexed_ = true;
+    }
+    return by_instrument_;
 }
 
 bool ColumnMemory::knows(const columns::Columns& columns, const SlotMemory& slots,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "columns/columns.hpp"
+#include "kernels/validity.hpp"
 #include "virtualization/shortcuts/leg_memory.hpp"
 #include "virtualization/shortcuts/metadata_memory.hpp"
 #include "virtualization/shortcuts/slot_memory.hpp"
@@ -18,11 +19,16 @@ public:
     [[nodiscard]] bool knows(const columns::Columns& columns, const SlotMemory& slots,
                              const LegMemory& legs, const MetadataMemory& metadata) const noexcept;
 
+    // The legs of the known columns the other way round, made when first asked for.
+    const kernels::StructuresByInstrument& by_instrument(const columns::Layout& layout);
+
     // Which structures are valid, for a day's use.
     std::vector<std::uint8_t> valid;
 
 private:
     Ref keys_, legs_;  // owned, so that their addresses are not given to other tuples
+    kernels::StructuresByInstrument by_instrument_;
+    bool indexed_ = false;
     std::uint64_t slots_version_ = 0;
     std::uint64_t legs_version_ = 0;
     std::uint32_t day_ = 0;

@@ -3,21 +3,9 @@
 #include <limits>
 #include <utility>
 
-#include "kernels/validity.hpp"
-
 namespace quorvane::virtualization {
 
 namespace {
-
-void judge(const LiveInstruments& live, const columns::Layout& layout,
-           std::span<const double> values, std::vector<std::uint8_t>& valid) {
-    valid.resize(values.size());
-    if (live.all_live() && std::cmp_less(layout.highest_id, live.dead().size())) {
-        kernels::judge_values(values, valid);
-    } else {
-        kernels::judge_structures(layout.offsets, layout.leg_ids, live.dead(), values, valid);
-    }
-}
 
 // Writes every reported slot, since NaN is there already and a branch would be hard to predict.
 void write_values(std::span<const double> values, std::span<const std::uint8_t> valid,
@@ -35,13 +23,17 @@ bool record_known_day(const State& state, const PlainRotation& plain,
                       capi::VectorView<double> txi_input) {
     const auto view = capi::readable_vector<double>(columns.values.get());
     const std::span<const std::uint32_t> slots = memory.metadata.reported();
+    const columns::Layout& layout = *columns.layout;
     if (!view || !view.contiguous() || view.span().size() != slots.size() ||
-        !memory.metadata.are_alone()) {
+        !memory.metadata.are_alone() ||
+        std::cmp_greater_equal(layout.highest_id, memory.live.dead().size())) {
         return false;
     }
     const std::span<const double> values = view.span();
     std::vector<std::uint8_t>& valid = memory.columns.valid;
-    judge(memory.live, *columns.layout, values, valid);
+    valid.resize(values.size());
+    kernels::judge_structures(memory.columns.by_instrument(layout), memory.live.dead(), values,
+                              valid);
     memory.metadata.report_again(state, plain.metadata_by_slot(), valid);
     write_values(values, valid, slots, txi_input);
     return true;

@@ -1,7 +1,5 @@
 #include "virtualization/shortcuts/live_instruments.hpp"
 
-#include <algorithm>
-
 #include "kernels/nan_mask.hpp"
 #include "virtualization/shortcuts/plain_size.hpp"
 
@@ -18,7 +16,6 @@ bool LiveInstruments::see(const DayMasks& masks, const capi::VectorView<double>&
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(masks.nan_masks); ++i) {
         if (!add(PyTuple_GET_ITEM(masks.nan_masks, i), row)) return false;
     }
-    all_live_ = std::ranges::all_of(dead_, [](std::uint8_t flag) { return flag == 0; });
     return true;
 }
 

@@ -17,14 +17,12 @@ public:
         return instrument < dead_.size() && dead_[instrument] == 0;
     }
 
-    [[nodiscard]] bool all_live() const noexcept { return all_live_; }
     [[nodiscard]] std::span<const std::uint8_t> dead() const noexcept { return dead_; }
 
 private:
     bool add(PyObject* mask, const capi::VectorView<double>& row);
 
     std::vector<std::uint8_t> dead_;  // by instrument, N of them
-    bool all_live_ = false;
 };
 
 }  // namespace quorvane::virtualization

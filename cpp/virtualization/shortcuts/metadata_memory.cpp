@@ -7,7 +7,7 @@ namespace quorvane::virtualization {
 namespace {
 
 // How far ahead the next dicts are fetched: a million of them do not fit in any cache.
-constexpr std::size_t prefetch_distance = 24;
+constexpr std::size_t prefetch_distance = 64;
 
 void set_entry(PyObject* dict, PyObject* key, PyObject* value) {
     require(PyDict_SetItem(dict, key, value));
