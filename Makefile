@@ -5,6 +5,7 @@
 #   make format      rewrite the sources as `make test` wants to see them
 #   make coverage    line and branch coverage of the C++, report in build/coverage/report
 #   make asan        the tests under the address and undefined-behaviour sanitizers
+#   make fuzz        random inputs for the module, its masks and the stores, INPUTS of each kind
 #   make tidy        clang-tidy over the C++
 #   make bench       every promise about speed and memory, measured: table, JSON and picture
 #   make bench-instructions   instructions per structure, counted by callgrind
@@ -37,7 +38,7 @@ SOURCES := CMakeLists.txt README.md LICENSE \
 CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
 STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
 
-.PHONY: demo test lint types check format coverage asan tidy bench bench-instructions \
+.PHONY: demo test lint types check format coverage asan fuzz tidy bench bench-instructions \
     dist-test clean distclean python-matches
 .DELETE_ON_ERROR:
 
@@ -90,6 +91,12 @@ asan: $(TEST_READY)
 	    UBSAN_OPTIONS=print_stacktrace=1:log_path=$(CURDIR)/build/asan/report \
 	    PYTHONMALLOC=malloc PYTHONPATH=$(CURDIR)/build/asan/python \
 	    $(PY) -m pytest -q || { cat build/asan/report.*; exit 1; }
+
+# Ends with an error at the first input on which the module and its plain twin differ.
+INPUTS ?= 1000000
+
+fuzz: $(TEST_READY)
+	$(PY) -m tests.fuzz --inputs $(INPUTS)
 
 tidy: $(TEST_READY)
 	command -v clang-tidy >/dev/null || $(PY) -m pip install -qq clang-tidy

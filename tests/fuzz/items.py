@@ -74,16 +74,19 @@ def make_rotation(random, base):
 
 def become_hostile(random, rotation, trigger):
     """Let code run somewhere in the middle of the day, which does something to the rotation."""
-    act, swallowed = pick(random, ACTS), ()
+    act = pick(random, ACTS)
     if chance(random, 0.6):
-        item = ITEM_PLACES[pick(random, sorted(ITEM_PLACES))](trigger)
+        spot = pick(random, sorted(ITEM_PLACES))
+        item = ITEM_PLACES[spot](trigger)
         place = int(random.random() * (len(rotation.items) + 1))
         rotation.items.insert(place, item)
     elif rotation.max_structures >= CAPACITY:
         spot = pick(random, SPOTS)
         PLACES[spot](rotation, trigger)
-        # What a finalizer raises reaches nobody.
-        swallowed = BaseException if spot in DELETIONS else ()
+    else:
+        return
+    # What a finalizer raises reaches nobody.
+    swallowed = BaseException if spot in DELETIONS else ()
     trigger.action = lambda: take_action(act, rotation, swallowed)
 
 
