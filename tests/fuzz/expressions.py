@@ -12,10 +12,10 @@ from support.siblings import recording_registry
 
 __all__ = ["play", "subjects"]
 
-NAMES = ["ewma", "rank", "zscore", "sigmoid", "longitudinal_ewma_67301c"]
+NAMES = ["ewma", "ewma", "ewma", "rank", "zscore", "sigmoid", "longitudinal_ewma_67301c"]
 NAMES += ["latitudinal_normalize_092871", "latitudinal_rank_688068"]
 NAMES += ["numerical_transcendental_2f4f61", "identity", "noop", "none", "recording_identity"]
-ARGUMENTS = ["", "20", " 3 ", "+5", "-1", "0", "1_0", "٣", "2.5", "1,2", "window=3", "x", "0x10"]
+ARGUMENTS = ["", "20", " 3 ", "+5", "-1", "0", "1_0", "٣", "2.5", "1,2", "window=3", "x", "a=1,b=2"]
 ARGUMENTS += ["1__0", "_1", "9" * 30, "20\n", "\x1c7\x1f", "1 2", "1e3", "²", "\U0001d7da"]
 SEPARATORS = [";", ";", ";", " ; ", ";;", "\n;\t", "\u00a0;\u2003", ",", "\uff1b", ""]
 SPACES = ["", "", "", " ", "\t\n", "\u00a0", "\u200b", "\x1c", "\x00"]
@@ -82,7 +82,7 @@ def token(random):
     if chance(random, 0.2):
         name = pick(random, [name.upper(), name.title(), name[:-1], name + "x", "x"])
     takes_argument = "ewma" in name.lower()
-    if chance(random, 0.85):
+    if chance(random, 0.7):
         if not takes_argument:
             return pick(random, [name, name, name + "()", name + "( )"])
         return f"{name}({pick(random, ARGUMENTS[1:3])})"

@@ -22,6 +22,7 @@ LEGS = [(), ((0, 1.0),), ((0, 1.0), (1, -1.0)), ((5, 0.5), (5, 0.25)), ((2, 0.0)
 WEIGHTS = [1.0, -1.0, 0.5, 0.0, -0.0, 1e300, 1e-320, 0.1, -3.0, 1e308]
 VALUES = [1.0, 2.0, -0.5, 0.0, -0.0, 1e308, 5e-324, float("nan"), float("inf"), 0.7, 1, 2**60]
 METADATA = [None, {}, {"note": 1}, {"key": "mine"}, {"legs": "mine", "x": 2}, {1: 2, None: 3}]
+METADATA += [{"slot": "?", "active": "?"}]
 FORMS = ["dict"] * 6 + ["record"] * 3 + ["object"] * 2
 ODD_FORMS = ["ordered", "subclass", "own get", "namespace", "raw"]
 DELIVERIES = ["list"] * 6 + ["tuple", "iterator", "deque", "values", "generator"]

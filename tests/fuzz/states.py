@@ -93,7 +93,26 @@ class FailingChild:
         raise LookupError("set_state", days.freeze(state))
 
 
+class OneState:
+    """Child that has one state object all its life, and hands it out."""
+
+    def __init__(self):
+        self.state = {"mine": [1]}
+
+    def __call__(self, values, *, context):
+        return values
+
+    def get_state(self):
+        return self.state
+
+    def set_state(self, state):
+        self.state.clear()
+        self.state["mine"] = state
+
+
 def make_child(random):
+    if chance(random, 0.2):
+        return OneState()
     if chance(random, 0.15):
         return FailingChild()
     if chance(random, 0.1):
