@@ -1,4 +1,4 @@
-"""A short run of every target, and inputs that once went wrong."""
+"""A short run of every target, and how a failure is told."""
 
 import os
 
