@@ -1,6 +1,6 @@
 #include "rotations/boilerplate/day.hpp"
 
-#include <algorithm>
+#include <cstring>
 
 #include "rotations/arguments.hpp"
 #include "rotations/boilerplate/construction.hpp"
@@ -93,8 +93,9 @@ Ref copy_of_output(const State& state, PyObject* self, PyObject* output, Py_ssiz
     const auto values = capi::readable_vector<double>(output);
     if (!values || !values.contiguous()) return copy_of_any_output(state, self, output, N);
     if (values.size() < N) raise_short_output(state, self, N);
-    const auto head = values.span().first(static_cast<std::size_t>(N));
-    std::ranges::copy(head, writable_doubles(copy.get()).span().begin());
+    // Not std::copy, of which the compiler makes a loop of its own: the library's takes half as long.
+    std::memcpy(writable_doubles(copy.get()).span().data(), values.span().data(),
+                static_cast<std::size_t>(N) * sizeof(double));
     return copy;
 }
 
