@@ -4,6 +4,7 @@
 
 #include "capi/array_view.hpp"
 #include "virtualization/context.hpp"
+#include "virtualization/shortcuts/float64.hpp"
 #include "virtualization/shortcuts/plain_size.hpp"
 
 namespace quorvane::virtualization {
@@ -62,8 +63,12 @@ Ref replay_day(const State& state, PyObject* self, PyObject* arrays, PyObject* u
     const Ref context_class = state.global(names.VirtualContext);
     const Ref context = make_context(state, context_class.get(), universe, day);
     // The rows, with a place for the rotation in front and for the context behind.
+    const auto inputs = static_cast<std::size_t>(PyList_GET_SIZE(arrays));
     std::vector<Ref> rows;
-    std::vector<PyObject*> stack{nullptr};
+    rows.reserve(inputs);
+    std::vector<PyObject*> stack;
+    stack.reserve(inputs + 2);
+    stack.push_back(nullptr);
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(arrays); ++i) {
         rows.push_back(row_of(PyList_GET_ITEM(arrays, i), day));
         stack.push_back(rows.back().get());
@@ -89,7 +94,7 @@ Ref batch_reference(State& state, PyObject* const* values) {
         const Ref output = replay_day(state, self, arrays.get(), universe.get(), day.get());
         capi::append(outputs.get(), output.get());
     }
-    return call(state.numpy(state.names.vstack).get(), outputs.get());
+    return stack_rows(state, outputs.get());
 }
 
 }  // namespace

@@ -28,7 +28,37 @@ Ref copy_of(PyObject* source) {
     return copy;
 }
 
+bool is_row_of(PyObject* object, npy_intp width) noexcept {
+    const auto row = capi::readable_vector<double>(object);
+    return row && row.contiguous() && row.size() == width && is_float64_array(object);
+}
+
+// The rows below each other; empty unless they are float64 rows of one width.
+Ref stack_plain_rows(PyObject* rows) {
+    const Py_ssize_t count = PyList_GET_SIZE(rows);
+    if (count == 0) return {};
+    const npy_intp width = capi::readable_vector<double>(PyList_GET_ITEM(rows, 0)).size();
+    for (Py_ssize_t i = 0; i < count; ++i) {
+        if (!is_row_of(PyList_GET_ITEM(rows, i), width)) return {};
+    }
+    npy_intp shape[] = {count, width};
+    Ref matrix = require(PyArray_SimpleNew(2, shape, NPY_DOUBLE));
+    auto* place = static_cast<double*>(PyArray_DATA(capi::as_array(matrix.get())));
+    for (Py_ssize_t i = 0; i < count; ++i) {
+        const auto row = capi::readable_vector<double>(PyList_GET_ITEM(rows, i));
+        place = std::ranges::copy(row.span(), place).out;
+    }
+    return matrix;
+}
+
 }  // namespace
+
+Ref stack_rows(const State& state, PyObject* rows) {
+    if (state.pristine.numpy_holds(state)) {
+        if (Ref matrix = stack_plain_rows(rows)) return matrix;
+    }
+    return call(state.numpy(state.names.vstack).get(), rows);
+}
 
 Ref as_float64(const State& state, PyObject* argument) {
     if (is_float64_array(argument) && state.pristine.numpy_holds(state)) {

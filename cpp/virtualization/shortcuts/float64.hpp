@@ -13,6 +13,9 @@ Ref find_array_function(const State& state);
 // array(source, dtype=np.float64, copy=True) with the function that was found a moment ago.
 Ref call_copying(const State& state, const Ref& array, PyObject* source);
 
+// np.vstack(rows) of a list
+Ref stack_rows(const State& state, PyObject* rows);
+
 // np.array(<argument>, dtype=np.float64, copy=True): an array that nobody else holds. The argument
 // is an expression, evaluated between the two looks at NumPy as the statement evaluates it.
 template <class Argument>

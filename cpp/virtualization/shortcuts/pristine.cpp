@@ -16,7 +16,8 @@ void Pristine::remember(const State& state) {
     for (PyObject* name :
          {static_cast<PyObject*>(names.nan), static_cast<PyObject*>(names.float64),
           static_cast<PyObject*>(names.zeros), static_cast<PyObject*>(names.array),
-          static_cast<PyObject*>(names.asarray), static_cast<PyObject*>(names.isfinite)}) {
+          static_cast<PyObject*>(names.asarray), static_cast<PyObject*>(names.isfinite),
+          static_cast<PyObject*>(names.vstack)}) {
         numpy_values_[index].name = name;
         numpy_values_[index++].value = capi::dict_get(numpy_dict_.get(), name);
     }
