@@ -36,21 +36,22 @@ inline unsigned int version_of(PyTypeObject* type) noexcept {
 // the same version always means the same type with the same contents.
 inline constexpr bool type_versions_are_unique = PY_VERSION_HEX >= 0x030B0000;
 
-// The version of the type for which a question was last answered with yes.
+// Remembers for which version of a type a question was last answered with yes.
 class TypeAnswer {
 public:
-    // Whether that is the version that the type has now.
-    [[nodiscard]] bool holds(PyTypeObject* type) const noexcept {
-        return type_versions_are_unique && version_ != 0 && version_ == version_of(type);
-    }
-    // Keeps a yes; the question has looked something up in the type, which gave it its version.
-    bool keep(bool answer, PyTypeObject* type) noexcept {
-        if (answer) version_ = version_of(type);
-        return answer;
+    // The answer of question(), which is not asked again while the type is as it was at a yes.
+    template <class Question>
+    bool ask(PyTypeObject* type, Question&& question) {
+        const unsigned int version = version_of(type);
+        if (type_versions_are_unique && version != 0 && version == yes_of_) return true;
+        const bool yes = std::forward<Question>(question)();
+        // Looking something up in the type may run code that changes it, and with it the version.
+        if (yes && version == version_of(type)) yes_of_ = version;
+        return yes;
     }
 
 private:
-    unsigned int version_ = 0;
+    unsigned int yes_of_ = 0;
 };
 
 // From Python 3.13 on an instance's own dictionary may be a view of values inside the instance, and

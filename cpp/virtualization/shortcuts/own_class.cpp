@@ -17,7 +17,7 @@ void OwnClass::remember(const Ref& made, const capi::FunctionDef& init, PyObject
 
 bool OwnClass::is(const State& state, PyObject* object) const {
     if (!class_ || object != class_.get() || !Py_IS_TYPE(object, &PyType_Type)) return false;
-    return seen_.holds(type()) || seen_.keep(look(state), type());
+    return seen_.ask(type(), [&] { return look(state); });
 }
 
 bool OwnClass::look(const State& state) const {

@@ -39,10 +39,7 @@ void PlainRotation::look() {
     if (!state_.pristine.numpy_holds(state_)) return;
     watch_.add_dict(state_.pristine.numpy_dict());
     if (!state_.pristine.structure_class_holds(state_)) return;
-    if (!state_.plain_class.holds(type()) &&
-        !state_.plain_class.keep(class_is_plain(type()), type())) {
-        return;
-    }
+    if (!state_.plain_class.ask(type(), [&] { return class_is_plain(type()); })) return;
     // Types get their version when something is looked up in them, which has been done now.
     watch_.add_type(type());
     watch_.add_type(state_.pristine.structure_class());

@@ -65,9 +65,8 @@ bool Pristine::structure_class_holds(const State& state) const {
         PyFunction_GetCode(structure_init_.get()) != structure_init_code_.get()) {
         return false;
     }
-    PyTypeObject* type = structure_class();
-    return structure_class_seen_.holds(type) ||
-           structure_class_seen_.keep(look_at_structure_class(state), type);
+    return structure_class_seen_.ask(structure_class(),
+                                     [&] { return look_at_structure_class(state); });
 }
 
 bool Pristine::look_at_structure_class(const State& state) const {

@@ -316,6 +316,57 @@ def test_report_changed_while_it_is_recorded_is_gone_through_as_it_is(change, ki
     same_on_both(scenario)
 
 
+# --- the rotation's class ---------------------------------------------------------------------
+
+
+class Watching:
+    """Key of a class with the hash of a name and equal to nothing; acts once when compared."""
+
+    def __init__(self, name):
+        self.name = name
+        self.action = None
+
+    def __hash__(self):
+        return hash(self.name)
+
+    def __eq__(self, other):
+        if self.action:
+            action, self.action = self.action, None
+            action()
+        return False
+
+
+STEPS = ["_normalize_structure", "_slot_for_key", "_structure_is_valid"]
+
+
+@pytest.mark.parametrize("looked_up", [*STEPS, "max_structures", "_txi_input", "slot_by_key"])
+@pytest.mark.parametrize("changed", STEPS)
+def test_class_changed_while_it_is_looked_into_is_looked_into_again(looked_up, changed):
+    replaced = {
+        "_normalize_structure": lambda self, item: type(
+            "Record", (), {"key": (), "legs": ((3, 1.0),), "value": 8.0, "metadata": None}
+        ),
+        "_slot_for_key": lambda self, key: 3,
+        "_structure_is_valid": lambda *_: False,
+    }
+
+    def scenario(base, attributes):
+        key = Watching(looked_up)
+        body = {**attributes, "_refresh_active_structures": lambda *_: ITEMS, key: None}
+        own = type("Own", (base.VirtualizationBase,), body)
+        rotation = own(max_structures=4, N_alloc=6, transformation_expression="none")
+        log = [a_day(rotation), a_day(rotation)]
+        key.action = lambda: setattr(own, changed, replaced[changed])
+        own.further = 1  # so that nothing is known of the class any more
+        days.outcome(rotation, np.ones(6))
+        if key.action:
+            key.action()
+        return [*log, *[days.outcome(rotation, np.ones(6)) for _ in range(3)]]
+
+    log = same_on_both(scenario)
+    assert log[1][0] != log[2]
+
+
 # --- the framework's __call__ -----------------------------------------------------------------
 
 
