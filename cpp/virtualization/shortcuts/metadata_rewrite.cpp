@@ -1,87 +1,96 @@
 #include "virtualization/shortcuts/metadata_rewrite.hpp"
 
+#include <algorithm>
+#include <bit>
+
 #include "virtualization/shortcuts/fetch_ahead.hpp"
 
 namespace quorvane::virtualization {
 
-namespace {
-
-constexpr Py_ssize_t distance = 8;
-
-void fetch_values(PyObject* dict) noexcept {
-    if (!PyDict_CheckExact(dict)) return;
-    Py_ssize_t position = 0;
-    PyObject* value = nullptr;
-    while (PyDict_Next(dict, &position, nullptr, &value) != 0) fetch(value);
-}
-
-// The slots are visited downwards.
-void fetch_slots_below(PyObject** own, PyObject** given, Py_ssize_t slot) noexcept {
-    if (slot >= 3 * distance) {
-        fetch(own[slot - 3 * distance]);
-        fetch(given[slot - 3 * distance]);
-    }
-    if (slot >= 2 * distance) {
-        fetch_entries(own[slot - 2 * distance]);
-        fetch_entries(given[slot - 2 * distance]);
-    }
-    if (slot >= distance) {
-        fetch_values(own[slot - distance]);
-        fetch_values(given[slot - distance]);
-    }
-}
-
-}  // namespace
-
 bool MetadataRewrite::run(PyObject* given) {
-    PyObject** own_dicts = PySequence_Fast_ITEMS(list_);
-    PyObject** given_dicts = PySequence_Fast_ITEMS(given);
-    for (Py_ssize_t slot = PyList_GET_SIZE(list_); slot-- > 0;) {
-        fetch_slots_below(own_dicts, given_dicts, slot);
-        PyObject* dict = given_dicts[slot];
-        if (!PyDict_CheckExact(dict)) return false;
-        const auto index = static_cast<std::uint32_t>(slot);
-        if (!rewrite_values(index, own_dicts[slot], dict)) replace_dict(index, dict);
+    const Py_ssize_t slots = PyList_GET_SIZE(list_);
+    std::array<Comparison, batch> compared;
+    for (Py_ssize_t end = slots; end > 0; end -= batch) {
+        fetch_dicts(given, end - 2 * batch);
+        fetch_all_entries(given, end - batch);
+        const Py_ssize_t count = std::min(batch, end);
+        for (Py_ssize_t i = 0; i < count; ++i) {
+            const Py_ssize_t slot = end - 1 - i;
+            PyObject* dict = PyList_GET_ITEM(given, slot);
+            if (!PyDict_CheckExact(dict)) return false;
+            compare(PyList_GET_ITEM(list_, slot), dict, compared[static_cast<std::size_t>(i)]);
+        }
+        for (Py_ssize_t i = 0; i < count; ++i) {
+            const Py_ssize_t slot = end - 1 - i;
+            const Comparison& comparison = compared[static_cast<std::size_t>(i)];
+            if (!comparison.has_same_words) {
+                replace_dict(slot, PyList_GET_ITEM(given, slot));
+            } else if (comparison.differing != 0) {
+                write_values(slot, comparison);
+            }
+        }
     }
     // A copy of the dictionary that holds the list would be somebody else who holds it.
     return Py_REFCNT(list_) == 1;
 }
 
-bool MetadataRewrite::rewrite_values(std::uint32_t slot, PyObject* dict, PyObject* given) {
-    if (Py_REFCNT(dict) != 1 || !PyDict_CheckExact(dict)) return false;
-    const auto size = static_cast<std::size_t>(PyDict_Size(dict));
-    if (size > most_words || size != static_cast<std::size_t>(PyDict_Size(given))) return false;
-    std::array<PyObject*, most_words> words{}, old_values{}, new_values{};
-    Py_ssize_t own_position = 0;
-    Py_ssize_t given_position = 0;
-    for (std::size_t i = 0; i < size; ++i) {
-        Words pair;
-        PyDict_Next(dict, &own_position, &pair.own, &old_values[i]);
-        PyDict_Next(given, &given_position, &pair.given, &new_values[i]);
-        if (!is_same_word(i, pair)) return false;
-        words[i] = pair.own;
+// Of the batch of slots below `end`, none when that is not above zero.
+void MetadataRewrite::fetch_dicts(PyObject* given, Py_ssize_t end) const noexcept {
+    for (Py_ssize_t slot = end; slot-- > std::max(end - batch, Py_ssize_t{0});) {
+        fetch(PyList_GET_ITEM(list_, slot));
+        fetch(PyList_GET_ITEM(given, slot));
     }
-    std::uint32_t mask = 0;
-    for (std::size_t i = 0; i < size; ++i) {
-        if (old_values[i] != new_values[i]) mask |= std::uint32_t{1} << i;
-    }
-    if (mask == 0) return true;
-    make_room();
-    changes_.push_back({slot, mask});
-    for (std::size_t i = 0; i < size; ++i) {
-        if (old_values[i] != new_values[i]) replaced_.push_back(Ref::borrow(old_values[i]));
-    }
-    for (std::size_t i = 0; i < size; ++i) {
-        if (old_values[i] != new_values[i]) require(PyDict_SetItem(dict, words[i], new_values[i]));
-    }
-    return true;
 }
 
-void MetadataRewrite::replace_dict(std::uint32_t slot, PyObject* given) {
+void MetadataRewrite::fetch_all_entries(PyObject* given, Py_ssize_t end) const noexcept {
+    for (Py_ssize_t slot = end; slot-- > std::max(end - batch, Py_ssize_t{0});) {
+        fetch_entries(PyList_GET_ITEM(list_, slot));
+        fetch_entries(PyList_GET_ITEM(given, slot));
+    }
+}
+
+void MetadataRewrite::compare(PyObject* dict, PyObject* given, Comparison& comparison) noexcept {
+    comparison.has_same_words = false;
+    comparison.differing = 0;
+    if (Py_REFCNT(dict) != 1 || !PyDict_CheckExact(dict)) return;
+    const Py_ssize_t size = PyDict_Size(dict);
+    if (size > most_words || size != PyDict_Size(given)) return;
+    Py_ssize_t own_position = 0;
+    Py_ssize_t given_position = 0;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(size); ++i) {
+        Words words;
+        Entry& entry = comparison.entries[i];
+        PyDict_Next(dict, &own_position, &words.own, &entry.old_value);
+        PyDict_Next(given, &given_position, &words.given, &entry.new_value);
+        if (!is_same_word(i, words)) return;
+        entry.word = words.own;
+        if (entry.old_value == entry.new_value) continue;
+        comparison.differing |= std::uint32_t{1} << i;
+        fetch(entry.old_value);
+        fetch(entry.new_value);
+    }
+    comparison.has_same_words = true;
+}
+
+void MetadataRewrite::write_values(Py_ssize_t slot, const Comparison& comparison) {
+    make_room();
+    PyObject* dict = PyList_GET_ITEM(list_, slot);
+    changes_.push_back({static_cast<std::uint32_t>(slot), comparison.differing});
+    for (std::uint32_t rest = comparison.differing; rest != 0; rest &= rest - 1) {
+        const Entry& entry = comparison.entries[static_cast<std::size_t>(std::countr_zero(rest))];
+        replaced_.push_back(Ref::borrow(entry.old_value));
+    }
+    for (std::uint32_t rest = comparison.differing; rest != 0; rest &= rest - 1) {
+        const Entry& entry = comparison.entries[static_cast<std::size_t>(std::countr_zero(rest))];
+        require(PyDict_SetItem(dict, entry.word, entry.new_value));
+    }
+}
+
+void MetadataRewrite::replace_dict(Py_ssize_t slot, PyObject* given) {
     Ref copy = require(PyDict_Copy(given));
     make_room();
     PyObject** place = PySequence_Fast_ITEMS(list_) + slot;
-    changes_.push_back({slot, whole_dict});
+    changes_.push_back({static_cast<std::uint32_t>(slot), whole_dict});
     replaced_.push_back(Ref::steal(*place));
     *place = copy.release();
 }
@@ -100,7 +109,7 @@ bool MetadataRewrite::is_same_word(std::size_t position, const Words& words) noe
 // So that noting a change, once it is made, cannot fail.
 void MetadataRewrite::make_room() {
     if (changes_.size() == changes_.capacity()) changes_.reserve(2 * changes_.size() + 64);
-    if (replaced_.size() + most_words > replaced_.capacity()) {
+    if (replaced_.size() + static_cast<std::size_t>(most_words) > replaced_.capacity()) {
         replaced_.reserve(2 * replaced_.size() + 256);
     }
 }
@@ -126,7 +135,7 @@ void MetadataRewrite::undo() noexcept {
 // Writing to a word that is there allocates nothing and so cannot fail.
 void MetadataRewrite::undo_values(const Change& change) {
     PyObject* dict = PyList_GET_ITEM(list_, static_cast<Py_ssize_t>(change.slot));
-    const auto count = static_cast<std::size_t>(__builtin_popcount(change.mask));
+    const auto count = static_cast<std::size_t>(std::popcount(change.mask));
     std::size_t next = replaced_.size() - count;
     Py_ssize_t position = 0;
     PyObject* word = nullptr;

@@ -31,7 +31,10 @@ public:
     void release();
 
 private:
-    static constexpr std::size_t most_words = 8;
+    static constexpr Py_ssize_t most_words = 8;
+    // So many slots are compared, and what they hold is fetched, before the first is written. The
+    // slots are visited downwards.
+    static constexpr Py_ssize_t batch = 16;
     static constexpr std::uint32_t whole_dict = std::uint32_t{1} << most_words;
 
     // What has been replaced at a slot: the whole dict, or the values of the words in the mask.
@@ -44,8 +47,23 @@ private:
         PyObject* given = nullptr;
     };
 
-    bool rewrite_values(std::uint32_t slot, PyObject* dict, PyObject* given);
-    void replace_dict(std::uint32_t slot, PyObject* given);
+    // Which entries of a dict differ from those of the one that it is to be like.
+    struct Entry {
+        PyObject* word;
+        PyObject* old_value;
+        PyObject* new_value;
+    };
+    struct Comparison {
+        bool has_same_words;
+        std::uint32_t differing;  // by position
+        std::array<Entry, most_words> entries;
+    };
+
+    void fetch_dicts(PyObject* given, Py_ssize_t end) const noexcept;
+    void fetch_all_entries(PyObject* given, Py_ssize_t end) const noexcept;
+    void compare(PyObject* dict, PyObject* given, Comparison& comparison) noexcept;
+    void write_values(Py_ssize_t slot, const Comparison& comparison);
+    void replace_dict(Py_ssize_t slot, PyObject* given);
     bool is_same_word(std::size_t position, const Words& words) noexcept;
     void make_room();
     void undo() noexcept;
