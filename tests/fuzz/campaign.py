@@ -17,6 +17,8 @@ TARGETS = ["expressions", "items", "states", "records", "masks", "columns"]
 
 # Objects are shown with their addresses, which two subjects cannot have in common.
 ADDRESS = re.compile(r" at 0x[0-9a-f]+")
+# Of two NaNs an addition returns one, and which one is the choice of whoever compiled it.
+NEGATIVE_NAN, NAN = r"\x00\xf8\xff", r"\x00\xf8\x7f"
 SHOWN = 300
 
 
@@ -64,7 +66,7 @@ def first_difference(seen):
     """Describe where the second subject's log leaves the first's, or return None."""
     if all(log == seen[0] for log in seen):
         return None
-    native, twin = (ADDRESS.sub("", repr(log)) for log in seen)
+    native, twin = (ADDRESS.sub("", repr(log)).replace(NEGATIVE_NAN, NAN) for log in seen)
     if native == twin:
         return None
     places = enumerate(zip(native, twin, strict=False))

@@ -2,9 +2,11 @@
 
 import os
 
+import numpy as np
 import pytest
 
 from fuzz import campaign
+from support import days
 
 LONG = bool(os.environ.get("QUORVANE_LONG"))
 INPUTS = {
@@ -74,3 +76,12 @@ def test_an_exception_out_of_a_target_is_a_failure(monkeypatch):
     monkeypatch.setattr(campaign, "module_of", lambda target: Raising)
     _, failure = campaign.run("items", seed=5, inputs=1)
     assert "LookupError: not of the target's" in str(failure)
+
+
+def test_addresses_and_the_sign_of_a_nan_are_no_difference():
+    def log(number, place):
+        return [days.freeze(np.array([number])), f"<object at {place}>"]
+
+    assert campaign.first_difference([log(np.nan, "0x7f1"), log(-np.nan, "0x9a")]) is None
+    assert campaign.first_difference([log(0.0, "0x7f1"), log(-0.0, "0x7f1")]) is not None
+    assert campaign.first_difference([log(np.nan, "0x7f1"), log(np.inf, "0x7f1")]) is not None
