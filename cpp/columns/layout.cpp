@@ -33,11 +33,14 @@ Ref vector_from(const char* argument, PyObject* given) {
 
 // The vector as native, contiguous numbers of the type; a vector without entries has no type.
 Ref cast_vector(const Ref& array, int type_number) {
-    const bool is_empty = PyArray_SIZE(capi::as_array(array.get())) == 0;
-    const int flags = NPY_ARRAY_IN_ARRAY | NPY_ARRAY_NOTSWAPPED | NPY_ARRAY_ENSUREARRAY |
-                      (is_empty ? NPY_ARRAY_FORCECAST : 0);
-    return require(
-        PyArray_FromAny(array.get(), PyArray_DescrFromType(type_number), 1, 1, flags, nullptr));
+    PyArrayObject* given = capi::as_array(array.get());
+    if (PyArray_SIZE(given) == 0 && PyArray_TYPE(given) != type_number) {
+        npy_intp none[] = {0};
+        return require(PyArray_SimpleNew(1, none, type_number));
+    }
+    return require(PyArray_FromAny(
+        array.get(), PyArray_DescrFromType(type_number), 1, 1,
+        NPY_ARRAY_IN_ARRAY | NPY_ARRAY_NOTSWAPPED | NPY_ARRAY_ENSUREARRAY, nullptr));
 }
 
 template <class T>
