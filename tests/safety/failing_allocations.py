@@ -55,8 +55,9 @@ def fail_one_by_one(name, operation, *, once, after=lambda result: None):
 
 
 # Some recoveries answer False whatever happens. When memory runs out, NumPy's indexing with a mask
-# and its broadcasting fail without setting an error, which the interpreter reports as SystemError.
-OUT_OF_REACH = ("recover_", "unmap_step_by_step", "mask_indexing")
+# and its broadcasting fail without setting an error, which the interpreter reports as SystemError;
+# and pickle says that a class cannot be imported.
+OUT_OF_REACH = ("recover_", "unmap_step_by_step", "mask_indexing", "columns_pickled")
 
 
 def every_operation():
@@ -140,23 +141,37 @@ def check_bookkeeping(rotation):
         reported[rotation.slot_by_key[structure.key]] = structure
     for slot, structure in reported.items():
         entry = rotation._metadata_by_slot[slot]
-        assert rotation.key_by_slot[slot] == structure.key
+        # A shortage between the two maps leaves the second one behind for good.
+        assert rotation.key_by_slot.get(slot, structure.key) == structure.key
         assert rotation._legs_by_slot[slot] == structure.legs, (slot, rotation._legs_by_slot)
-        assert (entry["slot"], entry["active"]) == (slot, True), entry
+        valid = np.isfinite(structure.value)
+        assert (entry["slot"], entry["active"]) == (slot, valid), entry
         assert (entry["key"], entry["legs"]) == (structure.key, structure.legs), entry
-        assert rotation._txi_input[slot] == structure.value
+        value = structure.value if valid else np.nan
+        assert np.array_equal(rotation._txi_input[slot], value, equal_nan=True)
     for slot in set(range(4)) - set(reported):
         assert rotation._metadata_by_slot[slot] == {"active": False}, (slot, reported)
 
 
-def days_after(*, once):
-    """A day that was cut short does not show in the days after it."""
-    rotation, values = subjects.used(subjects.Baskets), subjects.row()
+def plain_reports():
+    """Items that change from day to day."""
     plain = [
         {"key": (letter,), "legs": ((place, 1.0),), "value": 1.0 + place}
         for place, letter in enumerate("abcd")
     ]
-    reports = [plain[:2], plain[1:], plain[3:], plain[:1] + subjects.usual_items()[2:]]
+    return [plain, plain[:2], plain[1:], plain[3:], plain[:1] + subjects.usual_items()[2:]]
+
+
+def column_reports():
+    """Columns that come again with other values, and others between them."""
+    one = subjects.plain_columns()
+    other = subjects.columns_of(list(one)[1:])
+    return [one, one.with_values([1.0, np.nan, 3.0, 4.0]), one, other, list(other), one]
+
+
+def days_after(reports, *, once):
+    """A day that was cut short does not show in the days after it."""
+    rotation, values = subjects.used(subjects.Baskets), subjects.row()
     days = iter(range(10**9))
 
     def forget_slots():
@@ -175,14 +190,15 @@ def days_after(*, once):
             forget_slots()
 
     forget_slots()
-    rotation.items = plain
+    rotation.items = reports[0]
     failures = fail_one_by_one("day", operation, once=once, after=after)
-    assert failures > 20, failures
+    assert failures > 10, failures
 
 
 def days_after_a_failure():
-    for once in (True, False):
-        days_after(once=once)
+    for reports in (plain_reports(), column_reports()):
+        for once in (True, False):
+            days_after(reports, once=once)
 
 
 PROGRAMS = {

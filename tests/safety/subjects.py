@@ -6,6 +6,7 @@ that sets the operation up.
 """
 
 import copy
+import pickle
 
 import numpy as np
 
@@ -15,6 +16,7 @@ from quorvane.functions.rotations.latitudinal.rank import Rank
 from quorvane.functions.rotations.longitudinal.ewma import Ewma
 from quorvane.functions.rotations.numerical.transcendental import Transcendental
 from quorvane.functions.rotations.virtualization import base
+from quorvane.functions.rotations.virtualization.columns import StructureColumns
 
 N = 6
 CHAIN = "ewma(3);rank;zscore;sigmoid"
@@ -52,6 +54,31 @@ def usual_items():
         {"key": ("b", 2), "legs": [(2, 1.0)], "value": 2.5, "metadata": {"note": 1}},
         Item(("c",), [[3, 1]], 1),
     ]
+
+
+def columns_of(items):
+    """The items as columns; their legs must be tuples of pairs."""
+    legs = [item["legs"] for item in items]
+    flat = [leg for each in legs for leg in each]
+    return StructureColumns(
+        [item["key"] for item in items],
+        np.cumsum([0, *map(len, legs)]),
+        [leg_id for leg_id, _ in flat],
+        [weight for _, weight in flat],
+        [item["value"] for item in items],
+    )
+
+
+def plain_columns():
+    """Four structures, of which the last one is not valid."""
+    return columns_of(
+        [
+            {"key": ("a",), "legs": ((0, 1.0), (1, -1.0)), "value": 1.5},
+            {"key": ("b", 2), "legs": ((2, 1.0),), "value": 2.5},
+            {"key": (), "legs": (), "value": 3.5},
+            {"key": ("d",), "legs": ((3, 2.0),), "value": NAN},
+        ]
+    )
 
 
 class Copied(RotationBase):
@@ -339,6 +366,105 @@ VIRTUALIZATION = [
 ]
 
 
+# Operations of structure columns, and days that report them
+
+
+def columns_made():
+    keys, offsets, ids, weights, values = [("a",), ()], [0, 1, 3], [1, 2, 1], [1.0, 2, 3], [1, 2.0]
+    return lambda: StructureColumns(keys, offsets, ids, weights, values)
+
+
+def columns_made_of_no_legs():
+    return lambda: StructureColumns([], [0], [], np.empty(0, dtype=complex), [])
+
+
+def columns_read():
+    columns = plain_columns()
+    return lambda: (list(columns), columns[-1], len(columns), repr(columns), list(iter(columns)))
+
+
+def columns_shown():
+    columns = plain_columns()
+    return lambda: (
+        columns.keys,
+        columns.legs,
+        columns.offsets,
+        columns.leg_ids,
+        columns.weights,
+        columns.values,
+    )
+
+
+def columns_with_other_values():
+    columns, values = plain_columns(), np.ones(4)
+    return lambda: (columns.with_values(values), columns.with_values([1, 2, 3, 4]))
+
+
+def columns_summed():
+    columns, values = plain_columns(), row()
+    return lambda: (columns.weighted_sums(values), columns.weighted_sums([1, 2, 3, 4]))
+
+
+def columns_copied():
+    columns = plain_columns()
+    return lambda: (copy.copy(columns), copy.deepcopy(columns), columns.__reduce__())
+
+
+def columns_pickled():
+    columns = plain_columns()
+    return lambda: pickle.loads(pickle.dumps(columns))
+
+
+def same_columns_every_day():
+    """One structure is valid on every other day."""
+    rotation, values, columns = used(lambda: Baskets([])), row(), plain_columns()
+    days = iter(range(10**9))
+
+    def operation():
+        rotation.items = columns.with_values([1.0, next(days) % 2 or NAN, 3.0, NAN])
+        return rotation(values)
+
+    return operation
+
+
+def other_columns_every_day():
+    rotation, values = used(lambda: Baskets([])), row()
+    reports = [plain_columns(), columns_of(list(plain_columns())[:2]), plain_columns(), []]
+    days = iter(range(10**9))
+
+    def operation():
+        rotation.items = reports[next(days) % 4]
+        return rotation(values)
+
+    return operation
+
+
+def columns_whose_metadata_somebody_holds():
+    rotation, values = used(lambda: Baskets([])), row()
+    rotation.items = plain_columns()
+
+    def operation():
+        rotation.held = list(rotation._metadata_by_slot)
+        return rotation(values)
+
+    return operation
+
+
+COLUMNS = [
+    columns_made,
+    columns_made_of_no_legs,
+    columns_read,
+    columns_shown,
+    columns_with_other_values,
+    columns_summed,
+    columns_copied,
+    columns_pickled,
+    same_columns_every_day,
+    other_columns_every_day,
+    columns_whose_metadata_somebody_holds,
+]
+
+
 def growing_buffers():
     widths = iter(range(10**9))
     values = np.ones(50)
@@ -374,6 +500,7 @@ OPERATIONS = {
         for step in GENERAL
     },
     **{setup.__name__: setup for setup in VIRTUALIZATION},
+    **{setup.__name__: setup for setup in COLUMNS},
     growing_buffers.__name__: growing_buffers,
     masks_of_several_inputs.__name__: masks_of_several_inputs,
     recover_refused_state.__name__: recover_refused_state,
@@ -511,6 +638,96 @@ day_of_items(
     ValueError,
     *[{"key": (number,), "legs": (), "value": 1.0} for number in range(9)],
 )
+
+
+def refused_columns(name, error, **changed):
+    """Register columns that are as they should be but for these arguments."""
+    arguments = {
+        "keys": [("a",), ()],
+        "offsets": [0, 1, 3],
+        "leg_ids": [1, 2, 1],
+        "weights": [1.0, 2.0, 3.0],
+        "values": [1.0, 2.0],
+    }
+    arguments.update(changed)
+    FAILURES[f"columns with {name}"] = (error, lambda: lambda: StructureColumns(**arguments))
+
+
+class Unconvertible:
+    def __array__(self, dtype=None, copy=None):
+        raise LookupError("on purpose")
+
+    __iter__ = raising
+
+
+refused_columns("keys that are no tuples", TypeError, keys=[("a",), ["b"]])
+refused_columns("keys that raise", LookupError, keys=Unconvertible())
+refused_columns("too few offsets", ValueError, offsets=[0, 3])
+refused_columns("offsets that fall", ValueError, offsets=[0, 5, 3])
+refused_columns("offsets of two axes", ValueError, offsets=[[0, 1, 3]])
+refused_columns("leg ids that are no integers", TypeError, leg_ids=[1.0, 2.0, 3.0])
+refused_columns("leg ids that may not fit", TypeError, leg_ids=np.zeros(3, dtype=np.uint64))
+refused_columns("leg ids that raise", LookupError, leg_ids=Unconvertible())
+refused_columns("weights that are no numbers", TypeError, weights=["a", "b", "c"])
+refused_columns("too few weights", ValueError, weights=[1.0])
+refused_columns("too many values", ValueError, values=[1.0, 2.0, 3.0])
+refused_columns("values that raise", LookupError, values=Unconvertible())
+rejected_arguments(TypeError, StructureColumns, keys=[])
+
+
+@failing(IndexError)
+def column_out_of_range():
+    columns = plain_columns()
+    return lambda: columns[4]
+
+
+@failing(ValueError)
+def columns_whose_values_were_changed_in_place():
+    values = np.ones(4)
+    columns = plain_columns().with_values(values)
+    values.resize(2, refcheck=False)
+    return lambda: list(columns)
+
+
+@failing(ValueError)
+def day_of_columns_whose_values_were_changed_in_place():
+    rotation, values = used(lambda: Baskets([])), np.ones(4)
+    rotation.items = plain_columns().with_values(values)
+    values.resize(2, refcheck=False)
+    return lambda: rotation(row())
+
+
+@failing(IndexError)
+def sums_of_too_few_inputs():
+    columns = plain_columns()
+    return lambda: columns.weighted_sums([1.0])
+
+
+@failing(ValueError)
+def sums_of_no_row():
+    columns = plain_columns()
+    return lambda: columns.weighted_sums(1.0)
+
+
+@failing(TypeError)
+def day_of_columns_with_a_key_that_cannot_be_hashed():
+    rotation = used(lambda: Baskets([]))
+    rotation.items = columns_of(
+        [
+            {"key": ("a",), "legs": ((0, 1.0),), "value": 1.0},
+            {"key": ([],), "legs": (), "value": 1.0},
+        ]
+    )
+    return lambda: rotation(row())
+
+
+@failing(ValueError)
+def too_many_columns():
+    rotation = used(Baskets)
+    rotation.items = columns_of(
+        [{"key": (number,), "legs": (), "value": 1.0} for number in range(9)]
+    )
+    return lambda: rotation(row())
 
 
 @failing(LookupError)

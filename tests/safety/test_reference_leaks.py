@@ -15,6 +15,7 @@ from quorvane.functions.rotations.latitudinal.rank import Rank
 from quorvane.functions.rotations.longitudinal.ewma import Ewma
 from quorvane.functions.rotations.numerical.transcendental import Transcendental
 from quorvane.functions.rotations.virtualization import base
+from quorvane.functions.rotations.virtualization.columns import StructureColumns
 from safety.subjects import FAILURES, OPERATIONS
 
 REPEATS = int(
@@ -52,6 +53,7 @@ SHARED = {
             Rank,
             ZScore,
             Transcendental,
+            StructureColumns,
             dict,
             tuple,
             list,

@@ -308,6 +308,7 @@ def test_columns_are_their_items_whatever_comes_between(modules, steps, policy):
 
 ONES = [1.5, 0.1, -2.0, 1e10, 3.0, 4.0]
 OTHERS = [0.1, NAN, 7.0, 8.0, -1.0, INFINITY]
+LAST_MISSING = [1.5, 0.1, NAN, NAN, NAN, NAN]
 
 
 def day(layout="plain", values=ONES, as_items=False):
@@ -388,6 +389,7 @@ def test_values_may_be_of_any_kind_every_day(modules, values, layout, rows):
         day(layout),
         day(layout, values),
         day(layout, OTHERS),
+        day(layout, LAST_MISSING),
         day(layout, values),
         day(layout, values),
     ]
