@@ -27,6 +27,11 @@ public:
     [[nodiscard]] bool contiguous() const noexcept {
         return stride_ == static_cast<npy_intp>(sizeof(T)) || size_ <= 1;
     }
+    // Whether entries share memory, so that the order in which they are written counts.
+    [[nodiscard]] bool overlaps_itself() const noexcept {
+        constexpr auto width = static_cast<npy_intp>(sizeof(T));
+        return size_ > 1 && -width < stride_ && stride_ < width;
+    }
     T& operator[](npy_intp index) const noexcept {
         return *reinterpret_cast<T*>(data_ + index * stride_);
     }

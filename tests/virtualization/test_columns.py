@@ -160,13 +160,16 @@ WRONG_OFFSETS = [
     ([0, 1, 2, 3, 3], "offsets must have 4 entries, one more than keys, got 5"),
     ([0, 2, 1, 3], RISING),
     ([0, 5, 2, 3], RISING),
-    ([0, 10**18, 10**18, 3], RISING),
-    ([0, -(2**63), 2, 3], RISING),
+    ([0, 2**31 - 1, 2**31 - 1, 3], RISING),
+    ([0, -(2**31), 2, 3], RISING),
+    ([0, 2**31, 2**31, 3], "offsets must fit in 32 bits, got 2147483648"),
+    ([0, -(2**63), 2, 3], "offsets must fit in 32 bits, got -9223372036854775808"),
     ([-1, 2, 2, 3], RISING),
     ([1, 2, 2, 3], RISING),
     ([0, 2, 2, 2], RISING),
     ([0, 2, 2, 4], RISING),
-    ([0, 2, 2, 2**63 - 1], RISING),
+    ([0, 2, 2, 2**31 - 1], RISING),
+    ([0, 2, 2, 2**32 + 3], "offsets must fit in 32 bits, got 4294967299"),
     ([[0, 2, 2, 3]], "offsets must have one axis, got (1, 4)"),
     (3, "offsets must have one axis, got ()"),
 ]
@@ -354,9 +357,14 @@ def test_integers_may_be_of_any_size(dtype):
     assert columns.legs == PLAIN_LEGS
 
 
-def test_the_largest_leg_ids_are_kept_exactly():
-    ids = [2**63 - 1, -(2**63), 2**53 + 1]
+def test_leg_ids_of_32_bits_are_kept_exactly():
+    ids = [2**31 - 1, -(2**31), 2**24 + 1]
     assert [leg[0] for legs in make(leg_ids=ids).legs for leg in legs] == ids
+
+
+@pytest.mark.parametrize("odd", [2**31, -(2**31) - 1, 2**32, 2**63 - 1, -(2**63)])
+def test_leg_ids_of_more_bits_are_refused(odd):
+    refusal(ValueError, f"leg_ids must fit in 32 bits, got {odd}", make, leg_ids=[0, odd, 2**40])
 
 
 @pytest.mark.parametrize("name", ["offsets", "leg_ids", "weights"])
@@ -486,7 +494,7 @@ def test_inputs_may_be_longer_than_needed_but_not_shorter():
     refusal(IndexError, text, columns.weighted_sums, [])
 
 
-@pytest.mark.parametrize("outside", [-1, -(2**63), 2**63 - 1, 4])
+@pytest.mark.parametrize("outside", [-1, -(2**31), 2**31 - 1, 4])
 def test_leg_ids_outside_the_inputs_are_not_counted_from_the_end(outside):
     text = f"inputs must have an entry for every leg id, got 4 entries and leg id {outside}"
     refusal(IndexError, text, make(leg_ids=[0, outside, 1]).weighted_sums, np.zeros(4))

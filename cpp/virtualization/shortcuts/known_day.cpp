@@ -25,7 +25,7 @@ bool record_known_day(const State& state, const PlainRotation& plain,
     const std::span<const std::uint32_t> slots = memory.metadata.reported();
     const columns::Layout& layout = *columns.layout;
     if (!view || !view.contiguous() || view.span().size() != slots.size() ||
-        !memory.metadata.are_alone() ||
+        txi_input.overlaps_itself() || !memory.metadata.are_alone() ||
         std::cmp_greater_equal(layout.highest_id, memory.live.dead().size())) {
         return false;
     }
