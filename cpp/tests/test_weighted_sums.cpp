@@ -1,3 +1,4 @@
+#include <cmath>
 #include <limits>
 #include <vector>
 
@@ -35,11 +36,32 @@ void a_missing_input_makes_the_sum_missing() {
     CHECK(sums[0] != sums[0]);
 }
 
+void sums_begin_at_plus_zero() {
+    const auto sums = sums_of({0, 1}, {0}, {1.0}, {-0.0});
+    CHECK(sums[0] == 0.0 && !std::signbit(sums[0]));
+}
+
+void products_are_rounded_before_they_are_added() {
+    // Rounded, the product is 1; added unrounded, what was cut off would be left.
+    const double above = 1.0 + 0x1p-30, below = 1.0 - 0x1p-30;
+    const auto sums = sums_of({0, 2}, {0, 1}, {-1.0, above}, {1.0, below});
+    CHECK(sums[0] == 0.0);
+}
+
+void infinity_times_zero_is_missing() {
+    const double infinity = std::numeric_limits<double>::infinity();
+    const auto sums = sums_of({0, 1, 2}, {0, 0}, {0.0, -1.0}, {infinity});
+    CHECK(std::isnan(sums[0]) && sums[1] == -infinity);
+}
+
 }  // namespace
 
 int main() {
     legs_are_added_in_their_order();
     a_structure_without_legs_is_zero();
     a_missing_input_makes_the_sum_missing();
+    sums_begin_at_plus_zero();
+    products_are_rounded_before_they_are_added();
+    infinity_times_zero_is_missing();
     return check::result();
 }
