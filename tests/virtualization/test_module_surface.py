@@ -91,6 +91,7 @@ INTERPRETER_NAMES = {
     "__qualname__",
     "__doc__",
     "__classcell__",
+    "__classdictcell__",
     "__firstlineno__",
     "__static_attributes__",
     "__dict__",
