@@ -33,6 +33,13 @@ template <class Amount>
     }
 }
 
+// Every sum is looked at, without a way out, so that several are at once.
+bool has_nan(std::span<const double> sums) noexcept {
+    bool found = false;
+    for (const double sum : sums) found |= sum != sum;
+    return found;
+}
+
 // Adds between two looks at the processor's exception flags. The arithmetic stands in a function
 // that is not inlined, so that it cannot be moved past either look.
 template <class Amount>
@@ -40,7 +47,7 @@ bool adds_silently(std::span<const double> outputs, std::span<const LegPlace> pl
                    const FlatLegs& legs, Totals& totals, Amount amount) noexcept {
     clear_exceptions();
     add_all(outputs, places.data(), legs, totals, amount);
-    return !has_exceptions();
+    return !has_exceptions() && !has_nan(totals.sums);
 }
 
 }  // namespace

@@ -28,7 +28,8 @@ struct Totals {
 // Both add what every slot with a finite output and any legs contributes, in slot order and then
 // in leg order; there is a place for every output, and every id is below the totals' size. They
 // answer false when the arithmetic overflowed, underflowed or was invalid, which is where NumPy may
-// warn: the totals are worthless then.
+// warn, and when a sum is NaN: the totals are worthless then. Which of two NaN, and so which sign,
+// a sum keeps is for the compiler to choose, and NumPy's may have chosen otherwise.
 
 // sums[id] += output * weight
 bool add_in_proportion(std::span<const double> outputs, std::span<const LegPlace> places,

@@ -48,7 +48,13 @@ void overflow_underflow_and_invalid_are_told() {
     CHECK(!is_silent(1e-300, {1e-300}));
     CHECK(!is_silent(1.0, {infinity, -infinity}));
     CHECK(is_silent(1.0, {infinity}));
-    CHECK(is_silent(1.0, {std::numeric_limits<double>::quiet_NaN()}));
+}
+
+void a_sum_that_is_no_number_is_told() {
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    CHECK(!is_silent(1.0, {nan}));
+    CHECK(!is_silent(1.0, {2.0, nan, -nan, 1.0}));
+    CHECK(is_silent(1.0, {2.0, 1.0}));
 }
 
 void slots_without_legs_or_a_finite_output_contribute_nothing() {
@@ -77,6 +83,7 @@ int main() {
     proportional_adds_value_times_weight();
     equal_split_uses_only_the_sign_and_counts_zero_as_positive();
     overflow_underflow_and_invalid_are_told();
+    a_sum_that_is_no_number_is_told();
     slots_without_legs_or_a_finite_output_contribute_nothing();
     only_reached_instruments_are_written();
     return check::result();
