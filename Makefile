@@ -4,14 +4,20 @@
 #   make test        build, format, lint, type and stub checks, C++ tests, Python tests
 #   make format      rewrite the sources as `make test` wants to see them
 #   make coverage    line and branch coverage of the C++, report in build/coverage/report
-#   make asan        the tests under the address and undefined-behaviour sanitizers
+#   make asan        the tests under the address, undefined-behaviour and leak sanitizers
+#   make valgrind    a part of the tests under memcheck
+#   make refleaks    every method on an interpreter that counts references
+#   make matrix      the tests on every Python with the oldest and the newest NumPy
+#   make long        the safety tests with their long repetitions
 #   make fuzz        random inputs for the module, its masks and the stores, INPUTS of each kind
+#   make trust       asan, valgrind, refleaks, matrix, long and fuzz: what docs/trust.md reports on
 #   make tidy        clang-tidy over the C++
 #   make bench       every promise about speed and memory, measured: table, JSON and picture
 #   make bench-instructions   instructions per structure, counted by callgrind
 #   make dist-test   build and test with the distribution's Python and NumPy, without pip
 #   make clean       remove what was built; `make distclean` removes $(VENV) too
 #
+# PYTHONS="3.10 3.14" chooses for `make matrix`, DEBUG_PYTHON=python3.11-dbg for `make refleaks`.
 # PYTHON=python3.12 chooses the interpreter (with VENV=.venv312 beside the usual one).
 
 VENV ?= .venv
@@ -38,8 +44,8 @@ SOURCES := CMakeLists.txt README.md LICENSE \
 CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
 STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
 
-.PHONY: demo test lint types check format coverage asan fuzz tidy bench bench-instructions \
-    dist-test clean distclean python-matches
+.PHONY: demo test lint types check format coverage trust asan valgrind refleaks matrix long fuzz \
+    tidy bench bench-instructions dist-test clean distclean python-matches
 .DELETE_ON_ERROR:
 
 demo: $(WHEEL_READY) $(DEMO_READY)
@@ -78,19 +84,24 @@ coverage: $(TEST_READY)
 	    --exclude-throw-branches --exclude-unreachable-branches --merge-lines \
 	    --html-details build/coverage/report/index.html --txt --txt-metric branch --print-summary
 
-# The interpreter is not instrumented, so the runtime is loaded before it, and with it libstdc++,
-# whose throw it intercepts. CPython keeps memory until exit on purpose: leaks are not looked for.
-# Reports go to files, because pytest would swallow what is written right before the end.
+# What docs/trust.md reports on, each by itself; `make -k trust` goes on after a failure.
+trust: asan valgrind refleaks matrix long fuzz
+
 asan: $(TEST_READY)
-	cmake --preset asan -DPython_EXECUTABLE=$(PY)
-	cmake --build --preset asan
-	ASAN_OPTIONS=detect_leaks=0 ctest --preset asan
-	rm -f build/asan/report.*
-	LD_PRELOAD="$$(c++ -print-file-name=libasan.so) $$(c++ -print-file-name=libstdc++.so)" \
-	    ASAN_OPTIONS=detect_leaks=0:log_path=$(CURDIR)/build/asan/report \
-	    UBSAN_OPTIONS=print_stacktrace=1:log_path=$(CURDIR)/build/asan/report \
-	    PYTHONMALLOC=malloc PYTHONPATH=$(CURDIR)/build/asan/python \
-	    $(PY) -m pytest -q || { cat build/asan/report.*; exit 1; }
+	JOBS=2 tools/asan.sh $(PY)
+
+valgrind: $(TEST_READY)
+	JOBS=2 tools/valgrind.sh $(PY)
+
+refleaks:
+	JOBS=2 tools/refleaks.sh $(DEBUG_PYTHON)
+
+matrix:
+	JOBS=2 tools/matrix.sh $(PYTHONS)
+
+# The safety tests with their long repetitions. One process: they measure time and memory.
+long: $(WHEEL_READY) $(TEST_READY)
+	QUORVANE_LONG=1 $(PY) -m pytest tests/safety
 
 # Ends with an error at the first input on which the module and its plain twin differ.
 INPUTS ?= 1000000
