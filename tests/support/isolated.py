@@ -17,7 +17,7 @@ def run_isolated(kind, script, *, allocator="debug", timeout=60):
     The script finds `kind`, `np`, `Siblings`, `load_base`, `plain_rotation_base` and the fakes of
     tests/support, and loads the module of the kind itself. The allocator "debug" overwrites freed
     memory, "default" soon gives it away again: a use of it shows with one or with the other. Under
-    the address sanitizer, which does both and finds pointers in its own blocks only, it is "malloc".
+    the address sanitizer, which does both and finds pointers in its own blocks only, it is malloc.
     """
     if "libasan" in os.environ.get("LD_PRELOAD", ""):
         allocator = "malloc"
