@@ -1,6 +1,7 @@
 #include "virtualization/shortcuts/known_day.hpp"
 
 #include <limits>
+#include <new>
 #include <utility>
 
 namespace quorvane::virtualization {
@@ -14,6 +15,20 @@ void write_values(std::span<const double> values, std::span<const std::uint8_t> 
     for (std::size_t i = 0; i < values.size(); ++i) {
         txi_input[slots[i]] = valid[i] != 0 ? values[i] : nan;
     }
+}
+
+// What is valid, and whose metadata that changes. False when there is not the memory for it.
+bool judge(std::span<const double> values, const columns::Layout& layout, DayMemory& memory) {
+    std::vector<std::uint8_t>& valid = memory.columns.valid;
+    try {
+        valid.resize(values.size());
+        const kernels::StructuresByInstrument& structures = memory.columns.by_instrument(layout);
+        kernels::judge_structures(structures, memory.live.dead(), values, valid);
+        memory.metadata.find_changed(valid);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -30,10 +45,8 @@ bool record_known_day(const State& state, const PlainRotation& plain,
         return false;
     }
     const std::span<const double> values = view.span();
-    std::vector<std::uint8_t>& valid = memory.columns.valid;
-    valid.resize(values.size());
-    kernels::judge_structures(memory.columns.by_instrument(layout), memory.live.dead(), values,
-                              valid);
+    if (!judge(values, layout, memory)) return false;
+    const std::vector<std::uint8_t>& valid = memory.columns.valid;
     memory.metadata.report_again(state, plain.metadata_by_slot(), valid);
     write_values(values, valid, slots, txi_input);
     return true;

@@ -93,9 +93,7 @@ void MetadataMemory::end_day(const State& state) {
     list_ = nullptr;
 }
 
-void MetadataMemory::report_again(const State& state, PyObject* metadata_by_slot,
-                                  std::span<const std::uint8_t> valid) {
-    list_ = metadata_by_slot;
+void MetadataMemory::find_changed(std::span<const std::uint8_t> valid) {
     changed_.resize(active_.size());
     std::size_t count = 0;
     for (std::uint32_t position = 0; position < active_.size(); ++position) {
@@ -103,8 +101,6 @@ void MetadataMemory::report_again(const State& state, PyObject* metadata_by_slot
         count += static_cast<std::size_t>(valid[position] != valid_[active_[position]]);
     }
     changed_.resize(count);
-    renew_validity(state, valid);
-    list_ = nullptr;
 }
 
 // A dict's entries lie apart from it: a head, an index and up to five entries of 24 bytes.
@@ -116,7 +112,9 @@ void MetadataMemory::prefetch_contents(std::size_t slot) const noexcept {
 
 // Which dicts are to be written is known beforehand, so each is fetched while others are written.
 // Each has the entry already: replacing its value needs no memory.
-void MetadataMemory::renew_validity(const State& state, std::span<const std::uint8_t> valid) {
+void MetadataMemory::report_again(const State& state, PyObject* metadata_by_slot,
+                                  std::span<const std::uint8_t> valid) {
+    list_ = metadata_by_slot;
     constexpr std::size_t far_ahead = 16;
     constexpr std::size_t ahead = 8;
     for (std::size_t i = 0; i < changed_.size(); ++i) {
@@ -129,6 +127,7 @@ void MetadataMemory::renew_validity(const State& state, std::span<const std::uin
         valid_[slot] = validity;
         versions_[slot] = capi::dict_version(dict);
     }
+    list_ = nullptr;
 }
 
 // Only what differs is written; the entries keep their order.

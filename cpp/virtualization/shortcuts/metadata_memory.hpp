@@ -38,8 +38,10 @@ public:
     [[nodiscard]] std::uint32_t day() const noexcept { return day_; }
 
     // A day that describes(), in which nobody else holds a dict, and which reports the same keys
-    // and legs: only the validity of the reported slots, by position, can be new.
+    // and legs: only the validity of the reported slots, by position, can be new. Which are so is
+    // found first; nothing but that needs memory.
     [[nodiscard]] bool are_alone() const noexcept { return alone_; }
+    void find_changed(std::span<const std::uint8_t> valid);
     void report_again(const State& state, PyObject* metadata_by_slot,
                       std::span<const std::uint8_t> valid);
 
@@ -57,7 +59,6 @@ private:
                  PyObject* legs, bool valid);
     void remember(std::size_t slot, PyObject* dict, PyObject* key, PyObject* legs,
                   bool valid) noexcept;
-    void renew_validity(const State& state, std::span<const std::uint8_t> valid);
     void deactivate(const State& state, std::size_t slot);
     [[nodiscard]] PyObject* dict_of(std::size_t slot) const noexcept {
         return PyList_GET_ITEM(list_, static_cast<Py_ssize_t>(slot));
@@ -67,7 +68,7 @@ private:
     std::vector<Entries> entries_;
     std::vector<std::uint8_t> valid_;
     std::vector<std::uint32_t> active_, active_before_;
-    std::vector<std::uint32_t> changed_;  // positions, for a day's use
+    std::vector<std::uint32_t> changed_;  // positions, between the two steps of a day
     std::uint32_t day_ = 0;
     bool alone_ = false;        // nobody else held any of the dicts when they were last looked at
     PyObject* list_ = nullptr;  // borrowed, during a day
