@@ -19,11 +19,12 @@ from quorvane.functions.rotations.virtualization.columns import StructureColumns
 from safety.subjects import FAILURES, OPERATIONS
 
 REPEATS = int(
-    os.environ.get("QUORVANE_REPEATS", "1000" if os.environ.get("QUORVANE_LONG") else "100")
+    os.environ.get("QUORVANE_REPEATS", "1000" if os.environ.get("QUORVANE_LONG") else "400")
 )
 WARM_UPS = 3
 ROUNDS = 3
-# Readings, caches and free lists take a few blocks; a leak takes one in every repeat at least.
+# Readings and caches take a few blocks, and each of the interpreter's free lists up to 80, filled
+# little by little; a leak takes one in every repeat at least.
 FEW = REPEATS // 4
 
 # Objects that are used everywhere, so that a reference too many or too few shows in their counts.
