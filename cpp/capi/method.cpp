@@ -1,6 +1,7 @@
 #include "capi/method.hpp"
 
 #include "capi/class_builder.hpp"
+#include "capi/gc_pause.hpp"
 
 namespace quorvane::capi {
 
@@ -14,6 +15,8 @@ bool binds_first_argument(PyObject* found) noexcept {
 // How the interpreter calls instances of classes that define __call__.
 ternaryfunc call_slot() {
     static const ternaryfunc slot = [] {
+        // A finalizer that calls such an instance would wait here for itself.
+        const GcPause no_finalizers;
         const Ref body = make_dict();
         require(PyDict_SetItemString(body.get(), "__call__", Py_None));
         const Ref made =

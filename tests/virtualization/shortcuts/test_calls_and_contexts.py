@@ -11,6 +11,7 @@ import pytest
 
 from support import days
 from support.fakes import RecordingChild, make_rotation, structure
+from support.isolated import run_isolated
 from support.siblings import Siblings, load_base, plain_rotation_base
 
 ITEMS = [
@@ -181,6 +182,57 @@ def test_child_of_any_kind_is_called_as_python_calls_it(name, last):
         return a_day(rotation), a_day(rotation), seen(recording)
 
     same_on_both(scenario)
+
+
+@pytest.mark.parametrize("kind", ["native", "twin"])
+def test_first_child_of_all_may_be_called_by_a_collection_during_the_first_call(kind):
+    """Whatever is found out once, when it is needed, must not be asked for meanwhile."""
+    printed = run_isolated(
+        kind,
+        """
+        import os
+        import signal
+
+        base = load_base(kind, Siblings())
+        items = [structure(("a",), ((0, 1.0),))]
+        outer = make_rotation(base, [items], child_rotations=[RecordingChild()])
+        inner = make_rotation(base, [items], child_rotations=[RecordingChild()])
+        clear = np.zeros(6, dtype=np.uint8)
+
+        def compute(rotation):
+            rotation.compute((np.zeros(6),), (clear,), clear, np.zeros(6), 6)
+
+        def compute_at(collection):
+            seen = 0
+
+            def collecting(phase, info):
+                nonlocal seen
+                seen += phase == "start"
+                if phase == "start" and seen == collection:
+                    compute(inner)
+
+            gc.callbacks.append(collecting)
+            gc.set_threshold(1)
+            compute(outer)
+            gc.set_threshold(700)
+            return collection <= seen
+
+        def outcome_at(collection):
+            process = os.fork()
+            if process == 0:
+                signal.alarm(20)
+                os._exit(0 if compute_at(collection) else 3)
+            return os.waitpid(process, 0)[1]
+
+        gc.collect()
+        collection = 1
+        while (outcome := outcome_at(collection)) == 0:
+            collection += 1
+        assert os.WIFEXITED(outcome) and os.WEXITSTATUS(outcome) == 3, (collection, outcome)
+        print("collected", collection > 2)
+        """,
+    )
+    assert printed == "collected True\n"
 
 
 REPLACEMENTS = {
