@@ -171,6 +171,41 @@ def test_module_class_of_numpy_that_answers_itself_is_asked():
     assert both(scenario).count("isfinite") >= 2
 
 
+class Acting:
+    """Number that acts when it is read: in the middle of a day."""
+
+    def __init__(self, act):
+        self.act = act
+
+    def __float__(self):
+        self.act()
+        return 3.0
+
+
+def test_module_class_of_numpy_changed_in_the_middle_of_a_day_is_asked():
+    def scenario(base):
+        class Answering(types.ModuleType):
+            def __getattribute__(self, name):
+                if name == "isfinite":
+                    log.append(name)
+                return super().__getattribute__(name)
+
+        def change():
+            np.__class__ = Answering
+
+        log = []
+        acting = structure(("d",), ((0, 1.0),), Acting(change))
+        rotation = make_rotation(base, [ITEMS, [ITEMS[0], acting, *ITEMS]])
+        rotation(np.ones(6))
+        try:
+            rotation(np.ones(6))
+        finally:
+            np.__class__ = types.ModuleType
+        return log
+
+    assert both(scenario).count("isfinite") >= 4
+
+
 # --- arrays that warn of being written --------------------------------------------------------
 
 
@@ -386,6 +421,50 @@ def test_code_of_the_record_initialiser_counts(base):
     rotation = steady(base)
     rotation(np.ones(6))
     assert rotation._txi_input[:2].tolist() == [1.1 * 100, 200.0]
+
+
+@pytest.mark.parametrize("change", RECORD_CHANGES, ids=lambda change: change.__name__)
+def test_change_of_the_record_class_in_the_middle_of_a_day_counts_from_the_next_item_on(change):
+    def scenario(base):
+        def act():
+            replaced = change(base.VirtualStructure)
+            base.VirtualStructure = replaced or base.VirtualStructure
+
+        acting = structure(("d",), ((0, 1.0),), Acting(act))
+        rotation = make_rotation(base, [ITEMS, [ITEMS[0], acting, *ITEMS]])
+        return a_day(rotation), a_day(rotation)
+
+    both(scenario)
+
+
+@pytest.mark.parametrize("change", RECORD_CHANGES, ids=lambda change: change.__name__)
+def test_record_was_made_before_the_slot_is_looked_for(change):
+    class Acting:
+        """Key of the slot map that acts when it is compared with a reported key."""
+
+        def __init__(self, act):
+            self.act = act
+
+        def __hash__(self):
+            return hash(("a",))
+
+        def __eq__(self, other):
+            self.act()
+            return False
+
+    def scenario(base):
+        def act():
+            acting.act = lambda: None
+            replaced = change(base.VirtualStructure)
+            base.VirtualStructure = replaced or base.VirtualStructure
+
+        acting = Acting(act)
+        rotation = make_rotation(base, [ITEMS[:1]] * 2)
+        rotation.slot_by_key[acting] = 0
+        outcome, buffer, _ = a_day(rotation)
+        return outcome, buffer, days.freeze([rotation._metadata_by_slot, rotation._txi_input])
+
+    both(scenario)
 
 
 @pytest.mark.parametrize("change", RECORD_CHANGES, ids=lambda change: change.__name__)

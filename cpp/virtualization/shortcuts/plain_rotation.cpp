@@ -20,7 +20,8 @@ PlainRotation::PlainRotation(const State& state, PyObject* self)
     : state_(state), self_(self), watch_(state.dict_watcher) {}
 
 bool PlainRotation::still_seen() const {
-    if (!Py_IS_TYPE(self_, type()) || instance_dict(self_) != dict_.get() || !watch_.unchanged()) {
+    if (!Py_IS_TYPE(self_, type()) || instance_dict(self_) != dict_.get() || !watch_.unchanged() ||
+        (plain_ && !state_.pristine.is_unversioned_rest_own())) {
         return false;
     }
     return capi::instance_dicts_tell_changes ||
@@ -45,7 +46,7 @@ void PlainRotation::look() {
     watch_.add_type(state_.pristine.structure_class());
     if (!instance_is_plain(dict_.get()) || !take_bookkeeping(dict_.get())) return;
     // Odd keys in a dictionary may have run code while it was looked into.
-    plain_ = still_seen();
+    plain_ = still_seen() && state_.pristine.is_unversioned_rest_own();
 }
 
 bool PlainRotation::class_is_plain(PyTypeObject* type) const {

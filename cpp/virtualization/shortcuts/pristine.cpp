@@ -82,6 +82,11 @@ bool Pristine::look_at_structure_class(const State& state) const {
            _PyType_Lookup(type, names.metadata) == Py_None;
 }
 
+Ref Pristine::new_structure() const {
+    return capi::require(
+        PyBaseObject_Type.tp_new(structure_class(), capi::make_tuple().get(), nullptr));
+}
+
 int Pristine::traverse(visitproc visit, void* arg) const {
     Py_VISIT(structure_class_.get());
     Py_VISIT(structure_init_.get());

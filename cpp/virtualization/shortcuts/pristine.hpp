@@ -22,8 +22,20 @@ public:
     // VirtualStructure is the module's own dataclass and makes its instances as it did.
     [[nodiscard]] bool structure_class_holds(const State& state) const;
 
+    // Once both were true: what no version of a dictionary or a type tells still is so. NumPy is a
+    // module like any other, the record's class is called as classes are, and its initialiser has
+    // the code that it had.
+    [[nodiscard]] bool is_unversioned_rest_own() const noexcept {
+        return PyModule_CheckExact(numpy_.get()) &&
+               Py_IS_TYPE(structure_class_.get(), &PyType_Type) &&
+               PyFunction_GetCode(structure_init_.get()) == structure_init_code_.get();
+    }
+
     // What NumPy had under one of these names; only once numpy_holds() was true.
     [[nodiscard]] Ref own(PyObject* name) const;
+
+    // A new instance of the record class without any field.
+    [[nodiscard]] Ref new_structure() const;
 
     [[nodiscard]] PyObject* numpy_dict() const noexcept { return numpy_dict_.get(); }
     [[nodiscard]] PyTypeObject* structure_class() const noexcept {

@@ -80,9 +80,15 @@ Verdict judge_quickly(const QuickItem& quick, const DayMasks& masks) noexcept {
 }
 
 Ref make_record(const State& state, const QuickItem& quick) {
+    const Names& names = state.names;
     const Ref value = capi::to_float(quick.raw_value.get());
-    return call(state.global(state.names.VirtualStructure).get(), quick.key.get(), quick.legs.get(),
-                value.get(), quick.metadata.get());
+    Ref record = state.pristine.new_structure();
+    const Ref fields = require(PyObject_GenericGetDict(record.get(), nullptr));
+    require(PyDict_SetItem(fields.get(), names.key, quick.key.get()));
+    require(PyDict_SetItem(fields.get(), names.legs, quick.legs.get()));
+    require(PyDict_SetItem(fields.get(), names.value, value.get()));
+    require(PyDict_SetItem(fields.get(), names.metadata, quick.metadata.get()));
+    return record;
 }
 
 }  // namespace quorvane::virtualization

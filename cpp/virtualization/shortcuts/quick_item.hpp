@@ -27,7 +27,8 @@ enum class Verdict { valid, invalid, unknown };
 // What the validity step would say; unknown when only Python can tell.
 Verdict judge_quickly(const QuickItem& quick, const DayMasks& masks) noexcept;
 
-// The record after all, for steps that want one.
+// The record after all, for steps that want one: as it would have been made when the item was
+// normalised, whatever has become of its class since.
 Ref make_record(const State& state, const QuickItem& quick);
 
 }  // namespace quorvane::virtualization
