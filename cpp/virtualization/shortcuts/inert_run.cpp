@@ -30,7 +30,10 @@ bool InertRun::is_possible() {
         return false;
     }
     if (!memory_->live.see(masks_, txi_input_) || report_.may_change_with(txi_input_)) return false;
+    const std::uint64_t known_slots = memory_->slots.version();
     if (!memory_->slots.knows(plain_.slot_by_key(), plain_.key_by_slot(), width)) return false;
+    // Equal slots of another map may be other objects, and metadata holds the map's own.
+    if (memory_->slots.version() != known_slots) memory_->metadata.forget();
     return memory_->legs.describes(plain_.legs_by_slot()) ||
            memory_->legs.load(plain_.legs_by_slot(), width);
 }

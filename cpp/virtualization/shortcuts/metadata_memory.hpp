@@ -18,6 +18,8 @@ public:
     // True when every dict of the list is as it was left.
     [[nodiscard]] bool describes(PyObject* metadata_by_slot) noexcept;
 
+    void forget() noexcept { versions_.clear(); }
+
     // Takes over a list of dicts that all say only that their slot is inactive; false otherwise.
     bool adopt(const State& state, PyObject* metadata_by_slot);
 

@@ -9,6 +9,7 @@ import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
+from support.fakes import make_rotation, structure
 from support.tampering import WAYS, N, TamperedRotation, play, way
 
 
@@ -148,3 +149,24 @@ def test_memory_goes_with_its_rotation(modules):
     gc.collect()
     assert gone() is None
     assert sys.getrefcount(legs) == before
+
+
+@pytest.mark.parametrize("days_between", [0, 1])
+def test_metadata_has_the_very_slot_that_the_map_has(modules, days_between):
+    def scenario(module):
+        keys = [(f"key {index}",) for index in range(300)]
+        items = [structure(key, ((0, 1.0),)) for key in keys]
+        rotation = make_rotation(module, [items] * 4, max_structures=300)
+        rotation(np.ones(6))
+        rotation(np.ones(6))
+        # As a map that was stored and read again: equal numbers that are other objects.
+        rotation.slot_by_key = {key: int(str(slot)) for key, slot in rotation.slot_by_key.items()}
+        for _ in range(days_between + 1):
+            rotation(np.ones(6))
+        return [
+            metadata["slot"] is rotation.slot_by_key[metadata["key"]]
+            for metadata in rotation._metadata_by_slot
+        ]
+
+    for module in modules:
+        assert all(scenario(module))
