@@ -56,12 +56,14 @@ Ref row_of(PyObject* array, PyObject* day) {
     return plain ? require(PySequence_GetItem(array, index)) : item(array, day);
 }
 
-// self(*rows of the day, context=...)
-Ref replay_day(const State& state, PyObject* self, PyObject* arrays, PyObject* universe,
-               PyObject* day) {
-    const Names& names = state.names;
-    const Ref context_class = state.global(names.VirtualContext);
-    const Ref context = make_context(state, context_class.get(), universe, day);
+Ref context_of(const State& state, PyObject* universe, PyObject* day) {
+    const Ref context_class = state.global(state.names.VirtualContext);
+    return make_context(state, context_class.get(), universe, day);
+}
+
+// self(*rows of the day, context=context)
+Ref replay_day(const State& state, PyObject* self, PyObject* arrays, PyObject* day,
+               PyObject* context) {
     // The rows, with a place for the rotation in front and for the context behind.
     const auto inputs = static_cast<std::size_t>(PyList_GET_SIZE(arrays));
     std::vector<Ref> rows;
@@ -73,8 +75,8 @@ Ref replay_day(const State& state, PyObject* self, PyObject* arrays, PyObject* u
         rows.push_back(row_of(PyList_GET_ITEM(arrays, i), day));
         stack.push_back(rows.back().get());
     }
-    stack.push_back(context.get());
-    return Method::called_by(self, names.call)
+    stack.push_back(context);
+    return Method::called_by(self, state.names.call)
         .call(stack.data(), rows.size(), state.context_keyword.get());
 }
 
@@ -90,8 +92,10 @@ Ref batch_reference(State& state, PyObject* const* values) {
     const Ref universe = universe_of(state, values[2], first, days.get());
     const Ref range = call(reinterpret_cast<PyObject*>(&PyRange_Type), days.get());
     capi::Iteration iteration(range.get());
+    Ref context;  // yesterday's lives until today's is there
     while (const Ref day = iteration.next()) {
-        const Ref output = replay_day(state, self, arrays.get(), universe.get(), day.get());
+        context = context_of(state, universe.get(), day.get());
+        const Ref output = replay_day(state, self, arrays.get(), day.get(), context.get());
         capi::append(outputs.get(), output.get());
     }
     return stack_rows(state, outputs.get());

@@ -72,12 +72,13 @@ Ref run_child_chain(State& state, PyObject* const* values) {
     const Names& names = state.names;
     PyObject* self = values[0];
     PyObject* child_context = values[2];
+    Ref output, child;  // as variables of a loop do, each lives until the next one is there
     Ref current = as_float64(state, values[1]);
     capi::Iteration children(attr(self, names.child_rotations).get());
-    while (const Ref child = children.next()) {
-        const Ref output =
-            Method::called_by(child.get(), names.call)
-                .with_keywords(state.context_keyword.get(), current.get(), child_context);
+    while (Ref next = children.next()) {
+        child = std::move(next);
+        output = Method::called_by(child.get(), names.call)
+                     .with_keywords(state.context_keyword.get(), current.get(), child_context);
         current = as_float64(state, output.get());
         check_shape(state, self, current.get());
     }

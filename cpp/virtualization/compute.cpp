@@ -32,14 +32,24 @@ struct Day {
     PyObject* N;
 };
 
-Ref refresh_structures(const State& state, const Day& day) {
-    const Ref space_input = item(day.args, state.zero.get());
-    const Ref structure_inputs =
+// What a method written in Python would hold in its variables until the day is over: whoever
+// watches these objects sees when they go. They go in the reverse of this order.
+struct Variables {
+    Ref child_context, parent_context;
+    LastItem last;
+    Ref reset_entry;
+    Ref structures, structure_inputs, space_input;
+};
+
+void refresh_structures(const State& state, const Day& day, Variables& variables) {
+    variables.space_input = item(day.args, state.zero.get());
+    variables.structure_inputs =
         PyTuple_CheckExact(day.args)
             ? require(PyTuple_GetSlice(day.args, 1, PyTuple_GET_SIZE(day.args)))
             : capi::slice_of(day.args, state.one.get(), Py_None);
-    return call_method(day.self, state.names.refresh_active_structures, space_input.get(),
-                       structure_inputs.get(), day.nan_masks, day.combined_nan_mask, day.N);
+    variables.structures =
+        call_method(day.self, state.names.refresh_active_structures, variables.space_input.get(),
+                    variables.structure_inputs.get(), day.nan_masks, day.combined_nan_mask, day.N);
 }
 
 // self.<name>.fill(np.nan)
@@ -67,35 +77,41 @@ void deactivate(const State& state, PyObject* entry) {
     }
 }
 
-// Every slot's metadata is emptied in place and says inactive.
-void deactivate_slots(const State& state, PyObject* self) {
+// Every slot's metadata is emptied in place and says inactive. Gives back the last entry, if any.
+Ref deactivate_slots(const State& state, PyObject* self) {
     capi::Iteration entries(attr(self, state.names.metadata_by_slot).get());
-    while (const Ref entry = entries.next()) deactivate(state, entry.get());
+    Ref entry;
+    while (Ref next = entries.next()) {
+        entry = std::move(next);
+        deactivate(state, entry.get());
+    }
+    return entry;
 }
 
 // Records what it can without Python; the slots are reset by then in any case.
 Py_ssize_t record_inertly(const State& state, const Day& day, PlainRotation& plain,
-                          const DayMasks& masks, const DayReport& report) {
+                          const DayMasks& masks, const DayReport& report, Ref& reset_entry) {
     InertRun run(state, plain, masks, report, state.memories->of(day.self));
     if (run.is_possible() && run.may_postpone_reset()) return run.record();
-    deactivate_slots(state, day.self);
+    reset_entry = deactivate_slots(state, day.self);
     return run.is_possible() && run.adopt_reset_slots() ? run.record() : 0;
 }
 
-// Resets every slot and records every item, in order. Gives the last item back: as a loop variable
-// does, it lives until the day is over, and each item until the next one is there.
-Ref record_structures(const State& state, const Day& day, PyObject* structures) {
+// Resets every slot and records every item, in order.
+void record_structures(const State& state, const Day& day, Variables& variables) {
     const DayMasks masks{day.nan_masks, day.combined_nan_mask, day.N};
+    PyObject* structures = variables.structures.get();
+    LastItem& last = variables.last;
     PlainRotation plain(state, day.self);
     const DayReport report(state, structures);
-    const Py_ssize_t recorded = record_inertly(state, day, plain, masks, report);
+    const Py_ssize_t recorded =
+        record_inertly(state, day, plain, masks, report, variables.reset_entry);
     capi::Iteration items(structures, recorded);
-    Ref raw = recorded > 0 ? report.object_at(recorded - 1) : Ref();
+    if (recorded > 0) last.raw = report.object_at(recorded - 1);
     while (Ref next = items.next()) {
-        raw = std::move(next);
-        record_item(state, day.self, plain, masks, raw.get());
+        last.raw = std::move(next);
+        record_item(state, day.self, plain, masks, last);
     }
-    return raw;
 }
 
 // Only an empty report skips the children, and only where the subclass asked for that.
@@ -105,14 +121,15 @@ bool skips_children(const State& state, PyObject* self, PyObject* structures) {
     return call_anyway && !capi::truth(call_anyway.get());
 }
 
-void run_children(const State& state, PyObject* self) {
+void run_children(const State& state, PyObject* self, Variables& variables) {
     const Names& names = state.names;
-    const Ref parent_context = attr(self, names.current_parent_context);
-    const Ref day_index = day_index_of(state, parent_context.get());
-    const Ref child_context =
-        call_method(self, names.make_child_context, parent_context.get(), day_index.get());
+    variables.parent_context = attr(self, names.current_parent_context);
+    PyObject* parent_context = variables.parent_context.get();
+    const Ref day_index = day_index_of(state, parent_context);
+    variables.child_context =
+        call_method(self, names.make_child_context, parent_context, day_index.get());
     const Method run_chain = Method::of(self, names.run_child_chain);
-    const Ref output = run_chain(attr(self, names.txi_input).get(), child_context.get());
+    const Ref output = run_chain(attr(self, names.txi_input).get(), variables.child_context.get());
     set_attr(self, names.txi_output, output.get());
 }
 
@@ -125,14 +142,14 @@ void write_output(const State& state, const Day& day) {
 
 Ref compute(State& state, PyObject* const* values) {
     const Day day{values[0], values[1], values[2], values[3], values[4], values[5]};
-    Ref last_item;  // dropped after the report that it came from
-    const Ref structures = refresh_structures(state, day);
+    Variables variables;
+    refresh_structures(state, day, variables);
     fill_with_nan(state, day.self, state.names.txi_input);
-    last_item = record_structures(state, day, structures.get());
-    if (skips_children(state, day.self, structures.get())) {
+    record_structures(state, day, variables);
+    if (skips_children(state, day.self, variables.structures.get())) {
         fill_with_nan(state, day.self, state.names.txi_output);
     } else {
-        run_children(state, day.self);
+        run_children(state, day.self, variables);
     }
     write_output(state, day);
     return state.zero.share();

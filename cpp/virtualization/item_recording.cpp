@@ -21,26 +21,27 @@ Ref daily_metadata(const State& state, PyObject* structure, PyObject* slot, PyOb
 }
 
 // From the validity step on.
-void record_structure(const State& state, PyObject* self, const DayMasks& masks,
-                      PyObject* structure, PyObject* slot) {
+void record_structure(const State& state, PyObject* self, const DayMasks& masks, LastItem& last) {
     const Names& names = state.names;
-    const Ref valid = call_method(self, names.structure_is_valid, structure, masks.nan_masks,
-                                  masks.combined_nan_mask, masks.N);
+    PyObject* structure = last.structure.get();
+    PyObject* slot = last.slot.get();
+    last.valid = call_method(self, names.structure_is_valid, structure, masks.nan_masks,
+                             masks.combined_nan_mask, masks.N);
     const Ref legs = attr(structure, names.legs);
     set_item(attr(self, names.legs_by_slot).get(), slot, legs.get());
-    const Ref metadata = daily_metadata(state, structure, slot, valid.get());
-    set_item(attr(self, names.metadata_by_slot).get(), slot, metadata.get());
-    if (!capi::truth(valid.get())) return;
+    last.metadata = daily_metadata(state, structure, slot, last.valid.get());
+    set_item(attr(self, names.metadata_by_slot).get(), slot, last.metadata.get());
+    if (!capi::truth(last.valid.get())) return;
     const Ref value = attr(structure, names.value);
     set_item(attr(self, names.txi_input).get(), slot, value.get());
 }
 
-void record_stepwise(const State& state, PyObject* self, const DayMasks& masks, PyObject* raw) {
+void record_stepwise(const State& state, PyObject* self, const DayMasks& masks, LastItem& last) {
     const Names& names = state.names;
-    const Ref structure = call_method(self, names.normalize_structure, raw);
+    last.structure = call_method(self, names.normalize_structure, last.raw.get());
     const Ref find_slot = attr(self, names.slot_for_key);
-    const Ref slot = call(find_slot.get(), attr(structure.get(), names.key).get());
-    record_structure(state, self, masks, structure.get(), slot.get());
+    last.slot = call(find_slot.get(), attr(last.structure.get(), names.key).get());
+    record_structure(state, self, masks, last);
 }
 
 // ---- in one go ---------------------------------------------------------------------------------
@@ -97,14 +98,21 @@ void store_value(PyObject* table, PyObject* slot, double value) {
 }
 
 bool record_quickly(const State& state, PyObject* self, PlainRotation& plain, const DayMasks& masks,
-                    PyObject* raw) {
+                    LastItem& last) {
     QuickItem quick;
-    if (!plain.holds() || !normalize_quickly(state, raw, quick)) return false;
+    if (!plain.holds() || !normalize_quickly(state, last.raw.get(), quick)) return false;
+    // Of the steps of an item before.
+    last.structure = Ref();
+    last.slot = Ref();
+    last.valid = Ref();
+    last.metadata = Ref();
     Tables tables(state, self, plain);
     const Ref slot = quick_slot(state, self, tables, quick.key.get());
     const Verdict verdict = plain.holds() ? judge_quickly(quick, masks) : Verdict::unknown;
     if (verdict == Verdict::unknown) {
-        record_structure(state, self, masks, make_record(state, quick).get(), slot.get());
+        last.structure = make_record(state, quick);
+        last.slot = slot.share();
+        record_structure(state, self, masks, last);
         return true;
     }
     const bool valid = verdict == Verdict::valid;
@@ -119,9 +127,9 @@ bool record_quickly(const State& state, PyObject* self, PlainRotation& plain, co
 }  // namespace
 
 void record_item(const State& state, PyObject* self, PlainRotation& plain, const DayMasks& masks,
-                 PyObject* raw) {
-    if (!record_quickly(state, self, plain, masks, raw)) {
-        record_stepwise(state, self, masks, raw);
+                 LastItem& last) {
+    if (!record_quickly(state, self, plain, masks, last)) {
+        record_stepwise(state, self, masks, last);
     }
 }
 

@@ -594,6 +594,91 @@ def test_list_that_the_hook_lets_go_lives_until_the_day_is_over(base, days_befor
     assert (log[-4], sorted(log[-3:-1])) == ("child", ["drop y", "drop z"])
 
 
+class Watched:
+    """Something that an override hands out; `log` tells when it goes."""
+
+    def __init__(self, log, name):
+        self.log = log
+        self.name = name
+
+    def __del__(self):
+        self.log.append(f"drop {self.name}")
+
+
+class Inputs:
+    """The day's inputs, made when they are asked for."""
+
+    def __init__(self, log):
+        self.log = log
+
+    def __getitem__(self, index):
+        return Watched(self.log, "first input" if index == 0 else "further inputs")
+
+
+def test_what_a_day_was_made_of_goes_when_the_day_is_over(base):
+    log = []
+
+    class Report(Watched):
+        def __iter__(self):
+            return drawn(log, "ab")
+
+    class Record(base.VirtualStructure, Watched):
+        def __init__(self, made):
+            super().__init__(made.key, made.legs, made.value, made.metadata)
+            self.log, self.name = log, f"record {made.key[0]}"
+
+    class Sink:
+        def append(self, record):
+            log.append("trace")
+
+    def _refresh_active_structures(self, *day):
+        return Report(log, "report")
+
+    def _normalize_structure(self, item):
+        return Record(base.VirtualizationBase._normalize_structure(self, item))
+
+    def _structure_is_valid(self, record, *day):
+        return Verdict(log, f"verdict on {record.key[0]}")
+
+    def _make_child_context(self, parent_context, day_index):
+        return Watched(log, "child context")
+
+    class Verdict(Watched):
+        pass
+
+    overrides = (
+        _refresh_active_structures,
+        _normalize_structure,
+        _structure_is_valid,
+        _make_child_context,
+    )
+    rotation = make_rotation(
+        base,
+        attributes={override.__name__: override for override in overrides},
+        child_rotations=[Saying(log)],
+        trace_sink=Sink(),
+    )
+    clear = np.zeros(6, dtype=np.uint8)
+    rotation.compute(Inputs(log), (clear,), clear, np.zeros(6), 6)
+    assert log == [
+        "yield a",
+        "yield b",
+        "drop a",
+        "drop record a",
+        "drop verdict on a",
+        "end",
+        "child",
+        "trace",
+        "drop first input",
+        "drop further inputs",
+        "drop report",
+        "drop b",
+        "drop record b",
+        "drop verdict on b",
+        "drop child context",
+    ]
+
+
 def test_numpy_is_whole_again():
     """The tests of this file put things in NumPy's place; none may stay there."""
     assert type(np) is types.ModuleType

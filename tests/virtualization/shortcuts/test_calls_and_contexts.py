@@ -5,6 +5,7 @@ twin's; and it is the same with overrides that only call super().
 """
 
 import functools
+import weakref
 
 import numpy as np
 import pytest
@@ -838,3 +839,71 @@ def test_batch_may_be_called_through_any_kind_of_call():
         return outcomes
 
     same_on_both(scenario)
+
+
+# --- what is let go, and when -----------------------------------------------------------------
+
+
+def test_result_of_a_child_lives_until_the_next_one_is_there():
+    class Result(list):
+        pass
+
+    def scenario(base, attributes):
+        results, log = [], []
+
+        def child(values, context):
+            log.append([result() is None for result in results])
+            result = Result(values)
+            results.append(weakref.ref(result))
+            return result
+
+        rotation = make_rotation(
+            base, [ITEMS], attributes=attributes, child_rotations=[child, child, child]
+        )
+        rotation(np.ones(6))
+        return log, [result() is None for result in results]
+
+    assert same_on_both(scenario) == ([[], [False], [True, False]], [True] * 3)
+
+
+def test_child_context_lives_until_the_day_is_over():
+    class Sink(list):
+        def append(self, record):
+            super().append(self.context() is None)
+
+    def scenario(base, attributes):
+        def child(values, context):
+            sink.context = weakref.ref(context)
+            return values
+
+        sink = Sink()
+        rotation = make_rotation(
+            base, [ITEMS] * 2, attributes=attributes, child_rotations=[child], trace_sink=sink
+        )
+        rotation(np.ones(6))
+        rotation(np.ones(6))
+        return list(sink), sink.context() is None
+
+    assert same_on_both(scenario) == ([False, False], True)
+
+
+def test_context_of_a_batch_lives_until_the_next_one_is_there():
+    def scenario(base, attributes):
+        class Context:
+            def __init__(self, universe_mask, current_day_index):
+                self.universe_mask = universe_mask
+                self.current_day_index = current_day_index
+                log.append(f"make {current_day_index}")
+
+            def __del__(self):
+                log.append(f"drop {self.current_day_index}")
+
+        log = []
+        attributes = {**attributes, "_make_child_context": lambda *_: None}
+        rotation = make_rotation(base, [ITEMS] * 3, attributes=attributes)
+        base._VirtualContext = Context
+        rotation.batch_reference(np.ones((3, 6)))
+        return log
+
+    log = same_on_both(scenario)
+    assert log == ["make 0", "make 1", "drop 0", "make 2", "drop 1", "drop 2"]
