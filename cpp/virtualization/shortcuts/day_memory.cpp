@@ -1,5 +1,7 @@
 #include "virtualization/shortcuts/day_memory.hpp"
 
+#include "capi/gc_pause.hpp"
+
 namespace quorvane::virtualization {
 
 namespace {
@@ -35,6 +37,7 @@ std::shared_ptr<DayMemory> DayMemories::find(PyObject* rotation) const {
 
 std::shared_ptr<DayMemory> DayMemories::of(PyObject* rotation) {
     if (std::shared_ptr<DayMemory> known = find(rotation)) return known;
+    const capi::GcPause no_finalizers;  // which could ask for the same memory
     Ref weak_reference = Ref::steal(PyWeakref_NewRef(rotation, forget_.get()));
     if (!weak_reference) {
         if (!PyErr_ExceptionMatches(PyExc_TypeError)) throw capi::PythonError();
