@@ -172,6 +172,15 @@ public:
     // The next element; empty at the end.
     Ref next() { return is_sequence_ ? next_of_sequence() : next_of_iterator(); }
 
+    // The same into the loop's variable, which lives until the next element is there, and after the
+    // loop. False at the end.
+    bool next(Ref& variable) {
+        Ref element = next();
+        if (!element) return false;
+        variable = std::move(element);
+        return true;
+    }
+
 private:
     Ref next_of_iterator() {
         Ref element = Ref::steal(PyIter_Next(source_.get()));
@@ -194,6 +203,17 @@ private:
     bool is_sequence_;
     Ref source_;
 };
+
+// for first, second in zip(...): both variables change when both elements are there.
+inline bool next_pair(Iteration& firsts, Ref& first, Iteration& seconds, Ref& second) {
+    Ref next_first = firsts.next();
+    if (!next_first) return false;
+    Ref next_second = seconds.next();
+    if (!next_second) return false;
+    first = std::move(next_first);
+    second = std::move(next_second);
+    return true;
+}
 
 // parts... = object: unpacks exactly `count`, by ordinary iteration, with the interpreter's errors.
 void unpack(PyObject* object, Ref* parts, Py_ssize_t count);

@@ -75,8 +75,7 @@ Ref run_child_chain(State& state, PyObject* const* values) {
     Ref output, child;  // as variables of a loop do, each lives until the next one is there
     Ref current = as_float64(state, values[1]);
     capi::Iteration children(attr(self, names.child_rotations).get());
-    while (Ref next = children.next()) {
-        child = std::move(next);
+    while (children.next(child)) {
         output = Method::called_by(child.get(), names.call)
                      .with_keywords(state.context_keyword.get(), current.get(), child_context);
         current = as_float64(state, output.get());

@@ -44,7 +44,8 @@ Ref snapshot_child_states(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     Ref snapshots = capi::make_list();
     capi::Iteration children(attr(self, names.child_rotations).get());
-    while (const Ref child = children.next()) {
+    Ref child;
+    while (children.next(child)) {
         Ref snapshot = capi::none();
         if (capi::has_attr(child.get(), names.set_state)) {
             if (!capi::has_attr(child.get(), names.get_state)) {
@@ -78,9 +79,8 @@ Ref restore_child_snapshots(State& state, PyObject* const* values) {
     Ref errors = capi::make_list();
     capi::Iteration children(attr(self, state.names.child_rotations).get());
     capi::Iteration snapshots(values[1]);
-    while (const Ref child = children.next()) {
-        const Ref snapshot = snapshots.next();
-        if (!snapshot) break;
+    Ref child, snapshot;
+    while (capi::next_pair(children, child, snapshots, snapshot)) {
         if (!capi::is_none(snapshot.get()) && capi::has_attr(child.get(), state.names.set_state)) {
             restore_child(state, child.get(), snapshot, errors.get());
         }

@@ -81,8 +81,7 @@ void deactivate(const State& state, PyObject* entry) {
 Ref deactivate_slots(const State& state, PyObject* self) {
     capi::Iteration entries(attr(self, state.names.metadata_by_slot).get());
     Ref entry;
-    while (Ref next = entries.next()) {
-        entry = std::move(next);
+    while (entries.next(entry)) {
         deactivate(state, entry.get());
     }
     return entry;
@@ -108,8 +107,7 @@ void record_structures(const State& state, const Day& day, Variables& variables)
         record_inertly(state, day, plain, masks, report, variables.reset_entry);
     capi::Iteration items(structures, recorded);
     if (recorded > 0) last.raw = report.object_at(recorded - 1);
-    while (Ref next = items.next()) {
-        last.raw = std::move(next);
+    while (items.next(last.raw)) {
         record_item(state, day.self, plain, masks, last);
     }
 }

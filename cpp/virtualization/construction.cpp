@@ -40,7 +40,8 @@ void initialise_base(const State& state, PyObject* self, PyObject* N_alloc, PyOb
 void extend_children(const State& state, PyObject* self, PyObject* expression) {
     const Names& names = state.names;
     capi::Iteration factories(attr(self, names.child_factories).get());
-    while (const Ref factory = factories.next()) {
+    Ref factory;
+    while (factories.next(factory)) {
         const Ref append = attr(attr(self, names.child_rotations).get(), names.append);
         const Ref child = call_with_keywords(factory.get(), state.N_alloc_keyword.get(),
                                              attr(self, names.max_structures).get());

@@ -15,9 +15,8 @@ void set_child_states(const State& state, PyObject* self, const Ref& child_state
     const Names& names = state.names;
     capi::Iteration children(attr(self, names.child_rotations).get());
     capi::Iteration entries(child_states.get());
-    while (const Ref child = children.next()) {
-        const Ref entry = entries.next();
-        if (!entry) break;
+    Ref child, entry;
+    while (capi::next_pair(children, child, entries, entry)) {
         if (capi::has_attr(child.get(), names.set_state)) {
             call_method(child.get(), names.set_state, entry.get());
         }

@@ -24,7 +24,8 @@ Ref states_of_children(const State& state, PyObject* self) {
     const Names& names = state.names;
     Ref states = capi::make_list();
     capi::Iteration children(attr(self, names.child_rotations).get());
-    while (const Ref child = children.next()) {
+    Ref child;
+    while (children.next(child)) {
         const bool reports = capi::has_attr(child.get(), names.get_state);
         const Ref child_state =
             reports ? call_method(child.get(), names.get_state) : capi::make_dict();

@@ -157,7 +157,8 @@ Ref checked_legs(const Rotation& rotation, const Ref& raw_legs_by_slot, const Sl
         rotation.demand(is_list_or_tuple(raw_legs), ": legs must be a list or tuple");
         const Ref legs = capi::make_list();
         capi::Iteration iteration(raw_legs);
-        while (const Ref leg = iteration.next()) {
+        Ref leg;
+        while (iteration.next(leg)) {
             capi::append(legs.get(), checked_leg(rotation, leg.get(), limit).get());
         }
         require(PyDict_SetItem(legs_by_slot.get(), slot.get(), capi::to_tuple(legs.get()).get()));
@@ -174,7 +175,8 @@ Ref checked_metadata(const Rotation& rotation, const Ref& raw) {
                     ": structure_metadata_by_slot length must equal max_structures");
     Ref copies = capi::make_list();
     capi::Iteration entries(raw.get());
-    while (const Ref entry = entries.next()) {
+    Ref entry;
+    while (entries.next(entry)) {
         rotation.demand(is_dict(entry.get()), ": metadata entries must be dicts");
         capi::append(copies.get(), capi::to_dict(entry.get()).get());
     }

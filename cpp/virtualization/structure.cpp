@@ -41,10 +41,11 @@ Ref normalize_leg(PyObject* leg) {
     return capi::make_tuple(leg_id.get(), weight.get());
 }
 
-Ref normalize_legs(PyObject* legs) {
+// The last leg stays in the variable.
+Ref normalize_legs(PyObject* legs, Ref& leg) {
     const Ref normalized = capi::make_list();
     capi::Iteration iteration(legs);
-    while (const Ref leg = iteration.next()) {
+    while (iteration.next(leg)) {
         capi::append(normalized.get(), normalize_leg(leg.get()).get());
     }
     return require(PyList_AsTuple(normalized.get()));
@@ -56,7 +57,8 @@ Ref normalize(State& state, PyObject* const* values) {
     const RawStructure raw = capi::is_instance(raw_item, PyDict_Type)
                                  ? read_dict(state, raw_item)
                                  : read_object(state, raw_item);
-    const Ref legs = normalize_legs(raw.legs.get());
+    Ref last_leg;
+    const Ref legs = normalize_legs(raw.legs.get(), last_leg);
     const Ref metadata =
         capi::truth(raw.metadata.get()) ? capi::to_dict(raw.metadata.get()) : capi::make_dict();
     const Ref metadata_key = capi::to_tuple(raw.key.get());

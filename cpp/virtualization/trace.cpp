@@ -18,7 +18,8 @@ constexpr capi::Parameter parameters[] = {
 Ref copies_of_metadata(const State& state, PyObject* self) {
     Ref copies = capi::make_list();
     capi::Iteration entries(attr(self, state.names.metadata_by_slot).get());
-    while (const Ref entry = entries.next()) {
+    Ref entry;
+    while (entries.next(entry)) {
         capi::append(copies.get(), capi::to_dict(entry.get()).get());
     }
     return copies;

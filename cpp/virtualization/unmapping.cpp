@@ -52,7 +52,8 @@ void split_equally(const Totals& totals, PyObject* value, PyObject* legs) {
     const Ref scale = require(PyNumber_TrueDivide(value, count.get()));
     const Ref zero = capi::make_float(0.0);
     capi::Iteration iteration(legs);
-    while (const Ref leg = iteration.next()) {
+    Ref leg;
+    while (iteration.next(leg)) {
         const capi::Pair parts = capi::unpack_pair(leg.get());
         const bool positive = capi::compare(parts.second.get(), zero.get(), Py_GE);
         const Ref amount = positive ? scale.share() : require(PyNumber_Negative(scale.get()));
@@ -62,7 +63,8 @@ void split_equally(const Totals& totals, PyObject* value, PyObject* legs) {
 
 void split_in_proportion(const Totals& totals, PyObject* value, PyObject* legs) {
     capi::Iteration iteration(legs);
-    while (const Ref leg = iteration.next()) {
+    Ref leg;
+    while (iteration.next(leg)) {
         const capi::Pair parts = capi::unpack_pair(leg.get());
         contribute(totals, parts.first.get(),
                    [&] { return require(PyNumber_Multiply(value, parts.second.get())); });

@@ -22,7 +22,8 @@ bool is_live(const State& state, PyObject* leg_id, PyObject* nan_masks, PyObject
         return false;
     }
     capi::Iteration masks(nan_masks);
-    while (const Ref mask = masks.next()) {
+    Ref mask;
+    while (masks.next(mask)) {
         if (is_flagged(mask.get(), leg_id)) return false;
     }
     return true;
@@ -31,7 +32,8 @@ bool is_live(const State& state, PyObject* leg_id, PyObject* nan_masks, PyObject
 Ref structure_is_valid(State& state, PyObject* const* values) {
     PyObject* structure = values[1];
     capi::Iteration legs(attr(structure, state.names.legs).get());
-    while (const Ref leg = legs.next()) {
+    Ref leg;
+    while (legs.next(leg)) {
         const capi::Pair parts = capi::unpack_pair(leg.get());
         if (!is_live(state, parts.first.get(), values[2], values[3], values[4])) {
             return capi::to_bool(false);

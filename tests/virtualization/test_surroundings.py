@@ -679,6 +679,64 @@ def test_what_a_day_was_made_of_goes_when_the_day_is_over(base):
     ]
 
 
+class Leg(Watched):
+    """Leg that is unpacked like a pair."""
+
+    def __iter__(self):
+        return iter((0, 1.0))
+
+
+def made(log, maker, names):
+    for name in names:
+        log.append(f"make {name}")
+        yield maker(log, name)
+
+
+def test_legs_go_when_the_next_one_is_there_and_the_last_with_the_step(base):
+    class Key:
+        def __iter__(self):
+            log.append("key")
+            return iter("k")
+
+    log = []
+    rotation = make_rotation(base)
+    rotation._normalize_structure(structure(Key(), made(log, Leg, "ab")))
+    assert log == ["make a", "make b", "drop a", "key", "key", "drop b"]
+
+
+class Child(Watched):
+    """Child that tells what is asked of it."""
+
+    def __call__(self, values, context):
+        self.log.append(f"call {self.name}")
+        return values
+
+    def get_state(self):
+        self.log.append(f"get {self.name}")
+        return self.name
+
+    def set_state(self, state):
+        self.log.append(f"set {self.name}")
+
+
+CHILD_STEPS = {
+    "call": lambda rotation: rotation._run_child_chain(np.ones(4), None),
+    "get": lambda rotation: rotation.get_state(),
+    "get again": lambda rotation: rotation._snapshot_child_states(),
+    "set": lambda rotation: rotation._restore_child_snapshots(["x", "y"]),
+}
+
+
+@pytest.mark.parametrize("step", CHILD_STEPS)
+def test_children_that_are_made_as_they_are_asked_for_go_when_the_next_one_is_there(base, step):
+    log = []
+    rotation = make_rotation(base)
+    rotation.child_rotations = made(log, Child, "ab")
+    CHILD_STEPS[step](rotation)
+    verb = step.split()[0]
+    assert log == ["make a", f"{verb} a", "make b", "drop a", f"{verb} b", "drop b"]
+
+
 def test_numpy_is_whole_again():
     """The tests of this file put things in NumPy's place; none may stay there."""
     assert type(np) is types.ModuleType
