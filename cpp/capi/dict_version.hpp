@@ -23,4 +23,14 @@ inline std::uint64_t dict_version([[maybe_unused]] PyObject* dict) noexcept {
 #endif
 }
 
+// False of an instance's own dictionary that shares its values with the instance, as it may from
+// Python 3.13 on: what is changed through the instance is not counted.
+inline bool counts_changes([[maybe_unused]] PyObject* dict) noexcept {
+#if PY_VERSION_HEX >= 0x030D0000
+    return reinterpret_cast<PyDictObject*>(dict)->ma_values == nullptr;
+#else
+    return true;
+#endif
+}
+
 }  // namespace quorvane::capi

@@ -67,6 +67,7 @@ std::uint32_t LegMemory::grow(std::size_t count) {
 
 bool LegMemory::load(PyObject* legs_by_slot, Py_ssize_t max_structures) {
     clear();
+    if (!capi::counts_changes(legs_by_slot)) return false;
     Py_ssize_t position = 0;
     PyObject* key = nullptr;
     PyObject* legs = nullptr;

@@ -54,7 +54,10 @@ bool MetadataMemory::adopt(const State& state, PyObject* metadata_by_slot) {
     std::vector<std::uint64_t> versions(slots);
     for (std::size_t slot = 0; slot < slots; ++slot) {
         PyObject* dict = PyList_GET_ITEM(metadata_by_slot, static_cast<Py_ssize_t>(slot));
-        if (!PyDict_CheckExact(dict) || !says_only_inactive(state, dict)) return false;
+        if (!PyDict_CheckExact(dict) || !capi::counts_changes(dict) ||
+            !says_only_inactive(state, dict)) {
+            return false;
+        }
         versions[slot] = capi::dict_version(dict);
     }
     versions_ = std::move(versions);

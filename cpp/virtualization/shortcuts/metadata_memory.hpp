@@ -20,7 +20,8 @@ public:
 
     void forget() noexcept { versions_.clear(); }
 
-    // Takes over a list of dicts that all say only that their slot is inactive; false otherwise.
+    // Takes over a list of dicts that all say only that their slot is inactive; false otherwise,
+    // and when one of them does not count its changes.
     bool adopt(const State& state, PyObject* metadata_by_slot);
 
     // A day: begin, report each structure, end. Until end() the dicts of slots that were active

@@ -40,7 +40,8 @@ bool SlotMemory::knows(PyObject* slot_by_key, PyObject* key_by_slot, Py_ssize_t 
     }
     memos_.clear();
     slots_version_ = keys_version_ = 0;
-    if (!maps_inert_keys_to_slots(slot_by_key, max_structures) ||
+    if (!capi::counts_changes(slot_by_key) || !capi::counts_changes(key_by_slot) ||
+        !maps_inert_keys_to_slots(slot_by_key, max_structures) ||
         !has_only_plain_slots(key_by_slot)) {
         return false;
     }

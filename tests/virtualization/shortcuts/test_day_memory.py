@@ -9,6 +9,7 @@ import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
+from support import days
 from support.fakes import make_rotation, structure
 from support.tampering import WAYS, N, TamperedRotation, play, way
 
@@ -170,3 +171,47 @@ def test_metadata_has_the_very_slot_that_the_map_has(modules, days_between):
 
     for module in modules:
         assert all(scenario(module))
+
+
+class Namespace:
+    pass
+
+
+@pytest.mark.parametrize("slot", [0, 3])
+@pytest.mark.parametrize("when", [0, 1, 2])
+def test_metadata_may_be_the_dictionary_of_an_instance(modules, slot, when):
+    def scenario(module):
+        item = structure(("a",), ((0, 1.0),))
+        other = structure(("b",), ((1, 1.0),))
+        rotation = make_rotation(module, [[item, other], [item], [item, other], [other]] * 2)
+        entry, log = Namespace(), []
+        for day in range(8):
+            if day == when:
+                entry.active = "before"
+                rotation._metadata_by_slot[slot] = vars(entry)
+            rotation(np.ones(6))
+            log.append(days.freeze([rotation._metadata_by_slot, vars(entry)]))
+            entry.active = day
+        return log
+
+    native, twin = modules
+    assert scenario(native) == scenario(twin)
+
+
+@pytest.mark.parametrize("name", ["slot_by_key", "key_by_slot", "_legs_by_slot"])
+def test_maps_may_be_the_dictionaries_of_instances(modules, name):
+    def scenario(module):
+        item = structure(("a",), ((0, 1.0),))
+        rotation = make_rotation(module, [[item]] * 6)
+        owner, log = Namespace(), []
+        setattr(rotation, name, vars(owner))
+        for day in range(6):
+            log.append(days.outcome(rotation, np.ones(6)))
+            log.append(days.freeze([rotation._metadata_by_slot, vars(owner)]))
+            if day == 2:
+                vars(owner).clear()
+            owner.more = day
+        return log
+
+    native, twin = modules
+    assert scenario(native) == scenario(twin)
