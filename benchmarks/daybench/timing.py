@@ -6,8 +6,10 @@ the process by default: on a busy machine the slow side would otherwise be charg
 and the fast side would not.
 """
 
+import concurrent.futures
 import contextlib
 import gc
+import multiprocessing
 import statistics
 import time
 from collections.abc import Callable
@@ -68,6 +70,13 @@ def compare(ours: Side, peer: Side, settings: Settings) -> Comparison:
     low, middle, high = statistics.quantiles(ratios, n=4, method="inclusive")
     our_time, peer_time = (statistics.median(column) for column in zip(*times, strict=True))
     return Comparison(middle, low, high, our_time, peer_time, pairs)
+
+
+def in_new_process(measure, *arguments):
+    """Return what the function returns in a fresh process, whose heap nothing has scattered yet."""
+    fresh = multiprocessing.get_context("spawn")
+    with concurrent.futures.ProcessPoolExecutor(max_workers=1, mp_context=fresh) as process:
+        return process.submit(measure, *arguments).result()
 
 
 def _pair(ours, peer, calls, peer_first, settings):
