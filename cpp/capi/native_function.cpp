@@ -66,7 +66,7 @@ PyObject* vectorcall(PyObject* object, PyObject* const* arguments, std::size_t f
 }
 
 PyObject* bind_to_instance(PyObject* self, PyObject* instance, PyObject* /*owner*/) {
-    if (instance == nullptr || instance == Py_None) return Py_NewRef(self);
+    if (instance == nullptr) return Py_NewRef(self);
     return PyMethod_New(self, instance);
 }
 
@@ -198,10 +198,9 @@ Ref make_native_function_type(PyObject* module) {
     return type;
 }
 
-bool is_native_function(PyObject* object, PyObject* type, const FunctionDef& definition,
-                        const void* state) noexcept {
+bool is_native_function(PyObject* object, PyObject* type, const FunctionDef& definition) noexcept {
     return Py_IS_TYPE(object, reinterpret_cast<PyTypeObject*>(type)) &&
-           content_of(object).definition == &definition && content_of(object).state == state;
+           content_of(object).definition == &definition;
 }
 
 Ref make_native_function(PyObject* type, const FunctionDef& definition, PyObject* module,

@@ -27,9 +27,8 @@ Ref body_of(void* state, PyObject* const* values) {
 // The type of native functions, made once per module.
 Ref make_native_function_type(PyObject* module);
 
-// True of a function that `definition` makes for this state.
-bool is_native_function(PyObject* object, PyObject* type, const FunctionDef& definition,
-                        const void* state) noexcept;
+// True of a function that `definition` makes in the module that the type was made for.
+bool is_native_function(PyObject* object, PyObject* type, const FunctionDef& definition) noexcept;
 
 // A new function; it keeps `module`, and so the state that its body works on, alive.
 // `definition` must outlive it (the tables are static).

@@ -116,12 +116,13 @@ void Signature::raise_too_many(const Bound& bound, PyObject* qualified_name,
         exact ? PyUnicode_FromFormat("%zd", positional_count_)
               : PyUnicode_FromFormat("from %zd to %zd", required_count_, positional_count_));
     const char* plural = exact && positional_count_ == 1 ? "" : "s";
-    const Ref given = require(
-        keyword_only_given == 0
-            ? PyUnicode_FromFormat("%zd %s", count, count == 1 ? "was" : "were")
-            : PyUnicode_FromFormat(
-                  "%zd positional argument%s (and %zd keyword-only argument%s) were", count,
-                  count == 1 ? "" : "s", keyword_only_given, keyword_only_given == 1 ? "" : "s"));
+    // Every function takes an argument at least, so too many are more than one.
+    const Ref given =
+        require(keyword_only_given == 0
+                    ? PyUnicode_FromFormat("%zd were", count)
+                    : PyUnicode_FromFormat(
+                          "%zd positional arguments (and %zd keyword-only argument%s) were", count,
+                          keyword_only_given, keyword_only_given == 1 ? "" : "s"));
     PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %U given",
                  qualified_name, takes.get(), plural, given.get());
     throw PythonError();

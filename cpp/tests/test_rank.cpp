@@ -4,6 +4,7 @@
 #include <functional>
 #include <limits>
 #include <random>
+#include <stdexcept>
 #include <vector>
 
 #include "check.hpp"
@@ -75,10 +76,25 @@ void knows_the_special_values() {
     CHECK(same(ranked({-kNan, 3.0, 1.0, 3.0, 2.0}), {kNan, 0.875, 0.25, 0.875, 0.5}));
 }
 
+// Places are kept in 32 bits. The row is refused by its length, before anything of it is read.
+void refuses_what_it_cannot_count() {
+    const double one = 1.0;
+    double out = 0.0;
+    const std::size_t most = std::numeric_limits<std::uint32_t>::max();
+    bool refused = false;
+    try {
+        rank_fraction({&one, most + 1}, workspace, {&out, most + 1});
+    } catch (const std::length_error&) {
+        refused = true;
+    }
+    CHECK(refused);
+}
+
 }  // namespace
 
 int main() {
     knows_the_special_values();
+    refuses_what_it_cannot_count();
 
     const Source sources[] = {
         [](auto& random) { return std::normal_distribution<double>()(random); },

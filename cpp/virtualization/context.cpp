@@ -129,8 +129,7 @@ Ref make_context(const State& state, PyObject* context_class, PyObject* universe
 }
 
 Ref make_mask(const State& state, PyObject* mask_class, PyObject* rows, PyObject* row) {
-    const bool plain =
-        PyLong_CheckExact(rows) && PyArray_CheckExact(row) && PyArray_NDIM(capi::as_array(row)) > 0;
+    const bool plain = PyArray_CheckExact(row) && PyArray_NDIM(capi::as_array(row)) > 0;
     if (!plain) return call(mask_class, rows, row);
     const Ref columns = capi::make_int(PyArray_DIM(capi::as_array(row), 0));
     const Ref shape = capi::make_tuple(rows, columns.get());

@@ -12,7 +12,7 @@ Ref make_mask_class(State& state, const capi::FunctionHome& home);
 Ref make_context(const State& state, PyObject* context_class, PyObject* universe_mask,
                  PyObject* day);
 
-// mask_class(rows, row), whatever the class is
+// mask_class(rows, row), whatever the class is; rows is an exact int
 Ref make_mask(const State& state, PyObject* mask_class, PyObject* rows, PyObject* row);
 
 }  // namespace quorvane::virtualization

@@ -59,7 +59,7 @@ public:
 
     // True of the very function that the definition makes in this module.
     [[nodiscard]] bool is_own(PyObject* function, const capi::FunctionDef& definition) const {
-        return capi::is_native_function(function, function_type_.get(), definition, this);
+        return capi::is_native_function(function, function_type_.get(), definition);
     }
 
     const Names names;

@@ -729,3 +729,66 @@ def test_pickles_and_copies_go_on_on_their_own():
         assert same_bits(twin([1.0, 2.0]), [2.0, 2.0])
         assert twin._output_buf is not counter._output_buf
     assert counter.days == 1
+
+
+@pytest.mark.parametrize("name", ["_output_buf", "_combined_nan_buf"])
+@pytest.mark.parametrize("buffer", [None, np.zeros(1), np.zeros(1, dtype=np.uint8)], ids=repr)
+def test_without_an_allocation_buffers_that_do_not_fit_are_made_anew(name, buffer):
+    rotation = Recorder()
+    rotation([1.0, 2.0, 3.0])
+    setattr(rotation, name, buffer)
+    assert rotation([1.0, np.nan, 3.0])[::2].tolist() == [1.0, 3.0]
+    assert rotation.combined.tolist() == [0, 1, 0]
+    assert (rotation._output_buf.shape, rotation._combined_nan_buf.shape) == ((3,), (3,))
+
+
+@pytest.mark.parametrize("parameters", [None, 5, [("a", 1)], "text"], ids=repr)
+def test_the_representation_leaves_out_parameters_that_are_no_dict(parameters):
+    rotation = Silent(N_alloc=3)
+    rotation.parameters = parameters
+    assert repr(rotation) == "Silent(N_alloc=3)"
+    del rotation.parameters, rotation._n_alloc
+    assert repr(rotation) == "Silent()"
+
+
+class Axes:
+    """Mask that says of itself how many axes it has."""
+
+    def __init__(self, ndim, rows):
+        self.ndim = ndim
+        self.rows = np.asarray(rows)
+
+    def __getitem__(self, day):
+        return self.rows[day]
+
+    def __array__(self, dtype=None, copy=None):
+        return self.rows
+
+
+@pytest.mark.parametrize("one", [1, 1.0, True, np.int64(1)], ids=repr)
+def test_a_mask_whose_axes_equal_one_is_a_row(one):
+    context = types.SimpleNamespace(universe_mask=Axes(one, [1, 0, 1]), current_day_index=2)
+    rotation = Recorder(N_alloc=3)
+    rotation([1.0, 2.0, 3.0], context=context)
+    assert rotation.combined.tolist() == [0, 1, 0]
+
+
+@pytest.mark.parametrize("two", [2, 2.0, "two", None, 2**70], ids=repr)
+def test_a_mask_whose_axes_do_not_equal_one_is_asked_for_the_days_row(two):
+    rows = [[1, 1, 1], [1, 0, 1]]
+    context = types.SimpleNamespace(universe_mask=Axes(two, rows), current_day_index=1)
+    rotation = Recorder(N_alloc=3)
+    rotation([1.0, 2.0, 3.0], context=context)
+    assert rotation.combined.tolist() == [0, 1, 0]
+
+
+def test_a_universe_that_leaves_out_scalars_and_other_shapes_leaves_them_as_they_are():
+    rotation = Recorder(N_alloc=3)
+    context = types.SimpleNamespace(universe_mask=np.array([1, 0, 1], dtype=np.uint8))
+    others = [np.float64(7.0), np.zeros(2), "text", np.zeros((0, 3)), np.ones((2, 3))]
+    rotation([1.0, 2.0, 3.0], *others, context=context)
+    inputs = rotation.calls[-1][0]
+    assert np.isnan(inputs[0]).tolist() == [False, True, False]
+    assert (float(inputs[1]), inputs[2].tolist(), inputs[3]) == (7.0, [0.0, 0.0], "text")
+    assert np.isnan(inputs[5]).tolist() == [[False, True, False]] * 2
+    assert [mask.tolist() for mask in rotation.masks[1:5]] == [[0, 0, 0]] * 4

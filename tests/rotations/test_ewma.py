@@ -237,3 +237,124 @@ def test_shows_its_window():
     assert Ewma(20).parameters == {"window": 20}
     assert Ewma(20).window == 20
     assert (Ewma._name, Ewma.arity) == ("longitudinal_ewma_67301c", 1)
+
+
+@pytest.mark.parametrize("name", ["_mean", "_weight"])
+@pytest.mark.parametrize(
+    "memory", [None, np.zeros(3, dtype=np.float32), np.zeros((3, 1))], ids=repr
+)
+def test_a_resize_of_a_memory_that_does_not_fit_is_refused_and_changes_nothing(name, memory):
+    ewma = Ewma(3, N_alloc=3)
+    setattr(ewma, name, memory)
+    with pytest.raises(ValueError, match="_mean and _weight must be writable, contiguous float64"):
+        ewma.resize(5)
+    assert ewma._n_alloc == 3
+    assert ewma._output_buf.shape == (3,)
+    assert getattr(ewma, name) is memory
+
+
+@pytest.mark.parametrize(
+    ("allocated", "error", "text"),
+    [
+        (-1, ValueError, "_n_alloc must be None or at least 0, got -1"),
+        (-7, ValueError, "_n_alloc must be None or at least 0, got -7"),
+        ("3", TypeError, "an integer is required|expected int|cannot be interpreted"),
+        (2**70, OverflowError, "too large"),
+    ],
+)
+def test_a_base_that_allocates_otherwise(allocated, error, text):
+    class Odd(Ewma):
+        @property
+        def _n_alloc(self):
+            return allocated
+
+        @_n_alloc.setter
+        def _n_alloc(self, value):
+            pass
+
+    with pytest.raises(error, match=text):
+        Odd(3, N_alloc=3)
+
+
+def test_a_memory_that_an_assignment_cuts_short_is_refused():
+    class Cutting(Ewma):
+        def __setattr__(self, name, value):
+            if name == "_mean" and len(value) == 4:
+                value.resize(2, refcheck=False)
+            super().__setattr__(name, value)
+
+    ewma = Cutting(3)
+    ewma([1.0, 2.0])
+    with pytest.raises(ValueError, match="at least 4 entries"):
+        ewma([1.0, 2.0, 3.0, 4.0])
+
+
+@pytest.mark.parametrize("name", ["_mean", "_weight"])
+@pytest.mark.parametrize("shared", ["input", "output", "both"])
+def test_memory_may_lie_in_the_days_own_arrays(name, shared):
+    plain, ewma = Ewma(3, N_alloc=2), Ewma(3, N_alloc=2)
+    for each in (plain, ewma):
+        each([1.0, 2.0])
+    memory = getattr(ewma, name)
+    values = memory if shared != "output" else np.array([4.0, 5.0])
+    expected = plain(values.copy())
+    output = memory if shared != "input" else np.empty(2)
+    ewma.compute((values,), (), None, output, 2)
+    assert same_bits(output, expected)
+
+
+@pytest.mark.parametrize(
+    ("values", "N", "error", "text"),
+    [
+        (np.zeros(2), 3, ValueError, r"one row of at least 3 columns, got shape \(2,\)"),
+        (np.zeros((3, 3)), 3, ValueError, r"one row of at least 3 columns, got shape \(3, 3\)"),
+        (5.0, 1, ValueError, r"one row of at least 1 columns, got shape \(\)"),
+        ("text", 1, ValueError, "could not convert"),
+        (np.zeros(2), "2", TypeError, "'str' object cannot be interpreted as an integer"),
+        (np.zeros(2), 2**80, OverflowError, "cannot fit 'int' into an index-sized integer"),
+        (np.zeros(2), -1, ValueError, "N must not be negative, got -1"),
+    ],
+    ids=repr,
+)
+def test_a_compute_that_is_given_no_day(values, N, error, text):
+    ewma, output = Ewma(3, N_alloc=2), np.array([8.0, 9.0])
+    before = ewma.get_state()
+    with pytest.raises(error, match=text):
+        ewma.compute((values,), (), None, output, N)
+    assert output.tolist() == [8.0, 9.0]
+    assert same_bits(ewma.get_state()["mean"], before["mean"])
+
+
+@pytest.mark.parametrize(
+    "values", [[1.0, 2.0, 9.0], (3, 4), np.arange(6.0)[::2], np.float32([1, 2])]
+)
+def test_a_compute_takes_any_row_and_its_first_columns(values):
+    ewma, plain = Ewma(3, N_alloc=2), Ewma(3, N_alloc=2)
+    output = np.full(3, 7.0)
+    assert ewma.compute([values], (), None, output, 2) == 0
+    assert same_bits(output[:2], plain(np.asarray(values, dtype=float)[:2]))
+    assert output[2] == 7.0
+
+
+@pytest.mark.parametrize("output", [np.zeros(3)[:2], np.zeros(6)[::3], np.zeros(2, np.float32)])
+def test_a_compute_writes_to_any_output(output):
+    ewma, plain = Ewma(3, N_alloc=2), Ewma(3, N_alloc=2)
+    ewma.compute((np.array([1.5, 2.5]),), (), None, output, 2)
+    assert same_bits(output.astype(float), plain([1.5, 2.5]))
+
+
+@pytest.mark.parametrize("changed", ["input", "output"])
+def test_an_array_that_changes_while_the_rotation_is_asked_is_refused(changed):
+    values, output = np.zeros(2000), np.zeros(2000)
+
+    class Odd(Ewma):
+        def __getattribute__(self, name):
+            if name == "_mean" and hunting:
+                (values if changed == "input" else output).resize(3, refcheck=False)
+            return super().__getattribute__(name)
+
+    hunting = []
+    ewma = Odd(3, N_alloc=2000)
+    hunting.append(True)
+    with pytest.raises(ValueError, match="an array of the day was changed during the call"):
+        ewma.compute((values,), (), None, output, 2000)

@@ -7,6 +7,7 @@ that it would have on Python code, and no other.
 import builtins
 import contextlib
 import sys
+import types
 import typing
 from unittest import mock
 
@@ -282,6 +283,20 @@ def test_base_that_is_no_class_has_its_type_make_the_class(kind):
     assert body["arity"] == 2
 
 
+@pytest.mark.parametrize("body", [5, None, {1}], ids=repr)
+def test_prepared_body_that_is_no_mapping_fails_the_import(kind, body):
+    class Meta(type):
+        @classmethod
+        def __prepare__(cls, name, bases):
+            return body
+
+    Base = type.__new__(Meta, "Base", (plain_rotation_base(),), {})
+    assert loaded(kind, Base) == (
+        TypeError,
+        f"Meta.__prepare__() must return a mapping, not {type(body).__name__}",
+    )
+
+
 def test_prepared_body_is_filled_in_the_order_of_a_class_statement():
     def names_set(kind):
         class Body(dict):
@@ -339,6 +354,37 @@ def test_importing_goes_through_the_patched_builtin_in_order(kind):
         (HOOKS_NAME, ("abstract_method_required",), 0),
         (BOILERPLATE_NAME, ("RotationBase",), 0),
     ]
+
+
+class Nameless(types.ModuleType):
+    """Module without a file, as one is that was made in memory."""
+
+
+@pytest.mark.parametrize("file", [None, "/somewhere/else.py"])
+def test_missing_name_of_an_import_is_told_with_the_modules_place(kind, file):
+    bare = Nameless("dataclasses")
+    if file is not None:
+        bare.__file__ = file
+    with mock.patch.dict(sys.modules, dataclasses=bare), pytest.raises(ImportError) as caught:
+        load_base(kind, Siblings())
+    assert str(caught.value) == (
+        f"cannot import name 'dataclass' from 'dataclasses' ({file or 'unknown location'})"
+    )
+    assert (caught.value.name, caught.value.path) == ("dataclasses", file)
+
+
+def test_missing_name_of_an_import_may_be_a_module_that_is_still_loading(kind):
+    found = types.ModuleType("dataclasses.dataclass")
+    loading = {"dataclasses": Nameless("dataclasses"), "dataclasses.dataclass": found}
+    with mock.patch.dict(sys.modules, loading), pytest.raises(TypeError) as caught:
+        load_base(kind, Siblings())
+    assert "'module' object is not callable" in str(caught.value)
+
+
+def test_numpy_without_its_c_interface_fails_the_import():
+    hidden = dict.fromkeys(["numpy._core._multiarray_umath", "numpy.core._multiarray_umath"])
+    with mock.patch.dict(sys.modules, hidden), pytest.raises(ImportError):
+        load_base("native", Siblings())
 
 
 @pytest.mark.parametrize("refused", ["copy", "re", "numpy", HOOKS_NAME, BOILERPLATE_NAME])

@@ -16,7 +16,8 @@ void OwnClass::remember(const Ref& made, const capi::FunctionDef& init, PyObject
 }
 
 bool OwnClass::is(const State& state, PyObject* object) const {
-    if (!class_ || object != class_.get() || !Py_IS_TYPE(object, &PyType_Type)) return false;
+    // An exact type stays one: a class of `type` itself cannot be given another metaclass.
+    if (!class_ || object != class_.get()) return false;
     return seen_.ask(type(), [&] { return look(state); });
 }
 

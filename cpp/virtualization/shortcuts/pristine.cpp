@@ -27,7 +27,7 @@ void Pristine::remember_structure_class(const State& state) {
     structure_class_ = state.global(state.names.VirtualStructure);
     if (!PyType_CheckExact(structure_class_.get())) return;
     structure_init_ = Ref::borrow(_PyType_Lookup(structure_class(), state.names.init));
-    if (structure_init_ && PyFunction_Check(structure_init_.get())) {
+    if (PyFunction_Check(structure_init_.get())) {
         structure_init_code_ = Ref::borrow(PyFunction_GetCode(structure_init_.get()));
     }
 }
@@ -61,7 +61,6 @@ Ref Pristine::own(PyObject* name) const {
 bool Pristine::structure_class_holds(const State& state) const {
     if (!structure_init_code_ ||
         capi::dict_peek(state.globals(), state.names.VirtualStructure) != structure_class_.get() ||
-        !Py_IS_TYPE(structure_class_.get(), &PyType_Type) ||
         PyFunction_GetCode(structure_init_.get()) != structure_init_code_.get()) {
         return false;
     }

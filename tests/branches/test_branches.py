@@ -1,0 +1,98 @@
+"""The list of open branches is held to the measurement both ways."""
+
+import json
+from collections import Counter
+
+import pytest
+
+from branches import measured, open_list
+from branches.measured import Branches, Line
+
+SOURCE = "if (a) {\n    b();\n} else if (c) d();\n"
+REASONS = '[reasons]\nnever = "It never happens."\n'
+
+
+def branch(count, block, *, throw=False):
+    return {"count": count, "source_block_id": block, "throw": throw}
+
+
+def line(number, *branches):
+    return {"line_number": number, "branches": list(branches)}
+
+
+@pytest.fixture
+def read(tmp_path):
+    """Read a measurement of SOURCE that has the given lines."""
+
+    def read_lines(*lines):
+        (tmp_path / "a.cpp").write_text(SOURCE)
+        report = tmp_path / "report.json"
+        report.write_text(json.dumps({"files": [{"file": "a.cpp", "lines": lines}]}))
+        return measured.read(report, tmp_path)
+
+    return read_lines
+
+
+@pytest.fixture
+def listed(tmp_path):
+    """Read a list with the given tables."""
+
+    def read_list(text, reasons=REASONS):
+        path = tmp_path / "open.toml"
+        path.write_text(reasons + text)
+        return open_list.read(path)
+
+    return read_list
+
+
+def test_both_ways_of_a_decision_count(read):
+    branches = read(line(1, branch(3, 1), branch(0, 1)))
+    assert branches.total == {Line("a.cpp", "if (a) {"): 2}
+    assert branches.untaken == {Line("a.cpp", "if (a) {"): 1}
+    assert branches.share_taken() == 50
+
+
+def test_the_return_and_the_throw_of_a_call_do_not_count(read):
+    assert not read(line(2, branch(3, 1), branch(0, 1, throw=True), branch(3, 2))).total
+
+
+def test_what_is_decided_at_a_brace_does_not_count(read, tmp_path):
+    branches = read(line(1, branch(1, 1), branch(1, 1)), line(3, branch(1, 1), branch(0, 1)))
+    assert branches.total.total() == 4
+    assert measured.NO_SOURCE.fullmatch("};")
+    assert not measured.NO_SOURCE.fullmatch("} else if (c) d();")
+
+
+def test_copies_of_a_line_are_added_up(read):
+    taken, other = line(1, branch(1, 1), branch(0, 1)), line(1, branch(0, 7), branch(2, 7))
+    assert +read(taken, other).untaken == {}
+    assert read(taken, taken).untaken.total() == 1
+
+
+def test_copies_that_decide_otherwise_stay_apart(read):
+    two = line(1, branch(1, 1), branch(1, 1), branch(0, 2), branch(1, 2))
+    assert read(line(1, branch(1, 1), branch(0, 1)), two).untaken.total() == 2
+
+
+def test_a_list_that_fits_is_silent(listed):
+    one = Line("a.cpp", "if (a) {")
+    fits = listed('["a.cpp"]\n"if (a) {" = { open = 1, reason = "never" }\n')
+    assert list(open_list.complaints(Branches(Counter({one: 2}), Counter({one: 1})), fits)) == []
+    assert fits.by_reason() == {"never": 1}
+
+
+@pytest.mark.parametrize(
+    ("total", "untaken", "entries", "part"),
+    [
+        (2, 1, "", "1 branches that no test takes, 0 are listed"),
+        (2, 2, '"x" = { open = 1, reason = "never" }', "2 branches that no test takes, 1 are"),
+        (2, 0, '"x" = { open = 1, reason = "never" }', "takes, but 1 are listed"),
+        (0, 0, '"x" = { open = 1, reason = "never" }', "no such line decides anything"),
+        (2, 1, '"x" = { open = 1, reason = "whim" }', "unknown reason 'whim'"),
+    ],
+)
+def test_every_difference_is_told(listed, total, untaken, entries, part):
+    one = Line("a.cpp", "x")
+    branches = Branches(+Counter({one: total}), Counter({one: untaken}))
+    told = list(open_list.complaints(branches, listed(f'["a.cpp"]\n{entries}\n')))
+    assert any(part in text for text in told), told
