@@ -1,4 +1,5 @@
 import copy
+import gc
 import inspect
 import pickle
 import types
@@ -792,3 +793,58 @@ def test_a_universe_that_leaves_out_scalars_and_other_shapes_leaves_them_as_they
     assert (float(inputs[1]), inputs[2].tolist(), inputs[3]) == (7.0, [0.0, 0.0], "text")
     assert np.isnan(inputs[5]).tolist() == [[False, True, False]] * 2
     assert [mask.tolist() for mask in rotation.masks[1:5]] == [[0, 0, 0]] * 4
+
+
+def test_a_combined_mask_that_shrinks_when_the_output_is_read_is_refused():
+    class Odd(Recorder):
+        @property
+        def _output_buf(self):
+            if hasattr(self, "armed"):
+                self._combined_nan_buf.resize(1, refcheck=False)
+            return self.__dict__["_output_buf"]
+
+        @_output_buf.setter
+        def _output_buf(self, value):
+            self.__dict__["_output_buf"] = value
+
+    rotation = Odd(N_alloc=2000)
+    rotation.armed = True
+    with pytest.raises(ValueError, match="a mask buffer was changed during the call"):
+        rotation(np.zeros(2000))
+
+
+@pytest.mark.parametrize("size", [2000, 5])
+def test_a_universe_that_shrinks_in_a_collection_is_refused_or_was_read_before(size):
+    row = np.ones(2000, dtype=np.uint8)
+    row[1] = 0
+
+    class Shrinking:
+        def __init__(self):
+            self.itself = self
+
+        def __del__(self):
+            row.resize(size, refcheck=False)
+
+    class Mask:
+        ndim = 2
+
+        def __getitem__(self, day):
+            gc.set_threshold(1)
+            Shrinking()
+            return row
+
+    rotation = Recorder(N_alloc=2000)
+    kept = gc.get_threshold()
+    gc.collect()
+    out = refused = None
+    try:
+        out = rotation(np.zeros(2000), context=types.SimpleNamespace(universe_mask=Mask()))
+    except ValueError as error:
+        refused = str(error)
+    finally:
+        gc.set_threshold(*kept)
+    if refused is None:
+        assert np.isnan(out).tolist() == [False, True] + [False] * 1998
+    else:
+        assert size == 5
+        assert "universe_mask was changed" in refused or "a row of universe_mask" in refused

@@ -113,6 +113,15 @@ def test_functions_go_with_a_dropped_module(bare):
     assert len(gone) == len(alive)
 
 
+def test_function_goes_with_its_last_name():
+    module, gone = load_base("native", Siblings()), []
+    reference = weakref.ref(vars(module.VirtualizationBase)["resize"], gone.append)
+    assert reference() is not None
+    del module.VirtualizationBase.resize
+    assert reference() is None
+    assert gone == [reference]
+
+
 def test_day_survives_the_collection_of_everything_else():
     module = load_base("native", Siblings())
     day = module.VirtualizationBase.compute

@@ -220,6 +220,13 @@ def test_integers_that_may_not_fit_are_refused(argument):
         make(**{argument: np.array(PLAIN[argument], dtype=np.uint64)})
 
 
+@pytest.mark.parametrize("dtype", ["?", "i1", "u2", "f2", ">f4", "f8"])
+@pytest.mark.parametrize("argument", ["weights", "values"])
+def test_numbers_may_be_of_any_size(argument, dtype):
+    numbers = np.array([1, 0, 1], dtype=dtype)
+    assert getattr(make(**{argument: numbers}), argument).tolist() == [1.0, 0.0, 1.0]
+
+
 @pytest.mark.skipif(np.finfo(np.longdouble).bits == 64, reason="no longer float here")
 @pytest.mark.parametrize("argument", ["weights", "values"])
 def test_numbers_that_would_lose_digits_are_refused(argument):

@@ -114,6 +114,11 @@ TABLES = {
     "metadata as a tuple": changed("_metadata_by_slot", tuple),
     "metadata of another kind": changed("_metadata_by_slot", lambda t: [*t[:-1], mock.Mock()][:1]),
     "metadata with own words": changed("_metadata_by_slot", lambda t: [*t[:-1], {5: 6}]),
+    "entry that is no dict": changed("_metadata_by_slot", lambda t: [*t[:-1], [5]]),
+    "one more slot in place": lambda rotation: rotation.key_by_slot.update({3: ("x",)}),
+    "own dictionary": lambda rotation: setattr(
+        rotation, "__dict__", type("Own", (dict,), {})(vars(rotation))
+    ),
     "limit none": changed("_structure_N_limit", lambda limit: None),
     "name that is no text": lambda rotation: vars(rotation).update({5: 6}),
 }
@@ -130,13 +135,15 @@ def test_days_go_by_tables_that_were_changed(modules, table):
 
 
 @pytest.mark.parametrize("table", TABLES)
-@pytest.mark.parametrize("days_between", [0, 1])
-def test_restores_go_by_tables_that_were_changed(modules, table, days_between):
+@pytest.mark.parametrize("before", ["nothing", "a day", "a restore"])
+def test_restores_go_by_tables_that_were_changed(modules, table, before):
     def scenario(rotation):
         a_day(rotation)
         state = copy.deepcopy(rotation.get_state())
-        for _ in range(days_between):
+        if before == "a day":
             a_day(rotation)
+        elif before == "a restore":
+            rotation.set_state(copy.deepcopy(state))
         TABLES[table](rotation)
         seen = [outcome(rotation.set_state, state), all_of(rotation)]
         return [*seen, a_day(rotation), all_of(rotation)]
@@ -219,6 +226,12 @@ def test_restore_without_a_dictionary(modules):
 
 # --- states -------------------------------------------------------------------------------------
 
+
+def own_word():
+    """Make a string of its own that says what metadata says."""
+    return "".join(["act", "ive"])
+
+
 STATES = {
     "negative id": {"legs_by_slot": {0: ((-1, 1.0),)}},
     "id at the limit": {"legs_by_slot": {0: ((N, 1.0),)}},
@@ -244,6 +257,7 @@ STATES = {
     "metadata as a tuple": {"structure_metadata_by_slot": tuple({} for _ in range(SLOTS))},
     "metadata of another kind": {"structure_metadata_by_slot": [{}, {}, {}, []]},
     "text for a word": {5: 6},
+    "a word for each": {"structure_metadata_by_slot": [{own_word(): True} for _ in range(SLOTS)]},
 }
 
 
@@ -356,4 +370,82 @@ def test_child_whose_array_stays_of_another_class(modules, shape):
         rotation = make_rotation(base, [ITEMS] * 9, child_rotations=[child])
         with mock.patch.object(np, "asarray", np.asanyarray):
             seen.append(a_day(rotation)[:2])
+    assert seen[0] == seen[1]
+
+
+def batch_of_other_arrays(modules, function):
+    """Replay with a replaced np.asarray; assert the same outcome on both modules."""
+    seen = []
+    for base in modules:
+        rotation = make_rotation(base, [ITEMS] * 9)
+        with mock.patch.object(np, "asarray", function):
+            seen.append(outcome(rotation.batch_reference, np.ones((2, N))))
+    assert seen[0] == seen[1]
+
+
+def test_matrices_that_stay_of_another_class(modules):
+    batch_of_other_arrays(modules, lambda array, dtype: np.ones((2, N)).view(Row))
+
+
+def test_matrices_that_become_none(modules):
+    batch_of_other_arrays(modules, lambda array, dtype: [[1.0] * N] * 2)
+
+
+@pytest.mark.parametrize("attribute", ["_txi_input", "_txi_output"])
+@pytest.mark.parametrize("replaced", ["array", "zeros", "isfinite"])
+def test_copy_for_a_record_goes_by_numpy_before_its_source_is_read(modules, attribute, replaced):
+    seen = []
+    for base in modules:
+        records, patches = [], []
+
+        def read(self, patches=patches):
+            if self.trace_sink is not None and len(patches) < 3:
+                patches.append(mock.patch.object(np, replaced, np.asarray))
+                patches[-1].start()
+            return self.__dict__[attribute]
+
+        def write(self, value):
+            self.__dict__[attribute] = value
+
+        rotation = make_rotation(base, [ITEMS] * 9, attributes={attribute: property(read, write)})
+        rotation.trace_sink = records
+        original = getattr(np, replaced)
+        clear = np.zeros(N, dtype=np.uint8)
+        try:
+            done = outcome(rotation.compute, (ROW,), (clear,), clear, np.full(N, 7.0), N)
+            again = outcome(rotation._record_trace, np.full(N, 7.0), N)
+        finally:
+            for patch in reversed(patches):
+                patch.stop()
+        assert getattr(np, replaced) is original
+        seen.append((done, again, days.freeze(records), len(patches)))
+    assert seen[0] == seen[1]
+
+
+@pytest.mark.parametrize(
+    ("owner", "name"),
+    [
+        ("_VirtualContext", "universe_mask"),
+        ("_VirtualContext", "current_day_index"),
+        ("_AllOnesVirtualMask", "shape"),
+        ("_AllOnesVirtualMask", "_row"),
+    ],
+)
+@pytest.mark.parametrize("member", [5, property(lambda self: 7)], ids=["value", "property"])
+def test_attribute_of_the_contexts_class(modules, owner, name, member):
+    seen = []
+    for base in modules:
+        contexts = []
+
+        def child(values, context, contexts=contexts):
+            mask = context.universe_mask
+            contexts.append([vars(context).get("current_day_index"), context.current_day_index])
+            contexts.append(outcome(lambda: (vars(mask).get("shape"), mask.shape, mask[0])))
+            return values
+
+        rotation = make_rotation(base, [ITEMS] * 9, child_rotations=[child])
+        log = [a_day(rotation)]
+        with mock.patch.object(getattr(base, owner), name, member, create=True):
+            log.append(a_day(rotation))
+        seen.append([*log, a_day(rotation), contexts])
     assert seen[0] == seen[1]

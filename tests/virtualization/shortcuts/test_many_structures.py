@@ -1,5 +1,7 @@
 """Many structures and many legs: what is done in batches, and what is moved when it has grown."""
 
+import pickle
+
 import numpy as np
 import pytest
 
@@ -97,5 +99,40 @@ def test_state_without_limit_attribute_of_the_rotation_is_refused_alike(modules)
         del rotation._structure_N_limit
         rotation.set_state(state)
         return rotation._structure_N_limit, contents(rotation)
+
+    compare(modules, scenario)
+
+
+@pytest.mark.parametrize("as_report", [list, tuple])
+@pytest.mark.parametrize("count", [31, 32, 33, SLOTS])
+def test_reports_of_many_items_in_a_list_or_a_tuple(modules, as_report, count):
+    def scenario(rotation):
+        seen = [day(rotation, as_report(many(0, count, factor))) for factor in (1.0, 1.0, 2.0)]
+        return [*seen, day(rotation, as_report(many(3, count))), contents(rotation)]
+
+    compare(modules, scenario)
+
+
+class Other(dict):
+    """Dict of another class."""
+
+
+@pytest.mark.parametrize("kind", [Other, list])
+@pytest.mark.parametrize("place", [0, 20, 150, SLOTS - 1])
+@pytest.mark.parametrize("side", ["state", "rotation"])
+def test_one_metadata_entry_of_another_kind_among_many(modules, kind, place, side):
+    def scenario(rotation):
+        day(rotation, many(0, SLOTS))
+        state = pickle.loads(pickle.dumps(rotation.get_state()))
+        table = (
+            state["structure_metadata_by_slot"] if side == "state" else rotation._metadata_by_slot
+        )
+        table[place] = kind()
+        try:
+            rotation.set_state(state)
+            seen = []
+        except ValueError as error:
+            seen = [str(error)]
+        return [*seen, *map(repr, rotation._metadata_by_slot)]
 
     compare(modules, scenario)
