@@ -14,10 +14,10 @@ def main():
         prog="python -m tests.branches",
         description="Compare the branches that no test took with the list of those that none can.",
     )
-    parser.add_argument("report", help="what gcovr --json wrote, throws included")
+    parser.add_argument("build", help="where the instrumented build is, after the tests have run")
     parser.add_argument("--least", type=float, default=95.0, help="per cent (%(default)s)")
     options = parser.parse_args()
-    branches = measured.read(options.report, ROOT)
+    branches = measured.read(measured.reports(options.build), ROOT)
     listed = open_list.read()
     for file in branches.files():
         print(f"{branches.share_taken(file):6.1f} %  {file}")

@@ -2,11 +2,12 @@
 
 A branch here is one way out of a decision that stands in the source. The compiler also counts the
 two ways out of every call, return and throw; a line without an `if` would have branches by them, so
-they are left out.
+they are left out. The counts are gcov's own: gcovr loses those of some copies of a template.
 """
 
 import json
 import re
+import subprocess
 from collections import Counter, defaultdict
 from dataclasses import dataclass
 from pathlib import Path
@@ -48,47 +49,58 @@ class Branches:
 
 
 def decisions(line):
-    """The counts of each decision of a line as gcovr tells it, in the compiler's order."""
-    blocks = defaultdict(list)
-    for branch in line.get("branches", ()):
-        blocks[branch.get("source_block_id")].append(branch)
-    for block in blocks.values():
-        if len(block) > 1 and not any(branch["throw"] for branch in block):
-            yield tuple(branch["count"] for branch in block)
+    """The counts of a line's branches, in the compiler's order, without those of calls.
 
-
-def merged(instances):
-    """Add up what a line's copies counted: one for every template instance or processor version.
-
-    Copies with other decisions, as a constant condition makes them, are not comparable.
+    The way back from a call stands right before the way that a throw takes.
     """
-    sums = {}
-    for instance in instances:
-        shape = tuple(map(len, instance))
-        known = sums.get(shape, [[0] * size for size in shape])
-        sums[shape] = [
-            [a + b for a, b in zip(left, right, strict=True)]
-            for left, right in zip(known, instance, strict=True)
-        ]
-    return [decision for decisions_of_shape in sums.values() for decision in decisions_of_shape]
+    counts = []
+    for branch in line["branches"]:
+        if branch["throw"]:
+            counts.pop()
+        else:
+            counts.append(branch["count"])
+    return tuple(counts)
 
 
-def read(report, root):
-    """The branches of a gcovr JSON report over the sources below `root`."""
-    branches = Branches(Counter(), Counter())
-    for file in json.loads(Path(report).read_text())["files"]:
-        source = (Path(root) / file["file"]).read_text().splitlines()
-        instances = defaultdict(list)
-        for line in file["lines"]:
-            found = list(decisions(line))
-            if found:
-                instances[line["line_number"]].append(found)
-        for number, copies in instances.items():
-            text = source[number - 1].strip()
-            if NO_SOURCE.fullmatch(text):
+def merged(copies):
+    """Add up what a line's copies counted: one for every template instance or object file.
+
+    Copies with another number of branches, as a constant condition makes them, stay apart.
+    """
+    by_size = defaultdict(list)
+    for copy in copies:
+        by_size[len(copy)].append(copy)
+    return [sum(counts) for alike in by_size.values() for counts in zip(*alike, strict=True)]
+
+
+def reports(build):
+    """What gcov says of every object file below `build`, as it gives it."""
+    build = Path(build).resolve()
+    for data in sorted(build.rglob("*.gcda")):
+        command = ["gcov", "--branch-probabilities", "--json-format", "--stdout", str(data)]
+        said = subprocess.run(command, capture_output=True, text=True, check=True, cwd=build)
+        yield from map(json.loads, said.stdout.splitlines())
+
+
+def read(reports, root):
+    """The branches of the C++ below `root`, but for that of the tests, by gcov's reports."""
+    sources = Path(root).resolve() / "cpp"
+    copies = defaultdict(list)
+    for report in reports:
+        for file in report["files"]:
+            path = Path(report["current_working_directory"], file["file"]).resolve()
+            if not path.is_relative_to(sources) or path.is_relative_to(sources / "tests"):
                 continue
-            counts = [count for decision in merged(copies) for count in decision]
-            line = Line(file["file"], text)
-            branches.total[line] += len(counts)
-            branches.untaken[line] += counts.count(0)
+            for line in file["lines"]:
+                if counts := decisions(line):
+                    copies[path, line["line_number"]].append(counts)
+    branches = Branches(Counter(), Counter())
+    for (path, number), found in sorted(copies.items()):
+        text = path.read_text().splitlines()[number - 1].strip()
+        if NO_SOURCE.fullmatch(text):
+            continue
+        counts = merged(found)
+        line = Line(path.relative_to(sources.parent).as_posix(), text)
+        branches.total[line] += len(counts)
+        branches.untaken[line] += counts.count(0)
     return branches

@@ -1,6 +1,5 @@
 """The list of open branches is held to the measurement both ways."""
 
-import json
 from collections import Counter
 
 import pytest
@@ -12,8 +11,8 @@ SOURCE = "if (a) {\n    b();\n} else if (c) d();\n"
 REASONS = '[reasons]\nnever = "It never happens."\n'
 
 
-def branch(count, block, *, throw=False):
-    return {"count": count, "source_block_id": block, "throw": throw}
+def branch(count, *, throw=False):
+    return {"count": count, "throw": throw}
 
 
 def line(number, *branches):
@@ -22,13 +21,15 @@ def line(number, *branches):
 
 @pytest.fixture
 def read(tmp_path):
-    """Read a measurement of SOURCE that has the given lines."""
+    """Read what gcov may say of SOURCE."""
 
-    def read_lines(*lines):
-        (tmp_path / "a.cpp").write_text(SOURCE)
-        report = tmp_path / "report.json"
-        report.write_text(json.dumps({"files": [{"file": "a.cpp", "lines": lines}]}))
-        return measured.read(report, tmp_path)
+    def read_lines(*lines, name="a.cpp"):
+        source = tmp_path / "cpp" / name
+        source.parent.mkdir(parents=True, exist_ok=True)
+        source.write_text(SOURCE)
+        files = [{"file": f"../cpp/{name}", "lines": lines}]
+        said = {"current_working_directory": str(tmp_path / "build"), "files": files}
+        return measured.read([said], tmp_path)
 
     return read_lines
 
@@ -46,32 +47,40 @@ def listed(tmp_path):
 
 
 def test_both_ways_of_a_decision_count(read):
-    branches = read(line(1, branch(3, 1), branch(0, 1)))
-    assert branches.total == {Line("a.cpp", "if (a) {"): 2}
-    assert branches.untaken == {Line("a.cpp", "if (a) {"): 1}
+    branches = read(line(1, branch(3), branch(0)))
+    assert branches.total == {Line("cpp/a.cpp", "if (a) {"): 2}
+    assert branches.untaken == {Line("cpp/a.cpp", "if (a) {"): 1}
     assert branches.share_taken() == 50
 
 
 def test_the_return_and_the_throw_of_a_call_do_not_count(read):
-    assert not read(line(2, branch(3, 1), branch(0, 1, throw=True), branch(3, 2))).total
+    call = branch(3), branch(0, throw=True)
+    assert not read(line(2, *call)).total
+    assert read(line(1, *call, branch(3), branch(0), *call)).total.total() == 2
 
 
-def test_what_is_decided_at_a_brace_does_not_count(read, tmp_path):
-    branches = read(line(1, branch(1, 1), branch(1, 1)), line(3, branch(1, 1), branch(0, 1)))
-    assert branches.total.total() == 4
+def test_what_is_decided_at_a_brace_does_not_count(read):
+    assert read(line(1, branch(1), branch(1)), line(3, branch(1), branch(0))).total.total() == 4
     assert measured.NO_SOURCE.fullmatch("};")
     assert not measured.NO_SOURCE.fullmatch("} else if (c) d();")
 
 
+def test_tests_and_others_sources_do_not_count(read):
+    decision = line(1, branch(1), branch(0))
+    assert not read(decision, name="tests/a.cpp").total
+    assert not read(decision, name="../elsewhere/a.hpp").total
+    assert read(decision, name="kernels/a.hpp").total
+
+
 def test_copies_of_a_line_are_added_up(read):
-    taken, other = line(1, branch(1, 1), branch(0, 1)), line(1, branch(0, 7), branch(2, 7))
+    taken, other = line(1, branch(1), branch(0)), line(1, branch(0), branch(2))
     assert +read(taken, other).untaken == {}
     assert read(taken, taken).untaken.total() == 1
 
 
 def test_copies_that_decide_otherwise_stay_apart(read):
-    two = line(1, branch(1, 1), branch(1, 1), branch(0, 2), branch(1, 2))
-    assert read(line(1, branch(1, 1), branch(0, 1)), two).untaken.total() == 2
+    two = line(1, branch(1), branch(1), branch(0), branch(1))
+    assert read(line(1, branch(1), branch(0)), two).untaken.total() == 2
 
 
 def test_a_list_that_fits_is_silent(listed):

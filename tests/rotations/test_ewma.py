@@ -358,3 +358,12 @@ def test_an_array_that_changes_while_the_rotation_is_asked_is_refused(changed):
     hunting.append(True)
     with pytest.raises(ValueError, match="an array of the day was changed during the call"):
         ewma.compute((values,), (), None, output, 2000)
+
+
+@pytest.mark.parametrize("name", ["_mean", "_weight"])
+def test_a_memory_that_is_none_cannot_grow(name):
+    ewma = Ewma(3)
+    setattr(ewma, name, None)
+    with pytest.raises(ValueError, match="_mean and _weight must be writable, contiguous float64"):
+        ewma([1.0, 2.0])
+    assert getattr(ewma, name) is None

@@ -408,11 +408,11 @@ def test_copy_for_a_record_goes_by_numpy_before_its_source_is_read(modules, attr
             self.__dict__[attribute] = value
 
         rotation = make_rotation(base, [ITEMS] * 9, attributes={attribute: property(read, write)})
-        rotation.trace_sink = records
         original = getattr(np, replaced)
-        clear = np.zeros(N, dtype=np.uint8)
+        a_day(rotation)
+        rotation.trace_sink = records
         try:
-            done = outcome(rotation.compute, (ROW,), (clear,), clear, np.full(N, 7.0), N)
+            done = outcome(rotation._record_trace, np.full(N, 7.0), N)
             again = outcome(rotation._record_trace, np.full(N, 7.0), N)
         finally:
             for patch in reversed(patches):

@@ -379,6 +379,10 @@ def metaclass_call(record):
     return Meta(record.__name__, (record,), {})
 
 
+def finalizer(record):
+    record.__del__ = lambda self: None
+
+
 def function_instead(record):
     return lambda key, legs, value, metadata: record(key, legs, value * 5, metadata)
 
@@ -396,6 +400,7 @@ RECORD_CHANGES = [
     other_defaults,
     fewer_parameters,
     metaclass_call,
+    finalizer,
     function_instead,
 ]
 
