@@ -3,7 +3,7 @@
 #   make demo        decades of daily prices through the package, with a picture
 #   make test        build, format, lint, type and stub checks, C++ tests, Python tests
 #   make format      rewrite the sources as `make test` wants to see them
-#   make coverage    line and branch coverage of the C++, report in build/coverage/report
+#   make coverage    branches of the C++ that no test takes, report in build/coverage/report
 #   make asan        the tests under the address, undefined-behaviour and leak sanitizers
 #   make valgrind    a part of the tests under memcheck
 #   make refleaks    every method on an interpreter that counts references

@@ -204,8 +204,37 @@ def days_after_a_failure():
             days_after(reports, once=once)
 
 
+def first_day(*, once):
+    """A rotation whose first day was cut short has a first day like any other's."""
+
+    def make():
+        return subjects.Baskets(plain_reports()[0], transformation_expression="none")
+
+    values = subjects.row()
+    expected = make()(values)
+    rotations = [make()]
+
+    def operation():
+        rotations[-1](values)
+
+    def after(result):
+        rotation = rotations.pop()
+        assert frozen(rotation(values)) == frozen(expected), rotation._txi_output
+        check_bookkeeping(rotation)
+        rotations.append(make())
+
+    failures = fail_one_by_one("first day", operation, once=once, after=after)
+    assert failures > 2, failures
+
+
+def first_days():
+    for once in (True, False):
+        first_day(once=once)
+
+
 PROGRAMS = {
-    program.__name__: program for program in (every_operation, every_restore, days_after_a_failure)
+    program.__name__: program
+    for program in (every_operation, every_restore, days_after_a_failure, first_days)
 }
 
 if __name__ == "__main__":

@@ -40,3 +40,7 @@ def test_a_failed_restore_leaves_everything_as_it_was():
 
 def test_a_day_that_failed_does_not_show_in_the_days_after_it():
     run("days_after_a_failure")
+
+
+def test_a_first_day_that_failed_does_not_show_in_the_days_after_it():
+    run("first_days")

@@ -449,3 +449,22 @@ def test_attribute_of_the_contexts_class(modules, owner, name, member):
             log.append(a_day(rotation))
         seen.append([*log, a_day(rotation), contexts])
     assert seen[0] == seen[1]
+
+
+@pytest.mark.parametrize("owner", ["_VirtualContext", "_AllOnesVirtualMask"])
+def test_setting_of_a_contexts_attributes_is_seen_by_its_class(modules, owner):
+    seen = []
+    for base in modules:
+        log = []
+
+        def watch(self, name, value, log=log):
+            log.append(name)
+            object.__setattr__(self, name, value)
+
+        rotation = make_rotation(base, [ITEMS] * 9)
+        days_before = [a_day(rotation), a_day(rotation)]
+        with mock.patch.object(getattr(base, owner), "__setattr__", watch, create=True):
+            days_before.append(a_day(rotation))
+        seen.append([*days_before, a_day(rotation), log])
+    assert seen[0] == seen[1]
+    assert len(seen[0][-1]) == 2
