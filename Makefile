@@ -73,7 +73,7 @@ format: $(TEST_READY)
 
 # Left out is what takes no branch that others do not: days by the ten thousand, random inputs, and
 # what runs next to none of the compiled code. A process for some files at a time, two at once: the
-# counters are written at a normal exit, for which pytest-xdist does not wait long enough.
+# counters are written at a normal exit, which an ordinary process is sure to make.
 COVERED = $(sort $(filter-out tests/fuzz/% tests/cli/% tests/stores/% tests/safety/test_soak.py, \
     $(shell find tests -name 'test_*.py')))
 
