@@ -214,10 +214,18 @@ def warning_array(size):
     return np.broadcast_arrays(np.zeros(1), np.zeros(size))[0]
 
 
-def numpy_warns_of_writes():
+def assign(array):
+    array[0] = 1.0
+
+
+def fill(array):
+    array.fill(1.0)
+
+
+def numpy_warns_of(write):
     with warnings.catch_warnings(record=True) as caught:
         warnings.simplefilter("always")
-        warning_array(2)[0] = 1.0
+        write(warning_array(2))
     return bool(caught)
 
 
@@ -254,7 +262,9 @@ def test_numpy_warns_of_a_write_as_ever(place, action):
                 raised = str(warning)
         return raised, [str(warning.message) for warning in caught], str(buffer)
 
-    assert ("overlapping memory" in str(both(scenario))) == numpy_warns_of_writes()
+    # Of the output row nothing but its filling is written, of which older NumPy does not warn.
+    write = fill if place == "output row" else assign
+    assert ("overlapping memory" in str(both(scenario))) == numpy_warns_of(write)
 
 
 # --- the contexts -----------------------------------------------------------------------------
