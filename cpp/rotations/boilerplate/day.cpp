@@ -93,7 +93,7 @@ Ref copy_of_output(const State& state, PyObject* self, PyObject* output, Py_ssiz
     const auto values = capi::readable_vector<double>(output);
     if (!values || !values.contiguous()) return copy_of_any_output(state, self, output, N);
     if (values.size() < N) raise_short_output(state, self, N);
-    // Not std::copy, of which the compiler makes a loop of its own: the library's takes half as long.
+    // Not std::copy, of which the compiler makes a loop: the library's own takes half as long.
     std::memcpy(writable_doubles(copy.get()).span().data(), values.span().data(),
                 static_cast<std::size_t>(N) * sizeof(double));
     return copy;
