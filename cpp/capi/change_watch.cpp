@@ -34,9 +34,6 @@ std::uint64_t DictWatcher::version_of(PyObject* dict) const {
 
 #else
 
-DictWatcher::DictWatcher() = default;
-DictWatcher::~DictWatcher() = default;
-
 std::uint64_t DictWatcher::version_of(PyObject* dict) const {
     return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
 }

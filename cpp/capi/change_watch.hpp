@@ -12,16 +12,21 @@ namespace quorvane::capi {
 // Up to Python 3.11 every dict carries a version; later ones tell a watcher of every change.
 class DictWatcher {
 public:
-    DictWatcher();
     DictWatcher(const DictWatcher&) = delete;
     DictWatcher& operator=(const DictWatcher&) = delete;
-    ~DictWatcher();
 
     // The version of the dict's contents, 0 when it cannot be known.
     [[nodiscard]] std::uint64_t version_of(PyObject* dict) const;
 
+#if PY_VERSION_HEX >= 0x030C0000
+    DictWatcher();
+    ~DictWatcher();
+
 private:
     int id_ = -1;
+#else
+    DictWatcher() = default;
+#endif
 };
 
 // The version of a type and all its bases, 0 when the interpreter gave it none.

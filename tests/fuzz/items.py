@@ -29,6 +29,7 @@ DELIVERIES = ["list"] * 6 + ["tuple", "iterator", "deque", "values", "generator"
 CHILDREN = ["sum", "double", "same", "list", "float32", "strided", "fill", "infinite"]
 # What changes the class itself would change it for all inputs after this one.
 ACTS = sorted(set(ACTIONS) - {"override_the_class", "change_the_class", "make_nothing_valid"})
+SEES_THE_CONTEXT = {"lose_all_attributes", "run_a_copy"}
 SPOTS = sorted(set(PLACES) - {"attribute assignment"})
 
 
@@ -87,8 +88,8 @@ def become_hostile(random, rotation, trigger):
     else:
         return
     # An error keeps the frames of Python code and what they hold, so there a finalizer runs after
-    # the context was taken back, and here before: not with all attributes.
-    if spot in DELETIONS and act == "lose_all_attributes":
+    # the context was taken back, and here before: it must not tell.
+    if spot in DELETIONS and act in SEES_THE_CONTEXT:
         return
     # What a finalizer raises reaches nobody.
     swallowed = BaseException if spot in DELETIONS else ()
