@@ -13,7 +13,8 @@ namespace quorvane::kernels {
 #if defined(__SSE2__)
 
 inline void clear_exceptions() noexcept {
-    _mm_setcsr(_mm_getcsr() & ~static_cast<unsigned int>(_MM_EXCEPT_MASK));
+    constexpr unsigned int all = _MM_EXCEPT_MASK;
+    _mm_setcsr(_mm_getcsr() & ~all);
 }
 inline bool has_exceptions() noexcept {
     constexpr unsigned int reported =

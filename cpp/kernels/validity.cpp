@@ -25,7 +25,7 @@ QUORVANE_SIMD void mark_finite(const double* __restrict values, std::uint8_t* __
 
 void StructuresByInstrument::index(std::span<const std::int32_t> offsets,
                                    std::span<const std::int32_t> ids, std::int32_t highest_id) {
-    const auto instruments = static_cast<std::size_t>(highest_id + 1);
+    const auto instruments = static_cast<std::size_t>(std::int64_t{highest_id} + 1);
     begin_.assign(instruments + 1, 0);
     structures_.resize(ids.size());
     for (const std::int32_t id : ids) ++begin_[static_cast<std::size_t>(id) + 1];

@@ -34,7 +34,6 @@ using capi::import_from;
 using capi::import_module;
 using capi::make_int;
 using capi::make_str;
-using capi::make_tuple;
 
 Ref keyword_names(std::initializer_list<const char*> texts) {
     Ref names = require(PyTuple_New(static_cast<Py_ssize_t>(texts.size())));

@@ -110,7 +110,7 @@ void MetadataMemory::find_changed(std::span<const std::uint8_t> valid) {
 void MetadataMemory::prefetch_contents(std::size_t slot) const noexcept {
     const auto* dict = reinterpret_cast<const PyDictObject*>(dict_of(slot));
     const auto* entries = reinterpret_cast<const char*>(dict->ma_keys);
-    for (int line = 0; line < 3; ++line) __builtin_prefetch(entries + 64 * line);
+    for (std::size_t line = 0; line < 3; ++line) __builtin_prefetch(entries + 64 * line);
 }
 
 // Which dicts are to be written is known beforehand, so each is fetched while others are written.
