@@ -24,7 +24,7 @@ DayMemories::DayMemories() : table_(std::make_shared<Table>()) {
     static PyMethodDef definition = {"forget", forget, METH_O, nullptr};
     auto link = std::make_unique<TableLink>(table_);
     const Ref capsule = require(PyCapsule_New(link.get(), nullptr, drop_link));
-    static_cast<void>(link.release());  // the capsule's from now on
+    [[maybe_unused]] const TableLink* the_capsules = link.release();
     forget_ = require(PyCFunction_New(&definition, capsule.get()));
 }
 
