@@ -55,14 +55,19 @@ private:
     npy_intp stride_ = 0;
 };
 
+// Whether two pieces of memory have a byte in common.
+template <class Left, class Right>
+bool overlap(std::span<Left> left, std::span<Right> right) noexcept {
+    // Of pointers into different objects, only these have a defined order.
+    const std::less<const void*> before;
+    return before(left.data(), right.data() + right.size()) &&
+           before(right.data(), left.data() + left.size());
+}
+
 // False only when no entry of one view can be part of the other.
 template <class Left, class Right>
 bool may_share_memory(const VectorView<Left>& left, const VectorView<Right>& right) noexcept {
-    const auto a = left.extent();
-    const auto b = right.extent();
-    // Of pointers into different objects, only these have a defined order.
-    const std::less<const char*> before;
-    return before(a.data(), b.data() + b.size()) && before(b.data(), a.data() + a.size());
+    return overlap(left.extent(), right.extent());
 }
 
 inline PyArrayObject* as_array(PyObject* object) noexcept {

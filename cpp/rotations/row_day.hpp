@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <span>
 
 #include "rotations/buffers.hpp"
@@ -15,13 +14,7 @@ inline constexpr capi::Parameter compute_parameters[] = {
     capi::positional("output_buf"), capi::positional("N"),
 };
 
-template <class Left, class Right>
-bool overlap(std::span<Left> left, std::span<Right> right) {
-    // Of pointers into different objects, only these have a defined order.
-    const std::less<const void*> before;
-    return before(left.data(), right.data() + right.size()) &&
-           before(right.data(), left.data() + left.size());
-}
+using capi::overlap;
 
 // A day with one input row and one output row, both contiguous in memory and apart from each other:
 // the arrays themselves where they are so, else private copies.

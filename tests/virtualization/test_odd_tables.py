@@ -26,15 +26,6 @@ ITEMS = [
 OWN = ["slot_by_key", "key_by_slot", "_legs_by_slot", "_metadata_by_slot", "_structure_N_limit"]
 
 
-@pytest.fixture(scope="module")
-def modules():
-    with (
-        installed_base("native", Siblings()) as native,
-        installed_base("twin", Siblings()) as twin,
-    ):
-        yield native, twin
-
-
 def through_super(name):
     def step(self, *arguments):
         return getattr(super(type(self), self), name)(*arguments)

@@ -54,14 +54,6 @@ Ref inert_leg(PyObject* leg) {
     return capi::make_tuple(id.get(), weight.get());
 }
 
-bool are_normal_legs(PyObject* legs) noexcept {
-    if (!PyTuple_CheckExact(legs)) return false;
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(legs); ++i) {
-        if (!is_normal_leg(PyTuple_GET_ITEM(legs, i))) return false;
-    }
-    return true;
-}
-
 // Which of the item's fields a string names; null for another string. Nearly always the string is
 // the interned name itself.
 PyObject** field_of(const Names& names, PyObject* name, ItemEntries& entries) noexcept {
@@ -92,6 +84,14 @@ bool is_normal_leg(PyObject* leg) noexcept {
     return PyTuple_CheckExact(leg) && PyTuple_GET_SIZE(leg) == 2 &&
            PyLong_CheckExact(PyTuple_GET_ITEM(leg, 0)) &&
            PyFloat_CheckExact(PyTuple_GET_ITEM(leg, 1));
+}
+
+bool are_normal_legs(PyObject* legs) noexcept {
+    if (!PyTuple_CheckExact(legs)) return false;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(legs); ++i) {
+        if (!is_normal_leg(PyTuple_GET_ITEM(legs, i))) return false;
+    }
+    return true;
 }
 
 bool is_inert_key(PyObject* key) noexcept {

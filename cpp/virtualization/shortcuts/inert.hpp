@@ -18,6 +18,9 @@ std::optional<double> inert_float(PyObject* object) noexcept;
 // An exact tuple of an exact int and an exact float.
 bool is_normal_leg(PyObject* leg) noexcept;
 
+// An exact tuple of such legs: it cannot change, and nothing runs when it goes.
+bool are_normal_legs(PyObject* legs) noexcept;
+
 // The legs as normalisation would make them; empty when that needs Python. A tuple of exact
 // (int, float) tuples cannot change and is kept as it is.
 Ref inert_legs(PyObject* legs);

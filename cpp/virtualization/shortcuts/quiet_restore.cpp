@@ -71,14 +71,6 @@ bool goes_quietly(PyObject* map, IsInert&& is_inert) {
     return true;
 }
 
-bool are_inert_legs(PyObject* legs) noexcept {
-    if (!PyTuple_CheckExact(legs)) return false;
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(legs); ++i) {
-        if (!is_normal_leg(PyTuple_GET_ITEM(legs, i))) return false;
-    }
-    return true;
-}
-
 class QuietRestore {
 public:
     QuietRestore(State& state, PyObject* self, PyObject* given)
@@ -178,7 +170,7 @@ bool QuietRestore::own_maps_go_quietly() const {
     return (knows_maps || (goes_quietly(slot_by_key_, is_inert_pair) &&
                            goes_quietly(key_by_slot_, is_inert_pair))) &&
            (knows_legs || goes_quietly(legs_by_slot_, [](PyObject* key, PyObject* legs) {
-                return PyLong_CheckExact(key) && are_inert_legs(legs);
+                return PyLong_CheckExact(key) && are_normal_legs(legs);
             }));
 }
 

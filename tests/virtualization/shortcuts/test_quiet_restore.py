@@ -10,21 +10,10 @@ import pickle
 import numpy as np
 import pytest
 
-from support.siblings import Siblings, installed_base
-
 N = 6
 SLOTS = 5
 OWN = ["slot_by_key", "key_by_slot", "_legs_by_slot", "_metadata_by_slot", "_structure_N_limit"]
 STEPS = ["_validate_state_components", "_validate_child_states", "_snapshot_child_states"]
-
-
-@pytest.fixture(scope="module")
-def modules():
-    with (
-        installed_base("native", Siblings()) as native,
-        installed_base("twin", Siblings()) as twin,
-    ):
-        yield native, twin
 
 
 def through_super(name):
