@@ -13,7 +13,7 @@ import numpy as np
 import pytest
 
 from support import days
-from support.fakes import make_rotation, structure
+from support.fakes import make_rotation, structure, through_super
 from support.siblings import Siblings, installed_base
 
 N = 6
@@ -24,13 +24,6 @@ ITEMS = [
     structure(("b", 1), ((2, 1.0),), -1.5),
 ]
 OWN = ["slot_by_key", "key_by_slot", "_legs_by_slot", "_metadata_by_slot", "_structure_N_limit"]
-
-
-def through_super(name):
-    def step(self, *arguments):
-        return getattr(super(type(self), self), name)(*arguments)
-
-    return step
 
 
 STEPS = {name: through_super(name) for name in ("_normalize_structure", "_validate_child_states")}

@@ -1,5 +1,6 @@
 #include "virtualization/shortcuts/plain_rotation.hpp"
 
+#include "virtualization/shortcuts/class_lookups.hpp"
 #include "virtualization/shortcuts/plain_size.hpp"
 #include "virtualization/slots.hpp"
 #include "virtualization/structure.hpp"
@@ -51,21 +52,13 @@ void PlainRotation::look() {
 
 bool PlainRotation::class_is_plain(PyTypeObject* type) const {
     const Names& names = state_.names;
-    if (type->tp_getattro != PyObject_GenericGetAttr) return false;
-    for (PyObject* attribute :
-         {static_cast<PyObject*>(names.slot_by_key), static_cast<PyObject*>(names.key_by_slot),
-          static_cast<PyObject*>(names.legs_by_slot),
-          static_cast<PyObject*>(names.metadata_by_slot), static_cast<PyObject*>(names.txi_input),
-          static_cast<PyObject*>(names.max_structures)}) {
-        if (_PyType_Lookup(type, attribute) != nullptr) return false;
-    }
-    const auto has_own = [&](PyObject* name, const capi::FunctionDef& step) {
-        PyObject* found = _PyType_Lookup(type, name);
-        return found != nullptr && state_.is_own(found, step);
-    };
-    return has_own(names.normalize_structure, normalize_structure_def) &&
-           has_own(names.slot_for_key, slot_for_key_def) &&
-           has_own(names.structure_is_valid, structure_is_valid_def);
+    return type->tp_getattro == PyObject_GenericGetAttr &&
+           sets_none_of(type, {names.slot_by_key, names.key_by_slot, names.legs_by_slot,
+                               names.metadata_by_slot, names.txi_input, names.max_structures}) &&
+           has_own_steps(state_, type,
+                         {{names.normalize_structure, normalize_structure_def},
+                          {names.slot_for_key, slot_for_key_def},
+                          {names.structure_is_valid, structure_is_valid_def}});
 }
 
 bool PlainRotation::instance_is_plain(PyObject* dict) const {

@@ -4,6 +4,7 @@
 #include "capi/dict_version.hpp"
 #include "capi/gc_pause.hpp"
 #include "virtualization/child_state.hpp"
+#include "virtualization/shortcuts/class_lookups.hpp"
 #include "virtualization/shortcuts/day_memory.hpp"
 #include "virtualization/shortcuts/fetch_ahead.hpp"
 #include "virtualization/shortcuts/inert.hpp"
@@ -20,26 +21,15 @@ namespace {
 // The class leaves attribute access and the steps of a restore alone.
 bool has_plain_class(const State& state, PyTypeObject* type) {
     const Names& names = state.names;
-    if (type->tp_getattro != PyObject_GenericGetAttr ||
-        type->tp_setattro != PyObject_GenericSetAttr) {
-        return false;
-    }
-    for (PyObject* attribute :
-         {static_cast<PyObject*>(names.slot_by_key), static_cast<PyObject*>(names.key_by_slot),
-          static_cast<PyObject*>(names.legs_by_slot),
-          static_cast<PyObject*>(names.metadata_by_slot),
-          static_cast<PyObject*>(names.structure_N_limit),
-          static_cast<PyObject*>(names.max_structures), static_cast<PyObject*>(names.n_alloc),
-          static_cast<PyObject*>(names.child_rotations)}) {
-        if (_PyType_Lookup(type, attribute) != nullptr) return false;
-    }
-    const auto has_own = [&](PyObject* name, const capi::FunctionDef& step) {
-        PyObject* found = _PyType_Lookup(type, name);
-        return found != nullptr && state.is_own(found, step);
-    };
-    return has_own(names.validate_state_components, validate_state_components_def) &&
-           has_own(names.validate_child_states, validate_child_states_def) &&
-           has_own(names.snapshot_child_states, snapshot_child_states_def);
+    return type->tp_getattro == PyObject_GenericGetAttr &&
+           type->tp_setattro == PyObject_GenericSetAttr &&
+           sets_none_of(type, {names.slot_by_key, names.key_by_slot, names.legs_by_slot,
+                               names.metadata_by_slot, names.structure_N_limit,
+                               names.max_structures, names.n_alloc, names.child_rotations}) &&
+           has_own_steps(state, type,
+                         {{names.validate_state_components, validate_state_components_def},
+                          {names.validate_child_states, validate_child_states_def},
+                          {names.snapshot_child_states, snapshot_child_states_def}});
 }
 
 // The same, and NumPy is its own; and looking did not run code that changed the class, as odd keys

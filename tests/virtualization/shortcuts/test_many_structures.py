@@ -5,18 +5,11 @@ import pickle
 import numpy as np
 import pytest
 
-from support.fakes import structure
+from support.fakes import structure, through_super
 
 N = 7
 SLOTS = 200
 STEPS = ["_validate_state_components", "_normalize_structure"]
-
-
-def through_super(name):
-    def step(self, *args):
-        return getattr(super(type(self), self), name)(*args)
-
-    return step
 
 
 def rotation_of(module, overridden=(), **attributes):

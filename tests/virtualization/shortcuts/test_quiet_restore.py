@@ -10,17 +10,12 @@ import pickle
 import numpy as np
 import pytest
 
+from support.fakes import through_super
+
 N = 6
 SLOTS = 5
 OWN = ["slot_by_key", "key_by_slot", "_legs_by_slot", "_metadata_by_slot", "_structure_N_limit"]
 STEPS = ["_validate_state_components", "_validate_child_states", "_snapshot_child_states"]
-
-
-def through_super(name):
-    def step(self, *args):
-        return getattr(super(type(self), self), name)(*args)
-
-    return step
 
 
 def rotation_of(module, *overridden, **attributes):
