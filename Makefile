@@ -9,7 +9,7 @@
 #   make refleaks    every method on an interpreter that counts references
 #   make matrix      the tests on every Python with the oldest and the newest NumPy
 #   make long        the safety tests with their long repetitions
-#   make fuzz        random inputs for the module, its masks and the stores, INPUTS of each kind
+#   make fuzz        random inputs of each kind under the sanitizers, a million or INPUTS of them
 #   make trust       asan, valgrind, refleaks, matrix, long and fuzz: what docs/trust.md reports on
 #   make tidy        clang-tidy over the C++
 #   make bench       every promise about speed and memory, measured: table, JSON and picture
@@ -109,11 +109,11 @@ matrix:
 long: $(WHEEL_READY) $(TEST_READY)
 	QUORVANE_LONG=1 $(PY) -m pytest tests/safety
 
-# Ends with an error at the first input on which the module and its plain twin differ.
+# Ends with an error when the sanitizers report, or the module and its plain twin differ.
 INPUTS ?= 1000000
 
 fuzz: $(TEST_READY)
-	$(PY) -m tests.fuzz --inputs $(INPUTS)
+	INPUTS=$(INPUTS) JOBS=2 tools/asan.sh $(PY)
 
 tidy: $(TEST_READY)
 	command -v clang-tidy >/dev/null || $(PY) -m pip install -qq clang-tidy

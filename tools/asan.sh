@@ -1,10 +1,11 @@
 #!/bin/sh
-# The tests under the address, undefined-behaviour and leak sanitizers:
+# The tests, or INPUTS random inputs, under the address, undefined-behaviour and leak sanitizers:
 #
 #   tools/asan.sh [python]
+#   INPUTS=1000000 [SEED=...] tools/asan.sh [python]
 #
 # The interpreter must have the test dependencies; by default it is the checkout's own .venv.
-# JOBS=2 builds and tests with two jobs; ONLY=suite and ONLY=leaks take one of the two parts.
+# JOBS=2 builds and tests with two jobs; ONLY=suite and ONLY=leaks take one part of the tests.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -17,19 +18,18 @@ cmake --build --preset asan -j "$jobs"
 ctest --preset asan
 
 # pytest keeps what is written to the standard error: the reports go to files.
-reports=$root/build/asan/reports
+reports=$root/build/asan/${INPUTS:+fuzz-}reports
 rm -rf "$reports"
 mkdir -p "$reports"
 failures=$reports/failed
 status=0
 
-# run <more options for the address sanitizer> <pytest arguments...>
+# sanitized <more options for the address sanitizer> <arguments of the interpreter...>
 #
 # The interpreter is not instrumented, so the runtime is loaded before it, and with it libstdc++,
 # whose throw it intercepts. Allocations that fail are NULL, as they are without the sanitizer.
-# Interpreters that tests start inherit all of it. One process, without pytest-xdist: its workers
-# leave without the exit at which leaks are looked for.
-run() {
+# Interpreters that are started from it inherit all of it.
+sanitized() {
     options=$1
     shift
     env LD_PRELOAD="$(c++ -print-file-name=libasan.so) $(c++ -print-file-name=libstdc++.so)" \
@@ -38,34 +38,16 @@ run() {
         LSAN_OPTIONS="suppressions=$root/tools/asan.supp:print_suppressions=0" \
         PYTHONMALLOC=malloc \
         PYTHONPATH="$root/build/asan/python" \
-        QUORVANE_REPEATS="${QUORVANE_REPEATS:-10}" \
-        "$python" -m pytest -q -p no:cacheprovider -m "not plain_python" "$@" ||
-            echo "$*" >>"$failures"
+        "$python" "$@" || echo "$*" >>"$failures"
 }
 
-# The whole suite. Stacks are followed by the frame pointers, which only our code has: a leak of
-# ours is known by our code in its stack, one of another library has no name that could be
-# suppressed and is left out below. So a leak does not end the program badly here, all else does.
-suite() {
-    run abort_on_error=1:exitcode=0:detect_leaks=1 "$@"
-}
+# Stacks are followed by the frame pointers, which only our code has: a leak of ours is known by
+# our code in its stack, one of another library has no name that could be suppressed and is left out
+# by `keep_ours`. So a leak does not end the program badly here, all else does.
+FAST_STACKS=abort_on_error=1:exitcode=0:detect_leaks=1
 
-# Every method and every way in which one can fail, with stacks that are unwound whole, which is
-# slow: here every leak counts but for those suppressed by the function that makes them.
-leaks() {
-    run detect_leaks=1:fast_unwind_on_malloc=0:malloc_context_size=40 \
-        tests/safety/test_reference_leaks.py tests/safety/test_crashes.py
-}
-
-if [ "${ONLY:-suite}" = suite ]; then
-    if [ "$jobs" -gt 1 ]; then
-        suite tests/virtualization &
-        suite tests --ignore=tests/virtualization
-        wait
-    else
-        suite tests
-    fi
-    # Of leaks only the paragraphs that name our code are kept, of anything else the whole report.
+# Of leaks only the paragraphs that name our code are kept, of anything else the whole report.
+keep_ours() {
     for report in "$reports"/*san.*; do
         [ -e "$report" ] || continue
         if grep -q "LeakSanitizer: detected" "$report"; then
@@ -75,8 +57,54 @@ if [ "${ONLY:-suite}" = suite ]; then
             [ -s "$report" ] || rm "$report"
         fi
     done
+}
+
+# One process, without pytest-xdist: its workers leave without the exit at which leaks are looked
+# for.
+run_tests() {
+    options=$1
+    shift
+    QUORVANE_REPEATS="${QUORVANE_REPEATS:-10}" \
+        sanitized "$options" -m pytest -q -p no:cacheprovider -m "not plain_python" "$@"
+}
+
+suite() {
+    if [ "$jobs" -gt 1 ]; then
+        run_tests "$FAST_STACKS" tests/virtualization &
+        run_tests "$FAST_STACKS" tests --ignore=tests/virtualization
+        wait
+    else
+        run_tests "$FAST_STACKS" tests
+    fi
+    keep_ours
+}
+
+# Every method and every way in which one can fail, with stacks that are unwound whole, which is
+# slow: here every leak counts but for those suppressed by the function that makes them.
+leaks() {
+    QUORVANE_REPEATS=1 run_tests detect_leaks=1:fast_unwind_on_malloc=0:malloc_context_size=40 \
+        tests/safety/test_reference_leaks.py tests/safety/test_crashes.py
+}
+
+# Each job takes a stretch of the same inputs: the seed and an input's number make it again.
+fuzz() {
+    seed=${SEED:-$(od -An -N4 -tu4 /dev/urandom | tr -d ' ')}
+    share=$(((INPUTS + jobs - 1) / jobs))
+    for job in $(seq 2 "$jobs"); do
+        sanitized "$FAST_STACKS" -m tests.fuzz --seed "$seed" --inputs "$share" \
+            --first $(((job - 1) * share)) &
+    done
+    sanitized "$FAST_STACKS" -m tests.fuzz --seed "$seed" --inputs "$share"
+    wait
+    keep_ours
+}
+
+if [ -n "${INPUTS:-}" ]; then
+    fuzz
+else
+    [ "${ONLY:-suite}" != suite ] || suite
+    [ "${ONLY:-leaks}" != leaks ] || leaks
 fi
-[ "${ONLY:-leaks}" != leaks ] || QUORVANE_REPEATS=1 leaks
 
 for report in "$reports"/*; do
     [ -e "$report" ] || continue

@@ -1,6 +1,7 @@
 """The command that runs very many inputs: see `python -m tests.fuzz --help`."""
 
 import argparse
+import ctypes
 import multiprocessing
 import random
 import signal
@@ -9,7 +10,8 @@ import warnings
 
 from fuzz.campaign import TARGETS, run
 
-STUCK_SECONDS = 60.0
+# An index of a mask may have NumPy copy gigabytes, which takes its time under the sanitizers.
+STUCK_SECONDS = 300.0
 
 
 def main():
@@ -106,3 +108,14 @@ def work(target, options, position, sender):
         started=started,
     )
     sender.send((count, None if failure is None else str(failure)))
+    look_for_leaks()
+
+
+def look_for_leaks():
+    """Have the leak sanitizer, where there is one, report what this process has lost.
+
+    It looks at an ordinary exit by itself, which a forked process does not make.
+    """
+    look = getattr(ctypes.CDLL(None), "__lsan_do_recoverable_leak_check", None)
+    if look is not None:
+        look()
