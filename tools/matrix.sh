@@ -1,6 +1,6 @@
 #!/bin/sh
-# Builds for every Python that this machine has, runs the tests with the oldest and the newest NumPy
-# for it, and prints a table:
+# Builds the wheel for every Python that this machine has, runs the tests on it with the oldest and
+# the newest NumPy and with all the extras, and prints a table:
 #
 #   tools/matrix.sh [version...]              by default 3.10 3.11 3.12 3.13 3.14
 #
@@ -62,14 +62,16 @@ run_version() {
     venv=$work/venv-$version
     build=$work/build-$version
     log=$work/build-$version.log
-    # The build is against the newest NumPy, as the wheel's is: it must run on the oldest too.
+    # The build is against the newest NumPy, as a published wheel's is: it must run on the oldest too.
     if ! {
         [ -x "$venv/bin/python" ] || "$python" -m venv "$venv"
-        "$venv/bin/python" -m pip install -q -U numpy cmake ninja pytest pytest-xdist hypothesis \
-            msgpack
-        "$venv/bin/cmake" --preset dev -B "$build" -G Ninja -DQUORVANE_TESTS=OFF \
-            -DCMAKE_MAKE_PROGRAM="$venv/bin/ninja" -DPython_EXECUTABLE="$venv/bin/python"
-        "$venv/bin/cmake" --build "$build" -j "$jobs"
+        "$venv/bin/python" -m pip install -q -U numpy "scikit-build-core>=0.10" cmake ninja
+        rm -rf "$build/dist"
+        PATH=$venv/bin:$PATH "$venv/bin/python" -m pip wheel -q . --no-build-isolation --no-deps \
+            --wheel-dir "$build/dist" --config-settings=build-dir="$build"
+        "$venv/bin/python" -m pip install -q --no-deps --force-reinstall "$build"/dist/*.whl
+        # The prices of the demo, without what computes with them.
+        "$venv/bin/python" -m pip install -q --no-deps skfolio
     } >"$log" 2>&1; then
         row "$version" - - "BUILD FAILED, see $log"
         status=1
@@ -80,7 +82,8 @@ run_version() {
         wanted=numpy
         [ "$age" = newest ] || wanted=numpy==$(oldest_numpy "$version")
         log=$work/tests-$version-$age.log
-        "$venv/bin/python" -m pip install -q -U "$wanted" >"$log" 2>&1 || {
+        "$venv/bin/python" -m pip install -q -U "$wanted" "$(echo "$build"/dist/*.whl)[test]" \
+            >"$log" 2>&1 || {
             row "$full" "$wanted" - "COULD NOT BE INSTALLED, see $log"
             status=1
             continue
@@ -88,8 +91,8 @@ run_version() {
         numpy=$("$venv/bin/python" -c 'import numpy; print(numpy.__version__)')
         result=passed
         # shellcheck disable=SC2086 # several folders
-        PYTHONPATH=$build/python "$venv/bin/python" -m pytest -q -p no:cacheprovider -n "$jobs" \
-            $tests >"$log" 2>&1 || { result=FAILED; status=1; }
+        "$venv/bin/python" -m pytest -q -p no:cacheprovider -n "$jobs" $tests >"$log" 2>&1 ||
+            { result=FAILED; status=1; }
         row "$full" "$numpy" "$result" "$(summary "$log")"
     done
 }

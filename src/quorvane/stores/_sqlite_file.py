@@ -257,8 +257,10 @@ def _is_damage(error: Exception) -> bool:
 
     Whatever does not say so may pass: taken for damage, it would lose a state that is there.
     """
-    if isinstance(error, UnicodeDecodeError):
-        # A broken schema stands in SQLite's message, which Python then cannot read.
+    # A broken schema stands in SQLite's message, which Python then cannot read; before 3.11 it
+    # leaves the message out.
+    has_no_text = type(error) is sqlite3.DatabaseError and not str(error)
+    if has_no_text or isinstance(error, UnicodeDecodeError):
         return True
     return (
         isinstance(error, sqlite3.DatabaseError)
