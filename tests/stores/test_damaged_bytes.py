@@ -223,6 +223,22 @@ def test_the_same_tuples_in_very_many_lists_cost_no_more_than_is_claimed():
         assert_refused_cheaply(seal(Payload(data, values), ""))
 
 
+def test_numpy_text_that_is_repeated_costs_no_more_than_is_promised():
+    text, count = b"x" * 10_000, 5_000
+    repeated = (int(Code.TEXT_INDEXED), (int(Code.TEXT), text), (INT, 1, bytes(count)))
+    node = (LIST, (INT, 2, struct.pack("<h", count)), (int(Code.NUMPY_TEXT), repeated))
+    # The list and its length, one text, and for each of its items an index, a text and its copy.
+    data = sealed(node, 3 + 3 * count)
+    tracemalloc.start()
+    try:
+        items = decode(data)
+        _, peak = tracemalloc.get_traced_memory()
+    finally:
+        tracemalloc.stop()
+    assert (len(items), set(map(type, items)), set(items)) == (count, {np.str_}, {text.decode()})
+    assert peak < 700 * len(data)
+
+
 def test_a_key_of_tuples_shared_again_and_again_is_refused_before_it_is_hashed():
     # Sixty levels, each the one below twice: hashing the key would take 2 ** 60 steps.
     key, values = (FIELDS, ONE), 2

@@ -126,3 +126,17 @@ def test_an_unwritable_folder_is_an_error_that_leaves_the_record(
         path.chmod(0o755 if path.is_dir() else 0o644)
     stored = durable_store(durable_kind, open_folder).read("rotation")
     assert exactly_equal(stored, numbered_state(SMALL)) if exists else stored is None
+
+
+def test_a_folder_that_may_not_be_entered_is_an_error(durable_kind, open_folder, tmp_path, tasks):
+    closed = open_folder / "closed"
+    closed.mkdir()
+    closed.chmod(0)
+    answer = tasks.result(
+        "write_as_nobody", tmp_path, kind=durable_kind, folder=str(closed), number=SMALL
+    )
+    closed.chmod(0o755)
+    assert answer["error"] == "StoreWriteError"
+    assert answer["number"] == errno.EACCES
+    assert str(closed) in answer["message"]
+    assert list(closed.iterdir()) == []

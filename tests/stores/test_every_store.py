@@ -228,3 +228,50 @@ def test_all_public_names_are_there():
         assert getattr(stores, name).__module__.startswith("quorvane.stores")
     with pytest.raises(AttributeError, match="has no attribute 'Nothing'"):
         getattr(stores, "Nothing")  # noqa: B009
+
+
+def test_too_little_memory_is_not_taken_for_damage(store, monkeypatch):
+    store.write("rotation", rotation_state(3))
+
+    def exhausted(*_):
+        raise MemoryError
+
+    monkeypatch.setattr("quorvane.stores.encoding._reader.arrays_from_parts", exhausted)
+    with pytest.raises(MemoryError):
+        store.read("rotation")
+    monkeypatch.undo()
+    assert exactly_equal(store.read("rotation"), rotation_state(3))
+
+
+def test_too_little_stack_is_not_taken_for_damage(store):
+    state = {"a": 1}
+    for _ in range(30):
+        state = {"k": (state,)}
+    store.write("rotation", state)
+
+    def read_below(frames):
+        return read_below(frames - 1) if frames else store.read("rotation")
+
+    outcomes = set()
+    # In steps smaller than reading needs, so that some depth is too deep for it alone.
+    for frames in range(0, sys.getrecursionlimit(), 50):
+        try:
+            assert exactly_equal(read_below(frames), state)
+            outcomes.add("read")
+        except RecursionError:
+            outcomes.add("too deep")
+    assert outcomes == {"read", "too deep"}
+
+
+def test_a_store_stays_where_it_was_opened(durable_kind, tmp_path, monkeypatch):
+    home, elsewhere = tmp_path / "home", tmp_path / "elsewhere"
+    home.mkdir()
+    elsewhere.mkdir()
+    monkeypatch.chdir(home)
+    store = durable_store(durable_kind, "")
+    store.write("rotation", {"number": 1})
+    monkeypatch.chdir(elsewhere)
+    store.write("rotation", {"number": 2})
+    assert store.read("rotation") == {"number": 2}
+    assert list(elsewhere.iterdir()) == []
+    assert durable_store(durable_kind, home).read("rotation") == {"number": 2}

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import contextlib
 import errno
+import os
 import sqlite3
 import time
 from collections.abc import Iterator
@@ -74,7 +75,7 @@ class SqliteFile:
     Parameters
     ----------
     path : Path
-        The file, made if it is missing.
+        The file, made if it is missing; absolute, as the working folder may change.
     busy_timeout : float
         Seconds to wait for another process.
     """
@@ -135,7 +136,7 @@ class SqliteFile:
                 errno.ETIMEDOUT,
                 f"{failure}: another process held it for {self._busy_timeout} seconds",
             )
-        if "not a database" in str(error) or self.path.is_dir():
+        if "not a database" in str(error) or os.path.isdir(self.path):
             return StoreFormatError(f"{failure}: {str(self.path)!r} is not an SQLite database")
         if _is_damage(error):
             return RecordDamagedError(f"{failure}: the file is damaged: {error}")
@@ -149,7 +150,7 @@ class SqliteFile:
         between threads, or left open.
         """
         self._refuse_fragment()
-        address = f"{self.path.absolute().as_uri()}?mode={'rwc' if make else 'rw'}"
+        address = f"{self.path.as_uri()}?mode={'rwc' if make else 'rw'}"
         with contextlib.closing(
             sqlite3.connect(address, uri=True, timeout=self._busy_timeout, isolation_level=None)
         ) as database:

@@ -56,7 +56,8 @@ class DirectoryStore(RecordStore):
     """
 
     def __init__(self, path: str | os.PathLike[str], *, namespace: str = "") -> None:
-        self._path = Path(path)
+        # Absolute, as the working folder may change while the store is in use.
+        self._path = Path(path).absolute()
         self._namespace = check_text(namespace, "namespace", may_be_empty=True)
         try:
             make_folder(self._path)

@@ -85,7 +85,7 @@ class SqliteStore(RecordStore):
             raise ValueError(f"keep must be a positive integer, got {keep!r}")
         if not 0 <= busy_timeout <= 1e6:
             raise ValueError(f"busy_timeout must be between 0 and 1e6 seconds, got {busy_timeout}")
-        self._file = SqliteFile(Path(path), float(busy_timeout))
+        self._file = SqliteFile(Path(path).absolute(), float(busy_timeout))
         self._namespace = check_text(namespace, "namespace", may_be_empty=True)
         self._keep = keep
         with self._file.writing(f"open {self!r}"):

@@ -46,12 +46,11 @@ def unpack(payload: Payload) -> Any:
     except StateDecodeError:
         raise
     # Contents that pass the checksum and still make no sense fail in many ways, none of which
-    # a caller could tell apart.
+    # a caller could tell apart. Too little memory or stack is not among them: sizes and depths
+    # are compared with what is there first, so it is the process that ran short.
     except (
         ArithmeticError,
         LookupError,
-        MemoryError,
-        RecursionError,
         TypeError,
         ValueError,
         msgpack.UnpackException,
@@ -281,7 +280,9 @@ class _Columns:
 
     def _numpy_texts(self, depth: int, texts: Any) -> Column:
         values = self._all_of(str, texts, depth)
-        return list(map(np.str_, values))
+        # Texts that stand in a column many times share their memory, and so do these.
+        numpy_text = {text: np.str_(text) for text in set(values)}
+        return list(map(numpy_text.__getitem__, values))
 
     def _numpy_bytes(self, depth: int, pieces: Any) -> Column:
         values = self._all_of(bytes, pieces, depth)
