@@ -1,12 +1,14 @@
 """`quorvane replay` as a person meets it: what it writes, what it says, how it ends."""
 
+import io
 import os
+import resource
 import sys
 
 import numpy as np
 import pytest
 
-from quorvane.cli import csv_table
+from quorvane.cli import csv_table, replay_command
 from quorvane.cli.table_io import read_table
 
 
@@ -249,6 +251,133 @@ def test_nothing_half_written_stays_behind(replay, tmp_path, monkeypatch):
     assert error_of(replay(), 1) == expected
     assert (tmp_path / "output.csv").read_text() == "old"
     assert sorted(os.listdir(tmp_path)) == ["output.csv", "prices.csv", "structures.toml"]
+
+
+def test_a_link_at_a_name_that_can_be_guessed_is_not_written_through(replay, write, tmp_path):
+    victim = write("victim", "precious")
+    for name in (f".part-{os.getpid()}-output.csv", ".part-output.csv"):
+        (tmp_path / name).symlink_to(victim)
+    assert replay().status == 0
+    assert victim.read_text() == "precious"
+    assert not (tmp_path / "output.csv").is_symlink()
+
+
+@pytest.mark.parametrize(
+    ("option", "name"),
+    [
+        ("output", "O.CSV"),
+        ("output", "O.CSV.GZ"),
+        ("output", "O.NPY"),
+        ("output", "O.Parquet"),
+        ("trace", "T.NPZ"),
+        ("trace", "T.JSONL"),
+        ("plot", "P.PNG"),
+    ],
+)
+def test_an_ending_in_capitals_is_the_same_format(replay, tmp_path, option, name):
+    needed = {"plot": "matplotlib", "O.Parquet": "pyarrow"}
+    for library in {option, name} & needed.keys():
+        pytest.importorskip(needed[library])
+    before = {*os.listdir(tmp_path), "output.csv"}
+    for written in (name.lower(), name):
+        outcome = replay(**{option: tmp_path / written})
+        assert outcome.status == 0, outcome.err
+    assert (tmp_path / name).read_bytes() == (tmp_path / name.lower()).read_bytes()
+    assert {*os.listdir(tmp_path), "output.csv"} == before | {name, name.lower()}
+
+
+@pytest.fixture
+def full_disk(monkeypatch):
+    """Let no file grow beyond 150 bytes, less than any output, while the outputs are written."""
+    limits = resource.getrlimit(resource.RLIMIT_FSIZE)
+    write = replay_command._write
+
+    def write_on_a_full_disk(run, result):
+        resource.setrlimit(resource.RLIMIT_FSIZE, (150, limits[1]))
+        try:
+            write(run, result)
+        finally:
+            resource.setrlimit(resource.RLIMIT_FSIZE, limits)
+
+    monkeypatch.setattr(replay_command, "_write", write_on_a_full_disk)
+
+
+@pytest.mark.parametrize(
+    ("option", "name", "library"),
+    [
+        ("output", "o.csv", "numpy"),
+        ("output", "o.csv.gz", "numpy"),
+        ("output", "o.npy", "numpy"),
+        ("output", "o.parquet", "pyarrow"),
+        ("trace", "t.npz", "numpy"),
+        ("trace", "t.jsonl", "numpy"),
+        ("plot", "p.png", "matplotlib"),
+        ("plot", "p.pdf", "matplotlib"),
+        ("plot", "p.svg", "matplotlib"),
+    ],
+)
+def test_a_full_disk_says_so_and_leaves_all_outputs_as_they_were(
+    replay, tmp_path, full_disk, monkeypatch, option, name, library
+):
+    pytest.importorskip(library)
+    if option != "output":
+        # The table is made, and stays beside its place because the other output fails.
+        monkeypatch.setattr(replay_command, "write_table", lambda path, table: path.touch())
+    for old in ("output.csv", name):
+        (tmp_path / old).write_text("old")
+    before = sorted(os.listdir(tmp_path))
+    path, what = tmp_path / name, {"output": "table", "plot": "picture"}.get(option, option)
+    expected = f"{path}: cannot write the {what}: File too large"
+    assert error_of(replay(**{option: path}), 1) == expected
+    assert sorted(os.listdir(tmp_path)) == before
+    assert (tmp_path / "output.csv").read_text() == (tmp_path / name).read_text() == "old"
+
+
+def test_an_output_that_needs_too_much_memory_leaves_the_others_as_they_were(
+    replay, tmp_path, monkeypatch
+):
+    def exhausted(*_, **__):
+        raise MemoryError
+
+    monkeypatch.setattr(np, "savez_compressed", exhausted)
+    (tmp_path / "output.csv").write_text("old")
+    assert error_of(replay(trace=tmp_path / "t.npz"), 1) == "not enough memory for these tables"
+    assert (tmp_path / "output.csv").read_text() == "old"
+    assert sorted(os.listdir(tmp_path)) == ["output.csv", "prices.csv", "structures.toml"]
+
+
+def test_a_reader_that_has_gone_away_is_no_failure(replay, tmp_path, monkeypatch):
+    reading, writing = os.pipe()
+    os.close(reading)
+    with os.fdopen(writing, "w") as gone:
+        monkeypatch.setattr(sys, "stdout", gone)
+        outcome = replay()
+    assert (outcome.status, outcome.err) == (0, "")
+    assert (tmp_path / "output.csv").exists()
+
+
+def test_a_standard_output_that_is_full_is_one_line(replay, tmp_path, monkeypatch):
+    with open("/dev/full", "w") as full:
+        monkeypatch.setattr(sys, "stdout", full)
+        text = error_of(replay(), 1)
+    assert text == "cannot write to standard output: No space left on device"
+    assert (tmp_path / "output.csv").exists()
+
+
+def test_no_standard_output_is_no_failure(replay, monkeypatch):
+    monkeypatch.setattr(sys, "stdout", None)
+    assert replay().status == 0
+
+
+def test_what_the_output_cannot_show_is_escaped(replay, tmp_path, monkeypatch):
+    pure = io.TextIOWrapper(io.BytesIO(), encoding="ascii")
+    monkeypatch.setattr(sys, "stdout", pure)
+    path = tmp_path / "Zürich\udcff.csv"
+    assert replay(output=path).status == 0
+    assert path.exists()
+    shown = pure.buffer.getvalue().decode("ascii")
+    assert "Z\\xfcrich\\udcff.csv: 20 of 28 cells" in shown
+    assert "\\xb5s per day" in shown or "ms per day" in shown
 
 
 def test_the_module_runs_as_a_process(process, prices, structures, tmp_path):

@@ -1,6 +1,7 @@
 """Outputs are whole or not there, and paths that cannot work are refused early."""
 
 import os
+import stat
 from pathlib import Path
 
 import pytest
@@ -19,12 +20,64 @@ def test_a_finished_output_takes_the_place_of_the_old_one(tmp_path):
     path = tmp_path / "out.csv"
     path.write_text("old")
     with whole_output(path, "the table") as part:
-        assert part.parent == tmp_path
-        assert part.name.endswith("out.csv")
+        assert part.parent.parent == tmp_path
+        assert part.name == "out.csv"
         part.write_text("new")
         assert path.read_text() == "old"
     assert path.read_text() == "new"
     assert os.listdir(tmp_path) == ["out.csv"]
+
+
+def test_nobody_else_can_reach_what_is_being_written(tmp_path):
+    with whole_output(tmp_path / "out.csv", "the table") as part:
+        assert stat.S_IMODE(part.parent.stat().st_mode) == 0o700
+        part.write_text("new")
+
+
+def test_a_name_as_long_as_names_may_be_is_written(tmp_path):
+    path = tmp_path / ("x" * 251 + ".csv")
+    with whole_output(path, "the table") as part:
+        part.write_text("new")
+    assert path.read_text() == "new"
+    assert os.listdir(tmp_path) == [path.name]
+
+
+@pytest.fixture
+def umask():
+    """Let new files be read by their owner and group alone."""
+    before = os.umask(0o027)
+    yield
+    os.umask(before)
+
+
+@pytest.mark.parametrize("permissions", [0o600, 0o644, 0o444])
+def test_an_output_keeps_the_permissions_of_the_file_it_replaces(tmp_path, umask, permissions):
+    path = tmp_path / "out.csv"
+    path.write_text("old")
+    path.chmod(permissions)
+    with whole_output(path, "the table") as part:
+        part.write_text("new")
+    assert path.read_text() == "new"
+    assert stat.S_IMODE(path.stat().st_mode) == permissions
+
+
+def test_a_new_output_has_the_permissions_of_any_new_file(tmp_path, umask):
+    with whole_output(tmp_path / "out.csv", "the table") as part:
+        part.write_text("new")
+    assert stat.S_IMODE((tmp_path / "out.csv").stat().st_mode) == 0o640
+
+
+@pytest.mark.parametrize("target", ["there", "not there"])
+def test_a_link_is_replaced_and_what_it_leads_to_is_left_alone(tmp_path, target):
+    (tmp_path / "there").write_text("old")
+    path = tmp_path / "out.csv"
+    path.symlink_to(target)
+    check_writable(path, "the table")
+    with whole_output(path, "the table") as part:
+        part.write_text("new")
+    assert not path.is_symlink()
+    assert path.read_text() == "new"
+    assert (tmp_path / "there").read_text() == "old"
 
 
 @pytest.mark.parametrize("error", [ValueError, KeyboardInterrupt, MemoryError])
@@ -80,6 +133,41 @@ def test_a_place_without_a_folder_is_refused(tmp_path):
         check_writable(tmp_path / "none" / "out.csv", "the table")
     with pytest.raises(DataError, match="cannot write the table: it is a folder"):
         check_writable(tmp_path, "the table")
+
+
+def test_what_is_no_file_is_not_replaced(tmp_path):
+    os.mkfifo(tmp_path / "pipe.csv")
+    (tmp_path / "null.csv").symlink_to(os.devnull)
+    for name in ("pipe.csv", "null.csv"):
+        with pytest.raises(DataError, match="cannot write the table: it is no regular file"):
+            check_writable(tmp_path / name, "the table")
+
+
+@pytest.fixture
+def closed(tmp_path):
+    """A folder that may not be entered, the superuser's rights put aside."""
+    folder = tmp_path / "closed"
+    folder.mkdir(mode=0)
+    before = os.geteuid()
+    if before == 0:
+        os.seteuid(65534)
+    yield folder
+    if before == 0:
+        os.seteuid(0)
+    folder.chmod(0o700)
+
+
+@pytest.mark.parametrize("place", ["out.csv", "folder/out.csv"])
+def test_a_folder_that_may_not_be_entered_is_refused(closed, place):
+    with pytest.raises(DataError, match=r"out\.csv: cannot write the table: Permission denied"):
+        check_writable(closed / place, "the table")
+
+
+def test_a_path_that_leads_nowhere_is_refused(tmp_path):
+    (tmp_path / "loop.csv").symlink_to("loop.csv")
+    for name, why in [("loop.csv", "Too many levels of symbolic"), ("x" * 300, "File name too")]:
+        with pytest.raises(DataError, match=f"cannot write the table: {why}"):
+            check_writable(tmp_path / name, "the table")
 
 
 @not_as_root

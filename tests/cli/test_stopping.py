@@ -2,9 +2,12 @@
 
 import os
 import signal
+import threading
+from pathlib import Path
 
 import pytest
 
+from quorvane.cli import replay_command
 from quorvane.cli.recording import OutputRecorder
 from quorvane.cli.stopping import StopRequest
 
@@ -67,3 +70,47 @@ def test_a_run_with_a_checkpoint_keeps_its_day(replay, tmp_path, signalled_on_da
     resumed = replay("--resume", checkpoint=tmp_path / "c.db")
     assert resumed.status == 0
     assert "resumed         before day 4" in resumed.out
+
+
+STATUS = [(signal.SIGINT, 130), (signal.SIGTERM, 143)]
+
+
+@pytest.fixture
+def signalled_in(monkeypatch):
+    """Send the given signal to this process when the function of that name is called."""
+
+    def signalled(number, function):
+        def signalling(*arguments, **options):
+            # Half of the output is there by now, wherever one is being written.
+            for argument in arguments:
+                if isinstance(argument, Path) and argument.parent.name.startswith(".part-"):
+                    argument.write_text("half")
+            os.kill(os.getpid(), number)
+            pytest.fail("the signal was not acted upon")
+
+        monkeypatch.setattr(replay_command, function, signalling)
+
+    return signalled
+
+
+@pytest.mark.parametrize(("number", "status"), STATUS)
+@pytest.mark.parametrize("function", ["read_table", "_prepare", "write_table", "write_trace"])
+def test_a_signal_outside_the_days_ends_the_run_and_leaves_nothing_over(
+    replay, tmp_path, signalled_in, number, status, function
+):
+    (tmp_path / "output.csv").write_text("old")
+    before = signal.getsignal(signal.SIGINT), signal.getsignal(signal.SIGTERM)
+    signalled_in(number, function)
+    outcome = replay(trace=tmp_path / "t.jsonl")
+    assert (outcome.status, outcome.out, outcome.err) == (status, "", "")
+    assert (tmp_path / "output.csv").read_text() == "old"
+    assert sorted(os.listdir(tmp_path)) == ["output.csv", "prices.csv", "structures.toml"]
+    assert (signal.getsignal(signal.SIGINT), signal.getsignal(signal.SIGTERM)) == before
+
+
+def test_in_another_thread_no_handler_is_set(replay):
+    statuses = []
+    thread = threading.Thread(target=lambda: statuses.append(replay().status))
+    thread.start()
+    thread.join()
+    assert statuses == [0]

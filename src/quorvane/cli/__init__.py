@@ -2,12 +2,16 @@
 
 from __future__ import annotations
 
+import signal
 from collections.abc import Sequence
 
 
 def main(argv: Sequence[str] | None = None) -> int:
     """Run the command ``quorvane`` with ``argv`` (by default the process's); the exit status."""
-    # Imported here, so that importing the package costs nothing.
-    from quorvane.cli.command import run
+    try:
+        # Imported here, so that importing the package costs nothing.
+        from quorvane.cli.command import run
 
-    return run(argv)
+        return run(argv)
+    except KeyboardInterrupt:
+        return 128 + signal.SIGINT

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import hashlib
 import json
+import os
 import secrets
 from collections.abc import Iterator, Mapping, Sequence
 from contextlib import contextmanager
@@ -137,7 +138,7 @@ class Checkpoint:
 
     def resume(self) -> int:
         """Refill the recorders and the rotation; the day to go on with."""
-        if not self.path.exists():
+        if not os.path.exists(self.path):
             raise DataError(f"{self.path}: no such file, expected a checkpoint to resume from")
         with self._reporting():
             store = self._open()

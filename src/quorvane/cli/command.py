@@ -11,6 +11,7 @@ from quorvane import __version__
 from quorvane.cli.errors import CommandError
 from quorvane.cli.limits import MAX_CELLS, MAX_INSTRUMENTS, MAX_STRUCTURES
 from quorvane.cli.plot import PICTURE_ENDINGS
+from quorvane.cli.stopping import TERMINATED, Terminated, termination_raised
 from quorvane.cli.structures import STRUCTURE_ENDINGS
 from quorvane.cli.table_io import TABLE_ENDINGS
 from quorvane.cli.trace import TRACE_ENDINGS
@@ -37,7 +38,7 @@ Limits: {MAX_INSTRUMENTS:,} instruments, {MAX_STRUCTURES:,} structures, {MAX_CEL
 any array of days; input and output are held in memory at 8 bytes a cell.
 
 Exit status: 0 done, 1 a file is at fault, 2 the options are at fault, 130 or 143 stopped by a
-signal between two days.
+signal.
 """
 
 
@@ -48,11 +49,14 @@ def run(argv: Sequence[str] | None = None) -> int:
         options = parser.parse_args(argv)
     except SystemExit as exit_request:
         return int(exit_request.code or 0)
-    # Imported after parsing, so that --help does not wait for it.
-    from quorvane.cli.replay_command import replay_command
-
     try:
-        return replay_command(options)
+        with termination_raised():
+            # Imported after parsing, so that --help does not wait for it.
+            from quorvane.cli.replay_command import replay_command
+
+            return replay_command(options)
+    except Terminated:
+        return TERMINATED
     except CommandError as error:
         print(f"quorvane replay: error: {error}", file=sys.stderr)
         return error.exit_status

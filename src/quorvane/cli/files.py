@@ -3,8 +3,11 @@
 from __future__ import annotations
 
 import os
+import secrets
+import shutil
+import stat
 from collections.abc import Iterator, Sequence
-from contextlib import contextmanager
+from contextlib import contextmanager, suppress
 from pathlib import Path
 
 from quorvane.cli.errors import DataError, UsageError
@@ -35,31 +38,60 @@ def check_readable(path: Path, what: str) -> None:
 def check_writable(path: Path, what: str) -> None:
     """Raise DataError unless a file can be made at ``path``; asked before a long run starts."""
     folder = path.parent
-    if not folder.is_dir():
+    try:
+        folder_kind, kind = _kind(folder), _kind(path)
+    except OSError as error:
+        raise DataError(f"{path}: cannot write {what}: {error.strerror}") from error
+    if folder_kind != stat.S_IFDIR:
         raise DataError(f"{path}: cannot write {what}: there is no folder {folder}")
-    if path.is_dir():
+    if kind == stat.S_IFDIR:
         raise DataError(f"{path}: cannot write {what}: it is a folder")
+    if kind not in (None, stat.S_IFREG):
+        raise DataError(f"{path}: cannot write {what}: it is no regular file")
     if not os.access(folder, os.W_OK | os.X_OK):
         raise DataError(f"{path}: cannot write {what}: folder {folder} is not writable")
 
 
+def _kind(path: Path) -> int | None:
+    """The kind of file that ``path`` leads to, None when there is none."""
+    try:
+        return stat.S_IFMT(os.stat(path).st_mode)
+    except (FileNotFoundError, NotADirectoryError):
+        return None
+
+
 @contextmanager
 def whole_output(path: Path, what: str) -> Iterator[Path]:
-    """A path beside ``path``, with its ending, to write to.
+    """A path of the same name in a folder of its own beside ``path``, to write to.
 
     It is renamed onto ``path`` at the end and removed on any failure, so that ``path`` is never
-    left half-written.
+    left half-written. Nobody else can enter the folder, so nobody can put a link there.
     """
-    part = path.with_name(f".part-{os.getpid()}-{path.name}")
+    folder = path.with_name(f".part-{secrets.token_hex(8)}")
     try:
+        folder.mkdir(mode=0o700)
+        part = folder / path.name
         yield part
-        with part.open("rb") as written:
-            os.fsync(written.fileno())
+        _flush(part)
+        _keep_mode(path, part)
         part.replace(path)
     except OSError as error:
         raise DataError(f"{path}: cannot write {what}: {error.strerror or error}") from error
     finally:
-        part.unlink(missing_ok=True)
+        shutil.rmtree(folder, ignore_errors=True)
+
+
+def _keep_mode(old: Path, new: Path) -> None:
+    """Give ``new`` the permissions of ``old``, if that exists: a private file stays private."""
+    with suppress(FileNotFoundError):
+        permissions = os.stat(old).st_mode & 0o777
+        if permissions != os.stat(new).st_mode & 0o777:
+            new.chmod(permissions)
+
+
+def _flush(path: Path) -> None:
+    with path.open("rb") as written:
+        os.fsync(written.fileno())
 
 
 def _one_of(endings: Sequence[str]) -> str:

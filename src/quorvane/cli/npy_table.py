@@ -37,4 +37,10 @@ def read(path: Path) -> Table:
 
 def write(path: Path, table: Table) -> None:
     """Write the numbers alone."""
-    np.save(path, table.values)
+    values = np.ascontiguousarray(table.values)
+    with path.open("wb") as stream:
+        np.lib.format.write_array_header_1_0(
+            stream, np.lib.format.header_data_from_array_1_0(values)
+        )
+        # Not by way of NumPy, which does not say why a write failed.
+        stream.write(values.data)

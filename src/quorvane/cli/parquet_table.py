@@ -51,7 +51,8 @@ def write(path: Path, table: Table) -> None:
         dates = table.dates
         names.insert(0, dates.name)
         arrays.insert(0, pyarrow.array(dates.text) if dates.arrow is None else dates.arrow)
-    parquet.write_table(pyarrow.Table.from_arrays(arrays, names=names), path)
+    with path.open("wb") as stream:
+        parquet.write_table(pyarrow.Table.from_arrays(arrays, names=names), stream)
 
 
 def _date_column(schema: Any) -> int | None:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import io
 import warnings
 from collections.abc import Sequence
 from dataclasses import dataclass, field
@@ -11,7 +12,7 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
-from quorvane.cli.files import ending_of, whole_output
+from quorvane.cli.files import ending_of
 from quorvane.cli.inputs import InputKind
 from quorvane.cli.libraries import require_library
 from quorvane.cli.structures import Structures
@@ -77,14 +78,12 @@ def choose_evenly(count: int, wanted: int) -> list[int]:
 
 
 def draw_picture(path: Path, picture: Picture) -> None:
-    """Draw the picture in the format of the file's ending, whole or not at all."""
+    """Draw the picture in the format of the file's ending."""
     matplotlib = require_library("matplotlib", "drawing a picture")
     ending = ending_of(path, PICTURE_ENDINGS, "a picture")
-    with (
-        whole_output(path, "the picture") as part,
-        matplotlib.rc_context(_STYLE),
-        warnings.catch_warnings(),
-    ):
+    # Drawn in memory first: on a full disk some formats fail while they clean up.
+    drawn = io.BytesIO()
+    with matplotlib.rc_context(_STYLE), warnings.catch_warnings():
         # A name in a script that the font lacks is drawn as boxes; that is no fault of the run.
         warnings.filterwarnings("ignore", message="Glyph")
         figure = _Sheet(picture).figure
@@ -92,7 +91,8 @@ def draw_picture(path: Path, picture: Picture) -> None:
         metadata = {".png": {"Software": None}, ".pdf": {"CreationDate": None}}.get(
             ending, {"Date": None}
         )
-        figure.savefig(part, dpi=150, metadata=metadata)
+        figure.savefig(drawn, format=ending[1:], dpi=150, metadata=metadata)
+    path.write_bytes(drawn.getbuffer())
 
 
 @dataclass

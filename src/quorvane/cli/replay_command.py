@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+from contextlib import ExitStack
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -12,13 +13,14 @@ from numpy.typing import NDArray
 from quorvane.cli import summary
 from quorvane.cli.checkpoint import Checkpoint, RunIdentity
 from quorvane.cli.errors import DataError, UsageError
-from quorvane.cli.files import check_writable, ending_of
+from quorvane.cli.files import check_writable, ending_of, whole_output
 from quorvane.cli.inputs import structure_input
 from quorvane.cli.libraries import require_library
 from quorvane.cli.limits import MAX_CELLS, MAX_STRUCTURES
 from quorvane.cli.plot import PICTURE_ENDINGS, Picture, choose_evenly, draw_picture
 from quorvane.cli.recording import OutputRecorder, Recorder, StructureRecorder
 from quorvane.cli.replay import Progress, replay
+from quorvane.cli.saying import say
 from quorvane.cli.stopping import StopRequest
 from quorvane.cli.structures import Structures, read_structures
 from quorvane.cli.table import Table
@@ -62,7 +64,7 @@ def replay_command(options: argparse.Namespace) -> int:
     result = Table(run.output.output, run.table.instruments, run.table.dates)
     _write(run, result)
     if not options.quiet:
-        print(_summary(run, result, progress))
+        say(_summary(run, result, progress))
     return 0
 
 
@@ -229,33 +231,38 @@ def _stopped(run: Run, progress: Progress, signal_number: int | None) -> int:
     else:
         text += f"; go on with --checkpoint {options.checkpoint} --resume"
     if not options.quiet:
-        print(f"quorvane replay: {text}")
+        say(f"quorvane replay: {text}")
     return 0 if signal_number is None else 128 + signal_number
 
 
 def _write(run: Run, result: Table) -> None:
+    """Make every output before the first takes its place, so that a failure changes none."""
     options = run.options
-    write_table(options.output, result)
-    if run.trace is not None:
-        slots = {key: run.rotation.slot_by_key[(key,)] for key in run.structures}
-        write_trace(options.trace, run.trace, slots, run.structures, result)
-    if run.plotted is not None:
-        keys = list(run.structures)
-        draw_picture(
-            options.plot,
-            Picture(
-                title=options.title or options.table.name,
-                table=run.table,
-                input_kind=options.input,
-                expression=options.expression,
-                policy=options.policy,
-                structures=run.structures,
-                shown_keys=[keys[position] for position in run.plotted.baskets],
-                entered=run.plotted.entered,
-                left=run.plotted.left,
-                output=result.values,
-            ),
-        )
+    with ExitStack() as outputs:
+        write_table(outputs.enter_context(whole_output(options.output, "the table")), result)
+        if run.trace is not None:
+            slots = {key: run.rotation.slot_by_key[(key,)] for key in run.structures}
+            part = outputs.enter_context(whole_output(options.trace, "the trace"))
+            write_trace(part, run.trace, slots, run.structures, result)
+        if run.plotted is not None:
+            part = outputs.enter_context(whole_output(options.plot, "the picture"))
+            draw_picture(part, _picture(run, run.plotted, result))
+
+
+def _picture(run: Run, plotted: StructureRecorder, result: Table) -> Picture:
+    options, keys = run.options, list(run.structures)
+    return Picture(
+        title=options.title or options.table.name,
+        table=run.table,
+        input_kind=options.input,
+        expression=options.expression,
+        policy=options.policy,
+        structures=run.structures,
+        shown_keys=[keys[position] for position in plotted.baskets],
+        entered=plotted.entered,
+        left=plotted.left,
+        output=result.values,
+    )
 
 
 def _summary(run: Run, result: Table, progress: Progress) -> str:

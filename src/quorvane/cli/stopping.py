@@ -1,10 +1,43 @@
-"""Stopping between two days when the process is asked to end."""
+"""Ending in good order when the process is asked to: between two days, or leaving nothing over."""
 
 from __future__ import annotations
 
 import signal
 import threading
+from collections.abc import Iterator
+from contextlib import contextmanager
 from types import FrameType, TracebackType
+from typing import NoReturn
+
+TERMINATED = 128 + signal.SIGTERM
+"""Exit status of a process that SIGTERM ended."""
+
+
+class Terminated(BaseException):
+    """SIGTERM has come; as KeyboardInterrupt does for SIGINT, it passes every ``except``."""
+
+
+@contextmanager
+def termination_raised() -> Iterator[None]:
+    """While entered, SIGTERM raises `Terminated`, so that what is half-written is removed.
+
+    A second one acts as it did before.
+    """
+    # Python lets only the main thread set handlers; elsewhere nothing is changed.
+    if threading.current_thread() is not threading.main_thread():
+        yield
+        return
+    before = signal.getsignal(signal.SIGTERM)
+
+    def terminate(number: int, frame: FrameType | None) -> NoReturn:
+        signal.signal(signal.SIGTERM, before)
+        raise Terminated
+
+    signal.signal(signal.SIGTERM, terminate)
+    try:
+        yield
+    finally:
+        signal.signal(signal.SIGTERM, before)
 
 
 class StopRequest:

@@ -6,7 +6,7 @@ from pathlib import Path
 from typing import Protocol
 
 from quorvane.cli import csv_table, npy_table, parquet_table
-from quorvane.cli.files import check_readable, ending_of, whole_output
+from quorvane.cli.files import check_readable, ending_of
 from quorvane.cli.table import Table
 
 
@@ -38,7 +38,5 @@ def read_table(path: Path) -> Table:
 
 
 def write_table(path: Path, table: Table) -> None:
-    """Write a table whole or not at all; .npy keeps the numbers only."""
-    table_format = _FORMATS[ending_of(path, TABLE_ENDINGS, "a table")]
-    with whole_output(path, "the table") as part:
-        table_format.write(part, table)
+    """Write a table by the ending of the file's name; .npy keeps the numbers only."""
+    _FORMATS[ending_of(path, TABLE_ENDINGS, "a table")].write(path, table)

@@ -11,7 +11,7 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
-from quorvane.cli.files import ending_of, whole_output
+from quorvane.cli.files import ending_of
 from quorvane.cli.recording import FloatArray
 from quorvane.cli.structures import Structures
 from quorvane.cli.table import Table
@@ -61,14 +61,13 @@ def write_trace(
     instruments), and the legs as ``leg_slot``, ``leg_instrument`` (a column) and ``leg_weight``.
     ``.jsonl`` holds one object per day; NaN is null, and infinities are "inf" and "-inf".
     """
-    ending = ending_of(path, TRACE_ENDINGS, "a trace")
-    with whole_output(path, "the trace") as part:
-        if ending == ".npz":
-            np.savez_compressed(part, **_archive(recorder, slots, structures, output))
-            return
-        with part.open("w", encoding="utf-8") as stream:
-            for line in _days(recorder, slots, output):
-                stream.write(json.dumps(line, ensure_ascii=False, allow_nan=False) + "\n")
+    if ending_of(path, TRACE_ENDINGS, "a trace") == ".npz":
+        with path.open("wb") as archive:
+            np.savez_compressed(archive, **_archive(recorder, slots, structures, output))
+        return
+    with path.open("w", encoding="utf-8") as lines:
+        for day in _days(recorder, slots, output):
+            lines.write(json.dumps(day, ensure_ascii=False, allow_nan=False) + "\n")
 
 
 def _archive(

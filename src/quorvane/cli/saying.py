@@ -1,0 +1,34 @@
+"""What the command says on standard output."""
+
+from __future__ import annotations
+
+import os
+import sys
+from typing import TextIO
+
+from quorvane.cli.errors import DataError
+
+
+def say(text: str) -> None:
+    """Print ``text``; what the output's encoding lacks is shown as an escape.
+
+    That nobody reads any more, as after ``| head``, is no failure.
+    """
+    stream = sys.stdout
+    if stream is None:  # The process was started with its standard output closed.
+        return
+    encoding = stream.encoding or "utf-8"
+    try:
+        print(text.encode(encoding, "backslashreplace").decode(encoding), file=stream, flush=True)
+    except BrokenPipeError:
+        _discard_rest(stream)
+    except OSError as error:
+        _discard_rest(stream)
+        raise DataError(f"cannot write to standard output: {error.strerror}") from error
+
+
+def _discard_rest(stream: TextIO) -> None:
+    """Lead what is still buffered nowhere: Python would try to write it again as it ends."""
+    nowhere = os.open(os.devnull, os.O_WRONLY)
+    os.dup2(nowhere, stream.fileno())
+    os.close(nowhere)
