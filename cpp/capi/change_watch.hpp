@@ -46,13 +46,18 @@ class TypeAnswer {
 public:
     // The answer of question(), which is not asked again while the type is as it was at a yes.
     template <class Question>
-    bool ask(PyTypeObject* type, Question&& question) {
-        const unsigned int version = version_of(type);
+    bool ask(PyTypeObject* type, const Question& question) {
+        unsigned int version = version_of(type);
         if (type_versions_are_unique && version != 0 && version == yes_of_) return true;
-        const bool yes = std::forward<Question>(question)();
-        // Looking something up in the type may run code that changes it, and with it the version.
-        if (yes && version == version_of(type)) yes_of_ = version;
-        return yes;
+        // Looking something up gives a type its version, and may run code that changes the type:
+        // only an answer that it came through unchanged counts.
+        if (version == 0) {
+            if (!question()) return false;
+            version = version_of(type);
+        }
+        if (version == 0 || !question() || version_of(type) != version) return false;
+        yes_of_ = version;
+        return true;
     }
 
 private:

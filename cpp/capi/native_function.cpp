@@ -3,6 +3,7 @@
 #include <structmember.h>
 
 #include <cstddef>
+#include <memory>
 #include <new>
 
 namespace quorvane::capi {
@@ -49,20 +50,54 @@ public:
     ~RecursionGuard() { Py_LeaveRecursiveCall(); }
 };
 
+// What a function's frame does for it: the arguments of a call live as long as the call. Callers
+// only lend them, and some (functools.partial, the iterators over __getitem__ and over a callable)
+// can be made to let go of them, and of the array that they stand in, by code that runs meanwhile.
+class HeldArguments {
+public:
+    HeldArguments(PyObject* const* lent, Py_ssize_t count)
+        : count_(static_cast<std::size_t>(count)) {
+        if (count_ > few) many_ = std::make_unique<PyObject*[]>(count_);
+        for (std::size_t i = 0; i < count_; ++i) place()[i] = Py_NewRef(lent[i]);
+    }
+    HeldArguments(const HeldArguments&) = delete;
+    HeldArguments& operator=(const HeldArguments&) = delete;
+    ~HeldArguments() {
+        for (std::size_t i = 0; i < count_; ++i) Ref::steal(place()[i]);
+    }
+
+    [[nodiscard]] PyObject* const* values() const noexcept { return many_ ? many_.get() : few_; }
+
+private:
+    static constexpr std::size_t few = 8;
+
+    [[nodiscard]] PyObject** place() noexcept { return many_ ? many_.get() : few_; }
+
+    std::size_t count_;
+    PyObject* few_[few];
+    std::unique_ptr<PyObject*[]> many_;
+};
+
+Ref call(PyObject* object, PyObject* const* lent, Py_ssize_t count, PyObject* keyword_names) {
+    const RecursionGuard recursion;
+    const Ref function = Ref::borrow(object);
+    const Ref names = Ref::borrow(keyword_names);
+    const Py_ssize_t keywords = names ? PyTuple_GET_SIZE(names.get()) : 0;
+    const HeldArguments held(lent, count + keywords);
+    const Content& content = content_of(object);
+    if (!names && content.signature.takes_as_they_are(count)) {
+        return content.definition->body(content.state, held.values());
+    }
+    Signature::Bound bound;
+    content.signature.bind(bound, function_of(object).qualified_name, held.values(), count,
+                           names.get());
+    return content.definition->body(content.state, bound.values);
+}
+
 PyObject* vectorcall(PyObject* object, PyObject* const* arguments, std::size_t flagged_count,
                      PyObject* keyword_names) noexcept {
-    return guarded([&] {
-        const RecursionGuard recursion;
-        const Content& content = content_of(object);
-        const Py_ssize_t count = PyVectorcall_NARGS(flagged_count);
-        if (keyword_names == nullptr && content.signature.takes_as_they_are(count)) {
-            return content.definition->body(content.state, arguments);
-        }
-        Signature::Bound bound;
-        content.signature.bind(bound, function_of(object).qualified_name, arguments, count,
-                               keyword_names);
-        return content.definition->body(content.state, bound.values);
-    });
+    return guarded(
+        [&] { return call(object, arguments, PyVectorcall_NARGS(flagged_count), keyword_names); });
 }
 
 PyObject* bind_to_instance(PyObject* self, PyObject* instance, PyObject* /*owner*/) {

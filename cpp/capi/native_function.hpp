@@ -9,7 +9,8 @@ namespace quorvane::capi {
 // A function written in C++ that Python cannot tell from one of its own where it matters: it binds
 // as a method, has a signature, a name, a qualified name, a module and a dictionary.
 struct FunctionDef {
-    // Gets the state of its module and one borrowed value per parameter, in order.
+    // Gets the state of its module and one borrowed value per parameter, in order. The values live
+    // as long as the call.
     using Body = Ref (*)(void* state, PyObject* const* values);
 
     const char* name;

@@ -29,8 +29,13 @@ bool compare(PyObject* left, PyObject* right, int operation) {
 }
 
 Ref to_dict(PyObject* object) {
-    if (PyDict_CheckExact(object)) return require(PyDict_Copy(object));
-    return require(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), object));
+    if (!PyDict_CheckExact(object)) {
+        return require(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), object));
+    }
+    // Not PyDict_Copy, which knows more cases in which keys need not be compared.
+    Ref copy = make_dict();
+    require(PyDict_Update(copy.get(), object));
+    return copy;
 }
 
 namespace {

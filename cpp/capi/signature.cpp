@@ -82,7 +82,7 @@ std::string Signature::text() const {
 }
 
 // In the interpreter's order: positional values, keywords, then what is too many or missing.
-void Signature::bind(Bound& bound, PyObject* qualified_name, PyObject* const* arguments,
+void Signature::bind(Bound& bound, PyObject* const& qualified_name, PyObject* const* arguments,
                      Py_ssize_t count, PyObject* keyword_names) const {
     const Py_ssize_t taken = count < positional_count_ ? count : positional_count_;
     for (Py_ssize_t i = 0; i < taken; ++i) bound.values[i] = arguments[i];
@@ -104,7 +104,7 @@ void Signature::bind(Bound& bound, PyObject* qualified_name, PyObject* const* ar
     fill_defaults(bound, qualified_name);
 }
 
-void Signature::raise_too_many(const Bound& bound, PyObject* qualified_name,
+void Signature::raise_too_many(const Bound& bound, PyObject* const& qualified_name,
                                Py_ssize_t count) const {
     Py_ssize_t keyword_only_given = 0;
     for (std::size_t i = 0; i < parameters_.size(); ++i) {
@@ -128,8 +128,8 @@ void Signature::raise_too_many(const Bound& bound, PyObject* qualified_name,
     throw PythonError();
 }
 
-void Signature::bind_keywords(Bound& bound, PyObject* qualified_name, PyObject* const* values,
-                              PyObject* names) const {
+void Signature::bind_keywords(Bound& bound, PyObject* const& qualified_name,
+                              PyObject* const* values, PyObject* names) const {
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(names); ++i) {
         PyObject* name = PyTuple_GET_ITEM(names, i);
         const Py_ssize_t index = index_of(name);
@@ -150,7 +150,7 @@ void Signature::bind_keywords(Bound& bound, PyObject* qualified_name, PyObject* 
     }
 }
 
-void Signature::fill_defaults(Bound& bound, PyObject* qualified_name) const {
+void Signature::fill_defaults(Bound& bound, PyObject* const& qualified_name) const {
     Ref missing;
     for (std::size_t i = 0; i < parameters_.size(); ++i) {
         if (bound.values[i] != nullptr) continue;

@@ -42,21 +42,23 @@ public:
         return count == plain_count_;
     }
 
-    // The values of one call: one per parameter, borrowed from the caller, the defaults or here.
+    // The values of one call: one per parameter, borrowed from the arguments, the defaults or here.
     struct Bound {
         PyObject* values[max_parameters] = {};
         Ref var_positional, var_keyword;
     };
 
-    void bind(Bound& bound, PyObject* qualified_name, PyObject* const* arguments, Py_ssize_t count,
-              PyObject* keyword_names) const;
+    // The name is a reference to the function's own: hashing a keyword may run code that renames
+    // the function, and an error tells the name of that moment.
+    void bind(Bound& bound, PyObject* const& qualified_name, PyObject* const* arguments,
+              Py_ssize_t count, PyObject* keyword_names) const;
 
 private:
-    void bind_keywords(Bound& bound, PyObject* qualified_name, PyObject* const* values,
+    void bind_keywords(Bound& bound, PyObject* const& qualified_name, PyObject* const* values,
                        PyObject* names) const;
-    [[noreturn]] void raise_too_many(const Bound& bound, PyObject* qualified_name,
+    [[noreturn]] void raise_too_many(const Bound& bound, PyObject* const& qualified_name,
                                      Py_ssize_t count) const;
-    void fill_defaults(Bound& bound, PyObject* qualified_name) const;
+    void fill_defaults(Bound& bound, PyObject* const& qualified_name) const;
     [[nodiscard]] Py_ssize_t index_of(PyObject* name) const;
 
     std::span<const Parameter> parameters_;

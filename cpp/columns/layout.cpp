@@ -1,6 +1,7 @@
 #include "columns/layout.hpp"
 
 #include <algorithm>
+#include <type_traits>
 #include <utility>
 
 #include "capi/array_view.hpp"
@@ -40,7 +41,8 @@ Ref cast_vector(const Ref& array, int type_number) {
     }
     return require(PyArray_FromAny(
         array.get(), PyArray_DescrFromType(type_number), 1, 1,
-        NPY_ARRAY_IN_ARRAY | NPY_ARRAY_NOTSWAPPED | NPY_ARRAY_ENSUREARRAY, nullptr));
+        NPY_ARRAY_IN_ARRAY | NPY_ARRAY_NOTSWAPPED | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST,
+        nullptr));
 }
 
 template <class T>
@@ -49,22 +51,30 @@ std::vector<T> copy_of(const Ref& array) {
     return {data, data + PyArray_SIZE(capi::as_array(array.get()))};
 }
 
+template <class Wide>
+std::vector<std::int32_t> narrowed(const char* argument, const std::vector<Wide>& wide) {
+    const auto fits = [](Wide number) { return std::in_range<std::int32_t>(number); };
+    if (const auto odd = std::ranges::find_if_not(wide, fits); odd != wide.end()) {
+        Ref got = std::is_signed_v<Wide> ? require(PyLong_FromLongLong(*odd))
+                                         : require(PyLong_FromUnsignedLongLong(*odd));
+        reject(PyExc_ValueError, argument, " must fit in 32 bits", got);
+    }
+    std::vector<std::int32_t> narrow(wide.size());
+    std::ranges::transform(wide, narrow.begin(),
+                           [](Wide number) { return static_cast<std::int32_t>(number); });
+    return narrow;
+}
+
 std::vector<std::int32_t> integers_from(const char* argument, PyObject* given) {
     const Ref array = vector_from(argument, given);
     const bool is_integer = PyTypeNum_ISINTEGER(PyArray_TYPE(capi::as_array(array.get())));
     if (!is_integer && PyArray_SIZE(capi::as_array(array.get())) != 0) {
         reject(PyExc_TypeError, argument, " must be integers", dtype_of(array.get()));
     }
-    const auto wide = copy_of<std::int64_t>(cast_vector(array, NPY_INT64));
-    const auto fits = [](std::int64_t number) { return std::in_range<std::int32_t>(number); };
-    if (const auto odd = std::ranges::find_if_not(wide, fits); odd != wide.end()) {
-        reject(PyExc_ValueError, argument, " must fit in 32 bits",
-               require(PyLong_FromLongLong(*odd)));
+    if (PyTypeNum_ISUNSIGNED(PyArray_TYPE(capi::as_array(array.get())))) {
+        return narrowed(argument, copy_of<std::uint64_t>(cast_vector(array, NPY_UINT64)));
     }
-    std::vector<std::int32_t> narrow(wide.size());
-    std::ranges::transform(wide, narrow.begin(),
-                           [](std::int64_t number) { return static_cast<std::int32_t>(number); });
-    return narrow;
+    return narrowed(argument, copy_of<std::int64_t>(cast_vector(array, NPY_INT64)));
 }
 
 // Real numbers as float64, maybe the caller's own array.

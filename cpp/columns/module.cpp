@@ -47,12 +47,29 @@ PyObject* construct(PyTypeObject* type, PyObject* arguments, PyObject* keywords)
     });
 }
 
+// Callers only lend an object, and some (functools.partial, the iterator over a sequence) can be
+// made to let go of it by code that runs meanwhile. This is what a function's frame does for it.
+class Lent {
+public:
+    explicit Lent(PyObject* self, PyObject* argument = nullptr)
+        : self_(Ref::borrow(self)), argument_(Ref::borrow(argument)) {}
+
+    [[nodiscard]] const Columns& columns() const { return columns_of(self_.get()); }
+    [[nodiscard]] PyTypeObject* type() const { return Py_TYPE(self_.get()); }
+    [[nodiscard]] PyObject* self() const { return self_.get(); }
+    [[nodiscard]] PyObject* argument() const { return argument_.get(); }
+
+private:
+    Ref self_, argument_;
+};
+
 PyObject* with_values(PyObject* self, PyObject* values) {
     return guarded([&] {
-        const Columns& columns = columns_of(self);
-        Ref numbers = values_from(values, PyTuple_GET_SIZE(columns.keys.get()));
-        return make(Py_TYPE(self), {columns.keys.share(), columns.legs.share(), std::move(numbers),
-                                    columns.layout});
+        const Lent lent(self, values);
+        const Columns& columns = lent.columns();
+        Ref numbers = values_from(lent.argument(), PyTuple_GET_SIZE(columns.keys.get()));
+        return make(lent.type(), {columns.keys.share(), columns.legs.share(), std::move(numbers),
+                                  columns.layout});
     });
 }
 
@@ -73,7 +90,8 @@ PyObject* item(PyObject* self, Py_ssize_t index) {
         if (index < 0 || index >= length(self)) {
             capi::raise(PyExc_IndexError, "structure index out of range");
         }
-        const Columns& columns = columns_of(self);
+        const Lent lent(self);
+        const Columns& columns = lent.columns();
         const Ref value = capi::make_float(value_at(columns, index));
         Ref structure = capi::make_dict();
         const auto set = [&](const char* name, PyObject* entry) {
@@ -106,11 +124,12 @@ void require_within(const Layout& layout, npy_intp size) {
 
 PyObject* weighted_sums(PyObject* self, PyObject* inputs) {
     return guarded([&] {
-        const Columns& columns = columns_of(self);
+        const Lent lent(self, inputs);
+        const Columns& columns = lent.columns();
         const Ref row = require(PyArray_FromAny(
-            inputs, PyArray_DescrFromType(NPY_DOUBLE), 1, 1,
+            lent.argument(), PyArray_DescrFromType(NPY_DOUBLE), 1, 1,
             NPY_ARRAY_IN_ARRAY | NPY_ARRAY_NOTSWAPPED | NPY_ARRAY_ENSUREARRAY, nullptr));
-        npy_intp shape[] = {length(self)};
+        npy_intp shape[] = {length(lent.self())};
         Ref sums = require(PyArray_SimpleNew(1, shape, NPY_DOUBLE));
         const auto entries = capi::readable_vector<double>(row.get()).span();
         const Layout& layout = *columns.layout;
@@ -139,11 +158,12 @@ PyObject* get_values(PyObject* self, void* /*closure*/) {
 template <class T>
 PyObject* read_only(PyObject* self, const std::vector<T>& numbers, int type_number) {
     return guarded([&] {
+        const Lent lent(self);
         npy_intp shape[] = {static_cast<npy_intp>(numbers.size())};
         Ref view = require(
             PyArray_SimpleNewFromData(1, shape, type_number, const_cast<T*>(numbers.data())));
         PyArray_CLEARFLAGS(capi::as_array(view.get()), NPY_ARRAY_WRITEABLE);
-        require(PyArray_SetBaseObject(capi::as_array(view.get()), Py_NewRef(self)));
+        require(PyArray_SetBaseObject(capi::as_array(view.get()), Py_NewRef(lent.self())));
         return view;
     });
 }
@@ -163,13 +183,14 @@ PyObject* get_weights(PyObject* self, void* /*closure*/) {
 // Pickled and copied by what the constructor takes.
 PyObject* reduce(PyObject* self, PyObject* /*unused*/) {
     return guarded([&] {
+        const Lent lent(self);
         const Ref offsets = require(get_offsets(self, nullptr));
         const Ref leg_ids = require(get_leg_ids(self, nullptr));
         const Ref weights = require(get_weights(self, nullptr));
-        const Columns& columns = columns_of(self);
+        const Columns& columns = lent.columns();
         const Ref arguments = capi::make_tuple(columns.keys.get(), offsets.get(), leg_ids.get(),
                                                weights.get(), columns.values.get());
-        return capi::make_tuple(reinterpret_cast<PyObject*>(Py_TYPE(self)), arguments.get());
+        return capi::make_tuple(reinterpret_cast<PyObject*>(lent.type()), arguments.get());
     });
 }
 

@@ -19,6 +19,19 @@ inline capi::Ref positive_int(const char* argument, PyObject* value, const char*
     message.text(" of type ").text(Py_TYPE(value)->tp_name).raise(PyExc_TypeError);
 }
 
+// How many columns an exact positive int asks for. ValueError when no array could have so many.
+inline Py_ssize_t column_count(const char* argument, PyObject* number) {
+    constexpr auto most = PY_SSIZE_T_MAX / static_cast<Py_ssize_t>(sizeof(double));
+    const Py_ssize_t count = PyLong_AsSsize_t(number);
+    if (count >= 0 && count <= most) return count;
+    PyErr_Clear();
+    capi::Message()
+        .text(argument)
+        .text(" must be a number of columns that fits in memory, got ")
+        .repr(number)
+        .raise(PyExc_ValueError);
+}
+
 // The number of an exact int that fits; nothing for any other object.
 inline std::optional<Py_ssize_t> plain_int(PyObject* object) noexcept {
     if (!PyLong_CheckExact(object)) return std::nullopt;

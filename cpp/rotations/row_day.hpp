@@ -48,9 +48,12 @@ public:
     void separate_input() { input_ = as_float64(input_.get(), NPY_ARRAY_ENSURECOPY); }
     void separate_output() { target_ = new_vector(size_, NPY_DOUBLE); }
 
+    // Whether what is written to out() is in output_buf at once.
+    [[nodiscard]] bool is_delivered() const noexcept { return target_.get() == output_buf_; }
+
     // output_buf[:N] = the output, where that is not done yet; the assignment's errors are NumPy's.
     void deliver() const {
-        if (target_.get() == output_buf_) return;
+        if (is_delivered()) return;
         const Ref size = capi::make_int(size_);
         const Ref head = capi::require(PySlice_New(nullptr, size.get(), nullptr));
         capi::set_item(output_buf_, head.get(), target_.get());

@@ -30,19 +30,21 @@ Ref as_float64_matrices(const State& state, PyObject* matrices) {
     return arrays;
 }
 
-Ref extent(const State& state, PyObject* array, PyObject* axis) {
-    return item(attr(array, state.names.shape).get(), axis);
+// arrays[0].shape[axis]
+Ref extent(const State& state, PyObject* arrays, PyObject* axis) {
+    const Ref first = require(PySequence_GetItem(arrays, 0));
+    return item(attr(first.get(), state.names.shape).get(), axis);
 }
 
 // The caller's universe, or one with every instrument of every day in it.
-Ref universe_of(const State& state, PyObject* context, PyObject* first, PyObject* days) {
+Ref universe_of(const State& state, PyObject* context, PyObject* arrays, PyObject* days) {
     const Names& names = state.names;
     if (!capi::is_none(context)) {
         Ref mask = capi::optional_attr(context, names.universe_mask);
         if (mask && !capi::is_none(mask.get())) return mask;
     }
     const Ref ones = state.numpy(names.ones);
-    const Ref columns = extent(state, first, state.one.get());
+    const Ref columns = extent(state, arrays, state.one.get());
     const Ref shape = capi::make_tuple(days, columns.get());
     return call_with_keywords(ones.get(), state.dtype_keyword.get(), shape.get(),
                               state.numpy(names.uint8).get());
@@ -72,7 +74,8 @@ Ref replay_day(const State& state, PyObject* self, PyObject* arrays, PyObject* d
     stack.reserve(inputs + 2);
     stack.push_back(nullptr);
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(arrays); ++i) {
-        rows.push_back(row_of(PyList_GET_ITEM(arrays, i), day));
+        const Ref array = Ref::borrow(PyList_GET_ITEM(arrays, i));
+        rows.push_back(row_of(array.get(), day));
         stack.push_back(rows.back().get());
     }
     stack.push_back(context);
@@ -86,10 +89,9 @@ Ref batch_reference(State& state, PyObject* const* values) {
     if (PyList_GET_SIZE(arrays.get()) == 0) {
         message_of(state, self).text(": batch_reference requires inputs").raise(PyExc_ValueError);
     }
-    PyObject* first = PyList_GET_ITEM(arrays.get(), 0);
-    const Ref days = extent(state, first, state.zero.get());
+    const Ref days = extent(state, arrays.get(), state.zero.get());
     const Ref outputs = capi::make_list();
-    const Ref universe = universe_of(state, values[2], first, days.get());
+    const Ref universe = universe_of(state, values[2], arrays.get(), days.get());
     const Ref range = call(reinterpret_cast<PyObject*>(&PyRange_Type), days.get());
     capi::Iteration iteration(range.get());
     Ref context;  // yesterday's lives until today's is there

@@ -151,11 +151,11 @@ Ref create_children(const State& state, PyObject* self, PyObject* specs) {
                                             attr(self, names.max_structures).get());
     Ref children = capi::make_list();
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(specs); ++i) {
-        PyObject* spec = PyList_GET_ITEM(specs, i);
+        const Ref spec = Ref::borrow(PyList_GET_ITEM(specs, i));
         const Ref create = attr(registry.get(), names.create_instance);
-        const Ref name = capi::make_tuple(PyTuple_GET_ITEM(spec, 0));
+        const Ref name = capi::make_tuple(PyTuple_GET_ITEM(spec.get(), 0));
         const Ref child =
-            require(PyObject_Call(create.get(), name.get(), PyTuple_GET_ITEM(spec, 1)));
+            require(PyObject_Call(create.get(), name.get(), PyTuple_GET_ITEM(spec.get(), 1)));
         capi::append(children.get(), child.get());
     }
     return children;

@@ -210,8 +210,9 @@ SlotMaps slot_maps(const Rotation& rotation, const RawState& raw) {
 Ref legs_by_slot(const Rotation& rotation, const RawState& raw, const SlotMaps& maps,
                  const Ref& limit) {
     PyObject* legs = raw.legs_by_slot.get();
+    const Py_ssize_t width = plain_width(rotation);
     if (rotation.state.pristine.numpy_holds(rotation.state)) {
-        const SlotSet slots = slots_of(maps.key_by_slot.get(), plain_width(rotation));
+        const SlotSet slots = slots_of(maps.key_by_slot.get(), width);
         if (are_legs_of_slots(legs, slots, plain_size(limit.get()))) return copy_of(legs);
     }
     return checked_legs(rotation, raw.legs_by_slot, maps, limit);

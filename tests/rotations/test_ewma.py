@@ -367,3 +367,48 @@ def test_a_memory_that_is_none_cannot_grow(name):
     with pytest.raises(ValueError, match="_mean and _weight must be writable, contiguous float64"):
         ewma([1.0, 2.0])
     assert getattr(ewma, name) is None
+
+
+def test_a_resize_that_finds_no_room_changes_nothing():
+    ewma, plain = Ewma(3, N_alloc=2), Ewma(3, N_alloc=2)
+    for each in (ewma, plain):
+        each([1.0, 2.0])
+    with pytest.raises(MemoryError):
+        ewma.resize(2**56)
+    with pytest.raises(
+        ValueError, match=f"new_N_alloc must be .* that fits in memory, got {2**62}"
+    ):
+        ewma.resize(2**62)
+    ewma.set_state(ewma.get_state())
+    assert same_bits(ewma([3.0, 4.0]), plain([3.0, 4.0]))
+
+
+def read_only(size):
+    array = np.zeros(size)
+    array.flags.writeable = False
+    return array
+
+
+@pytest.mark.parametrize(
+    "output", [read_only(2), None, np.zeros(1), np.zeros((2, 3)), "text"], ids=repr
+)
+def test_a_day_whose_output_is_refused_is_not_remembered(output):
+    ewma = Ewma(3, N_alloc=2)
+    ewma([1.0, 2.0])
+    before = ewma.get_state()
+    with pytest.raises((TypeError, ValueError)):
+        ewma.compute((np.array([5.0, 6.0]),), (), None, output, 2)
+    assert same_bits(ewma.get_state()["mean"], before["mean"])
+    assert same_bits(ewma.get_state()["weight"], before["weight"])
+
+
+def test_an_output_that_empties_the_memory_and_then_refuses_gets_its_own_error():
+    class Refusing:
+        def __setitem__(self, place, values):
+            ewma._mean.resize(0, refcheck=False)
+            raise LookupError("refused")
+
+    ewma = Ewma(3, N_alloc=2)
+    ewma([1.0, 2.0])
+    with pytest.raises(LookupError, match="refused"):
+        ewma.compute((np.array([5.0, 6.0]),), (), None, Refusing(), 2)

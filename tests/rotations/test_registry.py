@@ -78,6 +78,12 @@ def test_an_unknown_name_lists_the_nearest(name):
     assert "longitudinal_ewma_67301c" in str(error.value)
 
 
+@pytest.mark.parametrize("name", [[], None, 5, b"ewma"])
+def test_a_name_must_be_a_text(name):
+    with pytest.raises(TypeError, match="name must be a str, got .* of type"):
+        StaticFunctionRegistry(N_alloc=1).create_instance(name)
+
+
 def test_a_name_like_no_other_lists_all():
     with pytest.raises(LookupError) as error:
         StaticFunctionRegistry(N_alloc=1).create_instance("~~~")

@@ -19,7 +19,10 @@ ENDLESS = 5000
 
 
 def outcome(operation, first, last):
-    """Run the operation while the allocations from `first` up to `last` fail; its error, if any."""
+    """Run the operation while the allocations after the first `first` fail, and none after `last`.
+
+    Returns its error, if there is one.
+    """
     fail, work_again = _testcapi.set_nomemory, _testcapi.remove_mem_hooks
     fail(first, last)
     try:
@@ -41,14 +44,14 @@ def fail_one_by_one(name, operation, *, once, after=lambda result: None):
     after(None)
     failures = quiet = first = 0
     while quiet < QUIET:
-        first += 1
         result = outcome(operation, first, first + 1 if once else 0)
         failed = isinstance(result, BaseException) or result is False
         if isinstance(result, BaseException) and not isinstance(result, MemoryError):
-            raise AssertionError(f"{name}: with allocation {first} failing") from result
+            raise AssertionError(f"{name}: with the allocation after {first} failing") from result
         after(result)
         quiet = 0 if failed else quiet + 1
         failures += failed
+        first += 1
         if first == ENDLESS:
             raise AssertionError(f"{name}: fails after {first} allocations that worked")
     return failures
@@ -232,9 +235,29 @@ def first_days():
         first_day(once=once)
 
 
+def same_child_day(*, once):
+    """A rotation that remembers has not taken in a day that it could not give the result of."""
+    ewma, plain, values = subjects.make_ewma(), subjects.make_ewma(), subjects.row()
+
+    def after(result):
+        if not isinstance(result, MemoryError):
+            plain(values)
+        assert frozen(ewma.get_state()) == frozen(plain.get_state())
+
+    ewma(values)
+    plain(values)
+    failures = fail_one_by_one("child day", lambda: ewma(values), once=once, after=after)
+    assert failures > 0, failures
+
+
+def child_days():
+    for once in (True, False):
+        same_child_day(once=once)
+
+
 PROGRAMS = {
     program.__name__: program
-    for program in (every_operation, every_restore, days_after_a_failure, first_days)
+    for program in (every_operation, every_restore, days_after_a_failure, first_days, child_days)
 }
 
 if __name__ == "__main__":

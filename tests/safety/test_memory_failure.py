@@ -44,3 +44,7 @@ def test_a_day_that_failed_does_not_show_in_the_days_after_it():
 
 def test_a_first_day_that_failed_does_not_show_in_the_days_after_it():
     run("first_days")
+
+
+def test_an_average_does_not_remember_a_day_that_failed():
+    run("child_days")

@@ -22,18 +22,6 @@ constexpr Parameter init_parameters[] = {
     capi::var_keyword("parameters"),
 };
 
-// A number of columns that memory can be asked for.
-Py_ssize_t column_count(const char* argument, PyObject* number) {
-    const Py_ssize_t count = PyLong_AsSsize_t(number);
-    if (count >= 0) return count;
-    PyErr_Clear();
-    capi::Message()
-        .text(argument)
-        .text(" must be a number of columns that fits in memory, got ")
-        .repr(number)
-        .raise(PyExc_ValueError);
-}
-
 Ref init(State& state, PyObject* const* values) {
     const Names& names = state.names;
     PyObject* self = values[0];
@@ -54,8 +42,9 @@ Ref resize(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     const Ref N_alloc = positive_int("new_N_alloc", values[1], "a positive int");
     const Py_ssize_t size = column_count("new_N_alloc", N_alloc.get());
-    set_attr(self, state.names.n_alloc, N_alloc.get());
+    // The buffers first: when there is no memory for them, nothing has changed.
     make_buffers(state, self, size);
+    set_attr(self, state.names.n_alloc, N_alloc.get());
     return capi::none();
 }
 
@@ -136,7 +125,9 @@ Raises
 TypeError
     When it is not an int, or is a bool.
 ValueError
-    When it is not positive.
+    When it is not positive, or no array could have so many columns.
+MemoryError
+    When there is no room for the buffers. Nothing changes then.
 )"};
 
 const capi::FunctionDef repr_def{"__repr__", repr_parameters, capi::body_of<State, repr>};

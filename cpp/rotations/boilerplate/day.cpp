@@ -1,6 +1,7 @@
 #include "rotations/boilerplate/day.hpp"
 
 #include <cstring>
+#include <utility>
 
 #include "rotations/arguments.hpp"
 #include "rotations/boilerplate/construction.hpp"
@@ -88,8 +89,8 @@ Ref copy_of_any_output(const State& state, PyObject* self, PyObject* output, Py_
     return copy;
 }
 
-Ref copy_of_output(const State& state, PyObject* self, PyObject* output, Py_ssize_t N) {
-    Ref copy = new_vector(N, NPY_DOUBLE);
+// The output's first N entries in `copy`, or in an array of their own.
+Ref copy_of_output(const State& state, PyObject* self, PyObject* output, Ref copy, Py_ssize_t N) {
     const auto values = capi::readable_vector<double>(output);
     if (!values || !values.contiguous()) return copy_of_any_output(state, self, output, N);
     if (values.size() < N) raise_short_output(state, self, N);
@@ -110,9 +111,11 @@ Ref call_day(State& state, PyObject* const* values) {
     const Ref masks = mask_buffers(state, self, PyTuple_GET_SIZE(inputs.get()), N);
     const Ref combined = combined_mask(state, self, N);
     const Ref output = attr(self, state.names.output_buf);
+    // Before the day: no room for its result must not come after a rotation has remembered it.
+    Ref copy = new_vector(N, NPY_DOUBLE);
     mark_nan(inputs.get(), masks.get(), combined.get(), N);
     compute_day(state, self, inputs.get(), masks.get(), combined.get(), output.get(), N);
-    return copy_of_output(state, self, output.get(), N);
+    return copy_of_output(state, self, output.get(), std::move(copy), N);
 }
 
 constexpr Parameter compute_parameters[] = {

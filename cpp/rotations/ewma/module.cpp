@@ -61,10 +61,22 @@ Ref compute(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     RowDay day(state, values);
     const double decay = decay_of(capi::attr(self, state.window).get());
-    const Memory memory = memory_of_day(state, self, static_cast<Py_ssize_t>(day.size()));
+    const auto N = static_cast<Py_ssize_t>(day.size());
+    const Memory memory = memory_of_day(state, self, N);
     separate(day, memory);
+    if (day.is_delivered()) {
+        step(day, decay, memory);
+        return state.zero.share();
+    }
+    // The output may yet be refused, and a day that fails must not be remembered.
+    const Memory yesterday = resized(memory, N);
     step(day, decay, memory);
-    day.deliver();
+    try {
+        day.deliver();
+    } catch (...) {
+        take_back(memory, yesterday);
+        throw;
+    }
     return state.zero.share();
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "rotations/arguments.hpp"
 #include "rotations/buffers.hpp"
 
 namespace quorvane::rotations::ewma {
@@ -119,8 +120,11 @@ Ref resize(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     const Memory old = memory_of(state, self);
     if (!is_usable(old)) raise_unusable(state, self, 0);
+    const Ref columns = positive_int("new_N_alloc", values[1], "a positive int");
+    // Before anything changes: it fails when there is no room.
+    const Memory memory = resized(old, column_count("new_N_alloc", columns.get()));
     capi::call(state.super_attr(self, state.resize).get(), values[1]);
-    set_memory(state, self, resized(old, allocated_columns(state, self)));
+    set_memory(state, self, memory);
     return capi::none();
 }
 
@@ -176,6 +180,13 @@ Memory memory_of_day(const State& state, PyObject* self, Py_ssize_t N) {
     return memory;
 }
 
+void take_back(const Memory& memory, const Memory& yesterday) noexcept {
+    // Code that ran since then may have changed the arrays.
+    if (!is_usable(memory)) return;
+    copy_head(yesterday.mean.get(), memory.mean.get());
+    copy_head(yesterday.weight.get(), memory.weight.get());
+}
+
 const capi::FunctionDef stateful_def{"stateful", self_only, capi::body_of<State, stateful>,
                                      "True: a day's output depends on the days before it."};
 
@@ -218,7 +229,9 @@ Raises
 TypeError
     When it is not an int, or is a bool.
 ValueError
-    When it is not positive.
+    When it is not positive, or no array could have so many columns.
+MemoryError
+    When there is no room for them. Nothing changes then.
 )"};
 
 }  // namespace quorvane::rotations::ewma

@@ -41,6 +41,9 @@ Memory resized(const Memory& memory, Py_ssize_t size);
 // when an attribute is not a writable, contiguous float64 array of that length.
 Memory memory_of_day(const State& state, PyObject* self, Py_ssize_t N);
 
+// Gives the first columns back what they were.
+void take_back(const Memory& memory, const Memory& yesterday) noexcept;
+
 Memory memory_of(const State& state, PyObject* self);
 void set_memory(const State& state, PyObject* self, const Memory& memory);
 

@@ -20,6 +20,18 @@ public:
     const capi::Interned function{"function"};
 };
 
+// Null when there is none of that name.
+const kernels::ElementwiseFunction* find_function(PyObject* name) {
+    Py_ssize_t size = 0;
+    if (const char* text = PyUnicode_AsUTF8AndSize(name, &size)) {
+        return kernels::find_elementwise({text, static_cast<std::size_t>(size)});
+    }
+    // A lone surrogate has no UTF-8 form, and is in nobody's name.
+    if (PyErr_ExceptionMatches(PyExc_UnicodeEncodeError) == 0) throw capi::PythonError();
+    PyErr_Clear();
+    return nullptr;
+}
+
 // The kernel of a name: an attribute may have become any object since the initialiser checked it.
 const kernels::ElementwiseFunction& function_named(PyObject* name) {
     if (!PyUnicode_Check(name)) {
@@ -30,11 +42,7 @@ const kernels::ElementwiseFunction& function_named(PyObject* name) {
             .text(Py_TYPE(name)->tp_name)
             .raise(PyExc_TypeError);
     }
-    Py_ssize_t size = 0;
-    const char* text = PyUnicode_AsUTF8AndSize(name, &size);
-    if (text == nullptr) throw capi::PythonError();
-    const auto* found = kernels::find_elementwise({text, static_cast<std::size_t>(size)});
-    if (found != nullptr) return *found;
+    if (const auto* found = find_function(name)) return *found;
 
     std::string allowed;
     for (const auto& each : kernels::elementwise_functions()) {

@@ -30,10 +30,10 @@ struct Task {
 bool read_task(const State& state, PyObject* self, PyObject* txi_output, PyObject* output_buf,
                PyObject* N, Task& task) {
     const Names& names = state.names;
-    if (!state.pristine.numpy_holds(state)) return false;
     task.max_structures = plain_size(plain_attribute(self, names.max_structures).get());
     task.legs_by_slot = plain_attribute(self, names.legs_by_slot);
     const Ref policy = plain_attribute(self, names.unmap_policy);
+    if (!state.pristine.numpy_holds(state)) return false;
     task.N = plain_size(N);
     task.txi_output = capi::readable_vector<double>(txi_output);
     task.output = capi::writable_vector<double>(output_buf);

@@ -4,6 +4,7 @@
 #include <bit>
 
 #include "virtualization/shortcuts/fetch_ahead.hpp"
+#include "virtualization/shortcuts/inert.hpp"
 
 namespace quorvane::virtualization {
 
@@ -24,7 +25,10 @@ bool MetadataRewrite::run(PyObject* given) {
             const Py_ssize_t slot = end - 1 - i;
             const Comparison& comparison = compared[static_cast<std::size_t>(i)];
             if (!comparison.has_same_words) {
-                replace_dict(slot, PyList_GET_ITEM(given, slot));
+                PyObject* dict = PyList_GET_ITEM(given, slot);
+                // Copying a dict with gaps puts its keys in anew, and compares those of one hash.
+                if (!is_plain_record(dict)) return false;
+                replace_dict(slot, dict);
             } else if (comparison.differing != 0) {
                 write_values(slot, comparison);
             }

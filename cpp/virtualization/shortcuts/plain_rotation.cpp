@@ -38,13 +38,14 @@ void PlainRotation::look() {
     if (!dict_ || !PyDict_CheckExact(dict_.get())) return;
     if constexpr (capi::instance_dicts_tell_changes) watch_.add_dict(dict_.get());
     watch_.add_dict(state_.globals());
-    if (!state_.pristine.numpy_holds(state_)) return;
+    // Looking into a dictionary with odd keys may change what was looked at before.
+    if (state_.pristine.numpy_dict() == nullptr) return;
     watch_.add_dict(state_.pristine.numpy_dict());
+    if (!state_.pristine.numpy_holds(state_)) return;
     if (!state_.pristine.structure_class_holds(state_)) return;
-    if (!state_.plain_class.ask(type(), [&] { return class_is_plain(type()); })) return;
-    // Types get their version when something is looked up in them, which has been done now.
-    watch_.add_type(type());
     watch_.add_type(state_.pristine.structure_class());
+    if (!state_.plain_class.ask(type(), [&] { return class_is_plain(type()); })) return;
+    watch_.add_type(type());
     if (!instance_is_plain(dict_.get()) || !take_bookkeeping(dict_.get())) return;
     // Odd keys in a dictionary may have run code while it was looked into.
     plain_ = still_seen() && state_.pristine.is_unversioned_rest_own();

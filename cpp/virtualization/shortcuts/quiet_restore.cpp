@@ -64,18 +64,14 @@ bool goes_quietly(PyObject* map, IsInert&& is_inert) {
 class QuietRestore {
 public:
     QuietRestore(State& state, PyObject* self, PyObject* given)
-        : state_(state), self_(self), given_(given), own_(instance_dict(self)) {}
+        : state_(state), self_(self), given_(given) {}
 
-    [[nodiscard]] bool is_possible() {
-        return has_plain_surroundings(state_, Py_TYPE(self_)) && own_ != nullptr &&
-               is_plain_record(own_) && is_plain_record(given_) && has_no_step_of_its_own() &&
-               has_no_children() && see_limits() && see_tables();
-    }
+    [[nodiscard]] bool is_possible();
 
     bool run();
 
 private:
-    [[nodiscard]] PyObject* own(PyObject* name) const { return capi::dict_peek(own_, name); }
+    [[nodiscard]] PyObject* own(PyObject* name) const { return capi::dict_peek(own_.get(), name); }
     // What the state says, null where it says nothing.
     [[nodiscard]] PyObject* given(PyObject* name) const { return capi::dict_peek(given_, name); }
 
@@ -91,7 +87,7 @@ private:
     State& state_;
     PyObject* self_;
     PyObject* given_;
-    PyObject* own_;
+    Ref own_;  // the instance's dictionary
     Py_ssize_t max_structures_ = -1;
     Ref limit_;
     Maps given_maps_;
@@ -102,6 +98,16 @@ private:
     PyObject* metadata_ = nullptr;
     PyObject* given_metadata_ = nullptr;
 };
+
+// Looking at the surroundings may run code, of odd keys, that gives the instance another
+// dictionary.
+bool QuietRestore::is_possible() {
+    if (!has_plain_surroundings(state_, Py_TYPE(self_))) return false;
+    const capi::GcPause no_finalizers;  // the dictionary may be made only now
+    own_ = Ref::borrow(instance_dict(self_));
+    return own_ && is_plain_record(own_.get()) && is_plain_record(given_) &&
+           has_no_step_of_its_own() && has_no_children() && see_limits() && see_tables();
+}
 
 bool QuietRestore::has_no_step_of_its_own() const {
     const Names& names = state_.names;

@@ -69,6 +69,8 @@ class StaticFunctionRegistry:
 
         Raises
         ------
+        TypeError
+            The name is not a str.
         LookupError
             Nothing is registered under the name; the text lists the nearest names.
         """
@@ -111,6 +113,8 @@ class StaticFunctionRegistry:
 
     @classmethod
     def _factory(cls, name: str) -> Callable[..., Any]:
+        if not isinstance(name, str):
+            raise TypeError(f"name must be a str, got {name!r} of type {type(name).__name__}")
         if name in cls._registered:
             return cls._registered[name]
         if name in _READY_MADE:

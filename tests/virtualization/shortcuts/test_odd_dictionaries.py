@@ -489,3 +489,34 @@ def test_error_of_a_comparison_ends_the_step(base):
     # Some interpreters go on looking after the error and then wrap it.
     with pytest.raises((LookupError, SystemError)):
         rotation._unmap(np.ones(4), np.zeros(6), 6)
+
+
+@pytest.mark.parametrize("kind", ["native", "twin"])
+@pytest.mark.parametrize("name", ["_normalize_structure", "_slot_for_key", "_structure_is_valid"])
+def test_an_override_that_a_key_of_the_class_puts_in_is_used_the_same_day(kind, name):
+    printed = run_isolated(
+        kind,
+        ODD_KEY
+        + f"""
+    base = load_base(kind, Siblings())
+    used = []
+
+    def normalize(self, item):
+        used.append(item["key"])
+        return base.VirtualizationBase._normalize_structure(self, item)
+
+    def override():
+        Rotation._normalize_structure = normalize
+
+    Rotation = type("Rotation", (base.VirtualizationBase,), {{Odd({name!r}): None}})
+    Rotation._refresh_active_structures = lambda self, *day: ITEMS
+    rotation = Rotation(max_structures=4, transformation_expression="none", N_alloc=6)
+    rotation(np.ones(6))
+    # The interpreter looks into a class again once it has changed.
+    Rotation.changed = True
+    Odd.action, Odd.left = staticmethod(override), 1
+    rotation(np.ones(6))
+    print([("b",) in used, ("c",) in used])
+    """,
+    )
+    assert printed == "[True, True]\n"
