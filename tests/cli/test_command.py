@@ -420,3 +420,20 @@ def test_a_terminal_without_tqdm_shows_none(replay, monkeypatch):
     monkeypatch.setitem(sys.modules, "tqdm", None)
     outcome = replay()
     assert (outcome.status, outcome.err) == (0, "")
+
+
+def test_an_error_about_a_file_of_two_lines_is_one_line(replay, tmp_path):
+    outcome = replay(table=tmp_path / "a\nb.csv")
+    assert outcome.status == 1
+    assert "a\\nb.csv: no such file" in outcome.err
+    assert outcome.err.count("\n") == 1
+
+
+@pytest.mark.parametrize("role", ["table", "structures"])
+def test_a_link_to_itself_is_an_error_of_one_line(replay, tmp_path, role):
+    path = tmp_path / "loop.csv"
+    path.symlink_to(path)
+    outcome = replay(**{role: path})
+    assert outcome.status == 1
+    assert "loop.csv: cannot read" in outcome.err
+    assert outcome.err.count("\n") == 1

@@ -181,3 +181,28 @@ def test_permissions_are_named(tmp_path):
     closed.mkdir(mode=0o500)
     with pytest.raises(DataError, match=r"folder .*closed is not writable"):
         check_writable(closed / "out.csv", "the table")
+
+
+@pytest.mark.parametrize("make", [os.mkfifo, lambda path: path.symlink_to("/dev/zero")])
+def test_what_is_not_a_file_is_refused_without_waiting(tmp_path, make):
+    path = tmp_path / "t.csv"
+    make(path)
+    with pytest.raises(DataError, match=r"t\.csv: is no regular file, expected a table"):
+        check_readable(path, "a table")
+
+
+def test_an_input_whose_path_leads_nowhere_is_refused(tmp_path):
+    loop = tmp_path / "loop.csv"
+    loop.symlink_to(loop)
+    with pytest.raises(DataError, match="cannot read a table: Too many levels of symbolic links"):
+        check_readable(loop, "a table")
+    with pytest.raises(DataError, match="cannot read a table: File name too long"):
+        check_readable(tmp_path / ("a" * 300 + ".csv"), "a table")
+
+
+@not_as_root
+def test_a_file_in_a_closed_folder_is_refused(tmp_path):
+    closed = tmp_path / "closed"
+    closed.mkdir(mode=0)
+    with pytest.raises(DataError, match="cannot read a table: Permission denied"):
+        check_readable(closed / "t.csv", "a table")

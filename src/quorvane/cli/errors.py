@@ -3,13 +3,28 @@
 from __future__ import annotations
 
 import difflib
-from collections.abc import Iterable
+import re
+import reprlib
+from collections.abc import Collection
+from typing import Any
+
+_MAX_OFFERED_FROM = 5000
+"""Names among which a near one is looked for; among a million it would take half a minute."""
+
+_CONTROL = re.compile("[\x00-\x1f\x7f-\x9f\u2028\u2029]")
+
+_SHORT = reprlib.Repr()
+_SHORT.maxstring = _SHORT.maxother = _SHORT.maxlong = 100
 
 
 class CommandError(Exception):
     """A failure with a text for the user; ``exit_status`` is the command's exit status."""
 
     exit_status = 1
+
+    def __str__(self) -> str:
+        """One line, whatever a path or a library's message holds."""
+        return _CONTROL.sub(lambda found: repr(found.group())[1:-1], super().__str__())
 
 
 class DataError(CommandError):
@@ -22,7 +37,23 @@ class UsageError(CommandError):
     exit_status = 2
 
 
-def did_you_mean(name: str, names: Iterable[str]) -> str:
+def shown(value: Any) -> str:
+    """``repr(value)`` for an error text, with the middle left out when it is long."""
+    try:
+        return _SHORT.repr(value)
+    except ValueError:  # Python refuses to write out an integer of thousands of digits.
+        return f"a {type(value).__name__} that is too long to show"
+
+
+def reason(error: object) -> str:
+    """What a library says, for an error text, with the middle left out when it is long."""
+    text = str(error) or type(error).__name__
+    return text if len(text) <= 300 else f"{text[:200]} ... {text[-95:]}"
+
+
+def did_you_mean(name: str, names: Collection[str]) -> str:
     """A clause that offers the nearest of ``names``, or nothing when none is near."""
-    close = difflib.get_close_matches(name, names, n=3)
-    return f"; did you mean {' or '.join(map(repr, close))}?" if close else ""
+    if len(names) > _MAX_OFFERED_FROM:
+        return ""
+    close = difflib.get_close_matches(name, sorted(names), n=3)
+    return f"; did you mean {' or '.join(map(shown, close))}?" if close else ""

@@ -24,15 +24,21 @@ def ending_of(path: Path, allowed: Sequence[str], what: str) -> str:
 
 def check_readable(path: Path, what: str) -> None:
     """Raise DataError unless ``path`` is an existing file that can be opened for reading."""
-    if path.is_dir():
+    if os.path.isdir(path):
         raise DataError(f"{path}: is a folder, expected {what}")
     try:
-        with path.open("rb"):
-            pass
+        # A pipe without a writer would not open otherwise, and a device need not end.
+        opened = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+        try:
+            is_file = stat.S_ISREG(os.fstat(opened).st_mode)
+        finally:
+            os.close(opened)
     except FileNotFoundError:
         raise DataError(f"{path}: no such file, expected {what}") from None
     except OSError as error:
         raise DataError(f"{path}: cannot read {what}: {error.strerror}") from error
+    if not is_file:
+        raise DataError(f"{path}: is no regular file, expected {what}")
 
 
 def check_writable(path: Path, what: str) -> None:

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import os
 from contextlib import ExitStack
 from dataclasses import dataclass
 from pathlib import Path
@@ -99,9 +100,11 @@ def _outputs(options: argparse.Namespace) -> list[tuple[Path, str]]:
 
 def _check_distinct(options: argparse.Namespace) -> None:
     """No output may overwrite an input or another output."""
-    taken = {options.table.resolve(): "the table read", options.structures.resolve(): "structures"}
+    # Of realpath, since Path.resolve fails for links in a circle before Python 3.13.
+    real = os.path.realpath
+    taken = {real(options.table): "the table read", real(options.structures): "structures"}
     for path, what in _outputs(options):
-        other = taken.setdefault(path.resolve(), what)
+        other = taken.setdefault(real(path), what)
         if other != what:
             raise UsageError(f"{path}: cannot be both {other} and {what} to write")
 
