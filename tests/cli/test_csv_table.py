@@ -2,12 +2,17 @@
 
 import gzip
 import importlib.util
+import os
+import tracemalloc
+from contextlib import contextmanager
+from pathlib import Path
 
 import numpy as np
 import pytest
 
 from quorvane.cli import csv_table
 from quorvane.cli.errors import DataError
+from quorvane.cli.limits import MAX_NAME_LENGTH
 from quorvane.cli.table import Dates, Table
 from quorvane.cli.table_io import read_table, write_table
 
@@ -182,3 +187,129 @@ def test_a_table_beyond_the_limits_is_refused(reader, write, monkeypatch):
     monkeypatch.setattr("quorvane.cli.limits.MAX_INSTRUMENTS", 1)
     with pytest.raises(DataError, match=r"t\.csv: 2 instruments, at most 1 are allowed"):
         read_table(path)
+
+
+@pytest.mark.parametrize("text", ["d\rx", "d\r\nx", "d\nx"])
+def test_a_line_end_in_a_name_or_a_date_is_read_back(reader, tmp_path, text):
+    table = Table(np.array([[1.0, 2.0]]), ("A" + text + "B", "C"), Dates(text + "D", (text,)))
+    write_table(tmp_path / "t.csv", table)
+    back = read_table(tmp_path / "t.csv")
+    assert (back.instruments, back.dates) == (table.instruments, table.dates)
+    assert back.values.tolist() == [[1.0, 2.0]]
+
+
+def test_what_pyarrow_alone_takes_for_a_number_is_refused(reader, write):
+    with pytest.raises(DataError, match=r"line 3, column 'A': expected a number .*got 'nan\(1\)'"):
+        read_table(write("t.csv", "Date,A\nd1,1\nd2,nan(1)\n"))
+
+
+def test_a_nan_that_is_not_among_the_missing_cells_is_a_number(reader, write):
+    assert np.isnan(read_table(write("t.csv", "Date,A\nd1,-nan\nd2,+NaN\n")).values).all()
+
+
+def test_digits_of_another_script_are_not_numbers(reader, write):
+    with pytest.raises(DataError, match="line 2, column 'A': expected a number"):
+        read_table(write("t.csv", "Date,A\nd1,\u0661\u0662\n"))
+    table = read_table(write("t.csv", "Date,A\nd1,\u00a01\u2003\n"))
+    assert table.values.tolist() == [[1.0]]
+
+
+@pytest.mark.parametrize("name", [b"t\xff.csv", b"t\xff.csv.gz"])
+def test_a_file_name_need_not_be_text(reader, tmp_path, name):
+    path = tmp_path / os.fsdecode(name)
+    text = b"Date,A\nd1,1.5\n"
+    path.write_bytes(gzip.compress(text) if name.endswith(b".gz") else text)
+    assert read_table(path).values.tolist() == [[1.5]]
+
+
+@pytest.mark.skipif(not Path("/proc/self/mem").exists(), reason="needs a file that cannot be read")
+def test_a_failure_to_read_an_open_file_is_named(reader, tmp_path):
+    path = tmp_path / "t.csv"
+    path.symlink_to("/proc/self/mem")
+    with pytest.raises(DataError, match=r"t\.csv: cannot be read: Input/output error"):
+        read_table(path)
+
+
+def test_a_fault_shows_the_two_ends_of_a_long_cell(reader, write):
+    with pytest.raises(DataError, match=r"column 'A': .*got 'xxx.*\.\.\..*xxx'$") as raised:
+        read_table(write("t.csv", f"Date,A\nd1,{'x' * 100_000}\n"))
+    assert len(str(raised.value)) < 1000
+
+
+@pytest.mark.parametrize(
+    ("text", "place"),
+    [
+        ("Date,{}\nd1,1\n", "t.csv, column 2: a name"),
+        ("Date{},A\nd1,1\n", "t.csv, column 1: a name"),
+        ("Date,A\nd1,1\nd{},2\n", "t.csv, line 3: a date"),
+    ],
+)
+def test_names_and_dates_have_a_longest_length(reader, write, text, place):
+    long = "\u20ac" * MAX_NAME_LENGTH
+    read_table(write("t.csv", text.format(long[5:])))
+    with pytest.raises(DataError) as raised:
+        read_table(write("t.csv", text.format(long + "x")))
+    assert f"{place} of 10" in str(raised.value)
+    assert str(raised.value).endswith("characters, at most 1000 are allowed")
+
+
+def test_a_table_of_too_many_dates_is_refused(reader, write, monkeypatch):
+    monkeypatch.setattr("quorvane.cli.limits.MAX_DATED_DAYS", 1)
+    assert read_table(write("t.csv", "A\n1\n2\n")).values.tolist() == [[1.0], [2.0]]
+    with pytest.raises(DataError, match=r"2 days with dates, at most 1 are allowed"):
+        read_table(write("t.csv", "Date,A\nd1,1\nd2,1\n"))
+
+
+ENDLESS = {
+    "one cell": (b"Date,A\nd1,", b"1"),
+    "one header": (b"Date", b",A"),
+    "one row of cells": (b"Date,A\nd1", b",1"),
+    "one row of quoted line ends": (b"Date,A\nd1", b',"\n"'),
+    "long dates": (b"Date,A\n", b"d" * 2000 + b",1\n"),
+    "too many days": (b"A\n", b"1\n"),
+    "too many dates": (b"Date,A\n", b"d,1\n"),
+}
+
+
+@pytest.mark.parametrize(("head", "more"), ENDLESS.values(), ids=ENDLESS)
+def test_a_small_file_of_a_large_text_is_refused_in_little_memory(
+    reader, tmp_path, monkeypatch, head, more
+):
+    monkeypatch.setattr("quorvane.cli.limits.MAX_ROW_LENGTH", 10_000)
+    monkeypatch.setattr("quorvane.cli.limits.MAX_CELLS", 1000)
+    monkeypatch.setattr("quorvane.cli.limits.MAX_DATED_DAYS", 1000)
+    monkeypatch.setattr("quorvane.cli.csv_arrow._BLOCK_BYTES", 1 << 20)
+    path = tmp_path / "t.csv.gz"
+    path.write_bytes(gzip.compress(head + more * (20_000_000 // len(more)), 1))
+    with peaks() as peak, pytest.raises(DataError, match=r"t\.csv\.gz.* (row|date|days) "):
+        read_table(path)
+    assert peak["python"] < 4_000_000
+    assert peak["pyarrow"] < 4_000_000
+
+
+def test_numbers_take_no_more_memory_than_their_cells(write, monkeypatch):
+    monkeypatch.setattr(csv_table, "has_library", lambda name: False)
+    path = write("t.csv", "A\n" + "1\n" * 30_000)
+    with peaks() as peak:
+        assert read_table(path).values.sum() == 30_000.0
+    assert peak["python"] < 1_000_000
+
+
+@contextmanager
+def peaks():
+    """The most memory that Python and pyarrow held at a time."""
+    peak = {"python": 0, "pyarrow": 0}
+    pyarrow = importlib.import_module("pyarrow") if HAS_ARROW else None
+    if pyarrow is not None:
+        before = pyarrow.default_memory_pool()
+        pool = pyarrow.proxy_memory_pool(before)
+        pyarrow.set_memory_pool(pool)
+    tracemalloc.start()
+    try:
+        yield peak
+    finally:
+        peak["python"] = tracemalloc.get_traced_memory()[1]
+        tracemalloc.stop()
+        if pyarrow is not None:
+            pyarrow.set_memory_pool(before)
+            peak["pyarrow"] = pool.max_memory()

@@ -9,7 +9,8 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
-from quorvane.cli.errors import DataError
+from quorvane.cli.errors import DataError, shown
+from quorvane.cli.limits import check_name_length
 
 DATE_HEADERS = frozenset({"", "date", "dates", "day", "days", "time", "datetime", "timestamp"})
 """Names, in lower case, that mark a first column as the days' labels."""
@@ -42,7 +43,7 @@ class Table:
 
 
 def check_instrument_names(source: object, names: Sequence[str], first_column: int) -> None:
-    """Raise DataError unless there are names, none of them empty, none of them twice.
+    """Raise DataError unless there are names, none of them empty or too long, none of them twice.
 
     ``first_column`` is the number, counted from 1, of the first name's column in the file.
     """
@@ -52,9 +53,10 @@ def check_instrument_names(source: object, names: Sequence[str], first_column: i
     for column, name in enumerate(names, start=first_column):
         if not name.strip():
             raise DataError(f"{source}: column {column} has no name, expected an instrument's name")
+        check_name_length(f"{source}, column {column}", "a name", name)
         if name in seen:
             raise DataError(
-                f"{source}: instrument {name!r} names columns {seen[name]} and {column}, "
+                f"{source}: instrument {shown(name)} names columns {seen[name]} and {column}, "
                 f"expected distinct names"
             )
         seen[name] = column
