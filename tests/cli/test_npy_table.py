@@ -75,3 +75,45 @@ def test_an_array_beyond_the_limits_is_refused(path, monkeypatch):
     monkeypatch.setattr("quorvane.cli.limits.MAX_CELLS", 3)
     with pytest.raises(DataError, match="at most 3 are allowed"):
         read_table(path)
+
+
+def forged(header, version=1):
+    """A file with this text for a header."""
+    data = header.encode("latin1")
+    return b"\x93NUMPY" + bytes([version, 0]) + len(data).to_bytes(2, "little") + data
+
+
+def described(shape, kind="'<f8'"):
+    return f"{{'descr': {kind}, 'fortran_order': False, 'shape': {shape}}}\n"
+
+
+@pytest.mark.parametrize(
+    "data",
+    [
+        b"PK\x03\x04garbage",
+        forged("'''"),
+        forged("(1,\n"),
+        forged("(" * 5000),
+        forged("-" * 9000 + "1"),
+        forged(described(f"({10**30}, 3)")),
+        forged(described("(True, 3)")),
+        forged(described(f"({2**32}, {2**32})")),
+        forged(described(f"({2**32}, {2**32 + 1})")),
+        forged(described("(1, 1)", "[('a',)]")),
+        forged(described("(1, 1)"), version=9),
+        forged("{'shape': (" + "9" * 5000 + ", 3), 'descr': '<f8', 'fortran_order': False}"),
+    ],
+    ids=lambda data: repr(data[-36:]),
+)
+def test_a_forged_header_is_refused_in_one_line(path, data):
+    path.write_bytes(data)
+    with pytest.raises(DataError, match=r"t\.npy: not a readable \.npy array of numbers") as raised:
+        read_table(path)
+    assert len(str(raised.value)) < 1000
+
+
+def test_a_header_of_python_2_and_numbers_beyond_the_range_are_read_in_silence(path):
+    path.write_bytes(forged(described("(1L, 1L)")) + np.float64(1.5).tobytes())
+    assert read_table(path).values.tolist() == [[1.5]]
+    np.save(path, np.array([[np.finfo(np.longdouble).max]], dtype=np.longdouble))
+    assert read_table(path).values[0, 0] >= np.finfo(np.float64).max
