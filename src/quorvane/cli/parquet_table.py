@@ -3,15 +3,20 @@
 from __future__ import annotations
 
 import json
+import os
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 from typing import Any
 
 import numpy as np
 
-from quorvane.cli.errors import DataError
+from quorvane.cli.errors import DataError, reason, shown
 from quorvane.cli.libraries import require_library
-from quorvane.cli.limits import check_table_size
+from quorvane.cli.limits import check_dated_days, check_name_length, check_table_size
 from quorvane.cli.table import DATE_HEADERS, Dates, Table, check_instrument_names
+
+_BATCH_DAYS = 1 << 16
 
 
 def read(path: Path) -> Table:
@@ -22,23 +27,14 @@ def read(path: Path) -> Table:
     """
     pyarrow = require_library("pyarrow", "reading a Parquet table")
     parquet = require_library("pyarrow.parquet", "reading a Parquet table")
-    try:
-        with parquet.ParquetFile(path) as file:
-            shape = file.metadata.num_rows, file.metadata.num_columns
-            check_table_size(path, *shape)
-            columns = file.read()
-    except (pyarrow.ArrowException, OSError) as error:
-        raise DataError(f"{path}: not a readable Parquet file: {error}") from error
-    date_column = _date_column(columns.schema)
-    names = [name for i, name in enumerate(columns.schema.names) if i != date_column]
-    check_instrument_names(path, names, 2 if date_column == 0 else 1)
-    if columns.num_rows == 0:
-        raise DataError(f"{path}: empty table, expected a row for each day")
-    values = np.empty((columns.num_rows, len(names)))
-    kept = [i for i in range(columns.num_columns) if i != date_column]
-    for target, i in enumerate(kept):
-        values[:, target] = _numbers(path, columns.column(i), columns.schema.names[i])
-    return Table(values, tuple(names), _dates(columns, date_column))
+    # Named by its bytes, since pyarrow takes a name to be UTF-8.
+    with _reporting_faults(path), pyarrow.OSFile(os.fsencode(path)) as source:
+        with parquet.ParquetFile(source) as file:
+            date_column = _check_shape(path, file.metadata, file.schema_arrow)
+        if date_column is not None:
+            _check_dates(path, source, date_column)
+        with parquet.ParquetFile(source) as file:
+            return _table(file.read(), date_column)
 
 
 def write(path: Path, table: Table) -> None:
@@ -53,6 +49,55 @@ def write(path: Path, table: Table) -> None:
         arrays.insert(0, pyarrow.array(dates.text) if dates.arrow is None else dates.arrow)
     with path.open("wb") as stream:
         parquet.write_table(pyarrow.Table.from_arrays(arrays, names=names), stream)
+
+
+def _check_shape(path: Path, metadata: Any, schema: Any) -> int | None:
+    """Check all that is known before a column is read; the position of the dates, if any."""
+    check_table_size(path, metadata.num_rows, metadata.num_columns)
+    date_column = _date_column(schema)
+    names = [name for i, name in enumerate(schema.names) if i != date_column]
+    check_instrument_names(path, names, 2 if date_column == 0 else 1)
+    if metadata.num_rows == 0:
+        raise DataError(f"{path}: empty table, expected a row for each day")
+    types = require_library("pyarrow.types", "reading a Parquet table")
+    for i, field in enumerate(schema):
+        if i == date_column:
+            if types.is_nested(field.type):
+                raise DataError(
+                    f"{path}, column {shown(field.name)}: expected the days' dates, "
+                    f"got {reason(field.type)}"
+                )
+            check_dated_days(path, metadata.num_rows)
+        elif not _is_numeric(types, field.type) and not types.is_null(field.type):
+            raise DataError(
+                f"{path}, column {shown(field.name)}: expected numbers, got {reason(field.type)}"
+            )
+    return date_column
+
+
+def _check_dates(path: Path, source: Any, date_column: int) -> None:
+    """Check the lengths of dates that are text.
+
+    A file stores a text once for many days: each is looked at once, before all days have a copy.
+    """
+    parquet = require_library("pyarrow.parquet", "reading a Parquet table")
+    types = require_library("pyarrow.types", "reading a Parquet table")
+    names = parquet.read_schema(source).names
+    with parquet.ParquetFile(source, read_dictionary=[names[date_column]]) as file:
+        if not types.is_dictionary(file.schema_arrow.field(date_column).type):
+            return
+        for batch in file.iter_batches(_BATCH_DAYS, columns=[names[date_column]]):
+            for text in batch.column(0).dictionary.cast("string"):
+                check_name_length(path, "a date", text.as_py() or "")
+
+
+def _table(columns: Any, date_column: int | None) -> Table:
+    kept = [i for i in range(columns.num_columns) if i != date_column]
+    values = np.empty((columns.num_rows, len(kept)))
+    for target, i in enumerate(kept):
+        values[:, target] = columns.column(i).cast("float64", safe=False).to_numpy()
+    names = columns.schema.names
+    return Table(values, tuple(names[i] for i in kept), _dates(columns, date_column))
 
 
 def _date_column(schema: Any) -> int | None:
@@ -70,28 +115,18 @@ def _date_column(schema: Any) -> int | None:
 
 def _pandas_index(schema: Any) -> int | None:
     """The column that pandas noted as its one index; pandas puts it last in the file."""
-    noted = (schema.metadata or {}).get(b"pandas")
-    if noted is None:
-        return None
     try:
-        index = json.loads(noted)["index_columns"]
-    except (ValueError, KeyError, TypeError):
+        noted = json.loads((schema.metadata or {}).get(b"pandas", b"{}"))
+    except (ValueError, RecursionError):
         return None
-    if len(index) != 1 or not isinstance(index[0], str):
+    index = noted.get("index_columns") if isinstance(noted, dict) else None
+    if not isinstance(index, list) or len(index) != 1 or not isinstance(index[0], str):
         return None
-    position: int = schema.get_field_index(index[0])
-    return position if position >= 0 else None
+    return schema.names.index(index[0]) if schema.names.count(index[0]) == 1 else None
 
 
 def _is_numeric(types: Any, kind: Any) -> bool:
     return bool(types.is_integer(kind) or types.is_floating(kind) or types.is_decimal(kind))
-
-
-def _numbers(path: Path, column: Any, name: str) -> Any:
-    types = require_library("pyarrow.types", "reading a Parquet table")
-    if not _is_numeric(types, column.type) and not types.is_null(column.type):
-        raise DataError(f"{path}, column {name!r}: expected numbers, got {column.type}")
-    return column.cast("float64", safe=False).to_numpy()
 
 
 def _dates(columns: Any, date_column: int | None) -> Dates | None:
@@ -103,3 +138,15 @@ def _dates(columns: Any, date_column: int | None) -> Dates | None:
     shown = "" if name.startswith("__index_level_") else name
     text = tuple("" if item is None else item for item in column.cast("string").to_pylist())
     return Dates(shown, text, column)
+
+
+@contextmanager
+def _reporting_faults(path: Path) -> Iterator[None]:
+    """Turn pyarrow's failures into DataError, except that memory ran out."""
+    pyarrow = require_library("pyarrow", "reading a Parquet table")
+    try:
+        yield
+    except MemoryError:
+        raise
+    except (pyarrow.ArrowException, OSError, UnicodeError) as error:
+        raise DataError(f"{path}: not a readable Parquet file: {reason(error)}") from error
