@@ -1,5 +1,7 @@
 """Structures files: both formats, and each fault with its place."""
 
+from pathlib import Path
+
 import pytest
 
 from quorvane.cli.errors import DataError, UsageError
@@ -140,3 +142,70 @@ def test_toml_before_python_3_11_names_the_extra(write, monkeypatch):
     monkeypatch.setitem(__import__("sys").modules, "tomli", None)
     with pytest.raises(DataError, match=r'needs the library tomli.*pip install "quorvane\[cli\]"'):
         read_structures(write("s.toml", TOML), NAMES)
+
+
+@pytest.mark.parametrize(("name", "text"), [("s.toml", TOML), ("s.csv", CSV)])
+def test_a_byte_order_mark_does_not_matter(write, name, text):
+    assert list(read_structures(write(name, "\ufeff" + text), NAMES)) == ["KO/PEP", "oil.3"]
+
+
+@pytest.mark.parametrize(
+    "text",
+    [
+        "[a]\nKO = " + "1" * 5000,
+        "a = 0x" + "f" * 5000,
+        "[a]\nKO = 0x" + "f" * 5000,
+        "a = " + "[" * 50_000,
+        "a = " + "[" * 900 + "]" * 900,
+        "[a]\nKO = " + "{b = " * 900 + "1" + "}" * 900,
+        "a = '" + "x" * 100_000 + "'",
+        "[" + "a" * 900 + "]\n" + "K" * 100_000 + " = 1",
+        "[" + "a" * 100_000 + "]\nKO = 1",
+        "[a]\n" + "KO" * 50_000 + ".x = 1",
+    ],
+    ids=lambda text: text[:16],
+)
+def test_a_fault_in_toml_is_one_short_line(write, text):
+    with pytest.raises(DataError, match=r"s\.toml") as raised:
+        read_structures(write("s.toml", text + "\n"), NAMES)
+    assert len(str(raised.value)) < 1000
+
+
+@pytest.mark.parametrize("row", ["a,KO,{}", "a,{},1", "{},KO,x", "{},KO,1", "a,KO,1,{}"])
+def test_a_fault_in_csv_is_one_short_line(write, row):
+    text = CSV.splitlines()[0] + "\n" + row.format("x" * 100_000) + "\n"
+    with pytest.raises(DataError, match=r"s\.csv, line 2") as raised:
+        read_structures(write("s.csv", text), NAMES)
+    assert len(str(raised.value)) < 1000
+
+
+@pytest.mark.parametrize("weight", ["1_000", "\u0661\u0662", "0x10"])
+def test_a_weight_has_the_digits_of_a_table_s_numbers(write, weight):
+    path = write("s.csv", f"key,instrument,weight\na,KO,{weight}\n")
+    with pytest.raises(DataError, match="line 2, column 'weight': expected a number, got"):
+        read_structures(path, NAMES)
+
+
+@pytest.mark.parametrize(
+    ("name", "text"), [("s.toml", "[{}]\nKO = 1\n"), ("s.csv", "key,instrument,weight\n{},KO,1\n")]
+)
+def test_a_key_has_a_longest_length(write, name, text):
+    key = "a" * 1000
+    assert list(read_structures(write(name, text.format(key)), NAMES)) == [key]
+    with pytest.raises(DataError, match="a key of 1001 characters, at most 1000 are allowed"):
+        read_structures(write(name, text.format(key + "a")), NAMES)
+
+
+def test_a_row_has_a_longest_length(write, monkeypatch):
+    monkeypatch.setattr("quorvane.cli.limits.MAX_ROW_LENGTH", 100)
+    path = write("s.csv", "key,instrument,weight\n" + '"\n",' * 1000)
+    with pytest.raises(DataError, match="a row of more than 100 characters"):
+        read_structures(path, NAMES)
+
+
+@pytest.mark.skipif(not Path("/proc/self/mem").exists(), reason="needs a file that cannot be read")
+@pytest.mark.parametrize("name", ["s.toml", "s.csv"])
+def test_a_failure_to_read_an_open_file_is_named(tmp_path, name):
+    (tmp_path / name).symlink_to("/proc/self/mem")
+    with pytest.raises(DataError, match="cannot be read: Input/output error"):
+        read_structures(tmp_path / name, NAMES)
