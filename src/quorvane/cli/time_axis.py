@@ -13,6 +13,8 @@ from quorvane.cli.table import Table
 
 _ISO_DATE = re.compile(r"\d{4}-\d{2}-\d{2}([T ].*)?")
 _COMPACT_DATE = re.compile(r"\d{8}")
+# A picture's calendar knows the years 1 to 9999, and its axis reaches a little beyond the days.
+_FIRST_DATE, _END_DATE = np.datetime64("0002-01-01"), np.datetime64("9999-01-01")
 _SECONDS_LENGTH = len("2000-01-01T00:00:00")
 
 
@@ -63,5 +65,7 @@ def parse_dates(text: tuple[str, ...]) -> NDArray[np.datetime64] | None:
         # A time zone is left out; it shifts every day alike.
         dates = np.array([label[:_SECONDS_LENGTH] for label in text], dtype="datetime64[s]")
     except ValueError:
+        return None
+    if dates[0] < _FIRST_DATE or dates[-1] >= _END_DATE:
         return None
     return dates if bool(np.all(dates[1:] > dates[:-1])) else None
