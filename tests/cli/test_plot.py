@@ -1,5 +1,8 @@
 """The picture: it is drawn for whatever the tables hold, and its parts compute what they say."""
 
+import dataclasses
+import xml.dom.minidom
+
 import numpy as np
 import pytest
 
@@ -81,6 +84,45 @@ def test_empty_constant_and_infinite_values_are_drawn(picture, tmp_path, fill):
         array[:] = fill
     draw_picture(tmp_path / "p.png", flat)
     assert (tmp_path / "p.png").read_bytes().startswith(PNG)
+
+
+@pytest.mark.parametrize("kind", ["levels", "returns"])
+@pytest.mark.parametrize(
+    "column",
+    [[1e308, -1e308, 1e308], [5e-324, 1e308, 1.0], [1e308, 5e-324, 1.0], [-1e308] * 3, [1e308] * 3],
+    ids=str,
+)
+def test_the_largest_and_the_smallest_numbers_are_drawn(picture, tmp_path, column, kind):
+    extreme = picture(days=3, input_kind=kind)
+    for array in (extreme.entered, extreme.left, extreme.output, extreme.table.values):
+        array[:, 0] = column
+        array[:, -1] = np.negative(column) if array is not extreme.table.values else column
+    draw_picture(tmp_path / "p.png", extreme)
+    assert (tmp_path / "p.png").read_bytes().startswith(PNG)
+
+
+def test_a_column_of_infinities_among_prices_is_left_out(picture, tmp_path):
+    odd = picture(days=3)
+    odd.table.values[:, 0] = np.inf
+    draw_picture(tmp_path / "p.png", odd)
+    assert (tmp_path / "p.png").read_bytes().startswith(PNG)
+
+
+@pytest.mark.parametrize("name", ["p.png", "p.pdf", "p.svg"])
+def test_text_that_no_picture_can_hold_is_replaced(picture, tmp_path, name):
+    bad, plain = "\0\x1b\udcff\uffff", picture(days=2)
+    names = tuple(f"I{bad}{i}" for i in range(5))
+    keys = [f"S{bad}{i}" for i in range(4)]
+    odd = dataclasses.replace(
+        plain,
+        title=f"a{bad}b",
+        table=Table(plain.table.values, names, Dates("Date", (f"d{bad}", f"e{bad}"))),
+        structures={key: {names[0]: 1.0} for key in keys},
+        shown_keys=keys,
+    )
+    draw_picture(tmp_path / name, odd)
+    if name == "p.svg":
+        xml.dom.minidom.parse(str(tmp_path / name))
 
 
 def test_dates_that_are_not_calendar_dates_label_the_days(picture, tmp_path):

@@ -12,6 +12,7 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
+from quorvane.cli.drawn_text import drawable
 from quorvane.cli.files import ending_of
 from quorvane.cli.inputs import InputKind
 from quorvane.cli.libraries import require_library
@@ -52,6 +53,8 @@ _STYLE = {
     "text.parse_math": False,
     "svg.hashsalt": "quorvane",
 }
+# Beyond it the arithmetic of axes overflows, and no line would differ to the eye.
+_LARGEST = 1e100
 
 
 @dataclass(frozen=True)
@@ -134,10 +137,20 @@ class _Sheet:
             panels.append(self.figure.add_axes((0.105, y / total, 0.785, height / total)))
             y -= gap
         self.figure.text(
-            0.03, 1 - 0.42 / total, self.picture.title, fontsize=16, weight="bold", va="center"
+            0.03,
+            1 - 0.42 / total,
+            drawable(self.picture.title),
+            fontsize=16,
+            weight="bold",
+            va="center",
         )
         self.figure.text(
-            0.03, 1 - 0.72 / total, self._subtitle(), fontsize=9.5, color=_MUTED, va="center"
+            0.03,
+            1 - 0.72 / total,
+            drawable(self._subtitle()),
+            fontsize=9.5,
+            color=_MUTED,
+            va="center",
         )
         return panels
 
@@ -165,11 +178,12 @@ class _Sheet:
             what += "; in colour the legs of the structures below, pale those of negative weight"
         _heading(axes, "What went in", what)
         lines = sorted({*choose_evenly(values.shape[1], _MAX_LINES), *colours})
+        series = {column: _bounded(values[:, column]) for column in lines}
         for column in sorted(lines, key=lambda column: column in colours):
             shown = colours.get(column)
             axes.plot(
                 self.time.positions,
-                values[:, column],
+                series[column],
                 color=shown or _FAINT,
                 linewidth=1.1 if shown else 0.7,
                 zorder=3 if shown else 2,
@@ -177,7 +191,7 @@ class _Sheet:
         labelled = lines if len(lines) <= _MAX_LABELS else sorted(colours)
         _label_ends(
             axes,
-            [(table.instruments[c], values[:, c], colours.get(c, _MUTED)) for c in labelled],
+            [(table.instruments[c], series[c], colours.get(c, _MUTED)) for c in labelled],
         )
         axes.grid(axis="y")
 
@@ -197,7 +211,7 @@ class _Sheet:
         """The highlighted structures as they entered the children."""
         lines = []
         for position, colour in self.highlights.items():
-            series = self.picture.entered[:, position]
+            series = _bounded(self.picture.entered[:, position])
             if self.picture.input_kind == "returns":
                 series = _running_sum(series) * 100.0
             axes.plot(self.time.positions, series, color=colour, linewidth=1.1)
@@ -392,7 +406,16 @@ def _rebased(values: NDArray[np.float64]) -> tuple[NDArray[np.float64], bool]:
     if not finite.any() or np.any(values[finite] <= 0.0):
         return values, False
     first = values[finite.argmax(axis=0), np.arange(values.shape[1])]
-    return values / first, True
+    # A column without a finite value is divided by one that is not; it stays undrawn.
+    with np.errstate(over="ignore", invalid="ignore"):
+        multiples = values / first
+    np.clip(multiples, 1.0 / _LARGEST, _LARGEST, out=multiples, where=finite)
+    return multiples, True
+
+
+def _bounded(values: NDArray[np.float64]) -> NDArray[np.float64]:
+    """The values, finite ones no larger than an axis can span."""
+    return np.where(np.isfinite(values), np.clip(values, -_LARGEST, _LARGEST), values)
 
 
 def _running_sum(series: NDArray[np.float64]) -> NDArray[np.float64]:
@@ -410,7 +433,7 @@ def _binned(values: NDArray[np.float64]) -> tuple[NDArray[np.float64], NDArray[n
     """Means over runs of days, ignoring what is not finite, and the runs' first days."""
     starts = np.arange(0, values.shape[0], _bin_size(values.shape[0]))
     finite = np.isfinite(values)
-    sums = np.add.reduceat(np.where(finite, values, 0.0), starts, axis=0)
+    sums = np.add.reduceat(np.where(finite, _bounded(values), 0.0), starts, axis=0)
     counts = np.add.reduceat(finite, starts, axis=0, dtype=np.int64)
     means = np.divide(sums, counts, out=np.full_like(sums, np.nan), where=counts > 0)
     return means, starts
@@ -434,4 +457,5 @@ def _colour_range(values: NDArray[np.float64]) -> tuple[str, float, float]:
 
 
 def _short(name: str, length: int = 14) -> str:
-    return name if len(name) <= length else name[: length - 1] + "\N{HORIZONTAL ELLIPSIS}"
+    shown = name if len(name) <= length else name[: length - 1] + "\N{HORIZONTAL ELLIPSIS}"
+    return drawable(shown)

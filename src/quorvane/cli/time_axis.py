@@ -8,6 +8,7 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
+from quorvane.cli.drawn_text import drawable
 from quorvane.cli.libraries import require_library
 from quorvane.cli.table import Table
 
@@ -52,7 +53,7 @@ class TimeAxis:
         day = round(position)
         if self._labels is None:
             return f"day {day}"
-        return self._labels[day] if 0 <= day < len(self._labels) else ""
+        return drawable(self._labels[day]) if 0 <= day < len(self._labels) else ""
 
 
 def parse_dates(text: tuple[str, ...]) -> NDArray[np.datetime64] | None:
