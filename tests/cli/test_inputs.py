@@ -33,3 +33,8 @@ def test_a_return_without_two_prices_is_missing(before, after):
 
 def test_one_day_has_no_return():
     assert np.isnan(structure_input(np.ones((1, 3)), "returns")).all()
+
+
+def test_a_return_beyond_all_numbers_is_infinite():
+    returns = structure_input(np.array([[5e-324], [1e308]]), "returns")
+    assert returns[1:].tolist() == [[INF]]

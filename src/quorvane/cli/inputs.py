@@ -22,6 +22,8 @@ def structure_input(values: NDArray[np.float64], kind: InputKind) -> NDArray[np.
     before, after = values[:-1], values[1:]
     returns = np.full_like(values, np.nan)
     usable = (before > 0.0) & np.isfinite(before) & np.isfinite(after)
-    np.divide(after, before, out=returns[1:], where=usable)
+    # From the smallest price to the largest, the return is infinite; that is no fault.
+    with np.errstate(over="ignore"):
+        np.divide(after, before, out=returns[1:], where=usable)
     returns[1:] -= 1.0
     return returns

@@ -19,25 +19,20 @@ class Terminated(BaseException):
 
 @contextmanager
 def termination_raised() -> Iterator[None]:
-    """While entered, SIGTERM raises `Terminated`, so that what is half-written is removed.
-
-    A second one acts as it did before.
-    """
+    """While entered, SIGTERM raises `Terminated`, so that what is half-written is removed."""
     # Python lets only the main thread set handlers; elsewhere nothing is changed.
     if threading.current_thread() is not threading.main_thread():
         yield
         return
-    before = signal.getsignal(signal.SIGTERM)
-
-    def terminate(number: int, frame: FrameType | None) -> NoReturn:
-        signal.signal(signal.SIGTERM, before)
-        raise Terminated
-
-    signal.signal(signal.SIGTERM, terminate)
+    before = signal.signal(signal.SIGTERM, _terminate)
     try:
         yield
     finally:
         signal.signal(signal.SIGTERM, before)
+
+
+def _terminate(number: int, frame: FrameType | None) -> NoReturn:
+    raise Terminated
 
 
 class StopRequest:
