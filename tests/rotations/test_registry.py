@@ -80,7 +80,7 @@ def test_an_unknown_name_lists_the_nearest(name):
 
 @pytest.mark.parametrize("name", [[], None, 5, b"ewma"])
 def test_a_name_must_be_a_text(name):
-    with pytest.raises(TypeError, match="name must be a str, got .* of type"):
+    with pytest.raises(TypeError, match=r"name must be a str, got .* of type"):
         StaticFunctionRegistry(N_alloc=1).create_instance(name)
 
 
