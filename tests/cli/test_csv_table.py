@@ -153,7 +153,12 @@ def test_both_readers_agree_bit_for_bit(write, monkeypatch):
         ),
         ("Date,A,B\nd1,1,2\n\nd2,1\n", "t.csv, line 4: 2 cells, expected 3 as in the header"),
         ("Date,A\nd1,1,2\n", "t.csv, line 2: 3 cells, expected 2 as in the header"),
+        (
+            f"Date,A\nd1,1\n{'d' * 200_000},2\n",
+            "t.csv, line 3: not a readable CSV row: field larger than field limit (131072)",
+        ),
     ],
+    ids=lambda text: text[:20],
 )
 def test_a_fault_is_named_with_its_place(reader, write, text, message):
     path = write("t.csv", text)

@@ -197,6 +197,7 @@ LARGE = {
     "dates": {
         "Date": pyarrow.array(["d" * 100_000]).take(pyarrow.nulls(200, "int32").fill_null(0))
     },
+    "bytes": {"Date": pyarrow.array([b"d" * 50_000] * 200, pyarrow.binary(50_000))},
     "lists": {"A": pyarrow.array([[1.0] * 10_000]).take(pyarrow.nulls(200, "int32").fill_null(0))},
 }
 

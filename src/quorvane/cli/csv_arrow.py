@@ -35,7 +35,8 @@ def read_rows(
         raise
     except (pyarrow.ArrowException, OSError, _BeyondLimitsError):
         return None
-    if columns.num_columns != width:
+    max_days = _max_days(width - has_dates, has_dates)
+    if columns.num_columns != width or columns.num_rows > max_days:
         return None
     values = _numbers(columns, has_dates)
     if values is None:
@@ -44,6 +45,11 @@ def read_rows(
         return values, None
     dates = tuple(columns.column(0).to_pylist())
     return None if max(map(len, dates), default=0) > limits.MAX_NAME_LENGTH else (values, dates)
+
+
+def _max_days(instruments: int, has_dates: bool) -> int:
+    days = limits.MAX_CELLS // instruments
+    return min(days, limits.MAX_DATED_DAYS) if has_dates else days
 
 
 def _parse(
@@ -83,14 +89,14 @@ def _numbers(columns: Any, has_dates: bool) -> NDArray[np.float64] | None:
 
 
 def _open(path: Path, instruments: int, has_dates: bool) -> Any:
-    """The file's text for pyarrow, counted unless it is too short to take much memory."""
+    """The file's text for pyarrow, counted unless it is too short to hold too many cells."""
     import pyarrow
 
     # Named by its bytes, since pyarrow takes a name to be UTF-8.
     file = pyarrow.OSFile(os.fsencode(path))
     if path.name.lower().endswith(".gz"):
         return _Counted(pyarrow.CompressedInputStream(file, "gzip"), instruments, has_dates)
-    return file if file.size() <= _BLOCK_BYTES else _Counted(file, instruments, has_dates)
+    return file if file.size() <= limits.MAX_CELLS else _Counted(file, instruments, has_dates)
 
 
 class _BeyondLimitsError(Exception):
@@ -106,10 +112,9 @@ class _Counted(io.BufferedIOBase):
 
     def __init__(self, stream: Any, instruments: int, has_dates: bool) -> None:
         self._stream = stream
-        self._max_lines = limits.MAX_CELLS // instruments
+        self._max_lines = _max_days(instruments, has_dates)
         self._line_bytes = _CELL_BYTES * instruments
         if has_dates:
-            self._max_lines = min(self._max_lines, limits.MAX_DATED_DAYS)
             self._line_bytes += _CHARACTER_BYTES * limits.MAX_NAME_LENGTH
         self._spare = _CHARACTER_BYTES * limits.MAX_ROW_LENGTH
         self._lines = 0

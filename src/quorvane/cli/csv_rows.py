@@ -37,10 +37,13 @@ class Rows:
 
     def __iter__(self) -> Iterator[list[str]]:
         """Go on with the next row."""
-        for row in self._reader:
-            self._room = limits.MAX_ROW_LENGTH
-            if row:
-                yield row
+        try:
+            for row in self._reader:
+                self._room = limits.MAX_ROW_LENGTH
+                if row:
+                    yield row
+        except csv.Error as error:
+            raise DataError(f"{self}: not a readable CSV row: {error}") from error
 
     def _lines(self) -> Iterator[str]:
         while line := self._read_line(self._room + 1):
@@ -69,13 +72,11 @@ def is_plain(text: str) -> bool:
 
 @contextmanager
 def reporting_faults(path: Path) -> Iterator[None]:
-    """Turn the failures of reading, unpacking, decoding and the csv module into DataError."""
+    """Turn the failures of reading, unpacking and decoding a file into DataError."""
     try:
         yield
     except UnicodeDecodeError as error:
         raise DataError(f"{path}: expected UTF-8 text, got a byte that is not: {error}") from error
-    except csv.Error as error:
-        raise DataError(f"{path}: not a readable CSV file: {error}") from error
     except (gzip.BadGzipFile, EOFError, zlib.error) as error:
         raise DataError(f"{path}: not a readable gzip file: {error}") from error
     except OSError as error:

@@ -85,7 +85,7 @@ class _Head:
         self.date_name = header[0]
         names = header[1:] if self.has_dates else header
         if self.has_dates:
-            check_name_length(f"{path}, column 1", "a name", self.date_name)
+            check_name_length(f"{path}, column 1", "a name", len(self.date_name))
         self.instruments = tuple(name.strip() for name in names)
 
     def table(self, values: NDArray[np.float64], dates: Iterable[str] | None) -> Table:
@@ -98,11 +98,7 @@ def _read_with_arrow(path: Path, head: _Head) -> Table | None:
     rows = csv_arrow.read_rows(path, head.lines, head.width, head.has_dates, MISSING)
     if rows is None:
         return None
-    values, dates = rows
-    check_table_size(path, *values.shape)
-    if dates is not None:
-        check_dated_days(path, len(dates))
-    return head.table(values, dates)
+    return head.table(*rows)
 
 
 def _read_rows(path: Path, head: _Head) -> Table:
@@ -117,7 +113,7 @@ def _read_rows(path: Path, head: _Head) -> Table:
             if len(row) != head.width:
                 raise DataError(f"{rows}: {len(row)} cells, expected {head.width} as in the header")
             if skip:
-                check_name_length(rows, "a date", row[0])
+                check_name_length(rows, "a date", len(row[0]))
                 check_dated_days(path, day)
                 dates.append(row[0])
             check_table_size(path, day, len(instruments))

@@ -52,9 +52,9 @@ def check_dated_days(path: Path, days: int) -> None:
         raise DataError(f"{path}: {days} days with dates, at most {MAX_DATED_DAYS} are allowed")
 
 
-def check_name_length(where: object, what: str, name: str) -> None:
+def check_name_length(where: object, what: str, length: int) -> None:
     """Raise DataError when a name, key or date is too long; ``where`` and ``what`` name it."""
-    if len(name) > MAX_NAME_LENGTH:
+    if length > MAX_NAME_LENGTH:
         raise DataError(
-            f"{where}: {what} of {len(name)} characters, at most {MAX_NAME_LENGTH} are allowed"
+            f"{where}: {what} of {length} characters, at most {MAX_NAME_LENGTH} are allowed"
         )

@@ -28,13 +28,15 @@ def read(path: Path) -> Table:
     pyarrow = require_library("pyarrow", "reading a Parquet table")
     parquet = require_library("pyarrow.parquet", "reading a Parquet table")
     # Named by its bytes, since pyarrow takes a name to be UTF-8.
-    with _reporting_faults(path), pyarrow.OSFile(os.fsencode(path)) as source:
-        with parquet.ParquetFile(source) as file:
-            date_column = _check_shape(path, file.metadata, file.schema_arrow)
+    with (
+        _reporting_faults(path),
+        pyarrow.OSFile(os.fsencode(path)) as source,
+        parquet.ParquetFile(source) as file,
+    ):
+        date_column = _check_shape(path, file.metadata, file.schema_arrow)
         if date_column is not None:
-            _check_dates(path, source, date_column)
-        with parquet.ParquetFile(source) as file:
-            return _table(file.read(), date_column)
+            _check_dates(path, source, file.schema_arrow.field(date_column))
+        return _table(file.read(), date_column)
 
 
 def write(path: Path, table: Table) -> None:
@@ -75,20 +77,23 @@ def _check_shape(path: Path, metadata: Any, schema: Any) -> int | None:
     return date_column
 
 
-def _check_dates(path: Path, source: Any, date_column: int) -> None:
+def _check_dates(path: Path, source: Any, dates: Any) -> None:
     """Check the lengths of dates that are text.
 
     A file stores a text once for many days: each is looked at once, before all days have a copy.
     """
-    parquet = require_library("pyarrow.parquet", "reading a Parquet table")
     types = require_library("pyarrow.types", "reading a Parquet table")
-    names = parquet.read_schema(source).names
-    with parquet.ParquetFile(source, read_dictionary=[names[date_column]]) as file:
-        if not types.is_dictionary(file.schema_arrow.field(date_column).type):
-            return
-        for batch in file.iter_batches(_BATCH_DAYS, columns=[names[date_column]]):
-            for text in batch.column(0).dictionary.cast("string"):
-                check_name_length(path, "a date", text.as_py() or "")
+    if types.is_fixed_size_binary(dates.type):
+        check_name_length(path, "a date", dates.type.byte_width)
+    if types.is_primitive(dates.type):
+        return
+    parquet = require_library("pyarrow.parquet", "reading a Parquet table")
+    compute = require_library("pyarrow.compute", "reading a Parquet table")
+    with parquet.ParquetFile(source, read_dictionary=[dates.name]) as file:
+        for batch in file.iter_batches(_BATCH_DAYS, columns=[dates.name]):
+            if types.is_dictionary(batch.column(0).type):
+                lengths = compute.utf8_length(batch.column(0).dictionary.cast("string"))
+                check_name_length(path, "a date", compute.max(lengths).as_py() or 0)
 
 
 def _table(columns: Any, date_column: int | None) -> Table:

@@ -66,7 +66,7 @@ class _Builder:
     def begin(self, where: object, key: str) -> None:
         if not key:
             raise DataError(f"{where}: empty key, expected a structure's name")
-        check_name_length(where, "a key", key)
+        check_name_length(where, "a key", len(key))
         if key in self.structures:
             raise DataError(f"{where}: duplicate key {shown(key)}, expected each key once")
         if len(self.structures) >= MAX_STRUCTURES:

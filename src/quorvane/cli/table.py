@@ -53,7 +53,7 @@ def check_instrument_names(source: object, names: Sequence[str], first_column: i
     for column, name in enumerate(names, start=first_column):
         if not name.strip():
             raise DataError(f"{source}: column {column} has no name, expected an instrument's name")
-        check_name_length(f"{source}, column {column}", "a name", name)
+        check_name_length(f"{source}, column {column}", "a name", len(name))
         if name in seen:
             raise DataError(
                 f"{source}: instrument {shown(name)} names columns {seen[name]} and {column}, "
