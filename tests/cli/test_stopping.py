@@ -90,7 +90,10 @@ def signalled_in(monkeypatch):
 
         monkeypatch.setattr(replay_command, function, signalling)
 
-    return signalled
+    # What a shell starts in the background ignores interrupts.
+    before = signal.signal(signal.SIGINT, signal.default_int_handler)
+    yield signalled
+    signal.signal(signal.SIGINT, before)
 
 
 @pytest.mark.parametrize(("number", "status"), STATUS)
