@@ -402,10 +402,18 @@ def test_a_day_whose_output_is_refused_is_not_remembered(output):
     assert same_bits(ewma.get_state()["weight"], before["weight"])
 
 
-def test_an_output_that_empties_the_memory_and_then_refuses_gets_its_own_error():
+@pytest.mark.parametrize(
+    "spoil",
+    [
+        lambda ewma: ewma._mean.resize(0, refcheck=False),
+        lambda ewma: ewma._weight.setflags(write=False),
+    ],
+    ids=["emptied", "closed"],
+)
+def test_an_output_that_spoils_the_memory_and_then_refuses_gets_its_own_error(spoil):
     class Refusing:
         def __setitem__(self, place, values):
-            ewma._mean.resize(0, refcheck=False)
+            spoil(ewma)
             raise LookupError("refused")
 
     ewma = Ewma(3, N_alloc=2)

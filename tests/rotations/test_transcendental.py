@@ -108,6 +108,13 @@ def test_an_unknown_function_lists_those_there_are():
     assert all(name in str(error.value) for name in FUNCTIONS)
 
 
+@pytest.mark.parametrize("function", ["", "sigmoid\0", "é", "\ud800"])
+def test_a_name_in_any_characters_is_only_unknown(function):
+    with pytest.raises(ValueError, match=r"^function must be one of abs, .*, got ") as error:
+        Transcendental(function=function)
+    assert str(error.value).endswith(repr(function))
+
+
 @pytest.mark.parametrize("function", [None, 3, b"exp", np.exp])
 def test_a_function_of_another_type(function):
     with pytest.raises(TypeError, match=r"^function must be a str, got .* of type"):

@@ -5,6 +5,7 @@ those that succeed, `FAILURES` those that raise, each by a name for the test's i
 that sets the operation up.
 """
 
+import contextlib
 import copy
 import pickle
 
@@ -493,6 +494,16 @@ def recover_with_a_child_that_refuses():
     return lambda: rotation.recover(store)
 
 
+def function_of_a_foreign_name():
+    """A name that has no ASCII form: the text is made anew each time, and encoded."""
+
+    def operation():
+        with contextlib.suppress(ValueError):
+            Transcendental(function="".join(["σιγμο", "ειδής"]))
+
+    return operation
+
+
 OPERATIONS = {
     **{
         f"{step.__name__} of {name}": lambda step=step, make=make: step(make)
@@ -503,6 +514,7 @@ OPERATIONS = {
     **{setup.__name__: setup for setup in COLUMNS},
     growing_buffers.__name__: growing_buffers,
     masks_of_several_inputs.__name__: masks_of_several_inputs,
+    function_of_a_foreign_name.__name__: function_of_a_foreign_name,
     recover_refused_state.__name__: recover_refused_state,
     recover_with_a_child_that_refuses.__name__: recover_with_a_child_that_refuses,
 }

@@ -214,10 +214,15 @@ def test_numbers_must_be_real(argument, numbers, dtype):
     refusal(TypeError, text, make, **{argument: numbers})
 
 
+@pytest.mark.parametrize("dtype", "BHILQ")
 @pytest.mark.parametrize("argument", ["offsets", "leg_ids"])
-def test_unsigned_integers_count_by_their_value(argument):
-    made = make(**{argument: np.array(PLAIN[argument], dtype=np.uint64)})
+def test_unsigned_integers_count_by_their_value(argument, dtype):
+    made = make(**{argument: np.array(PLAIN[argument], dtype=dtype)})
     assert getattr(made, argument).tolist() == PLAIN[argument]
+
+
+@pytest.mark.parametrize("argument", ["offsets", "leg_ids"])
+def test_unsigned_integers_too_large_are_told(argument):
     huge = np.array([0, 2**63, 2], dtype=np.uint64)
     refusal(ValueError, f"{argument} must fit in 32 bits, got {2**63}", make, **{argument: huge})
 
