@@ -54,6 +54,12 @@ class OtherInt(int):
         return 0
 
 
+def anew(error):
+    """Return an error like it: one that stays would keep the frames of the day that it ended, and
+    put off what their finalizers do."""
+    return type(error)(*error.args)
+
+
 class Converts:
     """Answers to one conversion alone, with the given value or by raising it."""
 
@@ -62,7 +68,7 @@ class Converts:
 
     def convert(self, *_):
         if isinstance(self.answer, BaseException):
-            raise self.answer
+            raise anew(self.answer)
         return self.answer
 
     def __repr__(self):
@@ -126,7 +132,7 @@ class ByAttribute:
         # What copying and freezing ask for is not there.
         if name.startswith("__") or not isinstance(self.answer, BaseException):
             raise AttributeError(name)
-        raise self.answer
+        raise anew(self.answer)
 
 
 ERRORS = [

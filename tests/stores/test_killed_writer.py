@@ -56,6 +56,6 @@ def test_what_is_recovered_is_acknowledged_or_in_flight(durable_kind, tmp_path, 
         assert found == 0 or exactly_equal(state, numbered_state(found))
         in_flight += found == acknowledged + 1
         stored = found
-    # The moments were spread well enough for many writes to be finished.
-    assert stored > KILLS // 10
+    # The moments were spread well enough for many writes to be finished, on a busy machine too.
+    assert stored > KILLS // 40
     print(f"{durable_kind}: {KILLS} kills, {stored} states stored, {in_flight} of them in flight")

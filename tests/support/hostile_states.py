@@ -1,6 +1,7 @@
 """Places in a restore where the user's code can run, and what it can do there."""
 
 import copy
+import sys
 
 import numpy as np
 
@@ -109,8 +110,10 @@ def every_legs(state, make):
         state["legs_by_slot"][slot] = make()
 
 
-def spot_key_hash(state, trigger):
-    other_keys(state, lambda: (Hashed(trigger, "hash"),))
+if sys.version_info < (3, 14):  # later tuples remember their hash
+
+    def spot_key_hash(state, trigger):
+        other_keys(state, lambda: (Hashed(trigger, "hash"),))
 
 
 def spot_key_comparison(state, trigger):

@@ -675,23 +675,15 @@ def test_what_a_day_was_made_of_goes_when_the_day_is_over(base):
     )
     clear = np.zeros(6, dtype=np.uint8)
     rotation.compute(Inputs(log), (clear,), clear, np.zeros(6), 6)
-    assert log == [
-        "yield a",
-        "yield b",
-        "drop a",
-        "drop record a",
-        "drop verdict on a",
-        "end",
-        "child",
-        "trace",
-        "drop first input",
-        "drop further inputs",
-        "drop report",
-        "drop b",
-        "drop record b",
-        "drop verdict on b",
-        "drop child context",
-    ]
+    during = ["yield a", "yield b", "drop a", "drop record a", "drop verdict on a", "end"]
+    after = ["drop first input", "drop further inputs", "drop report"]
+    after += ["drop b", "drop record b", "drop verdict on b", "drop child context"]
+    if sys.version_info >= (3, 14) and isinstance(
+        base.VirtualizationBase.compute, types.FunctionType
+    ):
+        # There a frame written in Python drops the last of its variables first.
+        after.reverse()
+    assert log == [*during, "child", "trace", *after]
 
 
 class Leg(Watched):

@@ -95,7 +95,7 @@ def draw_picture(path: Path, picture: Picture) -> None:
             ending, {"Date": None}
         )
         figure.savefig(drawn, format=ending[1:], dpi=150, metadata=metadata)
-    path.write_bytes(drawn.getbuffer())
+    path.write_bytes(drawn.getvalue())
 
 
 @dataclass
