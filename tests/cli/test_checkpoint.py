@@ -321,7 +321,10 @@ ROWS = {
         "do not fit",
     ),
     "an array of text": (
-        lambda rows: {**rows, "arrays": {k: v.astype("U9") for k, v in rows["arrays"].items()}},
+        lambda rows: {
+            **rows,
+            "arrays": {k: np.full(v.shape, "x") for k, v in rows["arrays"].items()},
+        },
         "do not fit",
     ),
     "a list": (

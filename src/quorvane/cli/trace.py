@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import math
+import zipfile
 from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
@@ -62,12 +63,19 @@ def write_trace(
     ``.jsonl`` holds one object per day; NaN is null, and infinities are "inf" and "-inf".
     """
     if ending_of(path, TRACE_ENDINGS, "a trace") == ".npz":
-        with path.open("wb") as archive:
-            np.savez_compressed(archive, **_archive(recorder, slots, structures, output))
+        _write_archive(path, _archive(recorder, slots, structures, output))
         return
     with path.open("w", encoding="utf-8") as lines:
         for day in _days(recorder, slots, output):
             lines.write(json.dumps(day, ensure_ascii=False, allow_nan=False) + "\n")
+
+
+def _write_archive(path: Path, arrays: dict[str, NDArray[Any]]) -> None:
+    """Write what ``numpy.savez_compressed`` writes; older ones leave a failed archive open."""
+    with zipfile.ZipFile(path, "w", zipfile.ZIP_DEFLATED) as archive:
+        for name, array in arrays.items():
+            with archive.open(f"{name}.npy", "w", force_zip64=True) as member:
+                np.lib.format.write_array(member, array, allow_pickle=False)
 
 
 def _archive(
