@@ -52,7 +52,7 @@ def freeze(value, seen=None):
     if cls is tuple:
         return (kind, *[freeze(part, seen) for part in value])
     if isinstance(value, np.generic):
-        return (kind, value.dtype.str, value.tobytes())
+        return (kind, value.dtype.str, _bits(value))
     if cls in (slice, range, frozenset):
         parts = (value.start, value.stop, value.step) if cls is slice else value
         return (kind, *(freeze(part, seen) for part in parts))
@@ -65,11 +65,16 @@ def freeze(value, seen=None):
     return (kind, *_freeze_mutable(value, seen))
 
 
+def _bits(value):
+    # A long double has bytes that are none of its bits, with anything in them.
+    return repr(value) if value.dtype.char in "gG" else value.tobytes()
+
+
 def _freeze_mutable(value, seen):
     # The real class, since a scenario may hold objects that only say they are of another.
     kind = type(value)
     if issubclass(kind, np.ndarray):
-        content = freeze(value.tolist(), seen) if value.dtype == object else value.tobytes()
+        content = freeze(value.tolist(), seen) if value.dtype == object else _bits(value)
         return (value.dtype.str, value.shape, value.strides, value.flags.writeable, content)
     parts = []
     if issubclass(kind, dict):
