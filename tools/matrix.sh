@@ -32,6 +32,14 @@ oldest_numpy() {
     esac
 }
 
+# What else must be older for it: pyarrow 26 needs NumPy 2, which pip is not told.
+companions_of() {
+    case $1 in
+        numpy==1.*) echo "pyarrow<26" ;;
+        *) echo pyarrow ;;
+    esac
+}
+
 find_python() {
     for candidate in "python$1" "$HOME/.pyenv/versions/$1".*/bin/python \
         "$(uv python find "$1" 2>/dev/null || true)"; do
@@ -82,8 +90,8 @@ run_version() {
         wanted=numpy
         [ "$age" = newest ] || wanted=numpy==$(oldest_numpy "$version")
         log=$work/tests-$version-$age.log
-        "$venv/bin/python" -m pip install -q -U "$wanted" "$(echo "$build"/dist/*.whl)[test]" \
-            >"$log" 2>&1 || {
+        "$venv/bin/python" -m pip install -q -U "$wanted" "$(companions_of "$wanted")" \
+            "$(echo "$build"/dist/*.whl)[test]" >"$log" 2>&1 || {
             row "$full" "$wanted" - "COULD NOT BE INSTALLED, see $log"
             status=1
             continue

@@ -222,14 +222,28 @@ def test_a_library_that_is_absent_is_named_with_its_extra(
     assert text.endswith('install it with: pip install "quorvane[cli]"')
 
 
+def forget(monkeypatch, library):
+    for name in [name for name in sys.modules if name.partition(".")[0] == library]:
+        monkeypatch.delitem(sys.modules, name)
+
+
 def test_csv_and_npy_need_no_library(replay, tmp_path, monkeypatch):
     for library in ("pyarrow", "matplotlib", "tqdm", "msgpack"):
-        for name in [name for name in sys.modules if name.partition(".")[0] == library]:
-            monkeypatch.delitem(sys.modules, name)
+        forget(monkeypatch, library)
         monkeypatch.setitem(sys.modules, library, None)
     assert not csv_table.has_library("pyarrow")
     assert replay(trace=tmp_path / "t.jsonl").status == 0
     assert replay(output=tmp_path / "o.npy").status == 0
+
+
+def test_a_library_that_wants_a_newer_numpy_is_done_without(replay, tmp_path, monkeypatch):
+    libraries = tmp_path / "libraries"
+    libraries.mkdir()
+    (libraries / "pyarrow.py").write_text("raise ImportError('pyarrow wants a newer NumPy')")
+    forget(monkeypatch, "pyarrow")
+    monkeypatch.syspath_prepend(libraries)
+    assert not csv_table.has_library("pyarrow")
+    assert replay().status == 0
 
 
 def test_too_little_memory_is_one_line(replay, monkeypatch):

@@ -3,18 +3,18 @@
 from __future__ import annotations
 
 import importlib
-import importlib.util
 from types import ModuleType
 
 from quorvane.cli.errors import DataError
 
 
 def has_library(name: str) -> bool:
-    """Whether the library ``name`` can be imported."""
+    """Whether the library ``name`` can be imported: some are there and want a newer NumPy."""
     try:
-        return importlib.util.find_spec(name) is not None
-    except (ImportError, ValueError):
+        importlib.import_module(name)
+    except ImportError:
         return False
+    return True
 
 
 def require_library(name: str, purpose: str) -> ModuleType:
