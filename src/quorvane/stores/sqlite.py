@@ -186,9 +186,9 @@ class SqliteStore(RecordStore):
     def _last_version(self, database: sqlite3.Connection, name: str) -> int:
         # Both tables are asked, so that a write after damage to one goes on with a new number.
         (version,) = database.execute(
-            "SELECT max(version) FROM (SELECT version FROM heads WHERE namespace = ?1 AND name = ?2"
-            " UNION ALL SELECT max(version) FROM records WHERE namespace = ?1 AND name = ?2)",
-            (self._namespace, name),
+            "SELECT max(version) FROM (SELECT version FROM heads WHERE namespace = ? AND name = ?"
+            " UNION ALL SELECT max(version) FROM records WHERE namespace = ? AND name = ?)",
+            (self._namespace, name) * 2,
         ).fetchone()
         return version if isinstance(version, int) else 0
 
