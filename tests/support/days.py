@@ -29,10 +29,12 @@ STEPS = [
 
 BUILTIN_COLLECTIONS = (list, tuple, set, collections.deque)
 
-# Freezing: anything to nested tuples that compare equal only when nothing can tell them apart
+# Freezing: anything to nested tuples that compare equal only when nothing can tell them apart. Most
+# of the time of a random input goes here, so the most frequent parts are told apart without a call.
 
-
-TOLD_BY_VALUE = frozenset({type(None), bool, int, str, bytes, type(Ellipsis)})
+# Nothing else freezes to one of these; a float freezes to its bits, anything else to a tuple.
+AS_THEY_ARE = frozenset({str, int, type(None)})
+TOLD_BY_VALUE = frozenset({bool, bytes, type(Ellipsis)})
 FLOAT_BITS = struct.Struct("<d").pack
 
 
@@ -43,26 +45,32 @@ def freeze(value, seen=None):
     freezes to its first position, so copies and shared objects differ.
     """
     cls = type(value)
+    if cls in AS_THEY_ARE:
+        return value
+    if cls is float:
+        return FLOAT_BITS(value)
     kind = cls.__name__
     if cls in TOLD_BY_VALUE:
         return (kind, value)
-    if cls is float:
-        return (kind, FLOAT_BITS(value))
     seen = {} if seen is None else seen
     if cls is tuple:
-        return (kind, *[freeze(part, seen) for part in value])
+        return (kind, *_freeze_parts(value, seen))
     if isinstance(value, np.generic):
         return (kind, value.dtype.str, _bits(value))
     if cls in (slice, range, frozenset):
         parts = (value.start, value.stop, value.step) if cls is slice else value
-        return (kind, *(freeze(part, seen) for part in parts))
+        return (kind, *_freeze_parts(parts, seen))
     if isinstance(value, (type, types.FunctionType, types.MethodType, functools.partial)):
         return (kind, getattr(value, "__name__", "?"))
     if id(value) in seen:
         return ("again", seen[id(value)][0])
     # The value is kept beside its position, lest a new object get the address of a dead one.
     seen[id(value)] = (len(seen), value)
-    return (kind, *_freeze_mutable(value, seen))
+    return (kind, *_freeze_mutable(cls, value, seen))
+
+
+def _freeze_parts(parts, seen):
+    return [part if type(part) in AS_THEY_ARE else freeze(part, seen) for part in parts]
 
 
 def _bits(value):
@@ -70,24 +78,36 @@ def _bits(value):
     return repr(value) if value.dtype.char in "gG" else value.tobytes()
 
 
-def _freeze_mutable(value, seen):
+def _freeze_mutable(kind, value, seen):
     # The real class, since a scenario may hold objects that only say they are of another.
-    kind = type(value)
+    if kind is list:
+        return _freeze_parts(value, seen)
+    if kind is dict:
+        return _freeze_entries(value, seen)
     if issubclass(kind, np.ndarray):
         content = freeze(value.tolist(), seen) if value.dtype == object else _bits(value)
         return (value.dtype.str, value.shape, value.strides, value.flags.writeable, content)
     parts = []
     if issubclass(kind, dict):
-        parts = [(freeze(key, seen), freeze(part, seen)) for key, part in dict.items(value)]
+        parts = _freeze_entries(value, seen)
     elif issubclass(kind, (list, tuple, set, collections.deque)):
         iterate = next(base for base in kind.__mro__ if base in BUILTIN_COLLECTIONS).__iter__
-        parts = [freeze(part, seen) for part in iterate(value)]
+        parts = _freeze_parts(iterate(value), seen)
     elif issubclass(kind, (int, float, str)):
         parts = [repr(value)]
     elif issubclass(kind, BaseException):
         return freeze_error(value, seen)
-    attributes = getattr(value, "__dict__", {})
-    return (*parts, tuple([(name, freeze(part, seen)) for name, part in attributes.items()]))
+    return (*parts, tuple(_freeze_entries(getattr(value, "__dict__", {}), seen)))
+
+
+def _freeze_entries(mapping, seen):
+    return [
+        (
+            key if type(key) in AS_THEY_ARE else freeze(key, seen),
+            part if type(part) in AS_THEY_ARE else freeze(part, seen),
+        )
+        for key, part in dict.items(mapping)
+    ]
 
 
 def freeze_error(error, seen=None):
