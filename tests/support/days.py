@@ -97,7 +97,7 @@ def _freeze_mutable(kind, value, seen):
         parts = [repr(value)]
     elif issubclass(kind, BaseException):
         return freeze_error(value, seen)
-    return (*parts, tuple(_freeze_entries(getattr(value, "__dict__", {}), seen)))
+    return (*parts, tuple(_freeze_entries(dict(getattr(value, "__dict__", {})), seen)))
 
 
 def _freeze_entries(mapping, seen):
