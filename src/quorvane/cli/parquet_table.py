@@ -140,9 +140,9 @@ def _dates(columns: Any, date_column: int | None) -> Dates | None:
     column = columns.column(date_column)
     name = columns.schema.names[date_column]
     # pandas gives an unnamed index a place-holder; on the way out it is an unnamed column again.
-    shown = "" if name.startswith("__index_level_") else name
+    header = "" if name.startswith("__index_level_") else name
     text = tuple("" if item is None else item for item in column.cast("string").to_pylist())
-    return Dates(shown, text, column)
+    return Dates(header, text, column)
 
 
 @contextmanager
