@@ -6,7 +6,8 @@ function(quorvane_extension)
     cmake_parse_arguments(PARSE_ARGV 0 arg "" "NAME;PACKAGE" "SOURCES")
     set(target ext_${arg_NAME})
     Python_add_library(${target} MODULE WITH_SOABI ${arg_SOURCES})
-    target_link_libraries(${target} PRIVATE quorvane_capi quorvane_kernels quorvane_python)
+    target_link_libraries(${target} PRIVATE
+        quorvane_capi quorvane_kernels quorvane_python quorvane_thread_end)
     set_target_properties(${target} PROPERTIES
         OUTPUT_NAME ${arg_NAME}
         LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/python/quorvane/${arg_PACKAGE}

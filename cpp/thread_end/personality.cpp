@@ -1,0 +1,28 @@
+// A thread that is ended in the middle of our frames leaves them as they are.
+//
+// Up to Python 3.13 a daemon thread that asks for the interpreter's lock once the interpreter has
+// begun to exit is ended by pthread_exit, which unwinds the stack by force. C frames have nothing
+// to say to that, and ours must not either: their destructors would give up references without the
+// lock, in an interpreter that is being taken apart, and what is noexcept or catches everything
+// would abort the process. So to such an unwinding every frame says that it has no cleanups. What
+// the frames own is lost with the thread, as it is with the interpreter's own.
+//
+// The linker puts this function in the place of the one that the compiler names in every frame
+// (--wrap, see cpp/CMakeLists.txt), within our own libraries only.
+
+#include <unwind.h>
+
+extern "C" {
+
+_Unwind_Reason_Code __real___gxx_personality_v0(int version, _Unwind_Action actions,
+                                                _Unwind_Exception_Class exception_class,
+                                                _Unwind_Exception* exception,
+                                                _Unwind_Context* context);
+
+[[gnu::visibility("hidden")]] _Unwind_Reason_Code __wrap___gxx_personality_v0(
+    int version, _Unwind_Action actions, _Unwind_Exception_Class exception_class,
+    _Unwind_Exception* exception, _Unwind_Context* context) {
+    if ((actions & _UA_FORCE_UNWIND) != 0) return _URC_CONTINUE_UNWIND;
+    return __real___gxx_personality_v0(version, actions, exception_class, exception, context);
+}
+}
