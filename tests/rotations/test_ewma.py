@@ -3,6 +3,8 @@ import pickle
 
 import numpy as np
 import pytest
+from hypothesis import given
+from hypothesis import strategies as st
 
 from quorvane.functions.rotations.longitudinal.ewma import Ewma
 from support.series import DELIBERATE_ROWS, random_rows, same_bits
@@ -113,6 +115,14 @@ def good_state(**changes):
         (good_state(weight=np.zeros((3, 1))), r"state\['weight'\] must have shape \(3,\)"),
         (good_state(weight=1.0), r"state\['weight'\] must have shape"),
         (good_state(mean="abc"), "could not convert"),
+        *(
+            (
+                good_state(weight=np.array([1.0, weight, 1.0])),
+                rf"state\['weight'\] must hold numbers from 0 to window \+ 1, 21\.0, got "
+                rf"{weight} at column 1",
+            )
+            for weight in (-0.5, 21.5, np.nan, np.inf, -np.inf)
+        ),
     ],
 )
 def test_a_state_that_does_not_fit_changes_nothing(state, message):
@@ -124,6 +134,30 @@ def test_a_state_that_does_not_fit_changes_nothing(state, message):
     after = ewma.get_state()
     assert same_bits(after["mean"], before["mean"])
     assert same_bits(after["weight"], before["weight"])
+
+
+@given(
+    window=st.integers(1, 300),
+    values=st.lists(st.floats(width=64), max_size=60),
+    repeats=st.integers(1, 40),
+)
+def test_the_state_of_any_history_is_taken_back(window, values, repeats):
+    ewma = Ewma(window, N_alloc=1)
+    with np.errstate(all="ignore"):
+        for value in values * repeats:
+            ewma([value])
+    state = ewma.get_state()
+    other = Ewma(window, N_alloc=1)
+    other.set_state(state)
+    assert same_bits(other.get_state()["weight"], state["weight"])
+
+
+def test_weights_of_long_histories_and_long_gaps_are_taken_back():
+    for window in (1, 2, 3, 10**3, 10**6, 2**60, 10**300):
+        ewma = Ewma(window, N_alloc=2)
+        for day in range(5000):
+            ewma([1.0, 1.0 if day < 2500 else np.nan])
+        Ewma(window, N_alloc=2).set_state(ewma.get_state())
 
 
 def test_is_stateful():

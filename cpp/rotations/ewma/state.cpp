@@ -95,6 +95,25 @@ Ref stored_column(const State& state, PyObject* self, PyObject* dictionary, PyOb
         .raise(PyExc_ValueError);
 }
 
+// The sum of a history's weights is at most (window + 1) / 2, but for rounding: a larger one would
+// hold the average where it is, and one that is no number would spoil it.
+void check_weights(const State& state, PyObject* self, PyObject* window, PyObject* weights) {
+    const double most = PyLong_AsDouble(window) + 1.0;
+    if (PyErr_Occurred() != nullptr) throw capi::PythonError();
+    const auto numbers = writable_doubles(weights).span();
+    const auto bad = std::ranges::find_if_not(
+        numbers, [most](double weight) { return weight >= 0.0 && weight <= most; });
+    if (bad == numbers.end()) return;
+    message_of(state, self)
+        .text("state['weight'] must hold numbers from 0 to window + 1, ")
+        .repr(capi::make_float(most).get())
+        .text(", got ")
+        .repr(capi::make_float(*bad).get())
+        .text(" at column ")
+        .value(capi::make_int(bad - numbers.begin()))
+        .raise(PyExc_ValueError);
+}
+
 // How many columns a state must have: as many as are allocated, else as many as it says.
 Ref columns_of(const State& state, PyObject* self, PyObject* dictionary) {
     Ref N_alloc = attr(self, state.n_alloc);
@@ -106,12 +125,14 @@ Ref columns_of(const State& state, PyObject* self, PyObject* dictionary) {
 Ref set_state(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     PyObject* dictionary = values[1];
-    check_window(state, self, entry(state, self, dictionary, state.window).get());
+    const Ref window = entry(state, self, dictionary, state.window);
+    check_window(state, self, window.get());
     const Ref columns = columns_of(state, self, dictionary);
     const Memory memory{
         stored_column(state, self, dictionary, state.mean, columns.get()),
         stored_column(state, self, dictionary, state.weight, columns.get()),
     };
+    check_weights(state, self, window.get(), memory.weight.get());
     set_memory(state, self, memory);
     return capi::none();
 }
@@ -212,7 +233,8 @@ state : dict
 Raises
 ------
 ValueError
-    When it is not such a dict, or is of another window or number of columns. Nothing changes.
+    When it is not such a dict, is of another window or number of columns, or holds a weight that
+    is not between 0 and ``window + 1``, twice the sum of all weights. Nothing changes.
 )"};
 
 const capi::FunctionDef resize_def{
