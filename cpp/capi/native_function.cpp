@@ -6,6 +6,8 @@
 #include <memory>
 #include <new>
 
+#include "capi/recursion.hpp"
+
 namespace quorvane::capi {
 
 namespace {
@@ -37,18 +39,6 @@ NativeFunction& function_of(PyObject* object) { return *reinterpret_cast<NativeF
 Content& content_of(PyObject* object) {
     return *std::launder(reinterpret_cast<Content*>(function_of(object).content));
 }
-
-// Native methods that call each other use the C stack, which only this check bounds.
-class RecursionGuard {
-public:
-    RecursionGuard() {
-        // Any non-zero answer is a failure; some interpreters give 1.
-        if (Py_EnterRecursiveCall(" while calling a native function") != 0) throw PythonError();
-    }
-    RecursionGuard(const RecursionGuard&) = delete;
-    RecursionGuard& operator=(const RecursionGuard&) = delete;
-    ~RecursionGuard() { Py_LeaveRecursiveCall(); }
-};
 
 // What a function's frame does for it: the arguments of a call live as long as the call. Callers
 // only lend them, and some (functools.partial, the iterators over __getitem__ and over a callable)

@@ -6,6 +6,7 @@
 
 #include "capi/array_view.hpp"
 #include "capi/message.hpp"
+#include "capi/recursion.hpp"
 #include "columns/layout.hpp"
 #include "kernels/weighted_sums.hpp"
 
@@ -15,6 +16,7 @@ namespace {
 
 using capi::guarded;
 using capi::Message;
+using capi::RecursionGuard;
 using capi::Ref;
 using capi::require;
 
@@ -29,6 +31,7 @@ Ref make(PyTypeObject* type, Columns columns) {
 
 PyObject* construct(PyTypeObject* type, PyObject* arguments, PyObject* keywords) {
     return guarded([&] {
+        const RecursionGuard recursion;
         static const char* names[] = {"keys", "offsets", "leg_ids", "weights", "values", nullptr};
         PyObject *keys = nullptr, *offsets = nullptr, *leg_ids = nullptr, *weights = nullptr,
                  *values = nullptr;
@@ -65,6 +68,7 @@ private:
 
 PyObject* with_values(PyObject* self, PyObject* values) {
     return guarded([&] {
+        const RecursionGuard recursion;
         const Lent lent(self, values);
         const Columns& columns = lent.columns();
         Ref numbers = values_from(lent.argument(), PyTuple_GET_SIZE(columns.keys.get()));
@@ -124,6 +128,7 @@ void require_within(const Layout& layout, npy_intp size) {
 
 PyObject* weighted_sums(PyObject* self, PyObject* inputs) {
     return guarded([&] {
+        const RecursionGuard recursion;
         const Lent lent(self, inputs);
         const Columns& columns = lent.columns();
         const Ref row = require(PyArray_FromAny(
