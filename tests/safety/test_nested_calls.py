@@ -1,0 +1,64 @@
+"""Whatever is nested in itself ends in RecursionError, in every stack: never in a crash."""
+
+import os
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+PROGRAM = Path(__file__).with_name("nested_calls.py")
+USUAL = 0
+SMALL = 1 << 20
+# Python's smallest, and more for interpreters that need more.
+SMALLEST = [kibibytes << 10 for kibibytes in (32, 48, 64, 96, 128, 192, 256, 512)]
+NESTING = [
+    "rotations_that_reach_themselves",
+    "many_rotations_in_one_another",
+    "through_a_hook",
+    "through_what_is_converted",
+    "through_a_factory",
+    "through_a_sink_and_a_store",
+    "every_operation",
+]
+
+
+def finished(size, program):
+    """Run one of the programs in an interpreter of its own, with this one's import path."""
+    # In a thread the interpreter's own limit is lifted, so that the room alone ends the calls.
+    limit = 10**6 if size else 0
+    path = os.pathsep.join(filter(None, sys.path))
+    return subprocess.run(
+        [sys.executable, "-X", "faulthandler", str(PROGRAM), str(size), str(limit), program],
+        env={**os.environ, "PYTHONPATH": path},
+        capture_output=True,
+        text=True,
+        timeout=300,
+        check=False,
+    )
+
+
+def run(size, program):
+    done = finished(size, program)
+    assert (done.returncode, done.stdout) == (0, "done\n"), done.stderr[-4000:]
+
+
+@pytest.fixture(scope="module")
+def smallest():
+    """The smallest stack of a thread in which the same days run in plain Python."""
+    return next(size for size in SMALLEST if not finished(size, "days_in_plain_python").returncode)
+
+
+@pytest.mark.parametrize("program", NESTING)
+@pytest.mark.parametrize("size", [USUAL, SMALL], ids=["usual", "small"])
+def test_nothing_overruns_the_stack(size, program):
+    run(size, program)
+
+
+@pytest.mark.parametrize("program", NESTING)
+def test_nothing_overruns_the_smallest_stack(smallest, program):
+    run(smallest, program)
+
+
+def test_days_run_in_the_smallest_stack_that_plain_python_runs_in(smallest):
+    run(smallest, "days_of_the_module")
