@@ -10,7 +10,8 @@
 #   make matrix      the tests on every Python with the oldest and the newest NumPy
 #   make long        the safety tests with their long repetitions
 #   make fuzz        random inputs of each kind under the sanitizers, a million or INPUTS of them
-#   make trust       asan, valgrind, refleaks, matrix, long and fuzz: what docs/trust.md reports on
+#   make trust       asan, valgrind, refleaks, matrix, long and a shorter fuzz, with a table of
+#                    what each gave, as docs/trust.md shows it
 #   make tidy        clang-tidy over the C++
 #   make bench       every promise about speed and memory, measured: table, JSON and picture
 #   make bench-instructions   instructions per structure, counted by callgrind
@@ -44,9 +45,11 @@ SOURCES := CMakeLists.txt README.md LICENSE \
 CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
 STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
 
-.PHONY: demo test lint types check format coverage trust asan valgrind refleaks matrix long fuzz \
-    tidy bench bench-instructions dist-test clean distclean python-matches
+.PHONY: set-up demo test lint types check format coverage trust asan valgrind refleaks matrix long \
+    fuzz tidy bench bench-instructions dist-test clean distclean python-matches
 .DELETE_ON_ERROR:
+
+set-up: $(WHEEL_READY) $(TEST_READY)
 
 demo: $(WHEEL_READY) $(DEMO_READY)
 	$(PY) -m quorvane.cli.demo
@@ -90,8 +93,11 @@ coverage: $(TEST_READY)
 	    --html-details build/coverage/report/index.html
 	$(PY) -m tests.branches build/coverage
 
-# What docs/trust.md reports on, each by itself; `make -k trust` goes on after a failure.
-trust: asan valgrind refleaks matrix long fuzz
+# What docs/trust.md reports on, each by itself; a failure keeps no other from running. INPUTS of
+# each kind are as many as take some minutes.
+trust: INPUTS = 100000
+trust:
+	$(or $(PYTHON),python3) tools/trust.py --python $(PY) --inputs $(INPUTS)
 
 asan: $(TEST_READY)
 	JOBS=2 tools/asan.sh $(PY)
