@@ -111,9 +111,13 @@ refleaks:
 matrix:
 	JOBS=2 tools/matrix.sh $(PYTHONS)
 
-# The safety tests with their long repetitions. One process: they measure time and memory.
+# The safety tests, and all others that have a long form; that of the random inputs is `make fuzz`.
+# A worker that has nothing left takes over from the other: some tests take minutes, most nothing.
+LONG_TESTS = tests/safety $(filter-out tests/safety/% tests/fuzz/%, \
+    $(shell grep -rl --include='test_*.py' QUORVANE_LONG tests))
+
 long: $(WHEEL_READY) $(TEST_READY)
-	QUORVANE_LONG=1 $(PY) -m pytest tests/safety
+	QUORVANE_LONG=1 $(PY) -m pytest -n 2 --dist worksteal $(LONG_TESTS)
 
 # Ends with an error when the sanitizers report, or the module and its plain twin differ.
 INPUTS ?= 1000000
