@@ -1,7 +1,7 @@
 #include "columns/layout.hpp"
 
 #include <algorithm>
-#include <type_traits>
+#include <cstdint>
 #include <utility>
 
 #include "capi/array_view.hpp"
@@ -51,12 +51,14 @@ std::vector<T> copy_of(const Ref& array) {
     return {data, data + PyArray_SIZE(capi::as_array(array.get()))};
 }
 
+Ref integer_of(std::int64_t number) { return require(PyLong_FromLongLong(number)); }
+Ref integer_of(std::uint64_t number) { return require(PyLong_FromUnsignedLongLong(number)); }
+
 template <class Wide>
 std::vector<std::int32_t> narrowed(const char* argument, const std::vector<Wide>& wide) {
     const auto fits = [](Wide number) { return std::in_range<std::int32_t>(number); };
     if (const auto odd = std::ranges::find_if_not(wide, fits); odd != wide.end()) {
-        Ref got = std::is_signed_v<Wide> ? require(PyLong_FromLongLong(*odd))
-                                         : require(PyLong_FromUnsignedLongLong(*odd));
+        Ref got = integer_of(*odd);
         reject(PyExc_ValueError, argument, " must fit in 32 bits", got);
     }
     std::vector<std::int32_t> narrow(wide.size());
