@@ -6,7 +6,7 @@ import pytest
 
 from quorvane.stores import MemoryStore
 from stores.support.samples import durable_store
-from stores.support.tasks import TaskServer
+from support.tasks import TaskServer
 
 # The stores need MessagePack, an extra: without it nothing here can run.
 collect_ignore_glob = [] if importlib.util.find_spec("msgpack") else ["test_*.py"]
@@ -33,5 +33,5 @@ def durable(durable_kind, tmp_path):
 @pytest.fixture(scope="session")
 def tasks():
     """Runs functions in processes of their own."""
-    with TaskServer() as server:
+    with TaskServer("stores.support.task_functions") as server:
         yield server

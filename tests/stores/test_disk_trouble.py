@@ -75,6 +75,47 @@ def test_a_full_disk_is_an_error_that_leaves_the_record(durable_kind, small_disk
     assert exactly_equal(store.read("rotation"), numbered_state(LARGE))
 
 
+def test_a_transaction_that_fills_the_disk_leaves_all_records(small_disk):
+    store = durable_store("sqlite", small_disk)
+    for name in ("a", "b"):
+        store.write(name, numbered_state(SMALL))
+
+    def write_until_full():
+        with store.transaction() as records:
+            records.write("a", numbered_state(SMALL + 1))
+            for _ in range(1000):
+                records.write("b", numbered_state(LARGE))
+
+    with pytest.raises(StoreWriteError) as caught:
+        write_until_full()
+    assert caught.value.errno == errno.ENOSPC
+    for name in ("a", "b"):
+        assert exactly_equal(store.read(name), numbered_state(SMALL))
+        assert [entry.version for entry in store.versions(name)] == [1]
+
+
+def test_a_transaction_whose_write_filled_the_disk_cannot_go_on(small_disk):
+    store = durable_store("sqlite", small_disk)
+    store.write("a", numbered_state(SMALL))
+
+    def write_until_full(records):
+        for number in range(1000):
+            records.write(f"b {number}", numbered_state(LARGE))
+
+    def go_on_when_full():
+        with store.transaction() as records:
+            records.write("a", numbered_state(SMALL + 1))
+            with pytest.raises(StoreWriteError, match="cannot write record 'b "):
+                write_until_full(records)
+            with pytest.raises(StoreWriteError, match="an earlier write of the transaction failed"):
+                records.write("c", {})
+
+    with pytest.raises(StoreWriteError, match="an earlier write of the transaction failed"):
+        go_on_when_full()
+    assert store.names() == ["a"]
+    assert exactly_equal(store.read("a"), numbered_state(SMALL))
+
+
 def test_writing_until_the_disk_is_full_keeps_the_last_state(durable_kind, small_disk):
     store = durable_store(durable_kind, small_disk)
     written = 0

@@ -397,6 +397,57 @@ def test_every_byte_of_the_file_is_guarded(path):
     assert exactly_equal(store.read("rotation"), state)
 
 
+def acted(action, *arguments):
+    """What an action gave on a file that may be damaged, or the class of its error."""
+    try:
+        return action(*arguments)
+    except (RecordDamagedError, StoreFormatError, StoreWriteError) as error:
+        return type(error)
+
+
+@pytest.mark.filterwarnings("ignore::quorvane.stores.DamagedRecordWarning")
+def test_a_damaged_file_opens_and_is_reported_by_what_is_asked_of_it(path):
+    store = SqliteStore(path)
+    store.write("rotation", {"number": 1})
+    store.write("rotation", {"number": 2, "padding": "x" * 50})
+    intact = path.read_bytes()
+    outcomes = {"taken for another's": 0, "unreadable as a whole": 0}
+    # Of the header and the schema every byte, of the tables some.
+    for position in [*range(112), *range(3400, 4200), *range(8192, len(intact), 64)]:
+        changed = bytearray(intact)
+        changed[position] ^= 1 << position % 8
+        path.write_bytes(changed)
+        opened = acted(SqliteStore, path)
+        if opened is StoreFormatError:
+            outcomes["taken for another's"] += 1
+            continue
+        found, loaded = opened.read("rotation"), acted(opened.load, "rotation")
+        if loaded in (RecordDamagedError, StoreFormatError):
+            assert isinstance(found, DamagedRecord), position
+        else:
+            assert found == loaded == {"number": 2, "padding": "x" * 50}, position
+        others = [acted(opened.versions, "rotation"), acted(opened.names)]
+        others.append(acted(opened.write, "rotation", {"number": 3}))
+        outcomes["unreadable as a whole"] += others == [RecordDamagedError] * 3
+        for leftover in (f"{path}-wal", f"{path}-shm", f"{path}-journal"):
+            if os.path.exists(leftover):
+                os.unlink(leftover)
+    assert outcomes["taken for another's"] > 50
+    assert outcomes["unreadable as a whole"] > 200
+
+
+def test_a_file_that_is_damaged_as_a_whole_opens_and_does_not_recover(path):
+    SqliteStore(path).write("rotation", {"number": 1})
+    intact = path.read_bytes()
+    assert intact.count(b"CREATE TABLE records") == 1
+    path.write_bytes(intact.replace(b"CREATE TABLE records", b"CREATE TXBLE records"))
+    store = SqliteStore(path)
+    assert_damaged(store)
+    for act in (store.names, lambda: store.versions("rotation"), lambda: store.write("a", {})):
+        with pytest.raises(RecordDamagedError, match="the file is damaged"):
+            act()
+
+
 @pytest.mark.filterwarnings("ignore::quorvane.stores.DamagedRecordWarning")
 def test_every_truncation_of_the_file_is_noticed(path):
     store = SqliteStore(path)

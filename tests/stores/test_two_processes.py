@@ -6,6 +6,7 @@ import pytest
 
 from quorvane.stores import SqliteStore
 from stores.support.samples import durable_store, exactly_equal, numbered_state
+from support.tasks import state_of
 
 pytestmark = pytest.mark.plain_python
 
@@ -14,11 +15,7 @@ WRITES = 40
 
 def running(processes):
     """Tell whether any of the processes has not ended yet."""
-    for process in processes:
-        with open(f"/proc/{process}/stat") as file:
-            if file.read().rpartition(")")[2].split()[0] != "Z":
-                return True
-    return False
+    return any(state_of(process) != "Z" for process in processes)
 
 
 @pytest.fixture

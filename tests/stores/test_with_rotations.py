@@ -1,10 +1,12 @@
 """Rotations that are stopped and go on from a store."""
 
 import contextlib
+import warnings
 
 import numpy as np
 import pytest
 
+from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 from quorvane.stores import DamagedRecordWarning, DirectoryStore, MemoryStore
 from stores.support.samples import exactly_equal
 
@@ -173,6 +175,30 @@ def test_a_stored_state_of_another_shape_fails_to_recover_and_changes_nothing(re
         store.write("switched", state)
         assert rotation.recover(store) is False
         assert_unchanged(rotation, before)
+
+
+PAIR = {"pair": {"A": 1.0, "B": -1.0}}
+OTHERWISE = {
+    "another window": (PAIR, {"transformation_expression": "ewma(7)"}),
+    "a basket more": ({**PAIR, "B": {"B": 1.0}}, {"transformation_expression": "ewma(5)"}),
+    "another size": (PAIR, {"transformation_expression": "ewma(5)", "max_structures": 2}),
+}
+
+
+@pytest.mark.parametrize(("baskets", "options"), OTHERWISE.values(), ids=OTHERWISE)
+def test_a_rotation_made_otherwise_recovers_without_a_word_and_set_state_says_why(
+    store, baskets, options
+):
+    before = FixedBaskets(PAIR, ["A", "B"], transformation_expression="ewma(5)")
+    before(np.array([0.1, 0.2]))
+    before.checkpoint(store)
+    rotation = FixedBaskets(baskets, ["A", "B"], **options)
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")
+        assert rotation.recover(store) is False
+    with pytest.raises((ValueError, TypeError)) as caught:
+        rotation.set_state(store.load("fixed_baskets"))
+    assert str(caught.value)
 
 
 def test_instances_of_one_class_need_namespaces(real_base, tmp_path):

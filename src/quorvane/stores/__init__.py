@@ -19,7 +19,7 @@ from typing import TYPE_CHECKING, Any
 
 if TYPE_CHECKING:
     from quorvane.stores.directory import DirectoryStore
-    from quorvane.stores.encoding import decode, encode
+    from quorvane.stores.encoding import Payload, decode, encode, pack
     from quorvane.stores.errors import (
         DamagedRecordWarning,
         RecordDamagedError,
@@ -37,16 +37,19 @@ if TYPE_CHECKING:
     from quorvane.stores.memory import MemoryStore
     from quorvane.stores.records import DamagedRecord, RecordStore
     from quorvane.stores.sqlite import SqliteStore, StoredVersion
+    from quorvane.stores.transaction import SqliteTransaction
 
 __all__ = [
     "DamagedRecord",
     "DamagedRecordWarning",
     "DirectoryStore",
     "MemoryStore",
+    "Payload",
     "RecordDamagedError",
     "RecordNotFoundError",
     "RecordStore",
     "SqliteStore",
+    "SqliteTransaction",
     "StateDecodeError",
     "StateEncodeError",
     "StateVersionError",
@@ -59,17 +62,21 @@ __all__ = [
     "StoredVersion",
     "decode",
     "encode",
+    "pack",
 ]
 
 _MODULE_OF = {
     "DamagedRecord": "records",
     "DirectoryStore": "directory",
     "MemoryStore": "memory",
+    "Payload": "encoding",
     "RecordStore": "records",
     "SqliteStore": "sqlite",
+    "SqliteTransaction": "transaction",
     "StoredVersion": "sqlite",
     "decode": "encoding",
     "encode": "encoding",
+    "pack": "encoding",
 }
 
 

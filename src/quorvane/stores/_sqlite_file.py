@@ -96,10 +96,19 @@ class SqliteFile:
             pass
 
     @contextlib.contextmanager
-    def write_transaction(self) -> Iterator[sqlite3.Connection]:
-        """Run the block in one transaction that waits for other writers."""
-        with self._connected(make=True) as database, _committed(database, "BEGIN IMMEDIATE"):
+    def write_transaction(self, what: str) -> Iterator[sqlite3.Connection]:
+        """Run the block in one transaction that waits for other writers.
+
+        Failures to begin and to commit become a store's errors; what the block raises is its
+        own affair, and closing the connection undoes what it did.
+        """
+        with contextlib.ExitStack() as opened:
+            with self.writing(what):
+                database = opened.enter_context(self._connected(make=True))
+                database.execute("BEGIN IMMEDIATE")
             yield database
+            with self.writing(what):
+                database.execute("COMMIT")
 
     @contextlib.contextmanager
     def read_transaction(self) -> Iterator[sqlite3.Connection]:

@@ -81,6 +81,8 @@ class RecordStore(ABC):
             Something is stored, and it is not what was written.
         StateVersionError
             It is intact, and a newer version of this package wrote it.
+        StoreFormatError
+            The whole store no longer is one.
         StoreReadError
             The system refused to read.
         """

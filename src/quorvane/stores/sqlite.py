@@ -2,23 +2,21 @@
 
 from __future__ import annotations
 
-import hashlib
-import operator
+import contextlib
 import os
 import sqlite3
-import time
+from collections.abc import Iterator
 from dataclasses import dataclass
 from datetime import datetime, timezone
 from pathlib import Path
 from typing import Any
 
 from quorvane.stores._sqlite_file import SqliteFile
-from quorvane.stores.encoding import HEADER_BYTES, header_fault, pack, seal
-from quorvane.stores.errors import RecordDamagedError, RecordNotFoundError
-from quorvane.stores.records import RecordStore, check_text, decode_record
-
-# SQLite's largest integer.
-_LAST_VERSION = 2**63 - 1
+from quorvane.stores._sqlite_records import SqliteRecords
+from quorvane.stores.encoding import pack
+from quorvane.stores.errors import RecordDamagedError
+from quorvane.stores.records import RecordStore, check_text
+from quorvane.stores.transaction import SqliteTransaction, version_number
 
 
 @dataclass(frozen=True)
@@ -66,7 +64,7 @@ class SqliteStore(RecordStore):
     StoreFormatError
         The file is not a store, or a newer version made it.
     StoreWriteError
-        The file is missing and cannot be made.
+        The file cannot be made or opened.
     StoreBusyError
         Another process held the file for too long.
     """
@@ -88,7 +86,8 @@ class SqliteStore(RecordStore):
         self._file = SqliteFile(Path(path).absolute(), float(busy_timeout))
         self._namespace = check_text(namespace, "namespace", may_be_empty=True)
         self._keep = keep
-        with self._file.writing(f"open {self!r}"):
+        # A damaged file is for ``read`` and ``load`` to report, as if the damage came later.
+        with contextlib.suppress(RecordDamagedError), self._file.writing(f"open {self!r}"):
             self._file.check()
 
     def __repr__(self) -> str:
@@ -100,26 +99,46 @@ class SqliteStore(RecordStore):
         Raises
         ------
         RecordDamagedError, StoreFormatError
-            The file is damaged so far that SQLite cannot write to it.
+            The file is damaged so far that SQLite cannot write to it, or no longer is a store.
         """
         name = check_text(name, "name")
         payload = pack(state)
-        what = f"write record {name!r} of {self!r}"
-        with self._file.writing(what), self._file.write_transaction() as database:
-            version = self._last_version(database, name) + 1
-            data = seal(payload, self._label(name, version))
-            database.execute(
-                "INSERT INTO records VALUES (?, ?, ?, ?, ?)",
-                (self._namespace, name, version, time.time(), data),
-            )
-            database.execute(
-                "INSERT OR REPLACE INTO heads VALUES (?, ?, ?, ?)",
-                (self._namespace, name, version, self._seal_of_head(name, version, data)),
-            )
-            database.execute(
-                "DELETE FROM records WHERE namespace = ? AND name = ? AND version <= ?",
-                (self._namespace, name, version - self._keep),
-            )
+        with self._transaction(f"write record {name!r} of {self!r}") as records:
+            records.write(name, payload)
+
+    @contextlib.contextmanager
+    def transaction(self) -> Iterator[SqliteTransaction]:
+        """Run a block whose loads and writes are one transaction.
+
+        Nobody else writes to the file between its first load and its last write, and its writes
+        happen all of them or, when the block raises, none. They are on the disk when the block
+        has ended. Others who want to write wait, as long as their busy timeout; so does
+        ``write`` of the store itself, which must not be called inside the block.
+
+        Yields
+        ------
+        SqliteTransaction
+            ``load`` and ``write`` as the store has them.
+
+        Raises
+        ------
+        StoreWriteError
+            The disk is full or cannot be written to, or a write of the block failed and the
+            block went on all the same. Nothing has happened.
+        StoreBusyError
+            Another process held the file for too long.
+        RecordDamagedError, StoreFormatError
+            See `write`.
+        """
+        with self._transaction(f"run a transaction on {self!r}") as records:
+            yield records
+
+    @contextlib.contextmanager
+    def _transaction(self, what: str) -> Iterator[SqliteTransaction]:
+        with self._file.write_transaction(what) as database:
+            records = SqliteTransaction(self._file, self._records(database), self._keep, repr(self))
+            yield records
+            records.require_whole(what)
 
     def load(self, name: str, version: int | None = None) -> Any:
         """Return a state of `name`, the newest or the one of a given version.
@@ -130,36 +149,28 @@ class SqliteStore(RecordStore):
             `version` is neither None nor an integer.
         RecordNotFoundError
             Nothing is stored under this name, or not this version.
-        RecordDamagedError, StateVersionError, StoreReadError, StoreBusyError
+        RecordDamagedError, StateVersionError, StoreFormatError, StoreReadError, StoreBusyError
             See `RecordStore.load`.
         """
         name = check_text(name, "name")
-        wanted = None if version is None else _version_number(version)
+        wanted = version_number(version)
         what = f"record {name!r} of {self!r}"
         with self._file.reading(what), self._file.read_transaction() as database:
-            newest, head_seal = self._head(database, name, what)
-            number = newest if wanted is None else wanted
-            data = self._data(database, name, number, what, is_newest=number == newest)
-        if number == newest and self._seal_of_head(name, number, data) != head_seal:
-            raise RecordDamagedError(f"{what} is damaged: it is not the newest version")
-        return decode_record(data, self._label(name, number), f"version {number} of {what}")
+            found = self._records(database).find(name, wanted)
+        return found.state()
 
     def versions(self, name: str) -> list[StoredVersion]:
         """Return the versions of `name` that ``load`` finds, the newest first.
 
         Raises
         ------
-        RecordDamagedError, StoreReadError, StoreBusyError
+        RecordDamagedError, StoreFormatError, StoreReadError, StoreBusyError
             See `RecordStore.load`.
         """
         name = check_text(name, "name")
         what = f"the versions of record {name!r} of {self!r}"
         with self._file.reading(what), self._file.read_transaction() as database:
-            rows = database.execute(
-                "SELECT version, written_at, length(data) FROM records "
-                "WHERE namespace = ? AND name = ? ORDER BY version DESC",
-                (self._namespace, name),
-            ).fetchall()
+            rows = self._records(database).versions(name)
         try:
             return [
                 StoredVersion(version, datetime.fromtimestamp(written_at, timezone.utc), size)
@@ -173,71 +184,12 @@ class SqliteStore(RecordStore):
 
         Raises
         ------
-        RecordDamagedError, StoreReadError, StoreBusyError
+        RecordDamagedError, StoreFormatError, StoreReadError, StoreBusyError
             See `RecordStore.load`.
         """
         what = f"the names of {self!r}"
         with self._file.reading(what), self._file.read_transaction() as database:
-            rows = database.execute(
-                "SELECT name FROM heads WHERE namespace = ? ORDER BY name", (self._namespace,)
-            ).fetchall()
-        return [name for (name,) in rows]
+            return self._records(database).names()
 
-    def _last_version(self, database: sqlite3.Connection, name: str) -> int:
-        # Both tables are asked, so that a write after damage to one goes on with a new number.
-        (version,) = database.execute(
-            "SELECT max(version) FROM (SELECT version FROM heads WHERE namespace = ? AND name = ?"
-            " UNION ALL SELECT max(version) FROM records WHERE namespace = ? AND name = ?)",
-            (self._namespace, name) * 2,
-        ).fetchone()
-        return version if isinstance(version, int) else 0
-
-    def _head(self, database: sqlite3.Connection, name: str, what: str) -> tuple[int, bytes]:
-        """Return the number and the seal of the newest version."""
-        head = database.execute(
-            "SELECT version, seal FROM heads WHERE namespace = ? AND name = ?",
-            (self._namespace, name),
-        ).fetchone()
-        if head is not None:
-            return head[0], head[1]
-        if self._last_version(database, name) > 0:
-            raise RecordDamagedError(f"{what} is damaged: nothing says which version is the newest")
-        raise RecordNotFoundError(f"{self!r} holds no record named {name!r}")
-
-    def _data(
-        self, database: sqlite3.Connection, name: str, version: int, what: str, *, is_newest: bool
-    ) -> bytes:
-        """Return the bytes of one version, asking for kind, length and header before for them."""
-        if not is_newest and not 1 <= version <= _LAST_VERSION:
-            raise RecordNotFoundError(f"{self!r} holds no version {version} of record {name!r}")
-        row = database.execute(
-            "SELECT rowid, typeof(data), length(data), substr(data, 1, ?) FROM records "
-            "WHERE namespace = ? AND name = ? AND version = ?",
-            (HEADER_BYTES, self._namespace, name, version),
-        ).fetchone()
-        if row is None and not is_newest:
-            raise RecordNotFoundError(f"{self!r} holds no version {version} of record {name!r}")
-        if row is None:
-            raise RecordDamagedError(f"{what} is damaged: its newest version is missing")
-        # SQLite takes the beginning of an empty blob for NULL.
-        rowid, kind, size, header = row
-        fault = f"it is {kind}" if kind != "blob" else header_fault(header or b"", size)
-        if fault is not None:
-            raise RecordDamagedError(f"{what} is damaged: {fault}")
-        (data,) = database.execute("SELECT data FROM records WHERE rowid = ?", (rowid,)).fetchone()
-        return bytes(data)
-
-    def _label(self, name: str, version: int) -> str:
-        return f"{self._namespace}\0{name}\0{version}"
-
-    def _seal_of_head(self, name: str, version: int, data: bytes) -> bytes:
-        # The header holds the checksum of everything else.
-        sealed = data[:HEADER_BYTES] + self._label(name, version).encode()
-        return hashlib.blake2b(sealed, digest_size=32, person=b"quorvane-head").digest()
-
-
-def _version_number(version: object) -> int:
-    """Return `version` as an int; a bool is none, though Python counts with it."""
-    if not isinstance(version, bool) and hasattr(version, "__index__"):
-        return operator.index(version)
-    raise TypeError(f"version must be an int, got {type(version).__name__}")
+    def _records(self, database: sqlite3.Connection) -> SqliteRecords:
+        return SqliteRecords(database, self._namespace, repr(self))

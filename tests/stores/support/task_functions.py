@@ -2,12 +2,23 @@
 
 import os
 import resource
+import signal
+import tempfile
 from itertools import count
 
-from quorvane.stores import StoreError
+from quorvane.stores import RecordNotFoundError, StoreError, pack
 from stores.support.samples import durable_store, numbered_state
 
 NOBODY = 65534
+
+
+def warm_up():
+    """Use both stores once."""
+    with tempfile.TemporaryDirectory() as folder:
+        for kind in ("directory", "sqlite"):
+            store = durable_store(kind, folder)
+            store.write("rotation", numbered_state(1))
+            store.read("rotation")
 
 
 def write_until_killed(kind, folder, acknowledged, first):
@@ -24,6 +35,44 @@ def write_many(kind, folder, first, last, **options):
     store = durable_store(kind, folder, **options)
     for number in range(first, last + 1):
         store.write("rotation", numbered_state(number))
+
+
+def write_noted(kind, folder, acknowledged, first, last, **options):
+    """Write states first to last under one name, noting each once it is acknowledged."""
+    store = durable_store(kind, folder, **options)
+    notes = os.open(acknowledged, os.O_WRONLY | os.O_CREAT | os.O_APPEND)
+    for number in range(first, last + 1):
+        store.write("rotation", numbered_state(number))
+        os.write(notes, b"x")
+
+
+def count_together(folder, acknowledged, times):
+    """Add one to both of two records in one transaction, again and again, noting each time."""
+    store = durable_store("sqlite", folder)
+    notes = os.open(acknowledged, os.O_WRONLY | os.O_CREAT | os.O_APPEND)
+    padding = pack(numbered_state(times))
+    for _ in range(times):
+        with store.transaction() as records:
+            number = _number(records, "left") + 1
+            records.write("left", number)
+            records.write("padding", padding)
+            records.write("right", number)
+        os.write(notes, b"x")
+
+
+def die_in_a_transaction(folder):
+    """Write in a transaction and be killed before its end."""
+    with durable_store("sqlite", folder).transaction() as records:
+        records.write("left", 2)
+        records.write("right", numbered_state(500))
+        os.kill(os.getpid(), signal.SIGKILL)
+
+
+def _number(records, name):
+    try:
+        return records.load(name)
+    except RecordNotFoundError:
+        return 0
 
 
 def write_with_file_limit(kind, folder, limit, number):

@@ -1,22 +1,14 @@
-"""Reads requests from standard input: start a task in a forked child, or wait for one."""
+"""Reads requests from standard input: start a task in a forked child, or wait for one.
 
+The argument is the module whose functions are the tasks. Its `warm_up` is called once, so that the
+children, however confined, have nothing left to import.
+"""
+
+import importlib
 import json
 import os
 import sys
-import tempfile
 import traceback
-
-from stores.support import task_functions
-from stores.support.samples import durable_store, numbered_state
-
-
-def import_everything():
-    """Use both stores once, so that children, however confined, have nothing left to import."""
-    with tempfile.TemporaryDirectory() as folder:
-        for kind in ("directory", "sqlite"):
-            store = durable_store(kind, folder)
-            store.write("rotation", numbered_state(1))
-            store.read("rotation")
 
 
 def start(task, arguments):
@@ -28,7 +20,7 @@ def start(task, arguments):
         path = arguments.pop("answer", os.devnull)
         # Opened first: the task may give up the right to.
         with open(path, "w") as answer:
-            json.dump(getattr(task_functions, task)(**arguments), answer)
+            json.dump(task(**arguments), answer)
         status = 0
     except BaseException:
         traceback.print_exc()
@@ -41,12 +33,13 @@ def wait(process):
     return os.waitstatus_to_exitcode(status)
 
 
-def main():
-    import_everything()
+def main(module):
+    tasks = importlib.import_module(module)
+    tasks.warm_up()
     for line in sys.stdin:
         request = json.loads(line)
         if request["do"] == "start":
-            reply = start(request["task"], request["arguments"])
+            reply = start(getattr(tasks, request["task"]), request["arguments"])
         else:
             reply = wait(request["process"])
         sys.stdout.write(json.dumps(reply) + "\n")
@@ -54,4 +47,4 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    main(sys.argv[1])

@@ -9,16 +9,22 @@ from pathlib import Path
 
 import quorvane
 
-TESTS = Path(__file__).parents[2]
+TESTS = Path(__file__).parents[1]
 
 
 class TaskServer:
-    """A process that forks one child per task; the children answer to signals as usual."""
+    """A process that forks one child per task; the children answer to signals as usual.
+
+    The tasks are the functions of a module, which also has a function `warm_up`.
+    """
+
+    def __init__(self, module):
+        self._module = module
 
     def __enter__(self):
         places = [str(Path(quorvane.__file__).parents[1]), str(TESTS)]
         self._server = subprocess.Popen(
-            [sys.executable, "-m", "stores.support.task_server"],
+            [sys.executable, "-m", "support.task_server", self._module],
             env={**os.environ, "PYTHONPATH": os.pathsep.join(places), "OPENBLAS_NUM_THREADS": "1"},
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
@@ -46,11 +52,23 @@ class TaskServer:
 
     def result(self, task, answers, **arguments):
         """Run a function to its end and return what it left in the folder for answers."""
-        answer = Path(answers) / "answer.json"
-        assert self.wait(self.start(task, answer=str(answer), **arguments)) == 0
-        return json.loads(answer.read_text())
+        answer = str(Path(answers) / "answer.json")
+        code, left = self.outcome(self.start(task, answer=answer, **arguments), answer)
+        assert code == 0
+        return left
+
+    def outcome(self, process, answer):
+        """Wait for a process; return its exit code and what it left in the file for its answer."""
+        code = self.wait(process)
+        return code, json.loads(Path(answer).read_text()) if code == 0 else None
 
     def _ask(self, request):
         self._server.stdin.write(json.dumps(request) + "\n")
         self._server.stdin.flush()
         return json.loads(self._server.stdout.readline())
+
+
+def state_of(process):
+    """Return the letter of a process's state: "T" when it is stopped, "Z" when it has ended."""
+    with open(f"/proc/{process}/stat") as file:
+        return file.read().rpartition(")")[2].split()[0]

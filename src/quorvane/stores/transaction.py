@@ -1,0 +1,108 @@
+"""Several loads and writes of an SQLite store that happen together or not at all."""
+
+from __future__ import annotations
+
+import contextlib
+import errno
+import operator
+from collections.abc import Iterator
+from typing import Any
+
+from quorvane.stores._sqlite_file import SqliteFile
+from quorvane.stores._sqlite_records import SqliteRecords
+from quorvane.stores.encoding import Payload, pack
+from quorvane.stores.errors import StoreWriteError
+from quorvane.stores.records import check_text
+
+
+class SqliteTransaction:
+    """What `SqliteStore.transaction` gives: the store's records, held by this block alone.
+
+    It belongs to the thread that began it and ends with the block.
+    """
+
+    def __init__(self, file: SqliteFile, records: SqliteRecords, keep: int, store: str) -> None:
+        self._file = file
+        self._records = records
+        self._keep = keep
+        self._store = store
+        self._failure: BaseException | None = None
+
+    def load(self, name: str, version: int | None = None) -> Any:
+        """Return a state of `name` as it is now, what this transaction wrote included.
+
+        Raises
+        ------
+        TypeError
+            `version` is neither None nor an integer.
+        RecordNotFoundError, RecordDamagedError, StateVersionError, StoreReadError
+            See `SqliteStore.load`.
+        """
+        name = check_text(name, "name")
+        wanted = version_number(version)
+        with self._file.reading(f"record {name!r} of {self._store}"):
+            found = self._records.find(name, wanted)
+        return found.state()
+
+    def write(self, name: str, state: object) -> None:
+        """Add `state` as the next version of `name` when the block ends.
+
+        Others wait while a state is packed inside the block. What takes long to pack is better
+        packed before it, with `quorvane.stores.pack`.
+
+        Parameters
+        ----------
+        name : str
+            As for `SqliteStore.write`.
+        state : object
+            The state, or what ``pack`` made of it.
+
+        Raises
+        ------
+        StateEncodeError
+            The state holds something that cannot be kept; the transaction can go on.
+        StoreWriteError, RecordDamagedError
+            The write failed, and nothing of the transaction will happen.
+        """
+        name = check_text(name, "name")
+        payload = state if isinstance(state, Payload) else pack(state)
+        with self._whole(f"write record {name!r} of {self._store}"):
+            self._records.append(name, payload, self._keep)
+
+    def require_whole(self, what: str) -> None:
+        """Refuse to go on after a failed write, whose first half may be in place.
+
+        Raises
+        ------
+        StoreWriteError
+            A write of this transaction has failed.
+        """
+        if self._failure is not None:
+            raise StoreWriteError(
+                errno.ECANCELED, f"cannot {what}: an earlier write of the transaction failed"
+            ) from self._failure
+
+    @contextlib.contextmanager
+    def _whole(self, what: str) -> Iterator[None]:
+        self.require_whole(what)
+        try:
+            with self._file.writing(what):
+                yield
+        except BaseException as error:
+            self._failure = error
+            raise
+
+
+def version_number(version: object) -> int | None:
+    """Return `version` as an int or None; a bool is neither, though Python counts with it.
+
+    Raises
+    ------
+    TypeError
+        It is something else.
+    """
+    if version is None:
+        return None
+    if not isinstance(version, bool) and hasattr(version, "__index__"):
+        return operator.index(version)
+    raise TypeError(f"version must be an int, got {type(version).__name__}")

@@ -1,0 +1,195 @@
+"""Several loads and writes of an SQLite store as one."""
+
+import signal
+import sqlite3
+import threading
+
+import pytest
+
+from quorvane.stores import (
+    RecordDamagedError,
+    RecordNotFoundError,
+    SqliteStore,
+    StateEncodeError,
+    StoreBusyError,
+    StoreFormatError,
+    StoreReadError,
+    StoreWriteError,
+    pack,
+)
+from quorvane.stores._sqlite_records import SqliteRecords
+from stores.support.samples import exactly_equal, rotation_state
+
+pytestmark = pytest.mark.plain_python
+
+
+@pytest.fixture
+def path(tmp_path):
+    return tmp_path / "states.db"
+
+
+@pytest.fixture
+def store(path):
+    """A store with one version of the records "a" and "b"."""
+    store = SqliteStore(path)
+    store.write("a", 1)
+    store.write("b", 1)
+    return store
+
+
+def contents(store):
+    return {name: store.load(name) for name in store.names()}
+
+
+def test_what_is_written_in_a_transaction_is_there_when_it_has_ended(store):
+    with store.transaction() as records:
+        records.write("a", rotation_state(4))
+        records.write("c", 3)
+        assert contents(store) == {"a": 1, "b": 1}
+    assert exactly_equal(contents(store), {"a": rotation_state(4), "b": 1, "c": 3})
+    assert [entry.version for entry in store.versions("a")] == [2, 1]
+
+
+def test_a_transaction_loads_what_it_has_written_and_what_was_there(store):
+    with store.transaction() as records:
+        records.write("a", 2)
+        assert (records.load("a"), records.load("a", 1), records.load("b")) == (2, 1, 1)
+        with pytest.raises(RecordNotFoundError, match="holds no record named 'c'"):
+            records.load("c")
+        with pytest.raises(RecordNotFoundError, match="holds no version 7 of record 'a'"):
+            records.load("a", 7)
+        with pytest.raises(TypeError, match="version must be an int"):
+            records.load("a", "1")
+        with pytest.raises(ValueError, match="name must not be empty"):
+            records.load("")
+        with pytest.raises(ValueError, match="name must not be empty"):
+            records.write("", 1)
+    assert contents(store) == {"a": 2, "b": 1}
+
+
+def test_a_packed_state_is_kept_like_the_state(store):
+    packed = pack(rotation_state(4))
+    with store.transaction() as records:
+        records.write("a", packed)
+        records.write("c", packed)
+    assert exactly_equal(store.load("a"), rotation_state(4))
+    assert exactly_equal(store.load("c"), rotation_state(4))
+
+
+@pytest.mark.parametrize(
+    "error",
+    [OSError(28, "No space left"), sqlite3.OperationalError("locked"), KeyboardInterrupt()],
+    ids=repr,
+)
+def test_a_block_that_raises_changes_nothing_and_its_error_comes_as_it_is(store, error):
+    def write_half():
+        with store.transaction() as records:
+            records.write("a", 2)
+            records.write("c", 2)
+            raise error
+
+    with pytest.raises(type(error)) as caught:
+        write_half()
+    assert caught.value is error
+    assert contents(store) == {"a": 1, "b": 1}
+    store.write("a", 3)
+    assert contents(store) == {"a": 3, "b": 1}
+
+
+def test_nobody_else_writes_during_a_transaction(path, store):
+    hasty = SqliteStore(path, busy_timeout=0.05)
+    with store.transaction() as records:
+        # From its first moment, not from its first write.
+        with pytest.raises(StoreBusyError, match=r"write record 'a' .* held it for 0\.05 seconds"):
+            hasty.write("a", 7)
+        assert records.load("a") == 1
+        records.write("a", 2)
+        with (
+            pytest.raises(StoreBusyError, match=r"cannot run a transaction on SqliteStore\("),
+            hasty.transaction(),
+        ):
+            pytest.fail("two transactions at once")
+        assert contents(hasty) == {"a": 1, "b": 1}
+    hasty.write("a", 3)
+    assert contents(store) == {"a": 3, "b": 1}
+
+
+def test_threads_take_turns(store):
+    def add(times):
+        for _ in range(times):
+            with store.transaction() as records:
+                records.write("a", records.load("a") + 1)
+
+    threads = [threading.Thread(target=add, args=(10,)) for _ in range(4)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert contents(store) == {"a": 41, "b": 1}
+
+
+def test_a_refused_state_leaves_the_transaction_as_it_was(store):
+    with store.transaction() as records:
+        records.write("a", 2)
+        with pytest.raises(StateEncodeError):
+            records.write("b", {1, 2})
+        records.write("c", 2)
+    assert contents(store) == {"a": 2, "b": 1, "c": 2}
+
+
+def test_after_a_failed_write_nothing_of_the_transaction_happens(store, monkeypatch):
+    def fail(*_):
+        raise sqlite3.OperationalError("disk I/O error")
+
+    def go_on():
+        with store.transaction() as records:
+            records.write("a", 2)
+            # Half of the record is in place by then.
+            monkeypatch.setattr(SqliteRecords, "_seal_of_head", fail)
+            with pytest.raises(StoreWriteError, match=r"cannot write record 'b' .* disk I/O error"):
+                records.write("b", 2)
+            monkeypatch.undo()
+            with pytest.raises(StoreWriteError, match="an earlier write of the transaction failed"):
+                records.write("c", 2)
+
+    with pytest.raises(StoreWriteError, match=r"cannot run a transaction on .* an earlier write"):
+        go_on()
+    assert contents(store) == {"a": 1, "b": 1}
+
+
+def test_what_a_transaction_gave_is_of_no_use_after_it(store):
+    with store.transaction() as records:
+        pass
+    with pytest.raises(StoreReadError, match="closed database"):
+        records.load("a")
+    with pytest.raises(StoreWriteError, match="closed database"):
+        records.write("a", 2)
+    assert contents(store) == {"a": 1, "b": 1}
+
+
+def test_a_process_that_is_killed_in_a_transaction_leaves_nothing_of_it(tmp_path, store, tasks):
+    store.write("left", 1)
+    process = tasks.start("die_in_a_transaction", folder=str(tmp_path))
+    assert tasks.wait(process) == -signal.SIGKILL
+    assert contents(store) == {"a": 1, "b": 1, "left": 1}
+    with store.transaction() as records:
+        records.write("left", 3)
+    assert contents(store) == {"a": 1, "b": 1, "left": 3}
+
+
+def test_damage_is_noticed_in_a_transaction(path, store):
+    with sqlite3.connect(path) as database:
+        database.execute("UPDATE records SET data = x'00' WHERE name = 'a'")
+    database.close()
+    with store.transaction() as records:
+        with pytest.raises(RecordDamagedError, match="record 'a' of SqliteStore"):
+            records.load("a")
+        records.write("a", 2)
+    assert contents(store) == {"a": 2, "b": 1}
+
+
+def test_a_file_that_is_no_store_any_more_is_left_alone(path, store):
+    path.write_bytes(b"something else " * 1000)
+    with pytest.raises(StoreFormatError), store.transaction():
+        pytest.fail("a transaction on something else")
+    assert path.read_bytes() == b"something else " * 1000
