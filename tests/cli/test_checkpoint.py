@@ -2,14 +2,18 @@
 
 import signal
 import sqlite3
+import sys
 import time
 
 import numpy as np
 import pytest
 
+from quorvane.cli import replay_command
 from quorvane.cli.checkpoint import Checkpoint, RunIdentity
+from quorvane.cli.files import WholeOutputs
 from quorvane.cli.table import Dates, Table
 from quorvane.cli.table_io import write_table
+from quorvane.cli.trace import write_trace
 
 pytest.importorskip("msgpack")
 
@@ -178,24 +182,103 @@ def test_a_table_that_has_become_shorter_is_refused(go, files):
     assert "the checkpoint was made after 20 days, the table has only 19" in refused.err
 
 
-def test_there_must_be_a_checkpoint_to_resume_from(go, files):
-    refused = go("parts", "--resume", checkpoint=files / "c.db")
-    assert refused.status == 1
-    assert "c.db: no such file, expected a checkpoint to resume from" in refused.err
-    assert not (files / "c.db").exists()
+def empty_file(path):
+    path.touch()
+
+
+def store_without_tables(path):
+    database = sqlite3.connect(path)
+    assert database.execute("PRAGMA journal_mode = WAL").fetchone() == ("wal",)
+    database.close()
+    assert path.stat().st_size > 0
+
+
+def store_without_a_run(path):
     from quorvane.stores import SqliteStore
 
-    SqliteStore(files / "c.db").write("else", {})
-    refused = go("parts", "--resume", checkpoint=files / "c.db")
-    assert "c.db: holds no checkpoint of a replay" in refused.err
+    SqliteStore(path).write("else", {})
 
 
-def test_a_file_of_something_else_is_refused_before_the_run(go, files):
-    (files / "c.db").write_text("this is no store\n" * 100)
-    refused = go("parts", checkpoint=files / "c.db")
+def run_without_a_head(path):
+    from quorvane.stores import SqliteStore
+
+    SqliteStore(path, namespace="quorvane replay").write("writer", "another")
+
+
+NOT_BEGUN = [lambda path: None, empty_file, store_without_tables]
+NOT_BEGUN += [store_without_a_run, run_without_a_head]
+
+
+@pytest.mark.parametrize("make", NOT_BEGUN)
+def test_a_run_that_had_not_begun_is_resumed_from_the_beginning(go, files, whole, make):
+    make(files / "c.db")
+    begun = go("parts", "--resume", checkpoint=files / "c.db", stop_after=9)
+    assert (begun.status, begun.err) == (
+        0,
+        f"quorvane replay: {files / 'c.db'}: holds no run yet, beginning with day 0\n",
+    )
+    resumed = go("parts", "--resume", checkpoint=files / "c.db")
+    assert (resumed.status, resumed.err) == (0, "")
+    assert "resumed         before day 9" in resumed.out
+    assert outputs(files, "parts") == whole
+
+
+def test_a_quiet_run_begins_without_a_word(go, files, whole):
+    begun = go("parts", "--resume", "--quiet", checkpoint=files / "c.db")
+    assert (begun.status, begun.out, begun.err) == (0, "", "")
+    assert outputs(files, "parts") == whole
+
+
+def test_a_word_that_nobody_can_be_told_is_no_failure(go, files, whole, monkeypatch):
+    with open("/dev/full", "w") as full:
+        monkeypatch.setattr(sys, "stderr", full)
+        assert go("parts", "--resume", checkpoint=files / "c.db").status == 0
+    monkeypatch.setattr(sys, "stderr", None)
+    (files / "c.db").unlink()
+    assert go("parts", "--resume", checkpoint=files / "c.db").status == 0
+    monkeypatch.undo()
+    assert outputs(files, "parts") == whole
+
+
+def test_a_word_about_a_path_is_one_line(go, files):
+    begun = go("parts", "--resume", checkpoint=files / "a\nb.db")
+    assert begun.status == 0
+    assert begun.err.endswith("/a\\nb.db: holds no run yet, beginning with day 0\n")
+    assert begun.err.count("\n") == 1
+
+
+def test_records_of_others_in_the_file_stay(go, files):
+    from quorvane.stores import SqliteStore
+
+    SqliteStore(files / "c.db").write("else", {"a": 1})
+    assert go("parts", "--resume", checkpoint=files / "c.db").status == 0
+    assert SqliteStore(files / "c.db").load("else") == {"a": 1}
+
+
+def text_file(path):
+    path.write_text("this is no store\n" * 100)
+
+
+def short_text_file(path):
+    path.write_text("this is no store\n")
+
+
+def another_database(path):
+    with sqlite3.connect(path) as database:
+        database.execute("CREATE TABLE mine (x)")
+    database.close()
+
+
+@pytest.mark.parametrize("flags", [[], ["--resume"]], ids=["start", "resume"])
+@pytest.mark.parametrize("make", [text_file, short_text_file, another_database])
+def test_a_file_of_something_else_is_refused_before_the_run(go, files, flags, make):
+    make(files / "c.db")
+    before = (files / "c.db").read_bytes()
+    refused = go("parts", *flags, checkpoint=files / "c.db")
     assert (refused.status, refused.out) == (1, "")
-    assert str(files / "c.db") in refused.err
-    assert (files / "c.db").read_text().startswith("this is no store")
+    assert refused.err.startswith(f"quorvane replay: error: {files / 'c.db'}: ")
+    assert refused.err.count("\n") == 1
+    assert (files / "c.db").read_bytes() == before
 
 
 def test_a_damaged_checkpoint_is_noticed(go, files):
@@ -260,6 +343,122 @@ def test_a_replay_resumed_twice_at_once_is_written_by_the_later_one(go, files, w
     monkeypatch.setattr(Checkpoint, "save", save_with_another_run_between)
     assert go("first", "--resume", **options).status == 1
     assert answers[0].status == 0
+    assert outputs(files, "parts") == whole
+
+
+def test_a_run_that_cannot_be_resumed_is_not_taken_over(go, files, monkeypatch):
+    options = {"checkpoint": files / "c.db", "checkpoint_every": 5}
+    save, answers = Checkpoint.save, []
+
+    def save_with_another_run_between(self, day):
+        if day == 10:
+            answers.append(go("other", "--resume", **{**options, "expression": "rank"}))
+        save(self, day)
+
+    monkeypatch.setattr(Checkpoint, "save", save_with_another_run_between)
+    assert go("first", **options).status == 0
+    assert [answer.status for answer in answers] == [1]
+
+
+@pytest.fixture
+def hasty(monkeypatch):
+    """Nobody waits long for another who has the checkpoint."""
+    from quorvane.stores import SqliteStore
+
+    monkeypatch.setitem(SqliteStore.__init__.__kwdefaults__, "busy_timeout", 0.05)
+
+
+@pytest.fixture
+def interrupted_check(monkeypatch):
+    """Call a function just after a run has found, for the given time, that the file is its own."""
+
+    def interrupted(time, function):
+        check, calls = Checkpoint._require_own, []
+
+        def check_and_call(self, records):
+            check(self, records)
+            calls.append(None)
+            if len(calls) == time:
+                function()
+
+        monkeypatch.setattr(Checkpoint, "_require_own", check_and_call)
+
+    return interrupted
+
+
+@pytest.mark.parametrize("flags", [[], ["--resume"]], ids=["start", "resume"])
+def test_nobody_takes_over_between_a_check_and_its_write(
+    go, files, whole, hasty, interrupted_check, flags
+):
+    options = {"checkpoint": files / "c.db", "checkpoint_every": 7}
+    answers = []
+    interrupted_check(2, lambda: answers.append(go("other", *flags, **options)))
+    assert go("first", **options).status == 0
+    (answer,) = answers
+    assert (answer.status, answer.out) == (1, "")
+    assert answer.err.startswith(f"quorvane replay: error: {files / 'c.db'}: ")
+    assert answer.err.endswith("another process held it for 0.05 seconds\n")
+    assert not (files / "other.csv").exists()
+    assert outputs(files, "first") == whole
+    assert go("again", "--resume", **options).status == 0
+    assert outputs(files, "again") == whole
+
+
+def test_outputs_take_their_places_only_while_the_run_has_the_checkpoint(go, files, monkeypatch):
+    options = {"checkpoint": files / "c.db"}
+    (files / "first.csv").write_text("old")
+    answers = []
+
+    def make_with_another_run_between(*arguments):
+        monkeypatch.undo()
+        answers.append(go("other", **options))
+        write_trace(*arguments)
+
+    monkeypatch.setattr(replay_command, "write_trace", make_with_another_run_between)
+    first = go("first", **options)
+    assert (first.status, first.out, answers[0].status) == (1, "", 0)
+    assert first.err.endswith("c.db: another replay has taken the checkpoint over\n")
+    assert (files / "first.csv").read_text() == "old"
+    assert not (files / "first.npz").exists()
+    assert [path for path in files.iterdir() if path.name.startswith(".part-")] == []
+
+
+def test_nobody_takes_over_while_the_outputs_take_their_places(
+    go, files, whole, hasty, monkeypatch
+):
+    options = {"checkpoint": files / "c.db"}
+    take_places, answers = WholeOutputs.take_places, []
+
+    def take_places_with_another_run_between(self):
+        monkeypatch.setattr(WholeOutputs, "take_places", take_places)
+        answers.append(go("other", **options))
+        take_places(self)
+
+    monkeypatch.setattr(WholeOutputs, "take_places", take_places_with_another_run_between)
+    assert go("first", **options).status == 0
+    assert answers[0].status == 1
+    assert answers[0].err.endswith("another process held it for 0.05 seconds\n")
+    assert outputs(files, "first") == whole
+
+
+def test_a_save_that_fails_half_way_leaves_the_one_before(go, files, whole, monkeypatch):
+    options = {"checkpoint": files / "c.db", "checkpoint_every": 7}
+    rows, calls = Checkpoint._rows, []
+    monkeypatch.setattr("quorvane.cli.checkpoint._RECORD_BYTES", 400)
+
+    def fail_on_a_later_record(self, first, last):
+        calls.append(None)
+        if len(calls) == 12:
+            raise KeyboardInterrupt
+        return rows(self, first, last)
+
+    monkeypatch.setattr(Checkpoint, "_rows", fail_on_a_later_record)
+    assert go("parts", **options).status == 130
+    monkeypatch.undo()
+    head = stored(files).load("head")
+    assert f"rows {head['records']}" not in stored(files).names()
+    assert 0 < head["next_day"] == stored(files).load(f"rows {head['records'] - 1}")["last"]
+    assert go("parts", "--resume", **options).status == 0
     assert outputs(files, "parts") == whole
 
 

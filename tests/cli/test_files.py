@@ -2,18 +2,28 @@
 
 import os
 import stat
+from contextlib import contextmanager
 from pathlib import Path
 
 import pytest
 
 from quorvane.cli.errors import DataError, UsageError
-from quorvane.cli.files import check_readable, check_writable, ending_of, whole_output
+from quorvane.cli.files import WholeOutputs, check_readable, check_writable, ending_of
 
 pytestmark = pytest.mark.plain_python
 
 not_as_root = pytest.mark.skipif(
     not hasattr(os, "geteuid") or os.geteuid() == 0, reason="root may read and write anything"
 )
+
+
+@contextmanager
+def whole_output(path, what):
+    """Make one output, which takes its place at the end."""
+    with WholeOutputs() as outputs:
+        with outputs.making(path, what) as part:
+            yield part
+        outputs.take_places()
 
 
 def test_a_finished_output_takes_the_place_of_the_old_one(tmp_path):
@@ -78,6 +88,81 @@ def test_a_link_is_replaced_and_what_it_leads_to_is_left_alone(tmp_path, target)
     assert not path.is_symlink()
     assert path.read_text() == "new"
     assert (tmp_path / "there").read_text() == "old"
+
+
+@pytest.fixture
+def flushes(monkeypatch):
+    """What is flushed, and what the folders of it hold at that moment."""
+    seen, flush = [], os.fsync
+
+    def flush_noted(descriptor):
+        place = Path(os.readlink(f"/proc/self/fd/{descriptor}"))
+        seen.append((place.name, sorted(os.listdir(place)) if place.is_dir() else None))
+        flush(descriptor)
+
+    monkeypatch.setattr(os, "fsync", flush_noted)
+    return seen
+
+
+def test_files_are_flushed_before_they_take_their_places_and_folders_after(tmp_path, flushes):
+    folders = [tmp_path / "one", tmp_path / "two"]
+    for folder in folders:
+        folder.mkdir()
+    with WholeOutputs() as outputs:
+        for folder in folders:
+            with outputs.making(folder / "out.csv", "the table") as part:
+                part.write_text("new")
+        assert flushes == [("out.csv", None)] * 2
+        outputs.take_places()
+    after = [(name, files) for name, files in flushes[2:] if "out.csv" in files]
+    assert sorted(name for name, _ in after) == ["one", "two"]
+
+
+def test_a_folder_that_cannot_be_flushed_is_said(tmp_path, monkeypatch):
+    def fail(folder):
+        raise OSError(5, "Input/output error")
+
+    monkeypatch.setattr("quorvane.cli.files.flush_folder", fail)
+    with (
+        pytest.raises(DataError, match=r"out\.csv: cannot write the table: Input/output error"),
+        whole_output(tmp_path / "out.csv", "the table") as part,
+    ):
+        part.write_text("new")
+    assert os.listdir(tmp_path) == ["out.csv"]
+
+
+def test_a_folder_that_may_not_be_read_is_flushed_with_everything_else(tmp_path, monkeypatch):
+    synced, open_file = [], os.open
+
+    def open_no_folder(path, flags, *arguments):
+        if flags & os.O_DIRECTORY:
+            raise PermissionError(13, "Permission denied")
+        return open_file(path, flags, *arguments)
+
+    with monkeypatch.context() as patched, whole_output(tmp_path / "out.csv", "the table") as part:
+        part.write_text("new")
+        patched.setattr(os, "open", open_no_folder)
+        patched.setattr(os, "sync", lambda: synced.append(os.listdir(tmp_path)))
+    assert len(synced) == 1
+    assert "out.csv" in synced[0]
+
+
+def test_the_first_output_takes_its_place_last(tmp_path, monkeypatch):
+    replace, placed = Path.replace, []
+
+    def replace_noted(part, path):
+        placed.append(path.name)
+        return replace(part, path)
+
+    monkeypatch.setattr(Path, "replace", replace_noted)
+    with WholeOutputs() as outputs:
+        for name in ("table.csv", "trace.npz"):
+            with outputs.making(tmp_path / name, name) as part:
+                part.write_text("new")
+        assert placed == []
+        outputs.take_places()
+    assert placed == ["trace.npz", "table.csv"]
+    assert sorted(os.listdir(tmp_path)) == ["table.csv", "trace.npz"]
 
 
 @pytest.mark.parametrize("error", [ValueError, KeyboardInterrupt, MemoryError])

@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import hashlib
 import json
-import os
 import secrets
 from collections.abc import Iterator, Mapping, Sequence
 from contextlib import contextmanager
@@ -77,13 +76,14 @@ class RunIdentity:
 class Checkpoint:
     """The checkpoint of one run in a SQLite store.
 
-    Each save writes the rows recorded since the last one as records of their own, then the head:
-    day number, identity, the rotation's state, and how many records of rows there are. The head
-    is one atomic record, so a run that is killed resumes from the last whole one.
+    Each save adds the rows recorded since the last one as records of their own, and a head: day
+    number, identity, the rotation's state, and how many records of rows there are. Rows and head
+    are one transaction, so a run that is killed resumes from the last whole one.
 
-    Head and rows bear the token of their run, which stays when it is resumed, so rows of two runs
-    are never put together. A process that starts or resumes also leaves a token of its own, and
-    whoever finds another's there writes no more.
+    A process that starts or resumes leaves a token in the file, and one that finds another's
+    there changes nothing any more, neither the file nor the outputs. It looks in the transaction
+    in which it would: nobody can take the checkpoint over in between. Head and rows also bear the
+    token of their run, which stays when it is resumed: rows of two runs are never put together.
     """
 
     def __init__(
@@ -104,11 +104,17 @@ class Checkpoint:
         self._writer = secrets.token_hex(16)
 
     def start(self) -> None:
-        """Begin at day 0, in place of whatever run the file holds."""
+        """Begin at day 0, in place of whatever run the file holds.
+
+        Raises
+        ------
+        DataError
+            The store refuses.
+        """
         with self._reporting():
-            self._open().write(_WRITER, self._writer)
-        # Written at once: rows to come may replace those that the old head counts.
-        self.save(0)
+            head = self._packed_head(0, 0)
+        with self._transaction() as records:
+            self._begin(records, head)
 
     def save(self, day: int) -> None:
         """Keep everything that is needed to go on with ``day``.
@@ -119,59 +125,96 @@ class Checkpoint:
             The store refuses, or another replay has the file now.
         """
         spans = list(self._spans(self.saved_days, day))
+        with self._reporting():
+            head = self._packed_head(day, self._records + len(spans))
+        with self._transaction() as records:
+            self._require_own(records)
+            # Rows are packed one record at a time, lest all of them be in memory twice.
+            for number, (first, last) in enumerate(spans, start=self._records):
+                records.write(_rows_name(number), self._rows(first, last))
+            records.write(_HEAD, head)
+        self._records += len(spans)
+        self.saved_days = day
+
+    def resume(self) -> int | None:
+        """Refill the recorders and the rotation, and take the run over.
+
+        Returns
+        -------
+        int or None
+            The day to go on with; None when the file holds no run yet, as after a kill before
+            the first save, and this one begins at day 0.
+
+        Raises
+        ------
+        DataError
+            The store refuses, or holds a run that this one cannot go on with.
+        """
+        with self._transaction() as records:
+            try:
+                record = records.load(_HEAD)
+            except self._stores.RecordNotFoundError:
+                self._begin(records, self._packed_head(0, 0))
+                return None
+            head = self._head(record)
+            self._require_same_run(head.next_day, head.identity)
+            self._refill(records, head)
+            try:
+                self._rotation.set_state(head.rotation)
+            except (ValueError, TypeError) as error:
+                raise DataError(f"{self.path}: the rotation refuses its state: {error}") from error
+            records.write(_WRITER, self._writer)
+        self._run, self._records, self.saved_days = head.run, head.records, head.next_day
+        return head.next_day
+
+    @contextmanager
+    def held(self) -> Iterator[None]:
+        """Run the block while nobody can take the checkpoint over.
+
+        Raises
+        ------
+        DataError
+            Another replay has the file now, or the store refuses.
+        """
+        with self._transaction() as records:
+            self._require_own(records)
+            yield
+
+    @contextmanager
+    def _transaction(self) -> Iterator[Any]:
+        with self._reporting():
+            store = self._stores.SqliteStore(self.path, namespace=_NAMESPACE, keep=1)
+            with store.transaction() as records:
+                yield records
+
+    def _begin(self, records: Any, head: Any) -> None:
+        records.write(_WRITER, self._writer)
+        records.write(_HEAD, head)
+
+    def _packed_head(self, day: int, records: int) -> Any:
+        """The head after ``day`` days, packed: a large rotation's state takes a while."""
         head = {
             "format": _FORMAT,
             "run": self._run,
             "next_day": day,
             "identity": self._identity.upto(day),
-            "records": self._records + len(spans),
+            "records": records,
             "rotation": self._rotation.get_state(),
         }
-        with self._reporting():
-            store = self._open()
-            self._require_own(store)
-            for number, (first, last) in enumerate(spans, start=self._records):
-                store.write(_rows_name(number), self._rows(first, last))
-            store.write(_HEAD, head)
-        self._records += len(spans)
-        self.saved_days = day
-
-    def resume(self) -> int:
-        """Refill the recorders and the rotation; the day to go on with."""
-        if not os.path.exists(self.path):
-            raise DataError(f"{self.path}: no such file, expected a checkpoint to resume from")
-        with self._reporting():
-            store = self._open()
-            head = self._head(store)
-            self._require_same_run(head.next_day, head.identity)
-            self._refill(store, head)
-            try:
-                self._rotation.set_state(head.rotation)
-            except (ValueError, TypeError) as error:
-                raise DataError(f"{self.path}: the rotation refuses its state: {error}") from error
-            store.write(_WRITER, self._writer)
-        self._run, self._records, self.saved_days = head.run, head.records, head.next_day
-        return head.next_day
-
-    def _open(self) -> Any:
-        return self._stores.SqliteStore(self.path, namespace=_NAMESPACE, keep=1)
+        return self._stores.pack(head)
 
     def _arrays(self) -> dict[str, Any]:
         return {
             name: array for recorder in self._recorders for name, array in recorder.arrays.items()
         }
 
-    def _require_own(self, store: Any) -> None:
-        """Refuse to write into a file that another process has started or resumed meanwhile."""
-        writer = store.load(_WRITER)
+    def _require_own(self, records: Any) -> None:
+        """Refuse to go on with a file that another process has started or resumed meanwhile."""
+        writer = records.load(_WRITER)
         if type(writer) is not str or writer != self._writer:
             raise DataError(f"{self.path}: another replay has taken the checkpoint over")
 
-    def _head(self, store: Any) -> Head:
-        try:
-            record = store.load(_HEAD)
-        except self._stores.RecordNotFoundError as error:
-            raise DataError(f"{self.path}: holds no checkpoint of a replay") from error
+    def _head(self, record: Any) -> Head:
         number = format_of(record)
         if number != _FORMAT:
             raise DataError(f"{self.path}: the checkpoint has format {number}, expected {_FORMAT}")
@@ -188,11 +231,11 @@ class Checkpoint:
         arrays = {name: array[first:last] for name, array in self._arrays().items()}
         return {"run": self._run, "first": first, "last": last, "arrays": arrays}
 
-    def _refill(self, store: Any, head: Head) -> None:
+    def _refill(self, records: Any, head: Head) -> None:
         """Put the stored rows of all days before the head's into the recorders."""
         arrays, filled = self._arrays(), 0
         for number in range(head.records):
-            last, stored = rows_from(store.load(_rows_name(number)), head, filled, arrays)
+            last, stored = rows_from(records.load(_rows_name(number)), head, filled, arrays)
             for name, rows in stored.items():
                 arrays[name][filled:last] = rows
             filled = last

@@ -169,8 +169,8 @@ def _add_checkpoints(replay: argparse.ArgumentParser) -> None:
     group.add_argument(
         "--resume",
         action="store_true",
-        help="go on from the checkpoint; days after it may have been added to the table, "
-        "everything before it must be as it was",
+        help="go on from the checkpoint, or begin when it holds no run yet; days after it may have "
+        "been added to the table, everything before it must be as it was",
     )
     group.add_argument(
         "--stop-after",

@@ -17,6 +17,11 @@ _SHORT = reprlib.Repr()
 _SHORT.maxstring = _SHORT.maxother = _SHORT.maxlong = 100
 
 
+def one_line(text: str) -> str:
+    """``text`` with its control characters, line ends among them, shown as escapes."""
+    return _CONTROL.sub(lambda found: repr(found.group())[1:-1], text)
+
+
 class CommandError(Exception):
     """A failure with a text for the user; ``exit_status`` is the command's exit status."""
 
@@ -24,7 +29,7 @@ class CommandError(Exception):
 
     def __str__(self) -> str:
         """One line, whatever a path or a library's message holds."""
-        return _CONTROL.sub(lambda found: repr(found.group())[1:-1], super().__str__())
+        return one_line(super().__str__())
 
 
 class DataError(CommandError):

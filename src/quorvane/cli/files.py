@@ -7,10 +7,12 @@ import secrets
 import shutil
 import stat
 from collections.abc import Iterator, Sequence
-from contextlib import contextmanager, suppress
+from contextlib import ExitStack, contextmanager, suppress
 from pathlib import Path
+from types import TracebackType
 
 from quorvane.cli.errors import DataError, UsageError
+from quorvane.stores._files import flush_folder
 
 
 def ending_of(path: Path, allowed: Sequence[str], what: str) -> str:
@@ -66,25 +68,57 @@ def _kind(path: Path) -> int | None:
         return None
 
 
-@contextmanager
-def whole_output(path: Path, what: str) -> Iterator[Path]:
-    """A path of the same name in a folder of its own beside ``path``, to write to.
+class WholeOutputs:
+    """Files that are made beside their places and take these when all are made.
 
-    It is renamed onto ``path`` at the end and removed on any failure, so that ``path`` is never
-    left half-written. Nobody else can enter the folder, so nobody can put a link there.
+    Each is made in a folder of its own, which nobody else can enter, so that nobody can put a
+    link there. On any failure all are removed: no place ever holds a file that is half-written.
     """
-    folder = path.with_name(f".part-{secrets.token_hex(8)}")
+
+    def __init__(self) -> None:
+        self._folders = ExitStack()
+        self._made: list[tuple[Path, Path, str]] = []
+
+    def __enter__(self) -> WholeOutputs:
+        return self
+
+    def __exit__(
+        self,
+        kind: type[BaseException] | None,
+        error: BaseException | None,
+        traceback: TracebackType | None,
+    ) -> None:
+        self._folders.close()
+
+    @contextmanager
+    def making(self, path: Path, what: str) -> Iterator[Path]:
+        """A path of the same name as ``path``, to write to; DataError when that fails."""
+        folder = path.with_name(f".part-{secrets.token_hex(8)}")
+        self._folders.callback(shutil.rmtree, folder, ignore_errors=True)
+        with _naming(path, what):
+            folder.mkdir(mode=0o700)
+            part = folder / path.name
+            yield part
+            _keep_mode(path, part)
+            _flush(part)
+        self._made.append((part, path, what))
+
+    def take_places(self) -> None:
+        """Rename all that were made, the first one last, so that the others are there with it."""
+        for part, path, what in reversed(self._made):
+            with _naming(path, what):
+                part.replace(path)
+        for _, path, what in self._made:
+            with _naming(path, what):
+                flush_folder(path.parent)
+
+
+@contextmanager
+def _naming(path: Path, what: str) -> Iterator[None]:
     try:
-        folder.mkdir(mode=0o700)
-        part = folder / path.name
-        yield part
-        _flush(part)
-        _keep_mode(path, part)
-        part.replace(path)
+        yield
     except OSError as error:
         raise DataError(f"{path}: cannot write {what}: {error.strerror or error}") from error
-    finally:
-        shutil.rmtree(folder, ignore_errors=True)
 
 
 def _keep_mode(old: Path, new: Path) -> None:

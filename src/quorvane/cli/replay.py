@@ -71,7 +71,9 @@ def replay(
 
 def _with_progress(days: range, wanted: bool) -> Iterable[int]:
     """The days, with a progress bar when it is wanted, on a terminal, and tqdm is installed."""
-    if not (wanted and sys.stderr.isatty() and has_library("tqdm")):
+    # There is no standard error when the process was started with it closed.
+    on_terminal = sys.stderr is not None and sys.stderr.isatty()
+    if not (wanted and on_terminal and has_library("tqdm")):
         return days
     tqdm: Any = require_library("tqdm", "the progress bar").tqdm
     bar: Iterable[int] = tqdm(days, unit="day", desc="replay", leave=False, file=sys.stderr)

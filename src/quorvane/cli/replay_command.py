@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import argparse
 import os
-from contextlib import ExitStack
+from contextlib import nullcontext
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -14,14 +14,14 @@ from numpy.typing import NDArray
 from quorvane.cli import summary
 from quorvane.cli.checkpoint import Checkpoint, RunIdentity
 from quorvane.cli.errors import DataError, UsageError
-from quorvane.cli.files import check_writable, ending_of, whole_output
+from quorvane.cli.files import WholeOutputs, check_writable, ending_of
 from quorvane.cli.inputs import structure_input
 from quorvane.cli.libraries import require_library
 from quorvane.cli.limits import MAX_CELLS, MAX_STRUCTURES
 from quorvane.cli.plot import PICTURE_ENDINGS, Picture, choose_evenly, draw_picture
 from quorvane.cli.recording import OutputRecorder, Recorder, StructureRecorder
 from quorvane.cli.replay import Progress, replay
-from quorvane.cli.saying import say
+from quorvane.cli.saying import note, say
 from quorvane.cli.stopping import StopRequest
 from quorvane.cli.structures import Structures, read_structures
 from quorvane.cli.table import Table
@@ -57,13 +57,13 @@ def replay_command(options: argparse.Namespace) -> int:
     _check_options(options)
     run = _prepare(options)
     checkpoint = _checkpoint(run)
-    first_day = 0 if checkpoint is None else _first_day(checkpoint, options.resume)
+    first_day = 0 if checkpoint is None else _first_day(checkpoint, options)
     with StopRequest() as stop:
         progress = _replay(run, checkpoint, first_day, stop)
     if progress.next_day < run.inputs.shape[0]:
         return _stopped(run, progress, stop.signal_number)
     result = Table(run.output.output, run.table.instruments, run.table.dates)
-    _write(run, result)
+    _write(run, result, checkpoint)
     if not options.quiet:
         say(_summary(run, result, progress))
     return 0
@@ -192,11 +192,14 @@ def _checkpoint(run: Run) -> Checkpoint | None:
     return Checkpoint(options.checkpoint, identity, run.rotation, run.recorders)
 
 
-def _first_day(checkpoint: Checkpoint, resume: bool) -> int:
-    if resume:
-        return checkpoint.resume()
-    checkpoint.start()
-    return 0
+def _first_day(checkpoint: Checkpoint, options: argparse.Namespace) -> int:
+    if not options.resume:
+        checkpoint.start()
+        return 0
+    day = checkpoint.resume()
+    if day is None and not options.quiet:
+        note(f"quorvane replay: {options.checkpoint}: holds no run yet, beginning with day 0")
+    return day or 0
 
 
 def _replay(run: Run, checkpoint: Checkpoint | None, first_day: int, stop: StopRequest) -> Progress:
@@ -238,18 +241,24 @@ def _stopped(run: Run, progress: Progress, signal_number: int | None) -> int:
     return 0 if signal_number is None else 128 + signal_number
 
 
-def _write(run: Run, result: Table) -> None:
-    """Make every output before the first takes its place, so that a failure changes none."""
+def _write(run: Run, result: Table, checkpoint: Checkpoint | None) -> None:
+    """Make every output before the first takes its place, so that a failure changes none.
+
+    They take their places only while the checkpoint is still this run's.
+    """
     options = run.options
-    with ExitStack() as outputs:
-        write_table(outputs.enter_context(whole_output(options.output, "the table")), result)
+    with WholeOutputs() as outputs:
+        with outputs.making(options.output, "the table") as part:
+            write_table(part, result)
         if run.trace is not None:
             slots = {key: run.rotation.slot_by_key[(key,)] for key in run.structures}
-            part = outputs.enter_context(whole_output(options.trace, "the trace"))
-            write_trace(part, run.trace, slots, run.structures, result)
+            with outputs.making(options.trace, "the trace") as part:
+                write_trace(part, run.trace, slots, run.structures, result)
         if run.plotted is not None:
-            part = outputs.enter_context(whole_output(options.plot, "the picture"))
-            draw_picture(part, _picture(run, run.plotted, result))
+            with outputs.making(options.plot, "the picture") as part:
+                draw_picture(part, _picture(run, run.plotted, result))
+        with nullcontext() if checkpoint is None else checkpoint.held():
+            outputs.take_places()
 
 
 def _picture(run: Run, plotted: StructureRecorder, result: Table) -> Picture:

@@ -1,4 +1,4 @@
-"""What the command says on standard output."""
+"""What the command says on standard output, and notes on standard error."""
 
 from __future__ import annotations
 
@@ -6,7 +6,7 @@ import os
 import sys
 from typing import TextIO
 
-from quorvane.cli.errors import DataError
+from quorvane.cli.errors import DataError, one_line
 
 
 def say(text: str) -> None:
@@ -25,6 +25,17 @@ def say(text: str) -> None:
     except OSError as error:
         _discard_rest(stream)
         raise DataError(f"cannot write to standard output: {error.strerror}") from error
+
+
+def note(text: str) -> None:
+    """Print ``text`` as one line on standard error; that it cannot be shown is no failure."""
+    stream = sys.stderr
+    if stream is None:
+        return
+    try:
+        print(one_line(text), file=stream, flush=True)
+    except OSError:
+        _discard_rest(stream)
 
 
 def _discard_rest(stream: TextIO) -> None:

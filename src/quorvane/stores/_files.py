@@ -52,7 +52,12 @@ def make_folder(folder: Path) -> None:
 
 def flush_folder(folder: Path) -> None:
     """Make the names in `folder` survive a power cut."""
-    descriptor = os.open(folder, os.O_RDONLY | os.O_DIRECTORY | os.O_CLOEXEC)
+    try:
+        descriptor = os.open(folder, os.O_RDONLY | os.O_DIRECTORY | os.O_CLOEXEC)
+    except PermissionError:
+        # A folder that may be written to and not read cannot be flushed alone.
+        os.sync()
+        return
     try:
         os.fsync(descriptor)
     except OSError as error:
