@@ -441,6 +441,23 @@ def test_nobody_takes_over_while_the_outputs_take_their_places(
     assert outputs(files, "first") == whole
 
 
+def test_others_need_not_wait_while_the_state_of_the_rotation_is_packed(
+    go, files, hasty, monkeypatch
+):
+    from quorvane import stores
+
+    pack, packed = stores.pack, []
+
+    def pack_while_another_writes(state):
+        stores.SqliteStore(files / "c.db").write("else", len(packed))
+        packed.append(state["next_day"])
+        return pack(state)
+
+    monkeypatch.setattr(stores, "pack", pack_while_another_writes)
+    assert go("first", checkpoint=files / "c.db", checkpoint_every=15).status == 0
+    assert packed == [0, 15, 30, DAYS]
+
+
 def test_a_save_that_fails_half_way_leaves_the_one_before(go, files, whole, monkeypatch):
     options = {"checkpoint": files / "c.db", "checkpoint_every": 7}
     rows, calls = Checkpoint._rows, []

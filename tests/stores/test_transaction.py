@@ -114,6 +114,19 @@ def test_nobody_else_writes_during_a_transaction(path, store):
     assert contents(store) == {"a": 3, "b": 1}
 
 
+def test_others_write_while_a_state_is_packed(path, store, monkeypatch):
+    hasty = SqliteStore(path, busy_timeout=0.05)
+
+    def pack_while_another_writes(state):
+        monkeypatch.undo()
+        hasty.write("b", 7)
+        return pack(state)
+
+    monkeypatch.setattr("quorvane.stores.sqlite.pack", pack_while_another_writes)
+    store.write("a", 2)
+    assert contents(store) == {"a": 2, "b": 7}
+
+
 def test_threads_take_turns(store):
     def add(times):
         for _ in range(times):
