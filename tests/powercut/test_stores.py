@@ -1,0 +1,53 @@
+"""After a power cut at any moment, a store has the last acknowledged state or the one in flight."""
+
+import os
+
+import pytest
+
+from powercut.exploring import explore, outcome_of, some_images
+from powercut.recording import record
+from powercut.subjects import is_acknowledged_or_in_flight, recover_directory, recover_sqlite
+
+pytestmark = pytest.mark.plain_python
+
+LONG = bool(os.environ.get("QUORVANE_LONG"))
+RECOVER = {"directory_store": recover_directory, "sqlite_store": recover_sqlite}
+# Points, and images of each kind at a point; for records that fill megabytes, and for all others.
+USUAL = {"points": None, "images": 25} if LONG else {"points": 100, "images": 3}
+LARGE = {"points": 300, "images": 4} if LONG else {"points": 5, "images": 1}
+AGAIN = {"points": None, "images": 5} if LONG else {"points": 15, "images": 2}
+CUT_TWICE = 40 if LONG else 2
+
+
+@pytest.fixture(params=RECOVER)
+def writer(request):
+    """The writer of each kind of store."""
+    return request.param
+
+
+@pytest.mark.parametrize(("sizes", "share"), [("SIZES", USUAL), ("LARGE_SIZES", LARGE)])
+def test_a_store_has_the_last_acknowledged_state_or_the_one_in_flight(
+    preloaded, work, writer, sizes, share
+):
+    recording = record(preloaded, work, writer, sizes)
+    recover = RECOVER[writer]
+    findings = explore(recording, work, recover, is_acknowledged_or_in_flight, **share)
+    assert not findings.faults, findings.faults[:5]
+    print(f"{writer}, {sizes}: {findings}")
+
+
+def test_the_power_may_fail_again_while_a_store_recovers(preloaded, work, writer):
+    """What was there after the first cut is there after the second, or what was written since."""
+    recording = record(preloaded, work / "first", writer)
+    for number, (_, image) in enumerate(some_images(recording, CUT_TWICE)):
+        writes = max(outcome_of(image, work, RECOVER[writer]))
+        again = record(
+            preloaded, work / f"again {number}", writer, "FEW_SIZES", writes + 1, before=image
+        )
+
+        def allowed(said, outcome, writes=writes):
+            return is_acknowledged_or_in_flight(writes + said, outcome)
+
+        findings = explore(again, work, RECOVER[writer], allowed, **AGAIN)
+        assert not findings.faults, findings.faults[:5]
+        print(f"{writer}, cut twice: {findings}")
