@@ -2,19 +2,24 @@
 
    POWERCUT_FOLDER is the folder that is watched, POWERCUT_LOG the file of notes. Each note is the
    struct below and two texts: the path, and the data or a second path. Only calls that succeeded
-   are noted. One lock is held over the call and its note, so the notes have the calls' order. */
+   are noted. One lock is held over the call and its note, so the notes have the calls' order.
+
+   A sanitizer's runtime makes calls before its own versions of the C library's functions are ready.
+   So the system is called directly, and the lock is our own. The names are those of 64-bit Linux.
+ */
 
 #define _GNU_SOURCE
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <pthread.h>
+#include <sched.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -28,22 +33,31 @@ struct note {
     uint32_t second_bytes;
 };
 
-static pthread_mutex_t lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+static char locked;
 static const char* folder;
 static size_t folder_bytes;
 static int notes = -1;
 static char watched[1 << 16];
 
-#define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
+static void lock(void) {
+    while (__atomic_test_and_set(&locked, __ATOMIC_ACQUIRE)) {
+        sched_yield();
+    }
+}
+
+static void unlock(void) { __atomic_clear(&locked, __ATOMIC_RELEASE); }
 
 __attribute__((constructor)) static void begin(void) {
     const char* path = getenv("POWERCUT_LOG");
-    folder = getenv("POWERCUT_FOLDER");
-    if (folder == NULL || path == NULL) {
+    const char* watched_folder = getenv("POWERCUT_FOLDER");
+    if (watched_folder == NULL || path == NULL) {
         return;
     }
+    /* Asking for memory makes a sanitizer's runtime ready, before the first note. */
+    folder = strdup(watched_folder);
     folder_bytes = strlen(folder);
-    notes = REAL(open)(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    notes =
+        (int)syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
 }
 
 static void note(int kind, int descriptor, int64_t number, const char* first, const void* second,
@@ -84,7 +98,7 @@ static int in_folder(int at, const char* path, char absolute[PATH_MAX]) {
            (absolute[folder_bytes] == '/' || absolute[folder_bytes] == '\0');
 }
 
-static int opened(int descriptor, int at, const char* path, int flags) {
+static void opened(int descriptor, int at, const char* path, int flags) {
     char absolute[PATH_MAX];
     if (descriptor >= 0 && in_folder(at, path, absolute)) {
         if (descriptor >= (int)sizeof watched) {
@@ -93,99 +107,96 @@ static int opened(int descriptor, int at, const char* path, int flags) {
         watched[descriptor] = 1;
         note(OPEN, descriptor, flags, absolute, "", 0);
     }
-    return descriptor;
 }
 
-#define OPENING(name, at, parameters, arguments)                    \
-    int name parameters {                                           \
-        va_list rest;                                               \
-        va_start(rest, flags);                                      \
-        mode_t mode = flags & O_CREAT ? va_arg(rest, mode_t) : 0;   \
-        va_end(rest);                                               \
-        pthread_mutex_lock(&lock);                                  \
-        int result = opened(REAL(name) arguments, at, path, flags); \
-        pthread_mutex_unlock(&lock);                                \
-        return result;                                              \
+#define OPENING(name, at, parameters)                                 \
+    int name parameters {                                             \
+        va_list rest;                                                 \
+        va_start(rest, flags);                                        \
+        mode_t mode = flags & O_CREAT ? va_arg(rest, mode_t) : 0;     \
+        va_end(rest);                                                 \
+        lock();                                                       \
+        int result = (int)syscall(SYS_openat, at, path, flags, mode); \
+        opened(result, at, path, flags);                              \
+        unlock();                                                     \
+        return result;                                                \
     }
 
-OPENING(open, AT_FDCWD, (const char* path, int flags, ...), (path, flags, mode))
-OPENING(open64, AT_FDCWD, (const char* path, int flags, ...), (path, flags, mode))
-OPENING(openat, at, (int at, const char* path, int flags, ...), (at, path, flags, mode))
-OPENING(openat64, at, (int at, const char* path, int flags, ...), (at, path, flags, mode))
+OPENING(open, AT_FDCWD, (const char* path, int flags, ...))
+OPENING(open64, AT_FDCWD, (const char* path, int flags, ...))
+OPENING(openat, at, (int at, const char* path, int flags, ...))
+OPENING(openat64, at, (int at, const char* path, int flags, ...))
 
-/* A call by descriptor: `noted` runs when it has succeeded on a watched one. */
-#define BY_DESCRIPTOR(type, name, parameters, arguments, noted) \
-    type name parameters {                                      \
-        pthread_mutex_lock(&lock);                              \
-        type result = REAL(name) arguments;                     \
-        if (result >= 0 && is_watched(descriptor)) {            \
-            noted;                                              \
-        }                                                       \
-        pthread_mutex_unlock(&lock);                            \
-        return result;                                          \
+/* A call by descriptor, with what it notes when it has succeeded on a watched one. */
+#define BY_DESCRIPTOR(type, name, parameters, call, noted) \
+    type name parameters {                                 \
+        lock();                                            \
+        type result = (type)syscall call;                  \
+        if (result >= 0 && is_watched(descriptor)) {       \
+            noted;                                         \
+        }                                                  \
+        unlock();                                          \
+        return result;                                     \
     }
 
 BY_DESCRIPTOR(ssize_t, write, (int descriptor, const void* data, size_t size),
-              (descriptor, data, size),
+              (SYS_write, descriptor, data, size),
               note(WRITE, descriptor, lseek(descriptor, 0, SEEK_CUR) - result, "", data,
                    (size_t)result))
 BY_DESCRIPTOR(ssize_t, pwrite, (int descriptor, const void* data, size_t size, off_t place),
-              (descriptor, data, size, place),
+              (SYS_pwrite64, descriptor, data, size, place),
               note(WRITE, descriptor, place, "", data, (size_t)result))
 BY_DESCRIPTOR(ssize_t, pwrite64, (int descriptor, const void* data, size_t size, off64_t place),
-              (descriptor, data, size, place),
+              (SYS_pwrite64, descriptor, data, size, place),
               note(WRITE, descriptor, place, "", data, (size_t)result))
-BY_DESCRIPTOR(int, ftruncate, (int descriptor, off_t size), (descriptor, size),
+BY_DESCRIPTOR(int, ftruncate, (int descriptor, off_t size), (SYS_ftruncate, descriptor, size),
               note(TRUNCATE, descriptor, size, "", "", 0))
-BY_DESCRIPTOR(int, ftruncate64, (int descriptor, off64_t size), (descriptor, size),
+BY_DESCRIPTOR(int, ftruncate64, (int descriptor, off64_t size), (SYS_ftruncate, descriptor, size),
               note(TRUNCATE, descriptor, size, "", "", 0))
-BY_DESCRIPTOR(int, fsync, (int descriptor), (descriptor), note(SYNC, descriptor, 0, "", "", 0))
-BY_DESCRIPTOR(int, fdatasync, (int descriptor), (descriptor), note(SYNC, descriptor, 0, "", "", 0))
-BY_DESCRIPTOR(int, close, (int descriptor), (descriptor), {
+BY_DESCRIPTOR(int, fsync, (int descriptor), (SYS_fsync, descriptor),
+              note(SYNC, descriptor, 0, "", "", 0))
+BY_DESCRIPTOR(int, fdatasync, (int descriptor), (SYS_fdatasync, descriptor),
+              note(SYNC, descriptor, 0, "", "", 0))
+BY_DESCRIPTOR(int, close, (int descriptor), (SYS_close, descriptor), {
     watched[descriptor] = 0;
     note(CLOSE, descriptor, 0, "", "", 0);
 })
 
 /* A call by path, which stands in `path` as seen from `at`. */
-#define BY_PATH(kind, at, name, parameters, arguments) \
-    int name parameters {                              \
-        char absolute[PATH_MAX];                       \
-        pthread_mutex_lock(&lock);                     \
-        int inside = in_folder(at, path, absolute);    \
-        int result = REAL(name) arguments;             \
-        if (result == 0 && inside) {                   \
-            note(kind, -1, 0, absolute, "", 0);        \
-        }                                              \
-        pthread_mutex_unlock(&lock);                   \
-        return result;                                 \
+#define BY_PATH(kind, at, name, parameters, call)   \
+    int name parameters {                           \
+        char absolute[PATH_MAX];                    \
+        lock();                                     \
+        int inside = in_folder(at, path, absolute); \
+        int result = (int)syscall call;             \
+        if (result == 0 && inside) {                \
+            note(kind, -1, 0, absolute, "", 0);     \
+        }                                           \
+        unlock();                                   \
+        return result;                              \
     }
 
-BY_PATH(UNLINK, AT_FDCWD, unlink, (const char* path), (path))
+BY_PATH(UNLINK, AT_FDCWD, unlink, (const char* path), (SYS_unlinkat, AT_FDCWD, path, 0))
 BY_PATH(flags& AT_REMOVEDIR ? RMDIR : UNLINK, at, unlinkat, (int at, const char* path, int flags),
-        (at, path, flags))
-BY_PATH(MKDIR, AT_FDCWD, mkdir, (const char* path, mode_t mode), (path, mode))
-BY_PATH(MKDIR, at, mkdirat, (int at, const char* path, mode_t mode), (at, path, mode))
-BY_PATH(RMDIR, AT_FDCWD, rmdir, (const char* path), (path))
+        (SYS_unlinkat, at, path, flags))
+BY_PATH(MKDIR, AT_FDCWD, mkdir, (const char* path, mode_t mode),
+        (SYS_mkdirat, AT_FDCWD, path, mode))
+BY_PATH(MKDIR, at, mkdirat, (int at, const char* path, mode_t mode), (SYS_mkdirat, at, path, mode))
+BY_PATH(RMDIR, AT_FDCWD, rmdir, (const char* path), (SYS_unlinkat, AT_FDCWD, path, AT_REMOVEDIR))
 
-static int renamed(int result, int from, const char* path, int to, const char* target) {
+int renameat(int from, const char* path, int to, const char* target) {
     char old_path[PATH_MAX];
     char new_path[PATH_MAX];
-    if (result == 0 && in_folder(from, path, old_path) && in_folder(to, target, new_path)) {
+    lock();
+    int inside = in_folder(from, path, old_path) && in_folder(to, target, new_path);
+    int result = (int)syscall(SYS_renameat2, from, path, to, target, 0);
+    if (result == 0 && inside) {
         note(RENAME, -1, 0, old_path, new_path, strlen(new_path));
     }
+    unlock();
     return result;
 }
 
 int rename(const char* path, const char* target) {
-    pthread_mutex_lock(&lock);
-    int result = renamed(REAL(rename)(path, target), AT_FDCWD, path, AT_FDCWD, target);
-    pthread_mutex_unlock(&lock);
-    return result;
-}
-
-int renameat(int from, const char* path, int to, const char* target) {
-    pthread_mutex_lock(&lock);
-    int result = renamed(REAL(renameat)(from, path, to, target), from, path, to, target);
-    pthread_mutex_unlock(&lock);
-    return result;
+    return renameat(AT_FDCWD, path, AT_FDCWD, target);
 }

@@ -42,7 +42,7 @@ def build_preloaded(folder):
     # A sanitizer that watches the tests must not look for leaks in the compiler.
     environment = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
     subprocess.run(
-        [compiler, "-x", "c", "-shared", "-fPIC", "-o", library, _SOURCE, "-ldl", "-pthread"],
+        [compiler, "-x", "c", "-shared", "-fPIC", "-o", library, _SOURCE],
         env=environment,
         check=True,
     )
