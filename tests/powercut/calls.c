@@ -34,7 +34,7 @@ struct note {
 };
 
 static char locked;
-static const char* folder;
+static char* folder;
 static size_t folder_bytes;
 static int notes = -1;
 static char watched[1 << 16];
@@ -54,8 +54,9 @@ __attribute__((constructor)) static void begin(void) {
         return;
     }
     /* Asking for memory makes a sanitizer's runtime ready, before the first note. */
-    folder = strdup(watched_folder);
-    folder_bytes = strlen(folder);
+    folder_bytes = strlen(watched_folder);
+    folder = malloc(folder_bytes + 1);
+    memcpy(folder, watched_folder, folder_bytes + 1);
     notes =
         (int)syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
 }

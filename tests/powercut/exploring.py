@@ -23,7 +23,7 @@ class Findings:
         return f"{self.points} points, {self.tried} images, {self.distinct} distinct"
 
 
-def explore(recording, work, recover, allowed, *, points=None, images=10**9, seed=1):
+def explore(recording, work, recover, allowed, *, points, images, seed=1):
     """Recover from images of the disk as a power cut may leave it.
 
     Parameters
@@ -36,8 +36,10 @@ def explore(recording, work, recover, allowed, *, points=None, images=10**9, see
         Takes the folder of an image and returns what it recovers to, or raises.
     allowed : callable
         Takes how often the writer has spoken and an outcome; tells whether it may be.
-    points, images : int
-        About how many points, and how many images of each kind at a point; all by default.
+    points : int or None
+        About how many points; None for all.
+    images : int
+        How many images of each kind at a point; see `choices`.
     """
     random = Random(seed)
     findings = Findings()

@@ -6,11 +6,11 @@ from powercut.disk import Grow, Write
 
 
 def choices(pending, random, most):
-    """Lists of changes that may have come to the disk, at most about so many.
+    """Lists of changes that may have come to the disk.
 
-    Always none and all; then, or a sample of them: all but one, one alone, one torn between two
-    sectors with all the others or with those before it, one that only made the file longer; and
-    as many random selections of sectors and names, half of them in random order.
+    Always none and all; then at most so many, or a sample, of these: all but one, one alone, one
+    torn between two sectors with all the others or with those before it, one that only made the
+    file longer; and so many random selections of sectors and names, half of them in random order.
     """
     yield []
     if not pending:
@@ -25,7 +25,7 @@ def choices(pending, random, most):
         systematic = random.sample(systematic, most)
     for choice in systematic:
         yield choice()
-    for _ in range(min(len(systematic), most)):
+    for _ in range(most):
         yield _at_random(pending, random)
 
 
