@@ -19,6 +19,13 @@ class Findings:
     distinct: int = 0
     faults: list[str] = field(default_factory=list)
 
+    def add(self, other):
+        """Count what another search tried and found."""
+        self.points += other.points
+        self.tried += other.tried
+        self.distinct += other.distinct
+        self.faults += other.faults
+
     def __str__(self):
         return f"{self.points} points, {self.tried} images, {self.distinct} distinct"
 
@@ -65,15 +72,14 @@ def explore(recording, work, recover, allowed, *, points, images, seed=1):
 
 
 def some_images(recording, count, seed=1):
-    """Images of random points, with what the writer had said at each."""
+    """Images of random points, one of each."""
     random = Random(seed)
     chosen = sorted(random.sample(sorted(_points(recording, random, None)), count))
-    disk, said = recording.disk(), 0
+    disk = recording.disk()
     for number, call in enumerate(recording.calls):
         disk.play(call)
-        said += call.kind is Kind.SAY
         if number in chosen:
-            yield said, disk.image(random.choice(list(choices(disk.pending, random, 10))))
+            yield disk.image(random.choice(list(choices(disk.pending, random, 10))))
 
 
 def _points(recording, random, most):

@@ -59,7 +59,7 @@ def record(preloaded, work, writer, *arguments, before=None):
     places = [str(Path(quorvane.__file__).absolute().parents[1]), str(_TESTS)]
     # A sanitizer that is preloaded already must stay the first.
     others = [os.environ["LD_PRELOAD"]] if "LD_PRELOAD" in os.environ else []
-    subprocess.run(
+    done = subprocess.run(
         [sys.executable, "-m", "powercut.writers", writer, disk, notes, *map(str, arguments)],
         env={
             **os.environ,
@@ -69,10 +69,11 @@ def record(preloaded, work, writer, *arguments, before=None):
             "POWERCUT_FOLDER": str(disk.parent),
             "POWERCUT_LOG": str(log),
         },
-        stdout=subprocess.DEVNULL,
-        check=True,
+        capture_output=True,
+        text=True,
         timeout=120,
     )
+    assert done.returncode == 0, done.stderr[-3000:]
     recording = Recording(before or {}, read_calls(log, disk, notes))
     recording.require_whole(disk)
     return recording

@@ -4,7 +4,7 @@ import os
 
 import pytest
 
-from powercut.exploring import explore, outcome_of, some_images
+from powercut.exploring import Findings, explore, outcome_of, some_images
 from powercut.recording import record
 from powercut.subjects import is_acknowledged_or_in_flight, recover_directory, recover_sqlite
 
@@ -44,7 +44,8 @@ def test_a_store_has_the_last_acknowledged_state_or_the_one_in_flight(
 def test_the_power_may_fail_again_while_a_store_recovers(preloaded, work, writer):
     """What was there after the first cut is there after the second, or what was written since."""
     recording = record(preloaded, work / "first", writer)
-    for number, (_, image) in enumerate(some_images(recording, CUT_TWICE)):
+    findings = Findings()
+    for number, image in enumerate(some_images(recording, CUT_TWICE)):
         writes = max(outcome_of(image, work, RECOVER[writer]))
         again = record(
             preloaded, work / f"again {number}", writer, "FEW_SIZES", writes + 1, before=image
@@ -53,6 +54,6 @@ def test_the_power_may_fail_again_while_a_store_recovers(preloaded, work, writer
         def allowed(said, outcome, writes=writes):
             return is_acknowledged_or_in_flight(writes + said, outcome)
 
-        findings = explore(again, work, RECOVER[writer], allowed, **CUT_AGAIN)
-        assert not findings.faults, findings.faults[:5]
-        print(f"{writer}, cut twice: {findings}")
+        findings.add(explore(again, work, RECOVER[writer], allowed, **CUT_AGAIN))
+    assert not findings.faults, findings.faults[:5]
+    print(f"{writer}, cut twice: {findings}")

@@ -63,7 +63,7 @@ def sqlite_store_without_flushes(disk, say):
     sqlite_store(disk, say)
 
 
-def replay(disk, say, table, structures):
+def replay(disk, say, table, structures, *flags):
     """Replay a table with a checkpoint every other day, and say how many days are saved."""
     from quorvane.cli import main
     from quorvane.cli.checkpoint import Checkpoint
@@ -76,7 +76,7 @@ def replay(disk, say, table, structures):
             say(day)
 
     Checkpoint.save = save_and_say
-    assert main(replay_arguments(disk, table, structures)) == 0
+    assert main([*replay_arguments(disk, table, structures), *flags]) == 0
     say("outputs")
 
 
