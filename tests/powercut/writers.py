@@ -3,8 +3,10 @@
 `python -m powercut.writers FUNCTION DISK NOTES [ARGUMENT...]` runs one of the functions.
 """
 
+import contextlib
 import mmap
 import os
+import sqlite3
 import sys
 from pathlib import Path
 
@@ -41,6 +43,16 @@ def sqlite_store(disk, say, sizes="SIZES", first=1):
     from quorvane.stores import SqliteStore
 
     _write_all(lambda: SqliteStore(disk / "states.db", keep=KEEP), say, sizes, int(first))
+
+
+def sqlite_store_beside_a_reader(disk, say, sizes="SIZES"):
+    """As `sqlite_store`, with the file open elsewhere: SQLite then keeps its log and reuses it."""
+    from quorvane.stores import SqliteStore
+
+    SqliteStore(disk / "states.db")
+    with contextlib.closing(sqlite3.connect(disk / "states.db")) as reader:
+        reader.execute("SELECT count(*) FROM records").fetchone()
+        sqlite_store(disk, say, sizes)
 
 
 def directory_store_without_flushed_files(disk, say):
