@@ -69,10 +69,14 @@ def directory_store_without_flushed_folders(disk, say):
 
 def sqlite_store_without_flushes(disk, say):
     """As `sqlite_store`, with SQLite's synchronous=OFF."""
-    from quorvane.stores import _sqlite_file
-
-    _sqlite_file._CONNECTION_SETTINGS = ("PRAGMA synchronous = OFF",)
+    _set_synchronous("OFF")
     sqlite_store(disk, say)
+
+
+def sqlite_store_without_flushed_commits(disk, say):
+    """As `sqlite_store_beside_a_reader`, with SQLite's synchronous=NORMAL."""
+    _set_synchronous("NORMAL")
+    sqlite_store_beside_a_reader(disk, say)
 
 
 def replay(disk, say, table, structures, *flags):
@@ -170,6 +174,12 @@ def _write_all(open_store, say, sizes, first):
             store = open_store()
         store.write(name_of(number), state(number, size))
         say(number)
+
+
+def _set_synchronous(mode):
+    from quorvane.stores import _sqlite_file
+
+    _sqlite_file._CONNECTION_SETTINGS = (f"PRAGMA synchronous = {mode}",)
 
 
 def _flush_only(wanted):
