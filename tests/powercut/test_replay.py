@@ -14,8 +14,8 @@ from powercut.recording import record
 from quorvane.cli import main
 
 LONG = bool(os.environ.get("QUORVANE_LONG"))
-SHARE = {"points": None, "images": 12} if LONG else {"points": 50, "images": 3}
-CUT_TWICE = 25 if LONG else 1
+SHARE = {"points": None, "images": 25} if LONG else {"points": 50, "images": 3}
+CUT_TWICE = 8 if LONG else 1
 CUT_AGAIN = {"points": 60, "images": 3} if LONG else {"points": 10, "images": 1}
 
 TABLE = """\
