@@ -1,0 +1,91 @@
+"""A process ends as it was asked to, whatever its threads are computing or writing meanwhile."""
+
+import os
+import signal
+from pathlib import Path
+
+import pytest
+
+from quorvane.stores import DirectoryStore, SqliteStore
+
+LONG = bool(os.environ.get("QUORVANE_LONG"))
+EXITS = 24 if LONG else 4
+THREADS = 3
+
+COMPUTING = [
+    "one_structure",
+    "baskets_and_children",
+    "whole_tables",
+    "columns_made_and_read",
+    "children_alone",
+    "long_restores",
+    "quiet_restores",
+    "python_child_and_sink",
+    "errors_in_flight",
+    "one_for_all",
+]
+WRITING = ["directory_checkpoints", "sqlite_checkpoints"]
+
+# The exit status, and how the last line on standard error begins.
+ENDS = {
+    "returning": (0, ""),
+    "exiting": (3, ""),
+    "failing": (1, "RuntimeError: the end"),
+    "leaving_at_once": (4, ""),
+    "terminated": (-signal.SIGTERM, ""),
+    "interrupted": (-signal.SIGINT, "KeyboardInterrupt"),
+    "terminated_by_handler": (5, ""),
+}
+
+
+def ends(outcomes):
+    """How the processes ended: status and last line, with the whole text where it is not usual."""
+    return [(outcome["status"], last_line(outcome["said"])) for outcome in outcomes]
+
+
+def last_line(said):
+    lines = said.splitlines()
+    # A traceback alone belongs to the main thread's error; anything else is told in full.
+    if lines and lines[0] == "Traceback (most recent call last):" and said.count("\n\n") == 0:
+        return lines[-1]
+    return said
+
+
+@pytest.mark.parametrize("way", ENDS)
+@pytest.mark.parametrize("work", COMPUTING)
+def test_threads_that_compute_do_not_change_the_end(exits, tmp_path, work, way):
+    outcomes = exits.outcomes(
+        "work_in_threads", tmp_path, range(EXITS), work=work, way=way, threads=THREADS
+    )
+    assert ends(outcomes) == [ENDS[way]] * EXITS
+
+
+@pytest.mark.parametrize("way", ENDS)
+@pytest.mark.parametrize("work", WRITING)
+def test_threads_that_write_leave_a_state_acknowledged_or_in_flight(exits, tmp_path, work, way):
+    pytest.importorskip("msgpack")
+    outcomes = exits.outcomes(
+        "work_in_threads", tmp_path, range(EXITS), work=work, way=way, threads=THREADS
+    )
+    assert ends(outcomes) == [ENDS[way]] * EXITS
+    for seed in range(EXITS):
+        for thread in range(THREADS + 1):
+            check_store(tmp_path / str(seed), work, str(thread))
+
+
+def check_store(folder, work, thread):
+    """The newest state is the last acknowledged one, or the one that was being written."""
+    if work == "directory_checkpoints":
+        store = DirectoryStore(folder, namespace=thread)
+    else:
+        store = SqliteStore(folder / "s.db", namespace=thread)
+    acknowledged = last_acknowledged(folder / f"acknowledged-{thread}")
+    state = store.read("pairs")
+    found = 0 if state is None else state["child_states"][0]["days"][0]
+    assert found in (acknowledged, acknowledged + 1)
+
+
+def last_acknowledged(notes):
+    data = Path(notes).read_bytes() if notes.exists() else b""
+    whole = len(data) - len(data) % 8
+    return int.from_bytes(data[whole - 8 : whole], "little") if whole else 0
