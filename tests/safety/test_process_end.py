@@ -7,6 +7,7 @@ from pathlib import Path
 import pytest
 
 from quorvane.stores import DirectoryStore, SqliteStore
+from safety.endings.exits import ends
 
 LONG = bool(os.environ.get("QUORVANE_LONG"))
 EXITS = 24 if LONG else 4
@@ -36,19 +37,6 @@ ENDS = {
     "interrupted": (-signal.SIGINT, "KeyboardInterrupt"),
     "terminated_by_handler": (5, ""),
 }
-
-
-def ends(outcomes):
-    """How the processes ended: status and last line, with the whole text where it is not usual."""
-    return [(outcome["status"], last_line(outcome["said"])) for outcome in outcomes]
-
-
-def last_line(said):
-    lines = said.splitlines()
-    # A traceback alone belongs to the main thread's error; anything else is told in full.
-    if lines and lines[0] == "Traceback (most recent call last):" and said.count("\n\n") == 0:
-        return lines[-1]
-    return said
 
 
 @pytest.mark.parametrize("way", ENDS)

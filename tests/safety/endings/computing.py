@@ -99,17 +99,14 @@ def ready_made(**constructor):
     return FixedBaskets(PAIRS, NAMES, transformation_expression="ewma(20);rank", **constructor)
 
 
-def odd_state(rotation):
-    """The state of a rotation with weights and metadata that need Python to be taken over."""
-    state = rotation.get_state()
-    state["legs_by_slot"] = {
+def odd_state(state):
+    """A rotation's state with weights and metadata that need Python to be taken over."""
+    legs = {
         slot: [[leg, Weight(weight)] for leg, weight in legs]
         for slot, legs in state["legs_by_slot"].items()
     }
-    state["structure_metadata_by_slot"] = [
-        {**entry, "note": Weight(1.0)} for entry in state["structure_metadata_by_slot"]
-    ]
-    return state
+    metadata = [{**entry, "note": Weight(1.0)} for entry in state["structure_metadata_by_slot"]]
+    return {**state, "legs_by_slot": legs, "structure_metadata_by_slot": metadata}
 
 
 # Kinds of work
@@ -157,7 +154,7 @@ def children_alone(folder, thread):
 def long_restores(folder, thread):
     rotation = Pairs(SLOTS, child_rotations=[Doubling()])
     rotation(row(SLOTS + 1))
-    state = odd_state(rotation)
+    state = odd_state(rotation.get_state())
     return lambda: rotation.set_state(state)
 
 

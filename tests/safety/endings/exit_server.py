@@ -15,6 +15,7 @@ from pathlib import Path
 
 from safety.endings import left_behind
 from safety.endings.computing import WORK
+from safety.endings.interrupting import interrupt_often
 from safety.endings.ways import WAYS
 
 SECONDS_TO_LIVE = 100
@@ -41,7 +42,7 @@ def leave_behind(folder, seed, *, what):
     left_behind.LEFT_BEHIND[what](Path(folder))
 
 
-TASKS = {task.__name__: task for task in [work_in_threads, leave_behind]}
+TASKS = {task.__name__: task for task in [work_in_threads, leave_behind, interrupt_often]}
 
 
 def started(folder, said):

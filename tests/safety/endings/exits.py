@@ -51,3 +51,15 @@ class ExitServer:
         self._server.stdin.write(json.dumps(request) + "\n")
         self._server.stdin.flush()
         return json.loads(self._server.stdout.readline())
+
+
+def ends(outcomes):
+    """How the processes ended: the status, and what was said, of a traceback its last line."""
+    return [(outcome["status"], _last_line(outcome["said"])) for outcome in outcomes]
+
+
+def _last_line(said):
+    # Only one that stands alone: what else is said is said in full.
+    if said.startswith("Traceback (most recent call last):\n") and "\n\n" not in said:
+        return said.splitlines()[-1]
+    return said
