@@ -2,11 +2,11 @@
 
 import pytest
 
-from safety.endings.exits import ExitServer
+from support.exits import ExitServer
 
 
 @pytest.fixture(scope="session")
 def exits():
     """Forks processes and tells how they ended."""
-    with ExitServer() as server:
+    with ExitServer("safety.endings.server") as server:
         yield server

@@ -8,7 +8,7 @@ import os
 
 import pytest
 
-from safety.endings.exits import ends
+from support.exits import ends
 
 LONG = bool(os.environ.get("QUORVANE_LONG"))
 PROCESSES = 8 if LONG else 1
@@ -32,15 +32,16 @@ IN_A_STORE = [
 
 @pytest.mark.parametrize("what", IN_A_ROTATION)
 def test_an_interrupted_call_leaves_a_state_that_can_go_on(exits, tmp_path, what):
-    interrupt(exits, tmp_path, what)
+    interrupt(exits, tmp_path, what, TIMES)
 
 
 @pytest.mark.parametrize("what", IN_A_STORE)
 def test_an_interrupted_store_holds_what_was_acknowledged_or_in_flight(exits, tmp_path, what):
     pytest.importorskip("msgpack")
-    interrupt(exits, tmp_path, what)
+    # Fewer, as the disk has to be waited for.
+    interrupt(exits, tmp_path, what, TIMES // 4)
 
 
-def interrupt(exits, folder, what):
-    outcomes = exits.outcomes("interrupt_often", folder, range(PROCESSES), what=what, times=TIMES)
+def interrupt(exits, folder, what, times):
+    outcomes = exits.outcomes("interrupt_often", folder, range(PROCESSES), what=what, times=times)
     assert ends(outcomes) == [(0, "")] * PROCESSES

@@ -4,7 +4,7 @@ import os
 
 import pytest
 
-from safety.endings.exits import ends
+from support.exits import ends
 
 EXITS = 40 if os.environ.get("QUORVANE_LONG") else 2
 

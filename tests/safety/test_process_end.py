@@ -7,7 +7,7 @@ from pathlib import Path
 import pytest
 
 from quorvane.stores import DirectoryStore, SqliteStore
-from safety.endings.exits import ends
+from support.exits import ends
 
 LONG = bool(os.environ.get("QUORVANE_LONG"))
 EXITS = 24 if LONG else 4

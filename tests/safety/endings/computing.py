@@ -7,7 +7,6 @@ sets up something of the thread's own, and returns the step.
 import contextlib
 import functools
 import os
-from pathlib import Path
 
 import numpy as np
 
@@ -196,7 +195,7 @@ def directory_checkpoints(folder, thread):
 
 
 def sqlite_checkpoints(folder, thread):
-    return _checkpoints(SqliteStore(Path(folder) / "s.db", namespace=str(thread)), folder, thread)
+    return _checkpoints(SqliteStore(folder / "s.db", namespace=str(thread)), folder, thread)
 
 
 def _checkpoints(store, folder, thread):
@@ -204,7 +203,7 @@ def _checkpoints(store, folder, thread):
     child = Doubling()
     rotation = Pairs(20, child_rotations=[child])
     flags = os.O_WRONLY | os.O_CREAT | os.O_APPEND
-    notes = os.open(Path(folder) / f"acknowledged-{thread}", flags)
+    notes = os.open(folder / f"acknowledged-{thread}", flags)
     values = row(21)
 
     def step():

@@ -136,6 +136,7 @@ def set_state(folder):
 
     def check():
         assert output_of_days(rotation) in outputs
+        rotation.set_state(states[0])
 
     return operation, check
 
@@ -145,12 +146,11 @@ def recover_from_a_directory(folder):
 
 
 def recover_from_sqlite(folder):
-    return _recover(SqliteStore(os.path.join(folder, "states.db")))
+    return _recover(SqliteStore(folder / "states.db"))
 
 
 def _recover(store):
     rotation, states, outputs = _two_states()
-    rotation.set_state(states[0])
     rotation.checkpoint(store)
 
     def operation():
@@ -160,6 +160,7 @@ def _recover(store):
 
     def check():
         assert output_of_days(rotation) in outputs
+        rotation.set_state(states[0])
 
     return operation, check
 
@@ -174,6 +175,7 @@ def _two_states():
         rotation.set_state(state)
         outputs.append(output_of_days(rotation))
     assert outputs[0] != outputs[1]
+    rotation.set_state(states[0])
     return rotation, states, outputs
 
 
@@ -183,7 +185,7 @@ def checkpoint_to_a_directory(folder):
 
 def checkpoint_to_sqlite(folder):
     # A lock that an interrupted write left behind would fail the next one soon.
-    return _checkpoint(SqliteStore(os.path.join(folder, "states.db"), busy_timeout=5.0))
+    return _checkpoint(SqliteStore(folder / "states.db", busy_timeout=5.0))
 
 
 def _checkpoint(store):

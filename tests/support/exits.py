@@ -8,7 +8,7 @@ from pathlib import Path
 
 import quorvane
 
-TESTS = Path(__file__).parents[2]
+TESTS = Path(__file__).parents[1]
 
 
 def environment():
@@ -22,11 +22,17 @@ def environment():
 
 
 class ExitServer:
-    """A process that forks those that are to end and tells how they did."""
+    """A process that forks those that are to end and tells how they did.
+
+    `module` is run in it and calls `support.exit_server.serve`.
+    """
+
+    def __init__(self, module):
+        self._module = module
 
     def __enter__(self):
         self._server = subprocess.Popen(
-            [sys.executable, "-X", "faulthandler", "-m", "safety.endings.exit_server"],
+            [sys.executable, "-X", "faulthandler", "-m", self._module],
             env=environment(),
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,

@@ -1,0 +1,27 @@
+"""A fork of a process whose threads compute: the new one computes the same, writes, and ends."""
+
+import os
+
+import pytest
+
+from support.exits import ends
+
+LONG = bool(os.environ.get("QUORVANE_LONG"))
+PROCESSES = 2
+FORKS = 50 if LONG else 5
+
+WAYS = [
+    "leaving_at_once",
+    "leaving_the_interpreter",
+    "in_the_middle_of_a_day",
+    "by_multiprocessing",
+]
+
+
+@pytest.mark.parametrize("way", WAYS)
+def test_a_forked_process_does_its_work_and_ends_with_its_status(exits, tmp_path, way):
+    pytest.importorskip("msgpack")
+    outcomes = exits.outcomes(
+        "fork_while_threads_compute", tmp_path, range(PROCESSES), way=way, times=FORKS
+    )
+    assert ends(outcomes) == [(0, "")] * PROCESSES
