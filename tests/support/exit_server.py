@@ -35,7 +35,7 @@ def _outcomes_or_task(tasks, request):
     running, outcomes = {}, []
     for seed in request["seeds"]:
         folder = Path(request["folder"]) / str(seed)
-        folder.mkdir()
+        folder.mkdir(exist_ok=True)
         process = os.fork()
         if process == 0:
             _behave_as_if_started(folder)
@@ -54,7 +54,7 @@ def _behave_as_if_started(folder):
     signal.signal(signal.SIGINT, signal.default_int_handler)
     signal.signal(signal.SIGTERM, signal.SIG_DFL)
     signal.alarm(SECONDS_TO_LIVE)
-    flags = os.O_CREAT | os.O_RDWR
+    flags = os.O_CREAT | os.O_TRUNC | os.O_RDWR
     for stream, path in enumerate([os.devnull, folder / "out", folder / "said"]):
         file = os.open(path, flags)
         os.dup2(file, stream)

@@ -1,0 +1,121 @@
+"""A signal, or two, at any moment of a run: a clean end, whole outputs, and the run can go on."""
+
+import os
+import signal
+import time
+
+import numpy as np
+import pytest
+
+from support.exits import ExitServer
+
+pytest.importorskip("msgpack")
+
+LONG = bool(os.environ.get("QUORVANE_LONG"))
+RUNS = 150 if LONG else 8
+STARTS = 60 if LONG else 4
+DAYS = 60
+
+SIGNALS = {
+    "SIGINT": [signal.SIGINT],
+    "SIGTERM": [signal.SIGTERM],
+    "SIGINT twice": [signal.SIGINT, signal.SIGINT],
+    "SIGTERM twice": [signal.SIGTERM, signal.SIGTERM],
+    "SIGINT, then SIGTERM": [signal.SIGINT, signal.SIGTERM],
+}
+NOTHING_KEPT_YET = ("no such file, expected a checkpoint", "holds no checkpoint of a replay")
+
+
+@pytest.fixture(scope="module")
+def runs():
+    """Forks processes that run the command."""
+    with ExitServer("cli.replay_server") as server:
+        yield server
+
+
+@pytest.fixture
+def arguments(tmp_path):
+    """The command's arguments, with the place of each run left open."""
+    values = 100.0 + np.random.default_rng(5).normal(size=(DAYS, 4)).cumsum(axis=0)
+    np.save(tmp_path / "prices.npy", values)
+    (tmp_path / "structures.toml").write_text("[a]\n0 = 1.0\n1 = -1.0\n[b]\n2 = 0.5\n3 = 0.5\n")
+    options = {
+        "structures": tmp_path / "structures.toml",
+        "expression": "ewma(5);rank",
+        "output": "{folder}/o.csv",
+        "trace": "{folder}/t.jsonl",
+        "checkpoint": "{folder}/c.db",
+        "checkpoint-every": DAYS // 2,
+    }
+    flat = [part for name, value in options.items() for part in (f"--{name}", str(value))]
+    return ["replay", str(tmp_path / "prices.npy"), *flat]
+
+
+@pytest.fixture
+def whole(runs, tmp_path, arguments):
+    """The outputs of a run that nothing disturbed, and how long such a run takes here and now."""
+    start = time.monotonic()
+    for _ in range(2):
+        outcome = run(runs, tmp_path, arguments)
+        assert (outcome["status"], outcome["said"]) == (0, "")
+    return outputs(tmp_path / "0"), (time.monotonic() - start) / 2
+
+
+def run(runs, folder, arguments, seeds=(0,)):
+    """Run the command undisturbed in the folder of each seed; how the last one ended."""
+    return runs.outcomes("replay", folder, seeds, arguments=arguments, numbers=[], longest_wait=0)[
+        -1
+    ]
+
+
+def outputs(folder):
+    return (folder / "o.csv").read_bytes(), (folder / "t.jsonl").read_bytes()
+
+
+def folders_with_old_outputs(place, count):
+    for seed in range(count):
+        folder = place / str(seed)
+        folder.mkdir(parents=True)
+        (folder / "o.csv").write_bytes(b"old")
+        (folder / "t.jsonl").write_bytes(b"old")
+
+
+def check_end(folder, status, numbers, whole):
+    """Each output is the old or the new one, and nothing lies about."""
+    # What the signal ended before or after the command's own handlers is 128 + its number, too.
+    shown = 128 - status if status < 0 else status
+    assert shown in {0, *(128 + number for number in numbers)}
+    for found, new in zip(outputs(folder), whole, strict=True):
+        assert found == new or (shown != 0 and found == b"old")
+    assert [name for name in os.listdir(folder) if name.startswith(".part-")] == []
+
+
+def check_going_on(runs, place, seed, arguments, whole):
+    """The run goes on from its checkpoint, or from its beginning if it had not come to one."""
+    outcome = run(runs, place, [*arguments, "--resume"], [seed])
+    if outcome["status"] == 1:
+        assert any(text in outcome["said"] for text in NOTHING_KEPT_YET)
+        outcome = run(runs, place, arguments, [seed])
+    assert (outcome["status"], outcome["said"]) == (0, "")
+    assert outputs(place / str(seed)) == whole
+    assert {"c.db", "o.csv", "t.jsonl", "out", "said"} == set(os.listdir(place / str(seed)))
+
+
+@pytest.mark.parametrize("name", SIGNALS)
+def test_a_run_ends_cleanly_and_can_go_on(runs, tmp_path, arguments, whole, name):
+    whole, seconds = whole
+    place, numbers = tmp_path / "runs", SIGNALS[name]
+    folders_with_old_outputs(place, RUNS)
+    outcomes = runs.outcomes(
+        "replay",
+        place,
+        range(RUNS),
+        arguments=arguments,
+        numbers=numbers,
+        longest_wait=1.2 * seconds * len(numbers),
+        at_once=1,
+    )
+    for outcome in outcomes:
+        assert outcome["said"] == ""
+        check_end(place / str(outcome["seed"]), outcome["status"], numbers, whole)
+        check_going_on(runs, place, outcome["seed"], arguments, whole)
