@@ -1,19 +1,23 @@
 """A signal, or two, at any moment of a run: a clean end, whole outputs, and the run can go on."""
 
 import os
+import random
 import signal
+import subprocess
+import sys
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
 
-from support.exits import ExitServer
+from support.exits import ExitServer, environment
 
 pytest.importorskip("msgpack")
 
 LONG = bool(os.environ.get("QUORVANE_LONG"))
 RUNS = 150 if LONG else 8
-STARTS = 60 if LONG else 4
+STARTS = 100 if LONG else 3
 DAYS = 60
 
 SIGNALS = {
@@ -119,3 +123,63 @@ def test_a_run_ends_cleanly_and_can_go_on(runs, tmp_path, arguments, whole, name
         assert outcome["said"] == ""
         check_end(place / str(outcome["seed"]), outcome["status"], numbers, whole)
         check_going_on(runs, place, outcome["seed"], arguments, whole)
+
+
+# The interpreter's own start is over, and the command's begins.
+PROGRAM = "import sys; from quorvane.cli import main; print(flush=True); sys.exit(main())"
+
+
+def start(arguments, folder):
+    """Start the command in an interpreter of its own, which takes an interrupt as usual."""
+    return subprocess.Popen(
+        [sys.executable, "-X", "faulthandler", "-c", PROGRAM, *arguments],
+        cwd=folder,
+        env=environment(),
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        text=True,
+        # What a shell starts in the background ignores it.
+        preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL),
+    )
+
+
+def seconds_of_a_start(arguments, folder):
+    begin = time.monotonic()
+    with start(arguments, folder) as process:
+        _, said = process.communicate(timeout=120)
+    assert (process.returncode, said) == (0, "")
+    return time.monotonic() - begin
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+def test_a_signal_while_the_command_is_loaded_ends_it_without_a_word(tmp_path, number):
+    """A table and structures as text: the libraries that read them are loaded while it runs."""
+    (tmp_path / "prices.csv").write_text("Date,A,B\n" + "2020-01-01,1.5,2.5\n" * DAYS)
+    (tmp_path / "s.toml").write_text("[a]\nA = 1.0\nB = -1.0\n")
+    (tmp_path / "o.csv").write_text("old")
+    arguments = ["replay", "prices.csv", "--structures", "s.toml", "--output", "o.csv"]
+    longest = 1.2 * seconds_of_a_start(arguments, tmp_path)
+    whole = (tmp_path / "o.csv").read_text()
+
+    def ended(seed):
+        folder = tmp_path / str(seed)
+        folder.mkdir()
+        for name in ("prices.csv", "s.toml"):
+            (folder / name).hardlink_to(tmp_path / name)
+        (folder / "o.csv").write_text("old")
+        with start(arguments, folder) as process:
+            assert process.stdout.readline() == "\n"
+            time.sleep(random.Random(seed).uniform(0.0, longest))
+            process.send_signal(number)
+            _, said = process.communicate(timeout=120)
+        found = (folder / "o.csv").read_text()
+        return process.returncode, said, found, sorted(os.listdir(folder))
+
+    usual = ["o.csv", "prices.csv", "s.toml"]
+    possible = [(0, "", whole, usual)]
+    possible += [
+        (status, "", found, usual) for status in (-number, 128 + number) for found in ("old", whole)
+    ]
+    with ThreadPoolExecutor(2) as two:
+        for end in two.map(ended, range(STARTS)):
+            assert end in possible

@@ -2,14 +2,16 @@
 
 import os
 import signal
+import sys
 import threading
 from pathlib import Path
 
 import pytest
 
 from quorvane.cli import replay_command
+from quorvane.cli.libraries import require_library
 from quorvane.cli.recording import OutputRecorder
-from quorvane.cli.stopping import StopRequest
+from quorvane.cli.stopping import StopRequest, Terminated, termination_raised
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
@@ -109,6 +111,32 @@ def test_a_signal_outside_the_days_ends_the_run_and_leaves_nothing_over(
     assert (tmp_path / "output.csv").read_text() == "old"
     assert sorted(os.listdir(tmp_path)) == ["output.csv", "prices.csv", "structures.toml"]
     assert (signal.getsignal(signal.SIGINT), signal.getsignal(signal.SIGTERM)) == before
+
+
+SLOW_LIBRARY = """
+import os
+try:
+    os.kill(os.getpid(), {number:d})
+    loaded = "whole"
+except BaseException:
+    loaded = "half"
+"""
+
+
+@pytest.mark.parametrize(
+    ("number", "kind"), [(signal.SIGINT, KeyboardInterrupt), (signal.SIGTERM, Terminated)]
+)
+def test_a_signal_waits_until_a_library_is_loaded(tmp_path, monkeypatch, number, kind):
+    name = f"library_that_takes_long_{number:d}"
+    (tmp_path / f"{name}.py").write_text(SLOW_LIBRARY.format(number=number))
+    monkeypatch.syspath_prepend(tmp_path)
+    before = signal.signal(signal.SIGINT, signal.default_int_handler)
+    try:
+        with termination_raised(), pytest.raises(kind):
+            require_library(name, "a test")
+    finally:
+        signal.signal(signal.SIGINT, before)
+    assert sys.modules.pop(name).loaded == "whole"
 
 
 def test_in_another_thread_no_handler_is_set(replay):

@@ -11,7 +11,7 @@ from quorvane import __version__
 from quorvane.cli.errors import CommandError
 from quorvane.cli.limits import MAX_CELLS, MAX_INSTRUMENTS, MAX_STRUCTURES
 from quorvane.cli.plot import PICTURE_ENDINGS
-from quorvane.cli.stopping import TERMINATED, Terminated, termination_raised
+from quorvane.cli.stopping import TERMINATED, Terminated, signals_held, termination_raised
 from quorvane.cli.structures import STRUCTURE_ENDINGS
 from quorvane.cli.table_io import TABLE_ENDINGS
 from quorvane.cli.trace import TRACE_ENDINGS
@@ -51,8 +51,9 @@ def run(argv: Sequence[str] | None = None) -> int:
         return int(exit_request.code or 0)
     try:
         with termination_raised():
-            # Imported after parsing, so that --help does not wait for it.
-            from quorvane.cli.replay_command import replay_command
+            with signals_held():
+                # Imported after parsing, so that --help does not wait for it.
+                from quorvane.cli.replay_command import replay_command
 
             return replay_command(options)
     except Terminated:

@@ -6,12 +6,13 @@ import importlib
 from types import ModuleType
 
 from quorvane.cli.errors import DataError
+from quorvane.cli.stopping import signals_held
 
 
 def has_library(name: str) -> bool:
     """Whether the library ``name`` can be imported: some are there and want a newer NumPy."""
     try:
-        importlib.import_module(name)
+        _loaded(name)
     except ImportError:
         return False
     return True
@@ -20,9 +21,14 @@ def has_library(name: str) -> bool:
 def require_library(name: str, purpose: str) -> ModuleType:
     """Import ``name``, or say that the extra ``cli`` brings it."""
     try:
-        return importlib.import_module(name)
+        return _loaded(name)
     except ImportError as error:
         raise DataError(
             f"{purpose} needs the library {name.partition('.')[0]}, which cannot be imported "
             f'({error}); install it with: pip install "quorvane[cli]"'
         ) from error
+
+
+def _loaded(name: str) -> ModuleType:
+    with signals_held():
+        return importlib.import_module(name)

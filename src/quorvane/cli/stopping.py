@@ -35,6 +35,29 @@ def _terminate(number: int, frame: FrameType | None) -> NoReturn:
     raise Terminated
 
 
+@contextmanager
+def signals_held() -> Iterator[None]:
+    """While entered, SIGINT and SIGTERM wait: one that breaks into an import may be lost in it.
+
+    A library may take what a handler raises for a failure of its own, or stay half loaded.
+    """
+    if threading.current_thread() is not threading.main_thread():
+        yield
+        return
+    came: list[int] = []
+    handlers = {
+        number: signal.signal(number, lambda number, frame: came.append(number))
+        for number in (signal.SIGINT, signal.SIGTERM)
+    }
+    try:
+        yield
+    finally:
+        for number, handler in handlers.items():
+            signal.signal(number, handler)
+        if came:
+            signal.raise_signal(came[0])
+
+
 class StopRequest:
     """While entered, notes SIGINT and SIGTERM instead of letting them break into a day.
 
