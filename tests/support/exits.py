@@ -65,7 +65,7 @@ def ends(outcomes):
 
 
 def _last_line(said):
-    # Only one that stands alone: what else is said is said in full.
-    if said.startswith("Traceback (most recent call last):\n") and "\n\n" not in said:
+    # Of one error alone: what was raised while another was handled is told in full.
+    if said.startswith("Traceback (most recent call last):\n") and said.count("Traceback (") == 1:
         return said.splitlines()[-1]
     return said
