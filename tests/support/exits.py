@@ -65,7 +65,7 @@ def ends(outcomes):
 
 
 def _last_line(said):
-    # Of one error alone: what was raised while another was handled is told in full.
-    if said.startswith("Traceback (most recent call last):\n") and said.count("Traceback (") == 1:
+    # Whatever else is said comes after the traceback, and is the last line then.
+    if said.startswith("Traceback (most recent call last):\n"):
         return said.splitlines()[-1]
     return said
