@@ -1,4 +1,4 @@
-"""A fork of a process whose threads compute: the new one computes the same, writes, and ends."""
+"""A fork of a process whose threads compute or write: the new one does the same, and ends."""
 
 import os
 
@@ -19,9 +19,10 @@ WAYS = [
 
 
 @pytest.mark.parametrize("way", WAYS)
-def test_a_forked_process_does_its_work_and_ends_with_its_status(exits, tmp_path, way):
+@pytest.mark.parametrize("work", ["baskets_and_children", "directory_checkpoints"])
+def test_a_forked_process_does_its_work_and_ends_with_its_status(exits, tmp_path, work, way):
     pytest.importorskip("msgpack")
     outcomes = exits.outcomes(
-        "fork_while_threads_compute", tmp_path, range(PROCESSES), way=way, times=FORKS
+        "fork_while_threads_work", tmp_path, range(PROCESSES), work=work, way=way, times=FORKS
     )
     assert ends(outcomes) == [(0, "")] * PROCESSES

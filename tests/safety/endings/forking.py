@@ -1,4 +1,4 @@
-"""Forks of a process whose other threads compute; the new process computes, writes and ends."""
+"""Forks of a process whose other threads work; the new process computes, writes and ends."""
 
 import multiprocessing
 import os
@@ -8,7 +8,7 @@ import threading
 from contextlib import contextmanager
 
 from quorvane.stores import DirectoryStore, SqliteStore
-from safety.endings.computing import Pairs, ready_made, row
+from safety.endings.computing import WORK, Pairs, ready_made, row
 from safety.endings.left_behind import output_of_days
 
 STATUS = 7
@@ -16,11 +16,14 @@ SECONDS_TO_LIVE = 60
 THREADS = 3
 
 
-def fork_while_threads_compute(folder, seed, *, way, times):
+def fork_while_threads_work(folder, seed, *, work, way, times):
     """Fork many times in some way; each new process must do its work and end with its status."""
     sys.setswitchinterval(1e-6)
     expected = output_of_days(ready_made())
-    with threads_at_work():
+    # Loads what is needed: a fork in the middle of an import leaves its lock held for ever.
+    for store in stores_of(folder):
+        store.write("first", {})
+    with threads_at(work, folder):
         for number in range(times):
             own = folder / str(number)
             own.mkdir()
@@ -33,25 +36,24 @@ def fork_while_threads_compute(folder, seed, *, way, times):
 
 
 @contextmanager
-def threads_at_work():
-    """Some threads that compute until the block ends."""
+def threads_at(work, folder):
+    """Some threads that work until the block ends."""
     stop = threading.Event()
 
-    def work():
-        rotation, values = ready_made(trace_sink=[]), row(4)
+    def thread(number):
+        step = WORK[work](folder, number)
         while not stop.is_set():
-            rotation(values)
-            rotation.trace_sink.clear()
+            step()
 
-    threads = [threading.Thread(target=work) for _ in range(THREADS)]
-    for thread in threads:
-        thread.start()
+    threads = [threading.Thread(target=thread, args=(number,)) for number in range(THREADS)]
+    for each in threads:
+        each.start()
     try:
         yield
     finally:
         stop.set()
-        for thread in threads:
-            thread.join()
+        for each in threads:
+            each.join()
 
 
 def stores_of(folder):

@@ -38,16 +38,20 @@ class Interrupter:
 
     def interrupt(self, operation):
         """Repeat the operation until a signal comes; tell whether the interrupt came out of it."""
-        number = self._random.choice([signal.SIGINT, signal.SIGTERM])
-        seconds = self._random.uniform(0.0, self._longest_wait)
         try:
-            self._armed = True
-            self._requests.put((seconds, number))
-            while self._armed:
-                operation()
+            self._repeat(operation)
         except KeyboardInterrupt:
             return True
         return False
+
+    # A function of its own: Python 3.13 leaves a loop's jump back out of the `try` around it.
+    def _repeat(self, operation):
+        number = self._random.choice([signal.SIGINT, signal.SIGTERM])
+        seconds = self._random.uniform(0.0, self._longest_wait)
+        self._armed = True
+        self._requests.put((seconds, number))
+        while self._armed:
+            operation()
 
     def _send(self):
         while True:

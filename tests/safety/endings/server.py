@@ -6,7 +6,7 @@ import threading
 
 from safety.endings import left_behind
 from safety.endings.computing import WORK
-from safety.endings.forking import fork_while_threads_compute
+from safety.endings.forking import fork_while_threads_work
 from safety.endings.interrupting import interrupt_often
 from safety.endings.ways import WAYS
 from support.exit_server import serve
@@ -33,7 +33,7 @@ def leave_behind(folder, seed, *, what):
     left_behind.LEFT_BEHIND[what](folder)
 
 
-TASKS = [work_in_threads, leave_behind, interrupt_often, fork_while_threads_compute]
+TASKS = [work_in_threads, leave_behind, interrupt_often, fork_while_threads_work]
 
 if __name__ == "__main__":
     serve({task.__name__: task for task in TASKS})
