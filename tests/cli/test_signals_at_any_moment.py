@@ -27,7 +27,6 @@ SIGNALS = {
     "SIGTERM twice": [signal.SIGTERM, signal.SIGTERM],
     "SIGINT, then SIGTERM": [signal.SIGINT, signal.SIGTERM],
 }
-NOTHING_KEPT_YET = ("no such file, expected a checkpoint", "holds no checkpoint of a replay")
 
 
 @pytest.fixture(scope="module")
@@ -96,10 +95,7 @@ def check_end(folder, status, numbers, whole):
 
 def check_going_on(runs, place, seed, arguments, whole):
     """The run goes on from its checkpoint, or from its beginning if it had not come to one."""
-    outcome = run(runs, place, [*arguments, "--resume"], [seed])
-    if outcome["status"] == 1:
-        assert any(text in outcome["said"] for text in NOTHING_KEPT_YET)
-        outcome = run(runs, place, arguments, [seed])
+    outcome = run(runs, place, [*arguments, "--resume", "--quiet"], [seed])
     assert (outcome["status"], outcome["said"]) == (0, "")
     assert outputs(place / str(seed)) == whole
     assert {"c.db", "o.csv", "t.jsonl", "out", "said"} == set(os.listdir(place / str(seed)))
