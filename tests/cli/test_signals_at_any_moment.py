@@ -16,8 +16,8 @@ from support.exits import ExitServer, environment
 pytest.importorskip("msgpack")
 
 LONG = bool(os.environ.get("QUORVANE_LONG"))
-RUNS = 150 if LONG else 8
-STARTS = 100 if LONG else 3
+RUNS = 60 if LONG else 6
+STARTS = 40 if LONG else 3
 DAYS = 60
 
 SIGNALS = {
@@ -113,7 +113,6 @@ def test_a_run_ends_cleanly_and_can_go_on(runs, tmp_path, arguments, whole, name
         arguments=arguments,
         numbers=numbers,
         longest_wait=1.2 * seconds * len(numbers),
-        at_once=1,
     )
     for outcome in outcomes:
         assert outcome["said"] == ""

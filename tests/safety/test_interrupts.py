@@ -11,7 +11,7 @@ import pytest
 from support.exits import ends
 
 LONG = bool(os.environ.get("QUORVANE_LONG"))
-PROCESSES = 8 if LONG else 1
+PROCESSES = 4 if LONG else 1
 TIMES = 1000 if LONG else 100
 
 IN_A_ROTATION = [
