@@ -306,10 +306,10 @@ def full_disk(monkeypatch):
     limits = resource.getrlimit(resource.RLIMIT_FSIZE)
     write = replay_command._write
 
-    def write_on_a_full_disk(run, result):
+    def write_on_a_full_disk(*arguments):
         resource.setrlimit(resource.RLIMIT_FSIZE, (150, limits[1]))
         try:
-            write(run, result)
+            write(*arguments)
         finally:
             resource.setrlimit(resource.RLIMIT_FSIZE, limits)
 
