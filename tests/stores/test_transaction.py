@@ -170,6 +170,32 @@ def test_after_a_failed_write_nothing_of_the_transaction_happens(store, monkeypa
     assert contents(store) == {"a": 1, "b": 1}
 
 
+def test_after_a_load_that_made_sqlite_undo_the_transaction_nothing_of_it_happens(
+    path, store, monkeypatch
+):
+    def undo(records, *_):
+        # As SQLite does when a page cannot be read.
+        records._database.execute("ROLLBACK")
+        raise sqlite3.OperationalError("disk I/O error")
+
+    def go_on():
+        with store.transaction() as records:
+            records.write("a", 2)
+            with monkeypatch.context() as patched:
+                patched.setattr(SqliteRecords, "find", undo)
+                with pytest.raises(StoreReadError, match="disk I/O error"):
+                    records.load("b")
+            SqliteStore(path).write("b", 7)
+            with pytest.raises(StoreReadError, match="SQLite has undone the transaction"):
+                records.load("b")
+            with pytest.raises(StoreWriteError, match="SQLite has undone the transaction"):
+                records.write("b", 2)
+
+    with pytest.raises(StoreWriteError, match=r"cannot run a transaction on "):
+        go_on()
+    assert contents(store) == {"a": 1, "b": 7}
+
+
 def test_what_a_transaction_gave_is_of_no_use_after_it(store):
     with store.transaction() as records:
         pass

@@ -59,6 +59,20 @@ class SqliteRecords:
         self._namespace = namespace
         self._store = store
 
+    def require_transaction(self) -> None:
+        """Raise when SQLite has undone the transaction by itself.
+
+        It does so when it is short of memory or cannot read, and what came after that would
+        happen statement by statement.
+
+        Raises
+        ------
+        sqlite3.OperationalError
+            There is no transaction any more.
+        """
+        if not self._database.in_transaction:
+            raise sqlite3.OperationalError("SQLite has undone the transaction after an error")
+
     def append(self, name: str, payload: Payload, keep: int) -> None:
         """Add the next version of `name`, and remove those before the last `keep`."""
         version = self._last_version(name) + 1

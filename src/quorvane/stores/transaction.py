@@ -41,6 +41,7 @@ class SqliteTransaction:
         name = check_text(name, "name")
         wanted = version_number(version)
         with self._file.reading(f"record {name!r} of {self._store}"):
+            self._records.require_transaction()
             found = self._records.find(name, wanted)
         return found.state()
 
@@ -67,6 +68,7 @@ class SqliteTransaction:
         name = check_text(name, "name")
         payload = state if isinstance(state, Payload) else pack(state)
         with self._whole(f"write record {name!r} of {self._store}"):
+            self._records.require_transaction()
             self._records.append(name, payload, self._keep)
 
     def require_whole(self, what: str) -> None:
