@@ -113,6 +113,30 @@ def test_a_signal_outside_the_days_ends_the_run_and_leaves_nothing_over(
     assert (signal.getsignal(signal.SIGINT), signal.getsignal(signal.SIGTERM)) == before
 
 
+@pytest.mark.parametrize(("number", "status"), STATUS)
+@pytest.mark.parametrize(("owner", "function"), [(Path, "replace"), (os, "rmdir")])
+def test_a_signal_while_outputs_take_their_places_waits_until_all_have(
+    replay, tmp_path, monkeypatch, number, status, owner, function
+):
+    before = signal.signal(signal.SIGINT, signal.default_int_handler)
+    real, calls = getattr(owner, function), []
+
+    def signalling(*arguments, **options):
+        calls.append(None)
+        if len(calls) == 1:
+            os.kill(os.getpid(), number)
+        return real(*arguments, **options)
+
+    monkeypatch.setattr(owner, function, signalling)
+    try:
+        outcome = replay(trace=tmp_path / "t.jsonl")
+    finally:
+        signal.signal(signal.SIGINT, before)
+    assert (outcome.status, outcome.out, outcome.err, len(calls)) == (status, "", "", 2)
+    left = ["output.csv", "prices.csv", "structures.toml", "t.jsonl"]
+    assert sorted(os.listdir(tmp_path)) == left
+
+
 SLOW_LIBRARY = """
 import os
 try:

@@ -12,6 +12,7 @@ from pathlib import Path
 from types import TracebackType
 
 from quorvane.cli.errors import DataError, UsageError
+from quorvane.cli.stopping import signals_held
 from quorvane.stores._files import flush_folder
 
 
@@ -73,10 +74,12 @@ class WholeOutputs:
 
     Each is made in a folder of its own, which nobody else can enter, so that nobody can put a
     link there. On any failure all are removed: no place ever holds a file that is half-written.
+    Signals wait from the first renaming until the folders are gone: none stays behind.
     """
 
     def __init__(self) -> None:
         self._folders = ExitStack()
+        self._signals = ExitStack()
         self._made: list[tuple[Path, Path, str]] = []
 
     def __enter__(self) -> WholeOutputs:
@@ -88,7 +91,8 @@ class WholeOutputs:
         error: BaseException | None,
         traceback: TracebackType | None,
     ) -> None:
-        self._folders.close()
+        with self._signals, signals_held():
+            self._folders.close()
 
     @contextmanager
     def making(self, path: Path, what: str) -> Iterator[Path]:
@@ -105,6 +109,7 @@ class WholeOutputs:
 
     def take_places(self) -> None:
         """Rename all that were made, the first one last, so that the others are there with it."""
+        self._signals.enter_context(signals_held())
         for part, path, what in reversed(self._made):
             with _naming(path, what):
                 part.replace(path)

@@ -37,19 +37,20 @@ def _terminate(number: int, frame: FrameType | None) -> NoReturn:
 
 @contextmanager
 def signals_held() -> Iterator[None]:
-    """While entered, SIGINT and SIGTERM wait: one that breaks into an import may be lost in it.
+    """While entered, SIGINT and SIGTERM wait, for what must not be broken into.
 
-    A library may take what a handler raises for a failure of its own, or stay half loaded.
+    A library that is being loaded may take what a handler raises for a failure of its own, or stay
+    half loaded.
     """
     if threading.current_thread() is not threading.main_thread():
         yield
         return
     came: list[int] = []
-    handlers = {
-        number: signal.signal(number, lambda number, frame: came.append(number))
-        for number in (signal.SIGINT, signal.SIGTERM)
-    }
+    handlers = {number: signal.getsignal(number) for number in (signal.SIGINT, signal.SIGTERM)}
     try:
+        # One may raise while the other waits already.
+        for number in handlers:
+            signal.signal(number, lambda number, frame: came.append(number))
         yield
     finally:
         for number, handler in handlers.items():
