@@ -378,6 +378,15 @@ def test_a_standard_output_that_is_full_is_one_line(replay, tmp_path, monkeypatc
     assert (tmp_path / "output.csv").exists()
 
 
+def test_an_error_that_nobody_can_be_told_keeps_its_status(replay, monkeypatch):
+    with open("/dev/full", "w") as full:
+        monkeypatch.setattr(sys, "stderr", full)
+        assert replay("--resume").status == 2
+    monkeypatch.setattr(sys, "stderr", None)
+    refused = replay("--resume")
+    assert (refused.status, refused.out) == (2, "")
+
+
 def test_no_standard_output_is_no_failure(replay, monkeypatch):
     monkeypatch.setattr(sys, "stdout", None)
     assert replay().status == 0

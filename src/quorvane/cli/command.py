@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import argparse
-import sys
 from collections.abc import Sequence
 from pathlib import Path
 
@@ -11,6 +10,7 @@ from quorvane import __version__
 from quorvane.cli.errors import CommandError
 from quorvane.cli.limits import MAX_CELLS, MAX_INSTRUMENTS, MAX_STRUCTURES
 from quorvane.cli.plot import PICTURE_ENDINGS
+from quorvane.cli.saying import note
 from quorvane.cli.stopping import TERMINATED, Terminated, signals_held, termination_raised
 from quorvane.cli.structures import STRUCTURE_ENDINGS
 from quorvane.cli.table_io import TABLE_ENDINGS
@@ -59,10 +59,10 @@ def run(argv: Sequence[str] | None = None) -> int:
     except Terminated:
         return TERMINATED
     except CommandError as error:
-        print(f"quorvane replay: error: {error}", file=sys.stderr)
+        note(f"quorvane replay: error: {error}")
         return error.exit_status
     except MemoryError:
-        print("quorvane replay: error: not enough memory for these tables", file=sys.stderr)
+        note("quorvane replay: error: not enough memory for these tables")
         return 1
 
 
