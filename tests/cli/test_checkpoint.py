@@ -360,6 +360,19 @@ def test_a_run_that_cannot_be_resumed_is_not_taken_over(go, files, monkeypatch):
     assert [answer.status for answer in answers] == [1]
 
 
+def test_a_checkpoint_that_has_been_removed_is_missed_by_its_run(go, files, monkeypatch):
+    save = Checkpoint.save
+
+    def save_after_a_removal(self, day):
+        (files / "c.db").unlink()
+        save(self, day)
+
+    monkeypatch.setattr(Checkpoint, "save", save_after_a_removal)
+    missed = go("first", checkpoint=files / "c.db")
+    assert (missed.status, missed.out) == (1, "")
+    assert missed.err.endswith("c.db: the checkpoint of this run has been removed\n")
+
+
 @pytest.fixture
 def hasty(monkeypatch):
     """Nobody waits long for another who has the checkpoint."""

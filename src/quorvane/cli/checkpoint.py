@@ -210,7 +210,10 @@ class Checkpoint:
 
     def _require_own(self, records: Any) -> None:
         """Refuse to go on with a file that another process has started or resumed meanwhile."""
-        writer = records.load(_WRITER)
+        try:
+            writer = records.load(_WRITER)
+        except self._stores.RecordNotFoundError:
+            raise DataError(f"{self.path}: the checkpoint of this run has been removed") from None
         if type(writer) is not str or writer != self._writer:
             raise DataError(f"{self.path}: another replay has taken the checkpoint over")
 
