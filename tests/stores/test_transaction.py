@@ -3,6 +3,7 @@
 import signal
 import sqlite3
 import threading
+import time
 
 import pytest
 
@@ -112,6 +113,28 @@ def test_nobody_else_writes_during_a_transaction(path, store):
         assert contents(hasty) == {"a": 1, "b": 1}
     hasty.write("a", 3)
     assert contents(store) == {"a": 3, "b": 1}
+
+
+def test_whoever_waits_can_be_interrupted(store):
+    def interrupt():
+        time.sleep(0.3)
+        signal.raise_signal(signal.SIGINT)
+
+    # What a shell starts in the background ignores interrupts.
+    before = signal.signal(signal.SIGINT, signal.default_int_handler)
+    sender = threading.Thread(target=interrupt)
+    try:
+        with store.transaction():
+            start = time.monotonic()
+            sender.start()
+            with pytest.raises(KeyboardInterrupt):
+                store.write("a", 2)
+            # Of the 30 seconds that it would wait.
+            assert time.monotonic() - start < 15
+    finally:
+        sender.join()
+        signal.signal(signal.SIGINT, before)
+    assert contents(store) == {"a": 1, "b": 1}
 
 
 def test_others_write_while_a_state_is_packed(path, store, monkeypatch):

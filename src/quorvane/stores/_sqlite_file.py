@@ -55,6 +55,7 @@ _CONNECTION_SETTINGS = (
     "PRAGMA cell_size_check = ON",
 )
 _RETRY_SECONDS = 0.01
+_WAITING_TURN_SECONDS = 0.2
 _SMALLEST_PAGE = 512
 # What SQLite and Python say of a file that no longer holds what was written.
 _SIGNS_OF_DAMAGE = (
@@ -105,7 +106,7 @@ class SqliteFile:
         with contextlib.ExitStack() as opened:
             with self.writing(what):
                 database = opened.enter_context(self._connected(make=True))
-                database.execute("BEGIN IMMEDIATE")
+                self._begin_writing(database)
             yield database
             with self.writing(what):
                 database.execute("COMMIT")
@@ -173,6 +174,20 @@ class SqliteFile:
             if is_new:
                 self._make_tables(database)
             yield database
+
+    def _begin_writing(self, database: sqlite3.Connection) -> None:
+        """Wait for other writers in short turns: a signal can act only between two of them."""
+        deadline = time.monotonic() + self._busy_timeout
+        turn = min(self._busy_timeout, _WAITING_TURN_SECONDS)
+        database.execute(f"PRAGMA busy_timeout = {int(1000 * turn)}")
+        while True:
+            try:
+                database.execute("BEGIN IMMEDIATE")
+                break
+            except sqlite3.OperationalError as error:
+                if not _is_busy(error) or time.monotonic() > deadline:
+                    raise
+        database.execute(f"PRAGMA busy_timeout = {int(1000 * self._busy_timeout)}")
 
     def _refuse_fragment(self) -> None:
         # SQLite takes a file shorter than its smallest page for an empty one and overwrites it.
