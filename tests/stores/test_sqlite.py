@@ -436,6 +436,14 @@ def test_a_damaged_file_opens_and_is_reported_by_what_is_asked_of_it(path):
     assert outcomes["unreadable as a whole"] > 30
 
 
+def test_a_name_that_is_no_text_any_more_is_noticed(path):
+    store = SqliteStore(path)
+    store.write("rotation", {"number": 1})
+    sql(path, "UPDATE heads SET name = CAST(name AS BLOB)")
+    with pytest.raises(RecordDamagedError, match=r"the names of SqliteStore.* are damaged"):
+        store.names()
+
+
 def test_a_file_that_is_damaged_as_a_whole_opens_and_does_not_recover(path):
     SqliteStore(path).write("rotation", {"number": 1})
     intact = path.read_bytes()

@@ -189,7 +189,10 @@ class SqliteStore(RecordStore):
         """
         what = f"the names of {self!r}"
         with self._file.reading(what), self._file.read_transaction() as database:
-            return self._records(database).names()
+            names = self._records(database).names()
+        if not all(isinstance(name, str) for name in names):
+            raise RecordDamagedError(f"{what} are damaged: one of them is no text")
+        return names
 
     def _records(self, database: sqlite3.Connection) -> SqliteRecords:
         return SqliteRecords(database, self._namespace, repr(self))
