@@ -229,6 +229,12 @@ def test_what_a_transaction_gave_is_of_no_use_after_it(store):
     assert contents(store) == {"a": 1, "b": 1}
 
 
+def test_a_child_that_is_forked_in_a_transaction_changes_nothing(tmp_path, store, tasks):
+    met = tasks.result("fork_in_a_transaction", tmp_path, folder=str(tmp_path))
+    assert met == [3, ["a", "b"]]
+    assert contents(store) == {"a": 1, "b": 1, "left": 2}
+
+
 def test_a_process_that_is_killed_in_a_transaction_leaves_nothing_of_it(tmp_path, store, tasks):
     store.write("left", 1)
     process = tasks.start("die_in_a_transaction", folder=str(tmp_path))

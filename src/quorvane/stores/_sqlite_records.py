@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import hashlib
+import os
 import sqlite3
 import time
 from dataclasses import dataclass
@@ -58,18 +59,22 @@ class SqliteRecords:
         self._database = database
         self._namespace = namespace
         self._store = store
+        self._process = os.getpid()
 
     def require_transaction(self) -> None:
-        """Raise when SQLite has undone the transaction by itself.
+        """Raise unless what comes next happens in the transaction.
 
-        It does so when it is short of memory or cannot read, and what came after that would
-        happen statement by statement.
+        SQLite undoes it by itself when it is short of memory or cannot read; what came after that
+        would happen statement by statement. And what a forked child did would happen to the
+        parent's transaction, whose lock the child has not.
 
         Raises
         ------
         sqlite3.OperationalError
-            There is no transaction any more.
+            There is no transaction any more, or it is another process's.
         """
+        if os.getpid() != self._process:
+            raise sqlite3.OperationalError("the transaction is that of the process it began in")
         if not self._database.in_transaction:
             raise sqlite3.OperationalError("SQLite has undone the transaction after an error")
 
@@ -116,7 +121,7 @@ class SqliteRecords:
             (self._namespace, name),
         ).fetchall()
 
-    def names(self) -> list[str]:
+    def names(self) -> list[Any]:
         """Return the names that have a record, sorted."""
         rows = self._database.execute(
             "SELECT name FROM heads WHERE namespace = ? ORDER BY name", (self._namespace,)

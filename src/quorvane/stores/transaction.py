@@ -18,7 +18,7 @@ from quorvane.stores.records import check_text
 class SqliteTransaction:
     """What `SqliteStore.transaction` gives: the store's records, held by this block alone.
 
-    It belongs to the thread that began it and ends with the block.
+    It belongs to the thread that began it, not to a fork of it, and ends with the block.
     """
 
     def __init__(self, file: SqliteFile, records: SqliteRecords, keep: int, store: str) -> None:
@@ -68,21 +68,23 @@ class SqliteTransaction:
         name = check_text(name, "name")
         payload = state if isinstance(state, Payload) else pack(state)
         with self._whole(f"write record {name!r} of {self._store}"):
-            self._records.require_transaction()
             self._records.append(name, payload, self._keep)
 
     def require_whole(self, what: str) -> None:
-        """Refuse to go on after a failed write, whose first half may be in place.
+        """Refuse to go on without the transaction, or with the first half of a failed write.
 
         Raises
         ------
         StoreWriteError
-            A write of this transaction has failed.
+            A write of this transaction has failed, or SQLite has undone it, or another process
+            began it.
         """
         if self._failure is not None:
             raise StoreWriteError(
                 errno.ECANCELED, f"cannot {what}: an earlier write of the transaction failed"
             ) from self._failure
+        with self._file.writing(what):
+            self._records.require_transaction()
 
     @contextlib.contextmanager
     def _whole(self, what: str) -> Iterator[None]:

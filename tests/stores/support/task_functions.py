@@ -6,7 +6,7 @@ import signal
 import tempfile
 from itertools import count
 
-from quorvane.stores import RecordNotFoundError, StoreError, pack
+from quorvane.stores import RecordNotFoundError, StoreError, StoreWriteError, pack
 from stores.support.samples import durable_store, numbered_state
 
 NOBODY = 65534
@@ -66,6 +66,23 @@ def die_in_a_transaction(folder):
         records.write("left", 2)
         records.write("right", numbered_state(500))
         os.kill(os.getpid(), signal.SIGKILL)
+
+
+def fork_in_a_transaction(folder):
+    """Fork in a block, which the child leaves first; what it met, and what was there after it."""
+    store, child = durable_store("sqlite", folder), None
+    try:
+        with store.transaction() as records:
+            records.write("left", 2)
+            child = os.fork()
+            if child != 0:
+                _, status = os.waitpid(child, 0)
+                return os.waitstatus_to_exitcode(status), store.names()
+    except StoreWriteError as error:
+        os._exit(3 if child == 0 and "the process it began in" in str(error) else 4)
+    finally:
+        if child == 0:
+            os._exit(0)
 
 
 def _number(records, name):
