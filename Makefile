@@ -18,7 +18,7 @@
 #   make dist-test   build and test with the distribution's Python and NumPy, without pip
 #   make clean       remove what was built; `make distclean` removes $(VENV) too
 #
-# PYTHONS="3.10 3.14" chooses for `make matrix`, DEBUG_PYTHON=python3.11-dbg for `make refleaks`.
+# PYTHONS="3.12 3.14" chooses for `make matrix`, DEBUG_PYTHON=python3.11-dbg for `make refleaks`.
 # PYTHON=python3.12 chooses the interpreter (with VENV=.venv312 beside the usual one).
 
 VENV ?= .venv

@@ -11,7 +11,7 @@ endif()
 set(Python_FIND_VIRTUALENV FIRST)
 set(Python_FIND_STRATEGY LOCATION)
 set(Python_FIND_UNVERSIONED_NAMES FIRST)
-find_package(Python 3.10 REQUIRED COMPONENTS Interpreter Development.Module NumPy)
+find_package(Python 3.11 REQUIRED COMPONENTS Interpreter Development.Module NumPy)
 
 if(Python_NumPy_VERSION VERSION_LESS 1.24)
     message(FATAL_ERROR "NumPy 1.24 or newer is needed, ${Python_EXECUTABLE} has ${Python_NumPy_VERSION}")

@@ -12,7 +12,7 @@ fail() {
 }
 
 new_enough() {
-    "$1" -c 'import sys; sys.exit(sys.version_info < (3, 10))' >/dev/null 2>&1
+    "$1" -c 'import sys; sys.exit(sys.version_info < (3, 11))' >/dev/null 2>&1
 }
 
 # --- compiler -------------------------------------------------------------------------------------
@@ -46,18 +46,18 @@ if [ -x "$folder/bin/python" ]; then
     python=$folder/bin/python
 else
     if [ -n "${PYTHON:-}" ]; then
-        new_enough "$PYTHON" || fail "PYTHON=$PYTHON is not a Python 3.10 or newer that runs."
+        new_enough "$PYTHON" || fail "PYTHON=$PYTHON is not a Python 3.11 or newer that runs."
         python=$PYTHON
     else
         python=
-        for candidate in python3 python3.14 python3.13 python3.12 python3.11 python3.10; do
+        for candidate in python3 python3.14 python3.13 python3.12 python3.11; do
             if new_enough "$candidate"; then
                 python=$candidate
                 break
             fi
         done
         [ -n "$python" ] || fail \
-            "There is no Python 3.10 or newer on PATH." \
+            "There is no Python 3.11 or newer on PATH." \
             "Debian, Ubuntu: apt install python3-dev python3-venv. Fedora: dnf install python3-devel." \
             "If it is installed elsewhere, name it: make ... PYTHON=/path/to/python3"
     fi

@@ -2,7 +2,7 @@
 # Builds the wheel for every Python that this machine has, runs the tests on it with the oldest and
 # the newest NumPy and with all the extras, and prints a table:
 #
-#   tools/matrix.sh [version...]              by default 3.10 3.11 3.12 3.13 3.14
+#   tools/matrix.sh [version...]              by default 3.11 3.12 3.13 3.14
 #
 #   MATRIX_TESTS="tests/safety tests/stores"  what is run; everything by default
 #   MATRIX_NUMPY=newest                       only the newest NumPy, or only the oldest
@@ -20,12 +20,12 @@ table=$work/table.txt
 tests=${MATRIX_TESTS:-tests}
 jobs=${JOBS:-1}
 debian=${MATRIX_ROOT:-/var/tmp/quorvane-debian}
-[ $# -gt 0 ] || set -- 3.10 3.11 3.12 3.13 3.14
+[ $# -gt 0 ] || set -- 3.11 3.12 3.13 3.14
 
 # The oldest NumPy that each Python has a wheel of; the package itself allows 1.24.
 oldest_numpy() {
     case $1 in
-        3.10 | 3.11) echo 1.24.0 ;;
+        3.11) echo 1.24.0 ;;
         3.12) echo 1.26.0 ;;
         3.13) echo 2.1.0 ;;
         *) echo 2.3.2 ;;

@@ -37,18 +37,15 @@ inline unsigned int version_of(PyTypeObject* type) noexcept {
     return type->tp_version_tag;
 }
 
-// Up to Python 3.10 the versions of types may start again, see sys._clear_type_cache(); since then
-// the same version always means the same type with the same contents.
-inline constexpr bool type_versions_are_unique = PY_VERSION_HEX >= 0x030B0000;
-
-// Remembers for which version of a type a question was last answered with yes.
+// Remembers for which version of a type a question was last answered with yes. Versions never start
+// again: the same one always means the same type with the same contents.
 class TypeAnswer {
 public:
     // The answer of question(), which is not asked again while the type is as it was at a yes.
     template <class Question>
     bool ask(PyTypeObject* type, const Question& question) {
         unsigned int version = version_of(type);
-        if (type_versions_are_unique && version != 0 && version == yes_of_) return true;
+        if (version != 0 && version == yes_of_) return true;
         // Looking something up gives a type its version, and may run code that changes the type:
         // only an answer that it came through unchanged counts.
         if (version == 0) {

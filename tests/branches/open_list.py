@@ -1,16 +1,11 @@
 """The list of branches that no test takes, each with its reason, and how it is held to."""
 
-import sys
+import tomllib
 from collections import Counter
 from dataclasses import dataclass
 from pathlib import Path
 
 from branches.measured import Line
-
-if sys.version_info >= (3, 11):
-    import tomllib
-else:
-    import tomli as tomllib
 
 LIST = Path(__file__).with_name("open_branches.toml")
 

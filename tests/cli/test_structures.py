@@ -137,13 +137,6 @@ def test_files_beyond_the_limits_are_refused(write, monkeypatch, limit, message)
         read_structures(write("s.toml", TOML), NAMES)
 
 
-def test_toml_before_python_3_11_names_the_extra(write, monkeypatch):
-    monkeypatch.setattr("sys.version_info", (3, 10, 0))
-    monkeypatch.setitem(__import__("sys").modules, "tomli", None)
-    with pytest.raises(DataError, match=r'needs the library tomli.*pip install "quorvane\[cli\]"'):
-        read_structures(write("s.toml", TOML), NAMES)
-
-
 @pytest.mark.parametrize(("name", "text"), [("s.toml", TOML), ("s.csv", CSV)])
 def test_a_byte_order_mark_does_not_matter(write, name, text):
     assert list(read_structures(write(name, "\ufeff" + text), NAMES)) == ["KO/PEP", "oil.3"]

@@ -26,10 +26,6 @@ def run(name):
     assert (finished.returncode, finished.stdout) == (0, "done\n"), finished.stderr[-4000:]
 
 
-@pytest.mark.skipif(
-    sys.version_info < (3, 11),
-    reason="Python 3.10 aborts by itself when it cannot make the error of a lasting shortage",
-)
 def test_only_memory_errors_come_out():
     run("every_operation")
 

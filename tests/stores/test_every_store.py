@@ -3,7 +3,7 @@
 import subprocess
 import sys
 import threading
-from enum import Enum
+from enum import StrEnum
 from pathlib import Path
 
 import numpy as np
@@ -91,7 +91,7 @@ def test_a_name_is_text(store, name, error):
             act()
 
 
-class Name(str, Enum):
+class Name(StrEnum):
     BOOK = "book 1"
 
 

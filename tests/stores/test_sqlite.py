@@ -3,7 +3,7 @@
 import os
 import sqlite3
 import tracemalloc
-from datetime import datetime, timedelta, timezone
+from datetime import UTC, datetime, timedelta
 
 import numpy as np
 import pytest
@@ -82,11 +82,11 @@ def test_a_version_beyond_those_that_are_there_is_not_found(path, version):
 
 def test_a_version_says_when_it_was_written_and_how_large_it_is(path):
     store = SqliteStore(path)
-    before = datetime.now(timezone.utc) - timedelta(seconds=1)
+    before = datetime.now(UTC) - timedelta(seconds=1)
     store.write("rotation", {"x": b"y" * 5000})
     (entry,) = store.versions("rotation")
-    assert before <= entry.written_at <= datetime.now(timezone.utc)
-    assert entry.written_at.tzinfo is timezone.utc
+    assert before <= entry.written_at <= datetime.now(UTC)
+    assert entry.written_at.tzinfo is UTC
     assert 5000 < entry.size < 5200
 
 

@@ -1,7 +1,6 @@
 """set_state: all or nothing for the bookkeeping, rollback for the children."""
 
 import copy
-import sys
 import traceback
 import types
 
@@ -20,7 +19,6 @@ from support.fakes import (
 
 PAIR = structure(("a", "b"), [(0, 1.0), (1, -1.0)], 2.0)
 OWN = ["slot_by_key", "key_by_slot", "_legs_by_slot", "_metadata_by_slot", "_structure_N_limit"]
-needs_notes = pytest.mark.skipif(sys.version_info < (3, 11), reason="exceptions take no notes")
 
 
 def after_one_day(base, *children, **constructor):
@@ -443,7 +441,6 @@ def test_failing_child_without_failing_restore_gets_no_note(base):
     assert error.__context__ is None
 
 
-@needs_notes
 def test_first_failing_restore_is_told_in_a_note(base):
     error = LookupError("set")
     children = [
@@ -459,7 +456,6 @@ def test_first_failing_restore_is_told_in_a_note(base):
     ]
 
 
-@needs_notes
 def test_note_is_added_to_earlier_notes(base):
     error = LookupError("set")
     error.add_note("earlier")
@@ -472,7 +468,6 @@ def test_note_is_added_to_earlier_notes(base):
     ]
 
 
-@needs_notes
 def test_note_is_added_through_the_errors_own_method(base):
     class Noted(Exception):
         def add_note(self, note):

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import io
 import math
-import sys
+import tomllib
 from collections.abc import Sequence
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -13,7 +13,6 @@ from typing import Any
 from quorvane.cli.csv_rows import Rows, is_plain_number, reporting_faults
 from quorvane.cli.errors import DataError, did_you_mean, reason, shown
 from quorvane.cli.files import check_readable, ending_of
-from quorvane.cli.libraries import require_library
 from quorvane.cli.limits import (
     MAX_LEGS,
     MAX_STRUCTURES,
@@ -108,12 +107,9 @@ def _read_toml(text: str, builder: _Builder) -> None:
 
 
 def _parse_toml(path: Path, text: str) -> dict[str, Any]:
-    toml = require_library(
-        "tomllib" if sys.version_info >= (3, 11) else "tomli", "reading a TOML structures file"
-    )
     try:
-        loaded: dict[str, Any] = toml.loads(text)
-    except toml.TOMLDecodeError as error:
+        loaded: dict[str, Any] = tomllib.loads(text)
+    except tomllib.TOMLDecodeError as error:
         # The parser reports a repeated table as declared twice, a repeated key as overwritten.
         repeated = any(sign in str(error) for sign in ("twice", "overwrite"))
         what = "duplicate key" if repeated else "not valid TOML"

@@ -282,10 +282,8 @@ def _is_damage(error: Exception) -> bool:
 
     Whatever does not say so may pass: taken for damage, it would lose a state that is there.
     """
-    # A broken schema stands in SQLite's message, which Python then cannot read; before 3.11 it
-    # leaves the message out.
-    has_no_text = type(error) is sqlite3.DatabaseError and not str(error)
-    if has_no_text or isinstance(error, UnicodeDecodeError):
+    # A broken schema stands in SQLite's message, which Python then cannot read.
+    if isinstance(error, UnicodeDecodeError):
         return True
     return (
         isinstance(error, sqlite3.DatabaseError)

@@ -7,7 +7,7 @@ import os
 import sqlite3
 from collections.abc import Iterator
 from dataclasses import dataclass
-from datetime import datetime, timezone
+from datetime import UTC, datetime
 from pathlib import Path
 from typing import Any
 
@@ -173,7 +173,7 @@ class SqliteStore(RecordStore):
             rows = self._records(database).versions(name)
         try:
             return [
-                StoredVersion(version, datetime.fromtimestamp(written_at, timezone.utc), size)
+                StoredVersion(version, datetime.fromtimestamp(written_at, UTC), size)
                 for version, written_at, size in rows
             ]
         except (TypeError, ValueError, OverflowError, OSError) as error:
