@@ -169,7 +169,7 @@ def main():
     parser.add_argument(
         "--python", default=ROOT / ".venv/bin/python", help="what `make` tests with"
     )
-    parser.add_argument("--inputs", type=int, default=100_000, help="of each kind (%(default)s)")
+    parser.add_argument("--inputs", type=int, default=50_000, help="of each kind (%(default)s)")
     parser.add_argument("--logs", type=Path, default=ROOT / "build/trust", metavar="FOLDER")
     options = parser.parse_args()
     options.logs.mkdir(parents=True, exist_ok=True)
