@@ -7,22 +7,36 @@
 // would abort the process. So to such an unwinding every frame says that it has no cleanups. What
 // the frames own is lost with the thread, as it is with the interpreter's own.
 //
-// The linker puts this function in the place of the one that the compiler names in every frame
-// (--wrap, see cpp/CMakeLists.txt), within our own libraries only.
+// The linker puts these functions in the place of those that the compiler names in every frame
+// (--wrap, see cpp/CMakeLists.txt), within our own libraries only. C's is named too: GCC's
+// link-time optimisation may choose it for a frame that has cleanups and catches nothing.
 
 #include <unwind.h>
 
+namespace {
+
+using Personality = _Unwind_Reason_Code(int version, _Unwind_Action actions,
+                                        _Unwind_Exception_Class exception_class,
+                                        _Unwind_Exception* exception, _Unwind_Context* context);
+
+}  // namespace
+
 extern "C" {
 
-_Unwind_Reason_Code __real___gxx_personality_v0(int version, _Unwind_Action actions,
-                                                _Unwind_Exception_Class exception_class,
-                                                _Unwind_Exception* exception,
-                                                _Unwind_Context* context);
+Personality __real___gxx_personality_v0;
+Personality __real___gcc_personality_v0;
 
 [[gnu::visibility("hidden")]] _Unwind_Reason_Code __wrap___gxx_personality_v0(
     int version, _Unwind_Action actions, _Unwind_Exception_Class exception_class,
     _Unwind_Exception* exception, _Unwind_Context* context) {
     if ((actions & _UA_FORCE_UNWIND) != 0) return _URC_CONTINUE_UNWIND;
     return __real___gxx_personality_v0(version, actions, exception_class, exception, context);
+}
+
+[[gnu::visibility("hidden")]] _Unwind_Reason_Code __wrap___gcc_personality_v0(
+    int version, _Unwind_Action actions, _Unwind_Exception_Class exception_class,
+    _Unwind_Exception* exception, _Unwind_Context* context) {
+    if ((actions & _UA_FORCE_UNWIND) != 0) return _URC_CONTINUE_UNWIND;
+    return __real___gcc_personality_v0(version, actions, exception_class, exception, context);
 }
 }

@@ -23,6 +23,7 @@ COMPUTING = [
     "quiet_restores",
     "python_child_and_sink",
     "errors_in_flight",
+    "keys_compared_in_python",
     "one_for_all",
 ]
 WRITING = ["directory_checkpoints", "sqlite_checkpoints"]

@@ -52,6 +52,18 @@ class Failing(Pairs):
         raise LookupError("no more structures")
 
 
+class Annotated(Pairs):
+    """Reports each pair with the same metadata."""
+
+    def __init__(self, note):
+        super().__init__()
+        self.note = note
+
+    def _refresh_active_structures(self, returns, *_):
+        for item in super()._refresh_active_structures(returns):
+            yield {**item, "metadata": self.note}
+
+
 class Doubling:
     """Child in Python."""
 
@@ -84,6 +96,18 @@ class Weight:
 
     def __float__(self):
         return self.value
+
+
+class Lookalike:
+    """Key whose hash is that of all others, so that a copy of their dict may compare them."""
+
+    def __hash__(self):
+        return 1
+
+    def __eq__(self, other):
+        for _ in range(50):
+            pass
+        return self is other
 
 
 def row(width, day=0):
@@ -180,6 +204,14 @@ def errors_in_flight(folder, thread):
     return step
 
 
+def keys_compared_in_python(folder, thread):
+    metadata = {Lookalike(): number for number in range(30)}
+    # A dict that has lost a key is copied key by key.
+    del metadata[next(iter(metadata))]
+    rotation, values = Annotated(note=metadata), row(2)
+    return lambda: rotation(values)
+
+
 def one_for_all(folder, thread):
     rotation, values = _shared_rotation(), row(4)
     return lambda: rotation(values)
@@ -229,6 +261,7 @@ WORK = {
         quiet_restores,
         python_child_and_sink,
         errors_in_flight,
+        keys_compared_in_python,
         one_for_all,
         directory_checkpoints,
         sqlite_checkpoints,
