@@ -2,6 +2,13 @@
 
 #include <pthread.h>
 
+#if defined(__linux__)
+#include <sys/auxv.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#endif
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -40,9 +47,36 @@ StackEnd measured() noexcept {
 
 #elif defined(__linux__)
 
+// The kernel lets the main thread's stack grow down to its limit, which may change, but not nearer
+// than so many pages to what lies below it; only there does so large a stack end.
+constexpr std::size_t kernel_gap_pages = 256;
+constexpr std::size_t large = std::size_t{64} << 20;
+
+std::size_t page() noexcept { return static_cast<std::size_t>(sysconf(_SC_PAGESIZE)); }
+
+StackEnd stack_of(std::uintptr_t lowest, std::size_t size) noexcept {
+    const std::size_t gap = size < large ? 0 : kernel_gap_pages * page();
+    return {lowest + gap, std::min(usual_reserve, size / 2)};
+}
+
+// By the limit alone: the stack begins in the page where the kernel has put the program's name.
+StackEnd measured_main() noexcept {
+    const std::uintptr_t name = getauxval(AT_EXECFN);
+    rlimit limit{};
+    if (name == 0 || getrlimit(RLIMIT_STACK, &limit) != 0) return unknown;
+    const std::uintptr_t top = (name | (page() - 1)) + 1;
+    if (limit.rlim_cur >= top) return unknown;
+    return stack_of(top - limit.rlim_cur, limit.rlim_cur);
+}
+
 StackEnd measured() noexcept {
+#if !defined(__GLIBC__)
+    // musl only tells how far the main thread's stack has grown.
+    if (syscall(SYS_gettid) == getpid()) return measured_main();
+#endif
+    // Fails in the main thread when glibc cannot open a file.
     pthread_attr_t attributes;
-    if (pthread_getattr_np(pthread_self(), &attributes) != 0) return unknown;
+    if (pthread_getattr_np(pthread_self(), &attributes) != 0) return measured_main();
     void* lowest = nullptr;
     std::size_t size = 0;
     std::size_t guard = 0;
@@ -50,8 +84,7 @@ StackEnd measured() noexcept {
                        pthread_attr_getguardsize(&attributes, &guard) == 0;
     pthread_attr_destroy(&attributes);
     if (!known || size <= guard) return unknown;
-    size -= guard;
-    return {reinterpret_cast<std::uintptr_t>(lowest) + guard, std::min(usual_reserve, size / 2)};
+    return stack_of(reinterpret_cast<std::uintptr_t>(lowest) + guard, size - guard);
 }
 
 #else
@@ -67,7 +100,8 @@ constinit thread_local StackEnd stack_end = not_measured;
 bool stack_is_short() noexcept {
     const auto here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
     if (!stack_end.is_near(here)) return false;
-    if (stack_end.lowest == not_measured.lowest) stack_end = measured();
+    // Once more even if it was before: the main thread's limit may have been raised.
+    stack_end = measured();
     return stack_end.is_near(here);
 }
 

@@ -6,6 +6,7 @@ and not tests because a crash is what is looked for.
 """
 
 import contextlib
+import resource
 import sys
 import threading
 
@@ -157,6 +158,19 @@ def through_a_sink_and_a_store():
     must_refuse(lambda: again.rotation.recover(again))
 
 
+# ---- the main thread, whose stack grows ----------------------------------------------------------
+
+
+def where_no_file_can_be_opened():
+    """The C library reads from a file how large the main thread's stack may grow."""
+    sys.setrecursionlimit(10**6)
+    rotation = one_in_itself()
+    files, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (0, most))
+    must_refuse(lambda: rotation(row()))
+    resource.setrlimit(resource.RLIMIT_NOFILE, (files, most))
+
+
 # ---- every operation, wherever the stack ends ----------------------------------------------------
 
 
@@ -220,6 +234,7 @@ PROGRAMS = {
         through_what_is_converted,
         through_a_factory,
         through_a_sink_and_a_store,
+        where_no_file_can_be_opened,
         every_operation,
         days_in_plain_python,
         days_of_the_module,

@@ -45,6 +45,10 @@ def run(size, program):
     assert (done.returncode, done.stdout) == (0, "done\n"), done.stderr[-4000:]
 
 
+def test_the_main_thread_needs_no_file_to_know_its_stack():
+    run(USUAL, "where_no_file_can_be_opened")
+
+
 @pytest.fixture(scope="module")
 def smallest():
     """The smallest stack of a thread in which the same days run in plain Python."""
