@@ -187,6 +187,8 @@ class SqliteFile:
             except sqlite3.OperationalError as error:
                 if not _is_busy(error) or time.monotonic() > deadline:
                     raise
+                # Some of what SQLite calls busy it does not wait for.
+                time.sleep(_RETRY_SECONDS)
         database.execute(f"PRAGMA busy_timeout = {int(1000 * self._busy_timeout)}")
 
     def _refuse_fragment(self) -> None:
