@@ -118,10 +118,9 @@ def good_state(**changes):
         *(
             (
                 good_state(weight=np.array([1.0, weight, 1.0])),
-                rf"state\['weight'\] must hold numbers from 0 to window \+ 1, 21\.0, got "
-                rf"{weight} at column 1",
+                rf"state\['weight'\] must hold numbers from 0 to 2\*\*53, got {weight} at column 1",
             )
-            for weight in (-0.5, 21.5, np.nan, np.inf, -np.inf)
+            for weight in (-0.5, 2.0**53 + 2, np.nan, np.inf, -np.inf)
         ),
     ],
 )
@@ -158,6 +157,14 @@ def test_weights_of_long_histories_and_long_gaps_are_taken_back():
         for day in range(5000):
             ewma([1.0, 1.0 if day < 2500 else np.nan])
         Ewma(window, N_alloc=2).set_state(ewma.get_state())
+
+
+def test_a_state_is_taken_back_after_the_window_was_replaced():
+    ewma = Ewma(300, N_alloc=1)
+    for _ in range(2000):
+        ewma([1.0])
+    ewma.window = 2
+    ewma.set_state(ewma.get_state())
 
 
 def test_is_stateful():

@@ -95,19 +95,17 @@ Ref stored_column(const State& state, PyObject* self, PyObject* dictionary, PyOb
         .raise(PyExc_ValueError);
 }
 
-// The sum of a history's weights is at most (window + 1) / 2, but for rounding: a larger one would
-// hold the average where it is, and one that is no number would spoil it.
-void check_weights(const State& state, PyObject* self, PyObject* window, PyObject* weights) {
-    const double most = PyLong_AsDouble(window) + 1.0;
-    if (PyErr_Occurred() != nullptr) throw capi::PythonError();
+// A day adds at most 1 to a weight, and adding 1 to 2**53 gives 2**53: no history comes to more,
+// whatever windows it had. A weight beyond would hold the average where it is.
+constexpr double largest_weight = 9007199254740992.0;
+
+void check_weights(const State& state, PyObject* self, PyObject* weights) {
     const auto numbers = writable_doubles(weights).span();
     const auto bad = std::ranges::find_if_not(
-        numbers, [most](double weight) { return weight >= 0.0 && weight <= most; });
+        numbers, [](double weight) { return weight >= 0.0 && weight <= largest_weight; });
     if (bad == numbers.end()) return;
     message_of(state, self)
-        .text("state['weight'] must hold numbers from 0 to window + 1, ")
-        .repr(capi::make_float(most).get())
-        .text(", got ")
+        .text("state['weight'] must hold numbers from 0 to 2**53, got ")
         .repr(capi::make_float(*bad).get())
         .text(" at column ")
         .value(capi::make_int(bad - numbers.begin()))
@@ -125,14 +123,13 @@ Ref columns_of(const State& state, PyObject* self, PyObject* dictionary) {
 Ref set_state(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     PyObject* dictionary = values[1];
-    const Ref window = entry(state, self, dictionary, state.window);
-    check_window(state, self, window.get());
+    check_window(state, self, entry(state, self, dictionary, state.window).get());
     const Ref columns = columns_of(state, self, dictionary);
     const Memory memory{
         stored_column(state, self, dictionary, state.mean, columns.get()),
         stored_column(state, self, dictionary, state.weight, columns.get()),
     };
-    check_weights(state, self, window.get(), memory.weight.get());
+    check_weights(state, self, memory.weight.get());
     set_memory(state, self, memory);
     return capi::none();
 }
@@ -234,7 +231,7 @@ Raises
 ------
 ValueError
     When it is not such a dict, is of another window or number of columns, or holds a weight that
-    is not between 0 and ``window + 1``, twice the sum of all weights. Nothing changes.
+    no history gives: missing, negative, or above 2**53. Nothing changes.
 )"};
 
 const capi::FunctionDef resize_def{
