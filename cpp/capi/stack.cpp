@@ -20,7 +20,7 @@ namespace {
 
 // What a call may need before it, or what it calls, asks again: frames of the interpreter and of
 // NumPy for the most part. Of a small stack half is left for calls.
-constexpr std::size_t usual_reserve = 64 * 1024;
+constexpr std::size_t usual_reserve = std::size_t{64} << 10;
 
 // The lower end of a stack, which is where it ends: addresses fall as calls nest.
 struct StackEnd {

@@ -23,6 +23,9 @@ using Personality = _Unwind_Reason_Code(int version, _Unwind_Action actions,
 
 extern "C" {
 
+// The linker makes these names of the compiler's own.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+
 Personality __real___gxx_personality_v0;
 Personality __real___gcc_personality_v0;
 
@@ -39,4 +42,6 @@ Personality __real___gcc_personality_v0;
     if ((actions & _UA_FORCE_UNWIND) != 0) return _URC_CONTINUE_UNWIND;
     return __real___gcc_personality_v0(version, actions, exception_class, exception, context);
 }
+
+// NOLINTEND(bugprone-reserved-identifier)
 }

@@ -10,6 +10,7 @@ import pytest
 PROGRAM = Path(__file__).with_name("nested_calls.py")
 USUAL = 0
 SMALL = 1 << 20
+LARGE = 128 << 20
 # Python's smallest, and more for interpreters that need more. The frames that sanitizers watch are
 # several times as large.
 SANITIZED = "libasan" in os.environ.get("LD_PRELOAD", "")
@@ -64,6 +65,10 @@ def test_nothing_overruns_the_stack(size, program):
 @pytest.mark.parametrize("program", NESTING)
 def test_nothing_overruns_the_smallest_stack(smallest, program):
     run(smallest, program)
+
+
+def test_days_run_in_a_large_stack():
+    run(LARGE, "days_of_the_module")
 
 
 def test_days_run_in_the_smallest_stack_that_plain_python_runs_in(smallest):
