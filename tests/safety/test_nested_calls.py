@@ -46,6 +46,7 @@ def run(size, program):
     assert (done.returncode, done.stdout) == (0, "done\n"), done.stderr[-4000:]
 
 
+@pytest.mark.skipif(SANITIZED, reason="the sanitizers need files themselves")
 def test_the_main_thread_needs_no_file_to_know_its_stack():
     run(USUAL, "where_no_file_can_be_opened")
 

@@ -28,15 +28,16 @@ COMPUTING = [
 ]
 WRITING = ["directory_checkpoints", "sqlite_checkpoints"]
 
-# The exit status, and how the last line on standard error begins.
+# The exit status, and how the last line on standard error begins. Python forgets that it was
+# interrupted when another thread begins to run a text or a module just then.
 ENDS = {
-    "returning": (0, ""),
-    "exiting": (3, ""),
-    "failing": (1, "RuntimeError: the end"),
-    "leaving_at_once": (4, ""),
-    "terminated": (-signal.SIGTERM, ""),
-    "interrupted": (-signal.SIGINT, "KeyboardInterrupt"),
-    "terminated_by_handler": (5, ""),
+    "returning": {(0, "")},
+    "exiting": {(3, "")},
+    "failing": {(1, "RuntimeError: the end")},
+    "leaving_at_once": {(4, "")},
+    "terminated": {(-signal.SIGTERM, "")},
+    "interrupted": {(-signal.SIGINT, "KeyboardInterrupt"), (1, "KeyboardInterrupt")},
+    "terminated_by_handler": {(5, "")},
 }
 
 
@@ -46,7 +47,8 @@ def test_threads_that_compute_do_not_change_the_end(exits, tmp_path, work, way):
     outcomes = exits.outcomes(
         "work_in_threads", tmp_path, range(EXITS), work=work, way=way, threads=THREADS
     )
-    assert ends(outcomes) == [ENDS[way]] * EXITS
+    assert len(outcomes) == EXITS
+    assert ENDS[way].issuperset(ends(outcomes))
 
 
 @pytest.mark.parametrize("way", ENDS)
@@ -56,7 +58,8 @@ def test_threads_that_write_leave_a_state_acknowledged_or_in_flight(exits, tmp_p
     outcomes = exits.outcomes(
         "work_in_threads", tmp_path, range(EXITS), work=work, way=way, threads=THREADS
     )
-    assert ends(outcomes) == [ENDS[way]] * EXITS
+    assert len(outcomes) == EXITS
+    assert ENDS[way].issuperset(ends(outcomes))
     for seed in range(EXITS):
         for thread in range(THREADS + 1):
             check_store(tmp_path / str(seed), work, str(thread))

@@ -19,6 +19,11 @@ from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
 from quorvane.stores import DirectoryStore, SqliteStore
 
+# The stores load it when it is first used. An import that is broken off in one thread leaves half a
+# module to the others.
+with contextlib.suppress(ImportError):
+    import msgpack  # noqa: F401
+
 NAMES = ["CVX", "KO", "PEP", "XOM"]
 PAIRS = {"KO/PEP": {"KO": 1.0, "PEP": -1.0}, "XOM/CVX": {"XOM": 1.0, "CVX": -1.0}}
 SLOTS = 300
