@@ -98,7 +98,7 @@ coverage: $(TEST_READY)
 
 # What docs/trust.md reports on, each by itself; a failure keeps no other from running. INPUTS of
 # each kind are as many as take some minutes.
-trust: INPUTS = 50000
+trust: INPUTS = 20000
 trust:
 	$(or $(PYTHON),python3) tools/trust.py --python $(PY) --inputs $(INPUTS)
 

@@ -20,7 +20,7 @@ from pathlib import Path
 ROOT = Path(__file__).parents[1]
 
 # One stage after the other, the checks of a stage side by side: those use one core each.
-STAGES = [["set-up"], ["asan"], ["valgrind", "refleaks"], ["matrix"], ["long"], ["fuzz"]]
+STAGES = [["set-up"], ["asan"], ["valgrind", "refleaks"], ["fuzz"], ["long"], ["matrix"]]
 
 # The end of a pytest run: "6923 passed, 2 skipped in 301.20s (0:05:01)".
 TEST_RUN = re.compile(r"((?:\d+ [a-z]+, )*\d+ [a-z]+) in [\d.]+s\b")
@@ -169,7 +169,7 @@ def main():
     parser.add_argument(
         "--python", default=ROOT / ".venv/bin/python", help="what `make` tests with"
     )
-    parser.add_argument("--inputs", type=int, default=50_000, help="of each kind (%(default)s)")
+    parser.add_argument("--inputs", type=int, default=20_000, help="of each kind (%(default)s)")
     parser.add_argument("--logs", type=Path, default=ROOT / "build/trust", metavar="FOLDER")
     options = parser.parse_args()
     options.logs.mkdir(parents=True, exist_ok=True)
