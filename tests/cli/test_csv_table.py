@@ -300,6 +300,10 @@ def test_numbers_take_no_more_memory_than_their_cells(write, monkeypatch):
     assert peak["python"] < 1_000_000
 
 
+# Threads of pyarrow's may still hold some of a pool's memory when a reader has given up.
+KEPT_POOLS = []
+
+
 @contextmanager
 def peaks():
     """The most memory that Python and pyarrow held at a time."""
@@ -308,6 +312,7 @@ def peaks():
     if pyarrow is not None:
         before = pyarrow.default_memory_pool()
         pool = pyarrow.proxy_memory_pool(before)
+        KEPT_POOLS.append(pool)
         pyarrow.set_memory_pool(pool)
     tracemalloc.start()
     try:
