@@ -3,47 +3,27 @@
 import json
 import os
 import signal
-import subprocess
-import sys
 from pathlib import Path
 
-import quorvane
-
-TESTS = Path(__file__).parents[1]
+from support.server_process import ServerProcess, environment
 
 
-class TaskServer:
+class TaskServer(ServerProcess):
     """A process that forks one child per task; the children answer to signals as usual.
 
     The tasks are the functions of a module, which also has a function `warm_up`.
     """
 
     def __init__(self, module):
-        self._module = module
-
-    def __enter__(self):
-        places = [str(Path(quorvane.__file__).parents[1]), str(TESTS)]
-        self._server = subprocess.Popen(
-            [sys.executable, "-m", "support.task_server", self._module],
-            env={**os.environ, "PYTHONPATH": os.pathsep.join(places), "OPENBLAS_NUM_THREADS": "1"},
-            stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE,
-            text=True,
-        )
-        return self
-
-    def __exit__(self, *_):
-        self._server.stdin.close()
-        self._server.wait()
-        self._server.stdout.close()
+        super().__init__("-m", "support.task_server", module, env=environment())
 
     def start(self, task, **arguments):
         """Start the function of that name and return its process id."""
-        return self._ask({"do": "start", "task": task, "arguments": arguments})
+        return self.ask({"do": "start", "task": task, "arguments": arguments})
 
     def wait(self, process):
         """Wait for a process and return its exit code, negative for a signal."""
-        return self._ask({"do": "wait", "process": process})
+        return self.ask({"do": "wait", "process": process})
 
     def kill(self, process):
         """Kill a process without warning."""
@@ -61,11 +41,6 @@ class TaskServer:
         """Wait for a process; return its exit code and what it left in the file for its answer."""
         code = self.wait(process)
         return code, json.loads(Path(answer).read_text()) if code == 0 else None
-
-    def _ask(self, request):
-        self._server.stdin.write(json.dumps(request) + "\n")
-        self._server.stdin.flush()
-        return json.loads(self._server.stdout.readline())
 
 
 def state_of(process):
