@@ -80,7 +80,8 @@ format: $(TEST_READY)
 # process is sure to make.
 COVERED = $(sort $(filter-out tests/fuzz/% tests/cli/% tests/stores/% tests/powercut/% \
     tests/safety/test_soak.py tests/safety/test_process_end.py tests/safety/test_objects_at_exit.py \
-    tests/safety/test_interrupts.py tests/test_trust_table.py, \
+    tests/safety/test_interrupts.py tests/safety/test_forks.py tests/safety/test_import_at_exit.py \
+    tests/test_trust_table.py, \
     $(shell find tests -name 'test_*.py')))
 
 coverage: $(TEST_READY)
