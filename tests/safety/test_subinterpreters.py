@@ -1,6 +1,7 @@
 """In a sub-interpreter the package either works or is refused with an ImportError.
 
-Which of the two is NumPy's to say: most versions of it can be loaded by one interpreter only.
+Which of the two is NumPy's to say: most versions of it can be loaded by one interpreter only. Those
+before 1.25 may say so with a SystemError.
 """
 
 import subprocess
@@ -21,7 +22,7 @@ try:
     import numpy as np
     from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
     from quorvane.functions.rotations.virtualization.columns import StructureColumns
-except ImportError as error:
+except (ImportError, SystemError):
     print("refused", flush=True)
 else:
     pairs = FixedBaskets(
