@@ -1,12 +1,12 @@
 """In a sub-interpreter the package either works or is refused with an ImportError.
 
-Which of the two is NumPy's to say: most versions of it can be loaded by one interpreter only. Those
-before 1.25 may say so with a SystemError.
+Which of the two is NumPy's to say: most versions of it can be loaded by one interpreter only.
 """
 
 import subprocess
 import sys
 
+import numpy as np
 import pytest
 
 from support.exits import environment
@@ -22,7 +22,7 @@ try:
     import numpy as np
     from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
     from quorvane.functions.rotations.virtualization.columns import StructureColumns
-except (ImportError, SystemError):
+except ImportError:
     print("refused", flush=True)
 else:
     pairs = FixedBaskets(
@@ -84,6 +84,10 @@ def test_the_main_interpreter_goes_on_after_others_have_come_and_gone(run):
     assert set(lines[1::2]) <= {"refused", WORKED}
 
 
+@pytest.mark.skipif(
+    np.lib.NumpyVersion(np.__version__) < "2.0.0",
+    reason="NumPy 1 itself may crash when a sub-interpreter was the first to load it",
+)
 def test_a_sub_interpreter_may_be_the_first(run):
     lines = run("work_in_new()\nwork_in(None)\nwork_in_new()")
     assert len(lines) == 3
