@@ -134,10 +134,10 @@ def test_a_folder_that_cannot_be_flushed_is_said(tmp_path, monkeypatch):
 def test_a_folder_that_may_not_be_read_is_flushed_with_everything_else(tmp_path, monkeypatch):
     synced, open_file = [], os.open
 
-    def open_no_folder(path, flags, *arguments):
-        if flags & os.O_DIRECTORY:
+    def open_no_folder(path, *arguments, **keywords):
+        if os.fspath(path) == os.fspath(tmp_path):
             raise PermissionError(13, "Permission denied")
-        return open_file(path, flags, *arguments)
+        return open_file(path, *arguments, **keywords)
 
     with monkeypatch.context() as patched, whole_output(tmp_path / "out.csv", "the table") as part:
         part.write_text("new")
