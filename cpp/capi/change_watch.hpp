@@ -2,32 +2,9 @@
 
 #include <cstdint>
 
-#include "capi/error.hpp"
+#include "capi/dict_watch.hpp"
 
 namespace quorvane::capi {
-
-// Tells, for the price of a few comparisons, that none of some dicts and types has been changed
-// since they were added. It may report a change that did not matter, never miss one.
-//
-// Up to Python 3.11 every dict carries a version; later ones tell a watcher of every change.
-class DictWatcher {
-public:
-    DictWatcher(const DictWatcher&) = delete;
-    DictWatcher& operator=(const DictWatcher&) = delete;
-
-    // The version of the dict's contents, 0 when it cannot be known.
-    [[nodiscard]] std::uint64_t version_of(PyObject* dict) const;
-
-#if PY_VERSION_HEX >= 0x030C0000
-    DictWatcher();
-    ~DictWatcher();
-
-private:
-    int id_ = -1;
-#else
-    DictWatcher() = default;
-#endif
-};
 
 // The version of a type and all its bases, 0 when the interpreter gave it none.
 inline unsigned int version_of(PyTypeObject* type) noexcept {
@@ -61,28 +38,25 @@ private:
     unsigned int yes_of_ = 0;
 };
 
-// From Python 3.13 on an instance's own dictionary may be a view of values inside the instance, and
-// its watchers are not told of every change of them. Such a dictionary must be looked into instead.
-inline constexpr bool instance_dicts_tell_changes = PY_VERSION_HEX < 0x030D0000;
-
+// Tells, for the price of a few comparisons, that none of some dicts and types has been changed
+// since they were added. It may report a change that did not matter, never miss one.
 class ChangeWatch {
 public:
-    explicit ChangeWatch(const DictWatcher& watcher) : watcher_(&watcher) {}
+    explicit ChangeWatch(const DictWatcher& watcher) : watcher_(watcher) {}
 
     void clear() noexcept { dicts_ = types_ = 0; }
     void add_dict(PyObject* dict) {
         dict_[dicts_] = Ref::borrow(dict);
-        dict_version_[dicts_++] = watcher_->version_of(dict);
+        stamp_[dicts_++] = watcher_.stamp(dict);
     }
     void add_type(PyTypeObject* type) {
         type_[types_] = Ref::borrow(reinterpret_cast<PyObject*>(type));
         type_version_[types_++] = version_of(type);
     }
 
-    [[nodiscard]] bool unchanged() const {
+    [[nodiscard]] bool unchanged() const noexcept {
         for (int i = 0; i < dicts_; ++i) {
-            const std::uint64_t version = dict_version_[i];
-            if (version == 0 || watcher_->version_of(dict_[i].get()) != version) return false;
+            if (!DictWatcher::has_stamp(dict_[i].get(), stamp_[i])) return false;
         }
         for (int i = 0; i < types_; ++i) {
             auto* type = reinterpret_cast<PyTypeObject*>(type_[i].get());
@@ -94,9 +68,9 @@ public:
 private:
     static constexpr int capacity = 4;
 
-    const DictWatcher* watcher_;
+    const DictWatcher& watcher_;
     Ref dict_[capacity];
-    std::uint64_t dict_version_[capacity] = {};
+    std::uint64_t stamp_[capacity] = {};
     int dicts_ = 0;
     Ref type_[capacity];
     unsigned int type_version_[capacity] = {};

@@ -4,8 +4,8 @@
 
 #include "capi/array_view.hpp"
 #include "virtualization/context.hpp"
-#include "virtualization/shortcuts/float64.hpp"
-#include "virtualization/shortcuts/plain_size.hpp"
+#include "virtualization/fast/arrays.hpp"
+#include "virtualization/guards/plain_size.hpp"
 
 namespace quorvane::virtualization {
 

@@ -2,9 +2,9 @@
 
 #include "capi/array_view.hpp"
 #include "virtualization/context.hpp"
-#include "virtualization/shortcuts/float64.hpp"
-#include "virtualization/shortcuts/plain_rotation.hpp"
-#include "virtualization/shortcuts/plain_size.hpp"
+#include "virtualization/fast/arrays.hpp"
+#include "virtualization/guards/rotation_guard.hpp"
+#include "virtualization/guards/plain_size.hpp"
 
 namespace quorvane::virtualization {
 

@@ -4,10 +4,8 @@
 #include <limits>
 
 #include "capi/array_view.hpp"
-#include "virtualization/item_recording.hpp"
+#include "virtualization/fast/recording.hpp"
 #include "virtualization/parent_day.hpp"
-#include "virtualization/shortcuts/inert_run.hpp"
-#include "virtualization/shortcuts/metadata_memory.hpp"
 
 namespace quorvane::virtualization {
 
@@ -55,7 +53,7 @@ void refresh_structures(const State& state, const Day& day, Variables& variables
 // self.<name>.fill(np.nan)
 void fill_with_nan(const State& state, PyObject* self, PyObject* name) {
     const Ref row = attr(self, name);
-    const bool numpy_holds = state.pristine.numpy_holds(state);
+    const bool numpy_holds = state.module_guard.numpy_holds(state);
     const auto view = capi::writable_vector<double>(row.get());
     if (view && view.contiguous() && numpy_holds) {
         const auto values = view.span();
@@ -66,49 +64,17 @@ void fill_with_nan(const State& state, PyObject* self, PyObject* name) {
     call(fill.get(), state.numpy(state.names.nan).get());
 }
 
-void deactivate(const State& state, PyObject* entry) {
-    const Names& names = state.names;
-    if (!PyDict_CheckExact(entry)) {
-        call_method(entry, names.clear);
-        set_item(entry, names.active, Py_False);
-    } else if (!says_only_inactive(state, entry)) {
-        PyDict_Clear(entry);
-        require(PyDict_SetItem(entry, names.active, Py_False));
-    }
-}
-
-// Every slot's metadata is emptied in place and says inactive. Gives back the last entry, if any.
-Ref deactivate_slots(const State& state, PyObject* self) {
-    capi::Iteration entries(attr(self, state.names.metadata_by_slot).get());
-    Ref entry;
-    while (entries.next(entry)) {
-        deactivate(state, entry.get());
-    }
-    return entry;
-}
-
-// Records what it can without Python; the slots are reset by then in any case.
-Py_ssize_t record_inertly(const State& state, const Day& day, PlainRotation& plain,
-                          const DayMasks& masks, const DayReport& report, Ref& reset_entry) {
-    InertRun run(state, plain, masks, report, state.memories->of(day.self));
-    if (run.is_possible() && run.may_postpone_reset()) return run.record();
-    reset_entry = deactivate_slots(state, day.self);
-    return run.is_possible() && run.adopt_reset_slots() ? run.record() : 0;
-}
-
-// Resets every slot and records every item, in order.
+// Resets every slot and records every structure, in order.
 void record_structures(const State& state, const Day& day, Variables& variables) {
     const DayMasks masks{day.nan_masks, day.combined_nan_mask, day.N};
     PyObject* structures = variables.structures.get();
     LastItem& last = variables.last;
-    PlainRotation plain(state, day.self);
-    const DayReport report(state, structures);
-    const Py_ssize_t recorded =
-        record_inertly(state, day, plain, masks, report, variables.reset_entry);
+    Recording recording(state, day.self, masks, structures);
+    const Py_ssize_t recorded = recording.begin(variables.reset_entry);
     capi::Iteration items(structures, recorded);
-    if (recorded > 0) last.raw = report.object_at(recorded - 1);
-    while (items.next(last.raw)) {
-        record_item(state, day.self, plain, masks, last);
+    if (recorded > 0) last.raw = recording.report().object_at(recorded - 1);
+    for (auto position = static_cast<std::size_t>(recorded); items.next(last.raw); ++position) {
+        recording.record(last, position);
     }
 }
 

@@ -1,7 +1,7 @@
 #include "virtualization/context.hpp"
 
 #include "capi/array_view.hpp"
-#include "virtualization/shortcuts/plain_size.hpp"
+#include "virtualization/guards/plain_size.hpp"
 
 namespace quorvane::virtualization {
 

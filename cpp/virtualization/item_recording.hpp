@@ -1,7 +1,7 @@
 #pragma once
 
-#include "virtualization/shortcuts/plain_rotation.hpp"
-#include "virtualization/shortcuts/quick_item.hpp"
+#include "virtualization/cache/table_cache.hpp"
+#include "virtualization/state.hpp"
 
 namespace quorvane::virtualization {
 
@@ -11,10 +11,12 @@ struct LastItem {
     Ref metadata, valid, slot, structure, raw;
 };
 
-// Takes one reported item into the rotation's tables: normalise, find the slot, judge, store.
-// With a rotation whose steps nobody changed and an item whose reading runs no Python code this is
-// done in one go; anything else is done step by step, through the instance, with the same result.
-void record_item(const State& state, PyObject* self, PlainRotation& plain, const DayMasks& masks,
-                 LastItem& last);
+// Takes one reported item into the rotation's tables, step by step through the instance: normalise,
+// find the slot, judge, store. Each goes on where the one before has come to. The cache, if there is
+// one, goes along with what is stored.
+void normalize_item(const State& state, PyObject* self, LastItem& last);
+void find_slot(const State& state, PyObject* self, LastItem& last);
+void judge_structure(const State& state, PyObject* self, const DayMasks& masks, LastItem& last);
+void store_structure(const State& state, PyObject* self, LastItem& last, TableCache* cache);
 
 }  // namespace quorvane::virtualization

@@ -13,7 +13,7 @@
 #include "virtualization/context.hpp"
 #include "virtualization/expression.hpp"
 #include "virtualization/persistence.hpp"
-#include "virtualization/shortcuts/day_memory.hpp"
+#include "virtualization/cache/table_cache.hpp"
 #include "virtualization/slots.hpp"
 #include "virtualization/state.hpp"
 #include "virtualization/state_restore.hpp"
@@ -87,7 +87,7 @@ State::State(PyObject* module)
       dtype_and_copy_keywords(keyword_names({"dtype", "copy"})),
       zero(make_int(0)),
       one(make_int(1)),
-      memories(std::make_unique<DayMemories>()),
+      caches(std::make_unique<TableCaches>(dict_watcher)),
       module_(module),
       globals_(Ref::borrow(PyModule_GetDict(module))),
       function_type_(capi::make_native_function_type(module)) {}
@@ -106,7 +106,7 @@ void State::execute() {
     const Ref module_name = require(PyModule_GetNameObject(module_));
     const FunctionHome home{function_type_.get(), module_, this, module_name.get()};
     bind("VirtualStructure", make_structure_class(*this, home).get());
-    pristine.remember(*this);
+    module_guard.remember(*this);
     bind("_VirtualContext", make_context_class(*this, home).get());
     bind("_AllOnesVirtualMask", make_mask_class(*this, home).get());
     const Ref rotation_base = global(capi::Interned("RotationBase"));
@@ -139,7 +139,7 @@ int State::traverse(visitproc visit, void* arg) const {
     for (const OwnClass* own : {&context_class, &mask_class}) {
         if (const int status = own->traverse(visit, arg)) return status;
     }
-    return pristine.traverse(visit, arg);
+    return module_guard.traverse(visit, arg);
 }
 
 Ref State::global(PyObject* name) const {

@@ -1,5 +1,7 @@
 #include "virtualization/slots.hpp"
 
+#include "virtualization/cache/table_cache.hpp"
+
 namespace quorvane::virtualization {
 
 namespace {
@@ -28,18 +30,9 @@ Ref refresh_active_structures(State& state, PyObject* const* /*values*/) {
         .raise(PyExc_ValueError);
 }
 
-// A known key always succeeds, also when the maps are full.
 Ref slot_for_key(State& state, PyObject* const* values) {
-    PyObject* self = values[0];
-    const Ref key = capi::to_tuple(values[1]);
-    PyObject* slot_by_key = state.names.slot_by_key;
-    if (capi::contains(attr(self, slot_by_key).get(), key.get())) {
-        return item(attr(self, slot_by_key).get(), key.get());
-    }
-    return new_slot(state, self, key.get());
+    return slot_of_key(state, values[0], capi::to_tuple(values[1]).get());
 }
-
-}  // namespace
 
 Ref new_slot(const State& state, PyObject* self, PyObject* key) {
     const Names& names = state.names;
@@ -47,9 +40,21 @@ Ref new_slot(const State& state, PyObject* self, PyObject* key) {
     const Ref capacity = attr(self, names.max_structures);
     if (capi::compare(used.get(), capacity.get(), Py_GE)) raise_full(state, self);
     Ref slot = capi::make_int(capi::length(attr(self, names.slot_by_key).get()));
-    set_item(attr(self, names.slot_by_key).get(), key, slot.get());
-    set_item(attr(self, names.key_by_slot).get(), slot.get(), key);
+    const std::shared_ptr<TableCache> cache = state.caches->find(self);
+    set_slot(cache.get(), attr(self, names.slot_by_key).get(), key, slot.get());
+    set_slot(cache.get(), attr(self, names.key_by_slot).get(), slot.get(), key);
     return slot;
+}
+
+}  // namespace
+
+// A known key always succeeds, also when the maps are full.
+Ref slot_of_key(const State& state, PyObject* self, PyObject* key) {
+    PyObject* slot_by_key = state.names.slot_by_key;
+    if (capi::contains(attr(self, slot_by_key).get(), key)) {
+        return item(attr(self, slot_by_key).get(), key);
+    }
+    return new_slot(state, self, key);
 }
 
 const capi::FunctionDef stateful_def{"stateful", self_only, capi::body_of<State, stateful>,

@@ -4,8 +4,8 @@
 
 namespace quorvane::virtualization {
 
-// The next slot, given to a key that has none yet; ValueError when all are taken.
-Ref new_slot(const State& state, PyObject* self, PyObject* key);
+// The slot of a tuple; a new one for a key that has none yet, ValueError when all are taken.
+Ref slot_of_key(const State& state, PyObject* self, PyObject* key);
 
 extern const capi::FunctionDef stateful_def;
 extern const capi::FunctionDef refresh_active_structures_def;

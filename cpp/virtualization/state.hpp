@@ -8,8 +8,8 @@
 #include "capi/objects.hpp"
 #include "kernels/unmap.hpp"
 #include "virtualization/names.hpp"
-#include "virtualization/shortcuts/own_class.hpp"
-#include "virtualization/shortcuts/pristine.hpp"
+#include "virtualization/guards/own_class.hpp"
+#include "virtualization/guards/module_guard.hpp"
 
 namespace quorvane::virtualization {
 
@@ -25,7 +25,7 @@ using capi::set_attr;
 using capi::set_default;
 using capi::set_item;
 
-class DayMemories;
+class TableCaches;
 
 // What one import of the module holds besides its dictionary. Nothing here is a second home for a
 // global: limits, tables and classes are looked up in the dictionary whenever they are used.
@@ -71,13 +71,13 @@ public:
 
     // What the shortcuts of a day compare with.
     const capi::DictWatcher dict_watcher;
-    Pristine pristine;
+    ModuleGuard module_guard;
     OwnClass context_class, mask_class;
     mutable capi::TypeAnswer plain_class;  // of the rotations' classes
 
     // What rotations left of their last day, and the working memory of unmapping. Neither changes
     // any answer; no Python code runs while either is in use.
-    std::unique_ptr<DayMemories> memories;
+    std::unique_ptr<TableCaches> caches;
     mutable kernels::Totals totals;
 
 private:

@@ -1,6 +1,6 @@
 #include "virtualization/state_restore.hpp"
 
-#include "virtualization/shortcuts/quiet_restore.hpp"
+#include "virtualization/fast/restoring.hpp"
 
 namespace quorvane::virtualization {
 
@@ -54,7 +54,7 @@ Ref set_state(State& state, PyObject* const* values) {
     if (!capi::is_instance(state_dict, PyDict_Type)) {
         message_of(state, self).text(": state must be a dict").raise(PyExc_ValueError);
     }
-    if (restore_quietly(state, self, state_dict)) return capi::none();
+    if (restore_fast(state, self, state_dict)) return capi::none();
     Ref components[5];
     capi::unpack(call_method(self, names.validate_state_components, state_dict).get(), components,
                  5);

@@ -1,9 +1,9 @@
 #include "virtualization/state_validation.hpp"
 
 #include "capi/gc_pause.hpp"
-#include "virtualization/shortcuts/plain_rotation.hpp"
-#include "virtualization/shortcuts/plain_size.hpp"
-#include "virtualization/shortcuts/quick_state.hpp"
+#include "virtualization/guards/rotation_guard.hpp"
+#include "virtualization/guards/plain_size.hpp"
+#include "virtualization/fast/state_checks.hpp"
 
 namespace quorvane::virtualization {
 
@@ -211,7 +211,7 @@ Ref legs_by_slot(const Rotation& rotation, const RawState& raw, const SlotMaps& 
                  const Ref& limit) {
     PyObject* legs = raw.legs_by_slot.get();
     const Py_ssize_t width = plain_width(rotation);
-    if (rotation.state.pristine.numpy_holds(rotation.state)) {
+    if (rotation.state.module_guard.numpy_holds(rotation.state)) {
         const SlotSet slots = slots_of(maps.key_by_slot.get(), width);
         if (are_legs_of_slots(legs, slots, plain_size(limit.get()))) return copy_of(legs);
     }
@@ -219,7 +219,7 @@ Ref legs_by_slot(const Rotation& rotation, const RawState& raw, const SlotMaps& 
 }
 
 Ref metadata_list(const Rotation& rotation, const RawState& raw) {
-    Ref quick = quick_metadata_list(raw.metadata.get(), plain_width(rotation));
+    Ref quick = copy_metadata_list(raw.metadata.get(), plain_width(rotation));
     return quick ? std::move(quick) : checked_metadata(rotation, raw.metadata);
 }
 

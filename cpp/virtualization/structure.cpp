@@ -1,5 +1,7 @@
 #include "virtualization/structure.hpp"
 
+#include "virtualization/fast/structure_record.hpp"
+
 namespace quorvane::virtualization {
 
 namespace {
@@ -54,6 +56,7 @@ Ref normalize_legs(PyObject* legs, Ref& leg) {
 Ref normalize(State& state, PyObject* const* values) {
     const Names& names = state.names;
     PyObject* raw_item = values[1];
+    if (Ref made = normalize_plainly(state, raw_item)) return made;
     const RawStructure raw = capi::is_instance(raw_item, PyDict_Type)
                                  ? read_dict(state, raw_item)
                                  : read_object(state, raw_item);

@@ -1,7 +1,7 @@
 #include "virtualization/trace.hpp"
 
 #include "virtualization/parent_day.hpp"
-#include "virtualization/shortcuts/float64.hpp"
+#include "virtualization/fast/arrays.hpp"
 
 namespace quorvane::virtualization {
 

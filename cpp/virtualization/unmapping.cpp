@@ -4,8 +4,8 @@
 #include <limits>
 
 #include "capi/array_view.hpp"
-#include "virtualization/shortcuts/flat_unmapping.hpp"
-#include "virtualization/shortcuts/plain_size.hpp"
+#include "virtualization/fast/unmapping.hpp"
+#include "virtualization/guards/plain_size.hpp"
 
 namespace quorvane::virtualization {
 
@@ -98,7 +98,7 @@ void fill_with_nan(const capi::VectorView<double>& view, Py_ssize_t end) {
 
 // output_buf[:N] = np.nan
 void clear_output(const State& state, PyObject* output_buf, PyObject* N) {
-    const bool numpy_holds = state.pristine.numpy_holds(state);
+    const bool numpy_holds = state.module_guard.numpy_holds(state);
     const auto view = capi::writable_vector<double>(output_buf);
     const Py_ssize_t live_size = plain_size(N);
     if (view && live_size >= 0 && numpy_holds) {
@@ -127,7 +127,7 @@ void unmap_stepwise(const State& state, PyObject* self, PyObject* txi_output, Py
 Ref unmap(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     clear_output(state, values[2], values[3]);
-    if (!unmap_flat(state, self, values[1], values[2], values[3])) {
+    if (!unmap_fast(state, self, values[1], values[2], values[3])) {
         unmap_stepwise(state, self, values[1], values[2], values[3]);
     }
     return capi::none();

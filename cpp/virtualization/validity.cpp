@@ -1,5 +1,7 @@
 #include "virtualization/validity.hpp"
 
+#include "virtualization/fast/structure_record.hpp"
+
 namespace quorvane::virtualization {
 
 namespace {
@@ -31,6 +33,9 @@ bool is_live(const State& state, PyObject* leg_id, PyObject* nan_masks, PyObject
 
 Ref structure_is_valid(State& state, PyObject* const* values) {
     PyObject* structure = values[1];
+    if (Ref verdict = judge_plainly(state, structure, {values[2], values[3], values[4]})) {
+        return verdict;
+    }
     capi::Iteration legs(attr(structure, state.names.legs).get());
     Ref leg;
     while (legs.next(leg)) {
