@@ -29,7 +29,7 @@ void MetadataCache::expect_other_slots() noexcept {
     for (const std::uint32_t slot : active_) entries_[slot].has_own_words = true;
 }
 
-bool MetadataCache::settle(const State& state, PyObject* metadata_by_slot) {
+void MetadataCache::find_unknown(PyObject* metadata_by_slot) {
     const auto slots = static_cast<std::size_t>(PyList_GET_SIZE(metadata_by_slot));
     if (dicts_.size() != slots) {
         forget();
@@ -37,15 +37,34 @@ bool MetadataCache::settle(const State& state, PyObject* metadata_by_slot) {
         dicts_.reset(slots);
     }
     dicts_.find_unknown(PySequence_Fast_ITEMS(metadata_by_slot), unknown_);
-    if (unknown_.empty()) return true;
+    if (!unknown_.empty()) ++day_;
+}
+
+bool MetadataCache::settle(const State& state, PyObject* metadata_by_slot) {
+    find_unknown(metadata_by_slot);
     for (const std::uint32_t slot : unknown_) {
         if (!can_reset(state, entry_of(metadata_by_slot, slot))) return false;
     }
-    ++day_;
     list_ = metadata_by_slot;
     for (const std::uint32_t slot : unknown_) take(state, slot);
     list_ = nullptr;
     return true;
+}
+
+bool MetadataCache::adopt_reset(const State& state, PyObject* metadata_by_slot) {
+    find_unknown(metadata_by_slot);
+    bool all = true;
+    for (const std::uint32_t slot : unknown_) {
+        PyObject* entry = entry_of(metadata_by_slot, slot);
+        entries_[slot] = Entries{};
+        if (PyDict_CheckExact(entry) && dicts_.can_know(entry) &&
+            says_only_inactive(state, entry)) {
+            dicts_.know(slot, entry);
+        } else {
+            all = false;
+        }
+    }
+    return all;
 }
 
 bool MetadataCache::can_reset(const State& state, PyObject* entry) const {

@@ -33,6 +33,11 @@ public:
     // changed, when one is no exact dict, or when resetting it could run code.
     bool settle(const State& state, PyObject* metadata_by_slot);
 
+    // The same of a list that has been reset just now, by code that may have run other code: nothing
+    // is reset again. False when a dict does not say only that its slot is inactive; it stays
+    // unknown.
+    bool adopt_reset(const State& state, PyObject* metadata_by_slot);
+
     // A day of a settled list: begin, report each structure, end. Until end() the dicts of slots
     // that were active yesterday still say so; no Python code may run in between.
     void begin_day(PyObject* metadata_by_slot) noexcept;
@@ -79,6 +84,7 @@ private:
         bool has_own_words = false;
     };
 
+    void find_unknown(PyObject* metadata_by_slot);
     [[nodiscard]] bool can_reset(const State& state, PyObject* entry) const;
     void take(const State& state, std::size_t slot);
     bool rewrite(const State& state, PyObject* dict, const ReportedStructure& structure);

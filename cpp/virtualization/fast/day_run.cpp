@@ -38,6 +38,11 @@ bool DayRun::settle() {
     return cache_.metadata.settle(state_, tables_.metadata_by_slot) && cache_.is_current(tables_);
 }
 
+bool DayRun::adopt_reset() {
+    return cache_.metadata.adopt_reset(state_, tables_.metadata_by_slot) &&
+           cache_.is_current(tables_);
+}
+
 Py_ssize_t DayRun::record() {
     const capi::GcPause no_finalizers;
     if (record_known_columns()) return report_.count();

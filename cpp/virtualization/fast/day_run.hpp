@@ -21,6 +21,8 @@ public:
     // Makes what the slots' metadata says known, so that resetting them may wait for the end of
     // record(). False, with nothing changed, when they must be reset before.
     [[nodiscard]] bool settle();
+    // The same after that has been done.
+    [[nodiscard]] bool adopt_reset();
 
     // Records items, resets the slots that no item has reported, and tells how many items were
     // recorded. The next item, if there is one, needs Python.

@@ -44,32 +44,32 @@ bool Recording::is_ready() {
     return looks_++ < most_looks && cache_->refresh(tables_);
 }
 
-bool Recording::is_settled() {
-    return is_ready() && cache_->metadata.settle(state_, tables_.metadata_by_slot) &&
-           cache_->is_current(tables_);
-}
-
 Py_ssize_t Recording::begin(Ref& reset_entry) {
-    bool is_reset = false;
-    if (cache_ != nullptr) {
-        DayRun run(state_, guard_, masks_, report_, *cache_);
-        bool possible = run.is_possible();
-        if (possible && run.settle()) return run.record();
-        if (possible) {
-            reset_entry = deactivate_slots(state_, self_);
-            is_reset = true;
-            if (run.is_possible() && run.settle()) return run.record();
-        }
-    }
-    if (is_settled()) {
-        cache_->metadata.reset_day(state_, tables_.metadata_by_slot);
-        const Py_ssize_t slots = PyList_GET_SIZE(tables_.metadata_by_slot);
-        if (slots > 0) reset_entry = Ref::borrow(PyList_GET_ITEM(tables_.metadata_by_slot, slots - 1));
-    } else if (!is_reset) {
+    if (cache_ == nullptr) {
         reset_entry = deactivate_slots(state_, self_);
-        if (is_settled()) cache_->metadata.reset_day(state_, tables_.metadata_by_slot);
+        return 0;
+    }
+    DayRun run(state_, guard_, masks_, report_, *cache_);
+    const bool is_run = run.is_possible();
+    if (is_run && run.settle()) return run.record();
+    if (!is_run && reset_plainly(reset_entry)) return 0;
+    reset_entry = deactivate_slots(state_, self_);
+    if (is_run && run.is_possible() && run.adopt_reset()) return run.record();
+    if (is_ready()) {
+        cache_->metadata.adopt_reset(state_, tables_.metadata_by_slot);
+        cache_->metadata.reset_day(state_, tables_.metadata_by_slot);
     }
     return 0;
+}
+
+// Every slot is reset before Python runs again, where resetting runs none.
+bool Recording::reset_plainly(Ref& reset_entry) {
+    if (!is_ready() || !cache_->metadata.settle(state_, tables_.metadata_by_slot)) return false;
+    PyObject* list = tables_.metadata_by_slot;
+    cache_->metadata.reset_day(state_, list);
+    const Py_ssize_t slots = PyList_GET_SIZE(list);
+    if (slots > 0) reset_entry = Ref::borrow(PyList_GET_ITEM(list, slots - 1));
+    return true;
 }
 
 void Recording::record(LastItem& last, std::size_t position) {

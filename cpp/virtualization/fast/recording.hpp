@@ -40,7 +40,7 @@ private:
     enum class Reached { nothing, structure, slot, verdict, end };
 
     [[nodiscard]] bool is_ready();
-    [[nodiscard]] bool is_settled();
+    [[nodiscard]] bool reset_plainly(Ref& reset_entry);
     [[nodiscard]] bool went_on(const LastItem& last, Item& item);
 
     Reached record_plainly(LastItem& last, Item& item);
