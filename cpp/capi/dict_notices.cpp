@@ -82,8 +82,9 @@ private:
 
     // Multiplied by 2^64 over the golden ratio, whose upper bits depend on all of the address's.
     [[nodiscard]] std::size_t home(PyObject* dict) const noexcept {
-        const auto address = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(dict));
-        return static_cast<std::size_t>((address * 0x9E3779B97F4A7C15U) >> 32) & mask();
+        const std::uint64_t address{reinterpret_cast<std::uintptr_t>(dict)};
+        const std::uint64_t mixed = (address * 0x9E3779B97F4A7C15U) >> 32;
+        return std::size_t{mixed} & mask();
     }
 
     void put(const Cell& cell) noexcept {
@@ -233,6 +234,17 @@ std::uint64_t stamp_of(PyObject* dict) noexcept {
 bool has_stamp(PyObject* dict, std::uint64_t stamp) noexcept {
     const Places::Cell* cell = all().places.find(dict);
     return cell != nullptr && cell->place.is_stamp() && cell->place.number() == stamp;
+}
+
+std::uint64_t renewed(PyObject* dict, std::uint64_t stamp) noexcept {
+    Notices& notices = all();
+    Places::Cell* cell = notices.places.find(dict);
+    if (stamp == 0 || cell == nullptr || !cell->place.is_stamp() ||
+        cell->place.number() != stamp) {
+        return 0;
+    }
+    cell->place = Place::stamp(++notices.last_stamp);
+    return cell->place.number();
 }
 
 std::uint32_t add_group(std::vector<PyObject*>& dicts) {

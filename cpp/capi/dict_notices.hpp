@@ -19,6 +19,9 @@ bool tells_of_instances(int watcher_id) noexcept;
 // Of a watched dict: its number, given to it if it has none; 0 when there is no memory for that.
 std::uint64_t stamp_of(PyObject* dict) noexcept;
 bool has_stamp(PyObject* dict, std::uint64_t stamp) noexcept;
+// Another number instead of this one, so that others who know the dict by it take it for changed; 0
+// when the dict has got another one meanwhile.
+std::uint64_t renewed(PyObject* dict, std::uint64_t stamp) noexcept;
 
 // A group is an array of dicts, in which a changed one becomes null.
 std::uint32_t add_group(std::vector<PyObject*>& dicts);

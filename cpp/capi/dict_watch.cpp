@@ -46,8 +46,10 @@ bool DictWatcher::has_stamp(PyObject* dict, std::uint64_t stamp) noexcept {
 }
 
 void DictWatcher::set_item(PyObject* dict, std::uint64_t& stamp, PyObject* key, PyObject* value) {
-    const notices::Expected own(has_stamp(dict, stamp) ? dict : nullptr, key);
+    const std::uint64_t old = stamp;
+    const notices::Expected own(has_stamp(dict, old) ? dict : nullptr, key);
     require(PyDict_SetItem(dict, key, value));
+    stamp = notices::renewed(dict, old);
 }
 
 bool DictWatcher::is_told_of([[maybe_unused]] PyObject* dict) const noexcept {
