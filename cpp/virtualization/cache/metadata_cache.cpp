@@ -93,12 +93,14 @@ void MetadataCache::report(const State& state, const ReportedStructure& structur
     const std::size_t slot = structure.slot;
     PyObject* dict = dict_of(slot);
     Entries& entries = entries_[slot];
-    const bool known = entries.key != nullptr && dicts_.knows(slot, dict);
-    const bool alone = Py_REFCNT(dict) == 1;
-    if (!known || !alone || !rewrite(state, dict, structure)) {
-        // Whoever else holds yesterday's dict sees it reset.
-        if (known && !alone && entries.day != day_) deactivate(state, slot);
+    if (!dicts_.knows(slot, dict)) {
         replace(state, structure);
+    } else if (Py_REFCNT(dict) != 1) {
+        // Whoever else holds yesterday's dict sees it reset.
+        if (entries.key != nullptr && entries.day != day_) deactivate(state, slot);
+        replace(state, structure);
+    } else if (entries.key == nullptr || !rewrite(state, dict, structure)) {
+        fill(state, dict, structure);
     }
     if (entries.day != day_) {
         entries.day = day_;
@@ -133,13 +135,8 @@ bool MetadataCache::can_report(const State& state, PyObject* metadata_by_slot,
 void MetadataCache::report_alone(const State& state, PyObject* metadata_by_slot,
                                  const ReportedStructure& structure) {
     list_ = metadata_by_slot;
-    replace(state, structure);
+    report(state, structure);
     list_ = nullptr;
-    Entries& entries = entries_[structure.slot];
-    if (entries.day != day_) {
-        entries.day = day_;
-        active_.push_back(static_cast<std::uint32_t>(structure.slot));
-    }
 }
 
 bool MetadataCache::are_alone(PyObject* metadata_by_slot) const noexcept {
@@ -228,6 +225,22 @@ bool MetadataCache::rewrite_own_words(const State& state, PyObject* dict,
     }
     note(structure);
     return true;
+}
+
+// All words anew, in order. When there is no memory left for one, the dict is no longer known.
+void MetadataCache::fill(const State& state, PyObject* dict, const ReportedStructure& structure) {
+    DailyWords words;
+    if (!words.collect(state, structure)) return replace(state, structure);
+    dicts_.clear(structure.slot, dict);
+    try {
+        for (std::size_t i = 0; i < words.size(); ++i) {
+            dicts_.set_item(structure.slot, dict, words[i].word, words[i].value);
+        }
+    } catch (const capi::PythonError&) {
+        dicts_.forget(structure.slot);
+        throw;
+    }
+    note(structure);
 }
 
 void MetadataCache::replace(const State& state, const ReportedStructure& structure) {

@@ -89,6 +89,7 @@ private:
     void take(const State& state, std::size_t slot);
     bool rewrite(const State& state, PyObject* dict, const ReportedStructure& structure);
     bool rewrite_own_words(const State& state, PyObject* dict, const ReportedStructure& structure);
+    void fill(const State& state, PyObject* dict, const ReportedStructure& structure);
     void replace(const State& state, const ReportedStructure& structure);
     void note(const ReportedStructure& structure) noexcept;
     void deactivate(const State& state, std::size_t slot);

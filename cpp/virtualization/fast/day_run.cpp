@@ -92,6 +92,8 @@ Py_ssize_t DayRun::read_block(Py_ssize_t start) {
     for (Py_ssize_t position = start; position < end; ++position, ++read) {
         FoundItem& found = block_[read];
         if (!report_.read(position, found.item)) break;
+        found.made_key = tuple_of_list(found.item.key);
+        if (found.made_key) found.item.key = found.made_key.get();
         found.position = static_cast<std::size_t>(position);
         found.slot = cache_.slots.find(tables_.slot_by_key, found.position, found.item.key);
         if (has_same_legs(found)) continue;
@@ -139,8 +141,7 @@ DayRun::Outcome DayRun::record_item(const FoundItem& found) {
     const bool same_legs = has_same_legs(found);
     const Ref legs = same_legs ? Ref::borrow(item.legs) : legs_to_store(cache_, found.slot, item);
     if (!legs) return Outcome::needs_python;
-    const SlotCache::Found slot =
-        found.slot.slot != nullptr ? found.slot : slot_now(found.position, item.key);
+    const SlotCache::Found slot = found.slot.slot != nullptr ? found.slot : slot_now(found);
     if (slot.slot == nullptr) return Outcome::needs_python;
 
     if (!cache_.legs.holds(slot.index, legs.get())) {
@@ -158,13 +159,15 @@ bool DayRun::has_same_legs(const FoundItem& found) const noexcept {
 }
 
 // The slot of a key that had none when it was read: an item before may have got it one since. Null
-// when it cannot be given one here: that could run code, or the maps are full.
-SlotCache::Found DayRun::slot_now(std::size_t position, PyObject* key) {
-    if (const SlotCache::Found known = cache_.slots.find(tables_.slot_by_key, position, key);
+// when it cannot be given one here: that could run code, the maps are full, or normalisation makes
+// one tuple for the slot and another for the metadata.
+SlotCache::Found DayRun::slot_now(const FoundItem& found) {
+    PyObject* key = found.item.key;
+    if (const SlotCache::Found known = cache_.slots.find(tables_.slot_by_key, found.position, key);
         known.slot != nullptr) {
         return known;
     }
-    if (cache_.slots.have_odd_keys() || !is_plain_key(key) ||
+    if (found.made_key || cache_.slots.have_odd_keys() || !is_plain_key(key) ||
         PyDict_Size(tables_.slot_by_key) >= tables_.max_structures) {
         return {};
     }

@@ -34,6 +34,7 @@ private:
     // An item and the slot that its key had when the item was read.
     struct FoundItem {
         ReportedItem item;
+        Ref made_key;  // of a key that was a list
         std::size_t position = 0;
         SlotCache::Found slot;
     };
@@ -44,7 +45,7 @@ private:
     Py_ssize_t read_block(Py_ssize_t start);
     void fetch_new_legs(Py_ssize_t read) const noexcept;
     Outcome record_item(const FoundItem& found);
-    SlotCache::Found slot_now(std::size_t position, PyObject* key);
+    SlotCache::Found slot_now(const FoundItem& found);
     void remember_columns(Py_ssize_t recorded);
     [[nodiscard]] bool has_same_legs(const FoundItem& found) const noexcept;
     [[nodiscard]] bool are_legs_live(std::size_t slot) const noexcept;

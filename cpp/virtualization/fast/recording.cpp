@@ -174,9 +174,14 @@ Recording::Reached Recording::store(LastItem& last, const Item& item, bool valid
 bool Recording::read(PyObject* raw, Item& item) {
     const capi::GcPause no_finalizers;
     ReportedItem said;
-    if (!read_item(state_, raw, said) || !is_plain_key(said.key)) return false;
+    if (!read_item(state_, raw, said)) return false;
+    const bool runs_alone = guard_.own_steps().all() && !cache_->slots.have_odd_keys();
+    const Ref made_key = tuple_of_list(said.key);
+    if (made_key) said.key = made_key.get();
     const SlotCache::Found slot =
         cache_->slots.find(tables_.slot_by_key, item.position, said.key);
+    // Of a list normalisation makes two tuples, one of them for a new slot or for the record.
+    if (!is_plain_key(said.key) || (made_key && (slot.slot == nullptr || !runs_alone))) return false;
     PlainStructure& structure = item.structure;
     structure.legs = legs_to_store(*cache_, slot, said);
     if (!structure.legs) return false;
@@ -184,7 +189,6 @@ bool Recording::read(PyObject* raw, Item& item) {
     structure.raw_value = Ref::borrow(said.raw_value);
     structure.value = said.value;
     structure.metadata = Ref::borrow(said.own_metadata);
-    const bool runs_alone = guard_.own_steps().all() && !cache_->slots.have_odd_keys();
     if (structure.metadata && !runs_alone) complete_metadata(state_, structure);
     if (guard_.own_steps().slot && slot.slot != nullptr) {
         item.slot_object = Ref::borrow(slot.slot);

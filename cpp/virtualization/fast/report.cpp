@@ -10,10 +10,18 @@ bool read_item(const State& state, PyObject* raw, ReportedItem& item) noexcept {
         (entries.metadata != nullptr && !has_plain_entries(entries.metadata))) {
         return false;
     }
+    if (entries.value == nullptr) {
+        if (!PyDict_CheckExact(raw)) return false;
+        entries.value = state.module_guard.nan();
+    }
     const std::optional<double> value = plain_float(entries.value);
     if (!value) return false;
     item = {entries.key, entries.legs, entries.metadata, entries.value, *value};
     return true;
+}
+
+Ref tuple_of_list(PyObject* key) {
+    return PyList_CheckExact(key) ? require(PyList_AsTuple(key)) : Ref();
 }
 
 Report::Report(const State& state, PyObject* structures) noexcept

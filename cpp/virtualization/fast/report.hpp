@@ -18,6 +18,9 @@ struct ReportedItem {
 // False when reading the item could run Python code or raise.
 bool read_item(const State& state, PyObject* raw, ReportedItem& item) noexcept;
 
+// The tuple that normalisation makes of a key that is an exact list; empty for any other key.
+Ref tuple_of_list(PyObject* key);
+
 // What a day's hook returned, as far as it can be read without running any Python code: an exact
 // list or tuple of plain items, or structure columns.
 class Report {

@@ -31,7 +31,7 @@ bool read_record(const State& state, PyObject* record, PlainStructure& structure
     if (!Py_IS_TYPE(record, state.module_guard.structure_class())) return false;
     ItemEntries entries;
     if (!read_plain_entries(state, record, entries) || !is_plain_key(entries.key) ||
-        !are_plain_legs(entries.legs) ||
+        !are_plain_legs(entries.legs) || entries.value == nullptr ||
         (entries.metadata != nullptr && !has_plain_entries(entries.metadata))) {
         return false;
     }
@@ -88,7 +88,7 @@ Ref judge_plainly(const State& state, PyObject* record, const DayMasks& masks) {
     }
     ItemEntries entries;
     if (!read_plain_entries(state, record, entries) || !are_plain_legs(entries.legs) ||
-        !PyFloat_CheckExact(entries.value)) {
+        entries.value == nullptr || !PyFloat_CheckExact(entries.value)) {
         return {};
     }
     const Verdict verdict = judge_legs(entries.legs, masks);

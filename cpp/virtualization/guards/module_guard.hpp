@@ -34,6 +34,9 @@ public:
     // What NumPy had under one of these names; only once numpy_holds() was true.
     [[nodiscard]] Ref own(PyObject* name) const;
 
+    // NumPy's nan, borrowed; only once numpy_holds() was true.
+    [[nodiscard]] PyObject* nan() const noexcept { return numpy_values_[0].value.get(); }
+
     // A new instance of the record class without any field.
     [[nodiscard]] Ref new_structure() const;
 

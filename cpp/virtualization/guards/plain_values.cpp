@@ -161,7 +161,7 @@ bool read_plain_entries(const State& state, PyObject* raw, ItemEntries& entries)
     if (entries.metadata != nullptr && is_empty_metadata(entries.metadata)) {
         entries.metadata = nullptr;
     }
-    return entries.key != nullptr && entries.legs != nullptr && entries.value != nullptr;
+    return entries.key != nullptr && entries.legs != nullptr;
 }
 
 bool has_text_keys(PyObject* dict) noexcept {

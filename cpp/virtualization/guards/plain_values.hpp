@@ -37,8 +37,8 @@ struct ItemEntries {
 };
 
 // The entries of an exact dict, or of a record that is known to be plain. False when a key of the
-// dict is no exact string, or when the key, the legs or the value are not there. Of metadata it
-// is not said what it is.
+// dict is no exact string, or when the key or the legs are not there. Of metadata it is not said
+// what it is.
 bool read_plain_entries(const State& state, PyObject* raw, ItemEntries& entries) noexcept;
 
 // An exact dict whose keys are all exact strings, so that looking things up compares only strings.
