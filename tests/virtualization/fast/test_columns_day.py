@@ -265,7 +265,7 @@ ColumnSide.ways = {**WAYS, **COLUMN_WAYS}
 
 
 def assert_same(modules, policy, steps):
-    """Columns and their items, on both modules, with and without the shortcuts."""
+    """Columns and their items, on both modules, with and without the fast path."""
     native, twin = modules
     expected = play(ColumnSide(twin, False, policy, as_items=False), steps)
     for module, override, as_items in [
