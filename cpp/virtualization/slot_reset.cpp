@@ -1,5 +1,7 @@
 #include "virtualization/slot_reset.hpp"
 
+#include "virtualization/guards/plain_values.hpp"
+
 namespace quorvane::virtualization {
 
 namespace {
@@ -16,14 +18,6 @@ void deactivate(const State& state, PyObject* entry) {
 }
 
 }  // namespace
-
-bool says_only_inactive(const State& state, PyObject* dict) {
-    Py_ssize_t position = 0;
-    PyObject* key = nullptr;
-    PyObject* value = nullptr;
-    return PyDict_Size(dict) == 1 && PyDict_Next(dict, &position, &key, &value) != 0 &&
-           key == state.names.active && value == Py_False;
-}
 
 Ref deactivate_slots(const State& state, PyObject* self) {
     capi::Iteration entries(attr(self, state.names.metadata_by_slot).get());

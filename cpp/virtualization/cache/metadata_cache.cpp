@@ -4,7 +4,6 @@
 
 #include "virtualization/cache/daily_words.hpp"
 #include "virtualization/guards/plain_values.hpp"
-#include "virtualization/slot_reset.hpp"
 
 namespace quorvane::virtualization {
 

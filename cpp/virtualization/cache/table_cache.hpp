@@ -7,7 +7,7 @@
 #include "virtualization/cache/leg_cache.hpp"
 #include "virtualization/cache/metadata_cache.hpp"
 #include "virtualization/cache/slot_cache.hpp"
-#include "virtualization/fast/live_instruments.hpp"
+#include "virtualization/cache/live_instruments.hpp"
 #include "virtualization/guards/tables.hpp"
 
 namespace quorvane::virtualization {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "virtualization/cache/table_cache.hpp"
-#include "virtualization/fast/live_instruments.hpp"
+#include "virtualization/cache/live_instruments.hpp"
 #include "virtualization/fast/report.hpp"
 #include "virtualization/fast/structure_record.hpp"
 #include "virtualization/guards/rotation_guard.hpp"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "virtualization/fast/live_instruments.hpp"
+#include "virtualization/cache/live_instruments.hpp"
 #include "virtualization/fast/report.hpp"
 #include "virtualization/state.hpp"
 

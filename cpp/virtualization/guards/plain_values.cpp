@@ -185,4 +185,12 @@ bool has_plain_entries(PyObject* dict) noexcept {
     return true;
 }
 
+bool says_only_inactive(const State& state, PyObject* dict) {
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* value = nullptr;
+    return PyDict_Size(dict) == 1 && PyDict_Next(dict, &position, &key, &value) != 0 &&
+           key == state.names.active && value == Py_False;
+}
+
 }  // namespace quorvane::virtualization

@@ -47,4 +47,7 @@ bool has_text_keys(PyObject* dict) noexcept;
 // The same, and all its values are plain.
 bool has_plain_entries(PyObject* dict) noexcept;
 
+// True of an exact dict that is {"active": False}: emptying it and saying so again changes nothing.
+bool says_only_inactive(const State& state, PyObject* dict);
+
 }  // namespace quorvane::virtualization

@@ -1,4 +1,4 @@
-#include "virtualization/fast/live_instruments.hpp"
+#include "virtualization/cache/live_instruments.hpp"
 
 #include "kernels/nan_mask.hpp"
 #include "virtualization/guards/plain_size.hpp"
