@@ -184,8 +184,8 @@ Ref make_probe() {
     const Ref name = make_str("Probe");
     const Ref bases = make_tuple();
     const Ref members = make_dict();
-    const Ref type = call(reinterpret_cast<PyObject*>(&PyType_Type), name.get(), bases.get(),
-                          members.get());
+    const Ref type =
+        call(reinterpret_cast<PyObject*>(&PyType_Type), name.get(), bases.get(), members.get());
     Ref probe = call(type.get());
     set_attr(probe.get(), make_str("value").get(), Py_None);
     return probe;
@@ -239,8 +239,7 @@ bool has_stamp(PyObject* dict, std::uint64_t stamp) noexcept {
 std::uint64_t renewed(PyObject* dict, std::uint64_t stamp) noexcept {
     Notices& notices = all();
     Places::Cell* cell = notices.places.find(dict);
-    if (stamp == 0 || cell == nullptr || !cell->place.is_stamp() ||
-        cell->place.number() != stamp) {
+    if (stamp == 0 || cell == nullptr || !cell->place.is_stamp() || cell->place.number() != stamp) {
         return 0;
     }
     cell->place = Place::stamp(++notices.last_stamp);

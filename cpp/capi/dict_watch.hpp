@@ -24,8 +24,8 @@ public:
 
     [[nodiscard]] static bool has_stamp(PyObject* dict, std::uint64_t stamp) noexcept;
 
-    // dict[key] = value as a change of our own: a dict that had the stamp has another one then, which
-    // only the caller knows. What goes meanwhile may run code, whose changes count.
+    // dict[key] = value as a change of our own: a dict that had the stamp has another one then,
+    // which only the caller knows. What goes meanwhile may run code, whose changes count.
     static void set_item(PyObject* dict, std::uint64_t& stamp, PyObject* key, PyObject* value);
 
     // False of an instance's own dictionary that shares its values with the instance where the

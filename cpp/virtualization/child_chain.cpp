@@ -3,8 +3,8 @@
 #include "capi/array_view.hpp"
 #include "virtualization/context.hpp"
 #include "virtualization/fast/arrays.hpp"
-#include "virtualization/guards/rotation_guard.hpp"
 #include "virtualization/guards/plain_size.hpp"
+#include "virtualization/guards/rotation_guard.hpp"
 
 namespace quorvane::virtualization {
 

@@ -12,8 +12,8 @@ struct LastItem {
 };
 
 // Takes one reported item into the rotation's tables, step by step through the instance: normalise,
-// find the slot, judge, store. Each goes on where the one before has come to. The cache, if there is
-// one, goes along with what is stored.
+// find the slot, judge, store. Each goes on where the one before has come to. The cache, if there
+// is one, goes along with what is stored.
 void normalize_item(const State& state, PyObject* self, LastItem& last);
 void find_slot(const State& state, PyObject* self, LastItem& last);
 void judge_structure(const State& state, PyObject* self, const DayMasks& masks, LastItem& last);

@@ -4,6 +4,7 @@
 
 #include "capi/numpy.hpp"
 #include "virtualization/batch.hpp"
+#include "virtualization/cache/table_cache.hpp"
 #include "virtualization/call.hpp"
 #include "virtualization/child_chain.hpp"
 #include "virtualization/child_state.hpp"
@@ -13,7 +14,6 @@
 #include "virtualization/context.hpp"
 #include "virtualization/expression.hpp"
 #include "virtualization/persistence.hpp"
-#include "virtualization/cache/table_cache.hpp"
 #include "virtualization/slots.hpp"
 #include "virtualization/state.hpp"
 #include "virtualization/state_restore.hpp"

@@ -7,9 +7,9 @@
 #include "capi/method.hpp"
 #include "capi/objects.hpp"
 #include "kernels/unmap.hpp"
-#include "virtualization/names.hpp"
-#include "virtualization/guards/own_class.hpp"
 #include "virtualization/guards/module_guard.hpp"
+#include "virtualization/guards/own_class.hpp"
+#include "virtualization/names.hpp"
 
 namespace quorvane::virtualization {
 
@@ -69,13 +69,13 @@ public:
         dtype_and_copy_keywords;
     const Ref zero, one;
 
-    // What the shortcuts of a day compare with.
+    // What the guards of a day compare with.
     const capi::DictWatcher dict_watcher;
     ModuleGuard module_guard;
     OwnClass context_class, mask_class;
     mutable capi::TypeAnswer plain_class;  // of the rotations' classes
 
-    // What rotations left of their last day, and the working memory of unmapping. Neither changes
+    // The caches of the rotations, and the working memory of unmapping. Neither changes
     // any answer; no Python code runs while either is in use.
     std::unique_ptr<TableCaches> caches;
     mutable kernels::Totals totals;

@@ -1,9 +1,9 @@
 #include "virtualization/state_validation.hpp"
 
 #include "capi/gc_pause.hpp"
-#include "virtualization/guards/rotation_guard.hpp"
-#include "virtualization/guards/plain_size.hpp"
 #include "virtualization/fast/state_checks.hpp"
+#include "virtualization/guards/plain_size.hpp"
+#include "virtualization/guards/rotation_guard.hpp"
 
 namespace quorvane::virtualization {
 

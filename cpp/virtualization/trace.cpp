@@ -1,7 +1,7 @@
 #include "virtualization/trace.hpp"
 
-#include "virtualization/parent_day.hpp"
 #include "virtualization/fast/arrays.hpp"
+#include "virtualization/parent_day.hpp"
 
 namespace quorvane::virtualization {
 

@@ -31,7 +31,7 @@ def days_around(module, change, others=0):
     return log
 
 
-# Every way to change a dict --------------------------------------------------------------------------
+# Every way to change a dict
 
 OTHER = {
     "slot_by_key": (("c",), 2),
@@ -107,7 +107,7 @@ def test_every_way_to_change_a_table_counts(modules, name, change):
     assert days_around(native, act) == days_around(twin, act)
 
 
-# Every way to change what an instance and a module hold ----------------------------------------------
+# Every way to change what an instance and a module hold
 
 
 def own_step(structure, *masks):
@@ -182,7 +182,7 @@ def test_attribute_set_again_and_again_by_compiled_code_counts(modules):
     assert scenario(native) == scenario(twin)
 
 
-# The end of a dict ----------------------------------------------------------------------------------
+# The end of a dict
 
 
 def test_new_dict_at_the_address_of_one_that_ended_counts(modules):
@@ -216,7 +216,7 @@ def test_new_table_at_the_address_of_one_that_ended_counts(modules, name):
     assert scenario(native) == scenario(twin)
 
 
-# Dicts that several hold ------------------------------------------------------------------------------
+# Dicts that several hold
 
 
 @pytest.mark.parametrize("make_copy", [copy.copy, copy.deepcopy])
@@ -267,7 +267,7 @@ def test_table_that_is_also_the_metadata_of_a_slot(modules, name, entry):
     assert scenario(native) == scenario(twin)
 
 
-# Where the interpreter has no watcher left ------------------------------------------------------------
+# Where the interpreter has no watcher left
 
 WITHOUT_WATCHERS = """
     import ctypes, sys

@@ -155,8 +155,8 @@ void MetadataCache::find_changed(std::span<const std::uint8_t> valid) {
     std::size_t count = 0;
     for (std::uint32_t position = 0; position < active_.size(); ++position) {
         changed_[count] = position;
-        count += static_cast<std::size_t>((valid[position] != 0) !=
-                                          entries_[active_[position]].valid);
+        count +=
+            static_cast<std::size_t>((valid[position] != 0) != entries_[active_[position]].valid);
     }
     changed_.resize(count);
 }

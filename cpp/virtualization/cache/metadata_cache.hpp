@@ -33,9 +33,9 @@ public:
     // changed, when one is no exact dict, or when resetting it could run code.
     bool settle(const State& state, PyObject* metadata_by_slot);
 
-    // The same of a list that has been reset just now, by code that may have run other code: nothing
-    // is reset again. False when a dict does not say only that its slot is inactive; it stays
-    // unknown.
+    // The same of a list that has been reset just now, by code that may have run other code:
+    // nothing is reset again. False when a dict does not say only that its slot is inactive; it
+    // stays unknown.
     bool adopt_reset(const State& state, PyObject* metadata_by_slot);
 
     // A day of a settled list: begin, report each structure, end. Until end() the dicts of slots

@@ -5,9 +5,9 @@
 
 #include "virtualization/cache/column_cache.hpp"
 #include "virtualization/cache/leg_cache.hpp"
+#include "virtualization/cache/live_instruments.hpp"
 #include "virtualization/cache/metadata_cache.hpp"
 #include "virtualization/cache/slot_cache.hpp"
-#include "virtualization/cache/live_instruments.hpp"
 #include "virtualization/guards/tables.hpp"
 
 namespace quorvane::virtualization {
@@ -33,8 +33,8 @@ struct TableCache {
     LiveInstruments live;
 };
 
-// table[slot] = legs, and map[key] = value in one of the slot maps. The cache, if there is one, goes
-// along where it knows the table.
+// table[slot] = legs, and map[key] = value in one of the slot maps. The cache, if there is one,
+// goes along where it knows the table.
 void set_legs(TableCache* cache, PyObject* table, PyObject* slot, PyObject* legs);
 void set_slot(TableCache* cache, PyObject* map, PyObject* key, PyObject* value);
 

@@ -148,8 +148,8 @@ DayRun::Outcome DayRun::record_item(const FoundItem& found) {
         cache_.legs.store(tables_.legs_by_slot, slot.slot, slot.index, legs.get());
     }
     const bool valid = are_legs_live(slot.index) && std::isfinite(item.value);
-    cache_.metadata.report(state_, {slot.slot, slot.index, item.key, legs.get(), item.own_metadata,
-                                    valid});
+    cache_.metadata.report(state_,
+                           {slot.slot, slot.index, item.key, legs.get(), item.own_metadata, valid});
     if (valid) txi_input_[static_cast<npy_intp>(slot.index)] = item.value;
     return Outcome::recorded;
 }

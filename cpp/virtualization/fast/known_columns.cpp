@@ -34,8 +34,8 @@ bool judge(std::span<const double> values, const columns::Layout& layout, TableC
 }  // namespace
 
 bool record_known_columns(const State& state, PyObject* metadata_by_slot,
-                      const columns::Columns& columns, TableCache& cache,
-                      capi::VectorView<double> txi_input) {
+                          const columns::Columns& columns, TableCache& cache,
+                          capi::VectorView<double> txi_input) {
     const auto view = capi::readable_vector<double>(columns.values.get());
     const std::span<const std::uint32_t> slots = cache.metadata.reported();
     const columns::Layout& layout = *columns.layout;

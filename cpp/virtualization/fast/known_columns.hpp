@@ -9,7 +9,7 @@ namespace quorvane::virtualization {
 // and validity are all that there is to write. False, with nothing written, when the values cannot
 // be read at once, somebody else holds a slot's metadata, or a leg is on no instrument of the day.
 bool record_known_columns(const State& state, PyObject* metadata_by_slot,
-                      const columns::Columns& columns, TableCache& cache,
-                      capi::VectorView<double> txi_input);
+                          const columns::Columns& columns, TableCache& cache,
+                          capi::VectorView<double> txi_input);
 
 }  // namespace quorvane::virtualization

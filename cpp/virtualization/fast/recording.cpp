@@ -149,7 +149,7 @@ Recording::Reached Recording::judge(LastItem& last, Item& item, bool& valid) {
         fill_variables(last, item, Reached::slot);
         judge_structure(state_, self_, masks_, last);
         return went_on(last, item) && read_truth(last.valid.get(), valid) ? Reached::end
-                                                                         : Reached::verdict;
+                                                                          : Reached::verdict;
     }
     const Verdict verdict = judge_legs(item.structure.legs.get(), masks_);
     if (verdict == Verdict::unknown) {
@@ -178,10 +178,10 @@ bool Recording::read(PyObject* raw, Item& item) {
     const bool runs_alone = guard_.own_steps().all() && !cache_->slots.have_odd_keys();
     const Ref made_key = tuple_of_list(said.key);
     if (made_key) said.key = made_key.get();
-    const SlotCache::Found slot =
-        cache_->slots.find(tables_.slot_by_key, item.position, said.key);
+    const SlotCache::Found slot = cache_->slots.find(tables_.slot_by_key, item.position, said.key);
     // Of a list normalisation makes two tuples, one of them for a new slot or for the record.
-    if (!is_plain_key(said.key) || (made_key && (slot.slot == nullptr || !runs_alone))) return false;
+    if (!is_plain_key(said.key) || (made_key && (slot.slot == nullptr || !runs_alone)))
+        return false;
     PlainStructure& structure = item.structure;
     structure.legs = legs_to_store(*cache_, slot, said);
     if (!structure.legs) return false;

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "virtualization/cache/table_cache.hpp"
 #include "virtualization/cache/live_instruments.hpp"
+#include "virtualization/cache/table_cache.hpp"
 #include "virtualization/fast/report.hpp"
 #include "virtualization/fast/structure_record.hpp"
 #include "virtualization/guards/rotation_guard.hpp"
@@ -10,14 +10,14 @@
 namespace quorvane::virtualization {
 
 // Takes a day's structures into the tables. The leading ones that need no Python code are recorded
-// in one run; between the others Python may run, so each is recorded by itself. What only Python can
-// say is asked for step by step, and no other step.
+// in one run; between the others Python may run, so each is recorded by itself. What only Python
+// can say is asked for step by step, and no other step.
 class Recording {
 public:
     Recording(const State& state, PyObject* self, const DayMasks& masks, PyObject* structures);
 
-    // Resets every slot and records the leading structures; how many. The last entry that was reset,
-    // if any, is the variable of that loop.
+    // Resets every slot and records the leading structures; how many. The last entry that was
+    // reset, if any, is the variable of that loop.
     Py_ssize_t begin(Ref& reset_entry);
 
     // Records the structure at a position of the day, which the variable holds.

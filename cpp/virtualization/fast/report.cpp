@@ -36,8 +36,9 @@ Py_ssize_t Report::count() const noexcept {
 }
 
 bool Report::read(Py_ssize_t position, ReportedItem& item) const noexcept {
-    return columns_ != nullptr ? read_column(position, item)
-                               : read_item(state_, PySequence_Fast_GET_ITEM(structures_, position), item);
+    return columns_ != nullptr
+               ? read_column(position, item)
+               : read_item(state_, PySequence_Fast_GET_ITEM(structures_, position), item);
 }
 
 bool Report::may_change_with(const capi::VectorView<double>& row) const noexcept {

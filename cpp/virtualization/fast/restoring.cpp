@@ -2,15 +2,15 @@
 
 #include "capi/change_watch.hpp"
 #include "capi/gc_pause.hpp"
-#include "virtualization/child_state.hpp"
-#include "virtualization/guards/class_lookups.hpp"
 #include "virtualization/cache/table_cache.hpp"
+#include "virtualization/child_state.hpp"
 #include "virtualization/fast/fetch_ahead.hpp"
-#include "virtualization/guards/plain_values.hpp"
 #include "virtualization/fast/metadata_rewrite.hpp"
-#include "virtualization/guards/rotation_guard.hpp"
-#include "virtualization/guards/plain_size.hpp"
 #include "virtualization/fast/state_checks.hpp"
+#include "virtualization/guards/class_lookups.hpp"
+#include "virtualization/guards/plain_size.hpp"
+#include "virtualization/guards/plain_values.hpp"
+#include "virtualization/guards/rotation_guard.hpp"
 #include "virtualization/state_validation.hpp"
 
 namespace quorvane::virtualization {
@@ -48,13 +48,13 @@ struct Maps {
     Ref slot_by_key, key_by_slot, legs_by_slot;
 };
 
-// Dropping a map runs no code when all it holds is inert.
-template <class IsInert>
-bool drops_quietly(PyObject* map, IsInert&& is_inert) {
+// Dropping a map runs no code when all it holds is plain.
+template <class IsPlain>
+bool holds_only_plain(PyObject* map, IsPlain&& is_plain) {
     EntryBatches entries(map);
     while (entries.next()) {
         for (std::size_t i = 0; i < entries.size(); ++i) {
-            if (!is_inert(entries.key(i), entries.value(i))) return false;
+            if (!is_plain(entries.key(i), entries.value(i))) return false;
         }
     }
     return true;
@@ -78,7 +78,7 @@ private:
     [[nodiscard]] bool has_no_children() const;
     [[nodiscard]] bool see_limits();
     [[nodiscard]] bool see_tables();
-    [[nodiscard]] bool own_maps_go_quietly() const;
+    [[nodiscard]] bool own_maps_are_plain() const;
     [[nodiscard]] bool check_given() const;
     [[nodiscard]] Maps copies() const;
     void put(PyObject* name, const Ref& value) const { set_attr(self_, name, value.get()); }
@@ -104,8 +104,8 @@ bool FastRestore::is_possible() {
     if (!has_plain_surroundings(state_, Py_TYPE(self_))) return false;
     const capi::GcPause no_finalizers;  // the dictionary may be made only now
     own_ = Ref::borrow(instance_dict(self_));
-    return own_ && has_text_keys(own_.get()) && has_text_keys(given_) &&
-           has_no_step_of_its_own() && has_no_children() && see_limits() && see_tables();
+    return own_ && has_text_keys(own_.get()) && has_text_keys(given_) && has_no_step_of_its_own() &&
+           has_no_children() && see_limits() && see_tables();
 }
 
 bool FastRestore::has_no_step_of_its_own() const {
@@ -153,8 +153,8 @@ bool FastRestore::see_tables() {
            PyList_GET_SIZE(given_metadata_) == max_structures_;
 }
 
-bool FastRestore::own_maps_go_quietly() const {
-    const auto is_inert_pair = [](PyObject* key, PyObject* value) {
+bool FastRestore::own_maps_are_plain() const {
+    const auto is_plain_pair = [](PyObject* key, PyObject* value) {
         return (PyLong_CheckExact(key) && is_plain_key(value)) ||
                (PyLong_CheckExact(value) && is_plain_key(key));
     };
@@ -162,9 +162,9 @@ bool FastRestore::own_maps_go_quietly() const {
     const bool knows_maps = cache && cache->slots.is_current(slot_by_key_, key_by_slot_) &&
                             !cache->slots.have_odd_keys();
     const bool knows_legs = cache && cache->legs.is_current(legs_by_slot_);
-    return (knows_maps || (drops_quietly(slot_by_key_, is_inert_pair) &&
-                           drops_quietly(key_by_slot_, is_inert_pair))) &&
-           (knows_legs || drops_quietly(legs_by_slot_, [](PyObject* key, PyObject* legs) {
+    return (knows_maps || (holds_only_plain(slot_by_key_, is_plain_pair) &&
+                           holds_only_plain(key_by_slot_, is_plain_pair))) &&
+           (knows_legs || holds_only_plain(legs_by_slot_, [](PyObject* key, PyObject* legs) {
                 return PyLong_CheckExact(key) && are_plain_legs(legs);
             }));
 }
@@ -192,7 +192,7 @@ bool FastRestore::run() {
             return said == nullptr ? capi::make_dict() : Ref::borrow(said);
         };
         given_maps_ = {map(names.slot_by_key), map(names.key_by_slot), map(names.legs_by_slot_key)};
-        if (!own_maps_go_quietly() || !check_given()) return false;
+        if (!own_maps_are_plain() || !check_given()) return false;
         const Maps maps = copies();
         const std::shared_ptr<TableCache> cache = state_.caches->of(self_);
         if (given_metadata_ != nullptr && !rewrite.run(given_metadata_)) return false;
@@ -206,7 +206,7 @@ bool FastRestore::run() {
                           nullptr, max_structures_});
         }
     }
-    // The old maps have gone quietly; what the old metadata held may run code now.
+    // The old maps have gone without running code; what the old metadata held may run code now.
     rewrite.release();
     put(names.structure_N_limit, limit_);
     return true;

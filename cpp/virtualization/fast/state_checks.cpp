@@ -4,8 +4,8 @@
 
 #include "capi/gc_pause.hpp"
 #include "virtualization/fast/fetch_ahead.hpp"
-#include "virtualization/guards/plain_values.hpp"
 #include "virtualization/guards/plain_size.hpp"
+#include "virtualization/guards/plain_values.hpp"
 
 namespace quorvane::virtualization {
 

@@ -13,7 +13,7 @@ namespace quorvane::virtualization {
 // The slots that have a key; false in every place beyond.
 using SlotSet = std::vector<bool>;
 
-// Both maps hold the same pairs of an inert key and a slot below max_structures, in the same order.
+// Both maps hold the same pairs of a plain key and a slot below max_structures, in the same order.
 // Adds the slots to the set, which must be empty.
 bool are_inverse_maps(PyObject* raw_slot_by_key, PyObject* raw_key_by_slot,
                       Py_ssize_t max_structures, SlotSet& slots);

@@ -11,8 +11,8 @@ namespace quorvane::virtualization {
 namespace {
 
 Ref complete_copy(const State& state, const PlainStructure& structure) {
-    Ref metadata = structure.metadata ? require(PyDict_Copy(structure.metadata.get()))
-                                      : capi::make_dict();
+    Ref metadata =
+        structure.metadata ? require(PyDict_Copy(structure.metadata.get())) : capi::make_dict();
     set_default(metadata.get(), state.names.key, structure.key.get());
     set_default(metadata.get(), state.names.legs, structure.legs.get());
     return metadata;
@@ -56,8 +56,8 @@ void complete_metadata(const State& state, PlainStructure& structure) {
 Ref make_record(const State& state, const PlainStructure& structure) {
     const Names& names = state.names;
     const Ref value = capi::to_float(structure.raw_value.get());
-    const Ref metadata = structure.says_all ? structure.metadata.share()
-                                            : complete_copy(state, structure);
+    const Ref metadata =
+        structure.says_all ? structure.metadata.share() : complete_copy(state, structure);
     Ref record = state.module_guard.new_structure();
     const Ref fields = require(PyObject_GenericGetDict(record.get(), nullptr));
     require(PyDict_SetItem(fields.get(), names.key, structure.key.get()));
@@ -82,8 +82,7 @@ Ref normalize_plainly(const State& state, PyObject* raw) {
 }
 
 Ref judge_plainly(const State& state, PyObject* record, const DayMasks& masks) {
-    if (!has_own_record_class(state) ||
-        !Py_IS_TYPE(record, state.module_guard.structure_class())) {
+    if (!has_own_record_class(state) || !Py_IS_TYPE(record, state.module_guard.structure_class())) {
         return {};
     }
     ItemEntries entries;

@@ -6,9 +6,9 @@
 
 #include "capi/array_view.hpp"
 #include "virtualization/cache/table_cache.hpp"
+#include "virtualization/guards/plain_size.hpp"
 #include "virtualization/guards/plain_values.hpp"
 #include "virtualization/guards/rotation_guard.hpp"
-#include "virtualization/guards/plain_size.hpp"
 
 namespace quorvane::virtualization {
 

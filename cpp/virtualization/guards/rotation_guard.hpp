@@ -26,8 +26,8 @@ class RotationGuard {
 public:
     RotationGuard(const State& state, PyObject* self);
 
-    // True while all of that holds. Any Python code may end it, so this is asked once per place where
-    // Python ran; it looks again only when something has changed since the last look.
+    // True while all of that holds. Any Python code may end it, so this is asked once per place
+    // where Python ran; it looks again only when something has changed since the last look.
     [[nodiscard]] bool holds() {
         if (!looked_ || !still_seen()) look();
         return plain_;

@@ -20,7 +20,7 @@ class Custom:
     """An object that is nobody's own kind, and counts as true."""
 
 
-# How items say what they say -----------------------------------------------------------------------
+# How items say what they say
 
 
 def in_tuples(index):
@@ -89,7 +89,7 @@ def as_record(module, item):
     return module.VirtualStructure(**fields)
 
 
-# How the hook reports them -------------------------------------------------------------------------
+# How the hook reports them
 
 REPORTS = {
     "list": lambda items: items,
@@ -99,7 +99,7 @@ REPORTS = {
     "dict view": lambda items: dict(enumerate(items)).values(),
 }
 
-# What an overridden step does, besides asking super() ------------------------------------------------
+# What an overridden step does, besides asking super()
 
 
 def passes(step, answer, structure):
@@ -165,7 +165,9 @@ class Recorded(TamperedRotation):
         for step in steps:
             override(type(self.rotation), step, habit)
         # The same objects every day, as a program's own tables are.
-        self.items = {(style, i): STYLES[style](i) for style in range(len(STYLES)) for i in range(5)}
+        self.items = {
+            (style, i): STYLES[style](i) for style in range(len(STYLES)) for i in range(5)
+        }
 
     def day(self, picks, report, records=False):
         items = [self.items[pick] for pick in picks]
@@ -217,7 +219,7 @@ def test_each_style_among_plain_items_is_that_of_the_twin(modules, steps, habit)
         assert play(Recorded(native, steps, habit), plan) == expected, STYLES[style].__name__
 
 
-# Code that runs between the items -------------------------------------------------------------------
+# Code that runs between the items
 
 
 def swap_the_tables(rotation):
@@ -308,7 +310,9 @@ def generated_days(module, act, style, steps):
             yield in_tuples(1)
 
         rotation.report = report
-        ending = days.outcome(rotation.compute, (np.ones(N),), side.masks, side.combined, np.ones(N), N)
+        ending = days.outcome(
+            rotation.compute, (np.ones(N),), side.masks, side.combined, np.ones(N), N
+        )
         kept = {name: value for name, value in vars(rotation).items() if name in TABLES}
         log.append((ending[:2], days.freeze(kept)))
     return log
