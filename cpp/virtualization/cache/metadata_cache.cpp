@@ -51,6 +51,12 @@ bool MetadataCache::settle(const State& state, PyObject* metadata_by_slot) {
 }
 
 bool MetadataCache::adopt_reset(const State& state, PyObject* metadata_by_slot) {
+    // One that still says yesterday's was not in the list while that was reset.
+    for (const std::uint32_t slot : active_) {
+        if (entries_[slot].key != nullptr) dicts_.forget(slot);
+    }
+    active_.clear();
+    ++day_;
     find_unknown(metadata_by_slot);
     bool all = true;
     for (const std::uint32_t slot : unknown_) {

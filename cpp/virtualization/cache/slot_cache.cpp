@@ -95,7 +95,7 @@ bool SlotCache::set_item(PyObject* map, PyObject* key, PyObject* value) {
         return PyLong_CheckExact(object) || is_plain_key(object);
     };
     if (have_odd_keys_ || !is_plain(key) || !is_plain(value) ||
-        plain_size(value) >= max_structures_) {
+        plain_size(value) >= max_structures_ || require(PyDict_Contains(map, key)) != 0) {
         return false;
     }
     for (std::uint64_t* stamp : {&slots_stamp_, &keys_stamp_}) {

@@ -42,7 +42,7 @@ public:
     Found add(PyObject* slot_by_key, PyObject* key_by_slot, PyObject* key);
 
     // map[key] = value of a new slot, in one of the maps if it is current and nothing can run
-    // meanwhile; false otherwise, with nothing done.
+    // meanwhile, as replacing a value could; false otherwise, with nothing done.
     bool set_item(PyObject* map, PyObject* key, PyObject* value);
 
     // Changes whenever other maps, or the same ones as others have changed them, are known.

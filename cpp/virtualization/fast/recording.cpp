@@ -55,10 +55,7 @@ Py_ssize_t Recording::begin(Ref& reset_entry) {
     if (!is_run && reset_plainly(reset_entry)) return 0;
     reset_entry = deactivate_slots(state_, self_);
     if (is_run && run.is_possible() && run.adopt_reset()) return run.record();
-    if (is_ready()) {
-        cache_->metadata.adopt_reset(state_, tables_.metadata_by_slot);
-        cache_->metadata.reset_day(state_, tables_.metadata_by_slot);
-    }
+    if (is_ready()) cache_->metadata.adopt_reset(state_, tables_.metadata_by_slot);
     return 0;
 }
 
@@ -161,10 +158,11 @@ Recording::Reached Recording::judge(LastItem& last, Item& item, bool& valid) {
     return Reached::end;
 }
 
+// What the variables held before may have run code when it went.
 Recording::Reached Recording::store(LastItem& last, const Item& item, bool valid) {
-    const bool drops = static_cast<bool>(last.metadata);
+    const bool may_have_run = last.metadata || !guard_.own_steps().all();
     last.metadata = Ref();
-    if ((!drops || is_ready()) && store_plainly(item, valid)) return Reached::end;
+    if ((!may_have_run || is_ready()) && store_plainly(item, valid)) return Reached::end;
     fill_variables(last, item, Reached::verdict);
     if (!item.was_judged_by_step) last.valid = capi::to_bool(valid);
     return Reached::verdict;

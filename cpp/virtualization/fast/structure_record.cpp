@@ -54,6 +54,7 @@ void complete_metadata(const State& state, PlainStructure& structure) {
 }
 
 Ref make_record(const State& state, const PlainStructure& structure) {
+    const capi::GcPause no_finalizers;
     const Names& names = state.names;
     const Ref value = capi::to_float(structure.raw_value.get());
     const Ref metadata =
