@@ -1,12 +1,37 @@
 #pragma once
 
+#include <array>
+#include <concepts>
+#include <span>
+
 #include "capi/class_builder.hpp"
 #include "capi/message.hpp"
 #include "capi/names.hpp"
+#include "capi/numpy.hpp"
 
 namespace quorvane::rotations {
 
 using capi::Ref;
+
+// What the class of a ready-made rotation consists of. A constant: its functions refer to it.
+struct ChildClass {
+    const char* class_name;
+    const char* doc;
+    const char* name;  // what _name says
+    capi::FunctionDef init, compute;
+};
+
+// What an initialiser takes: self, the rotation's own parameters, N_alloc.
+template <std::same_as<capi::Parameter>... Own>
+constexpr std::array<capi::Parameter, sizeof...(Own) + 2> init_parameters_with(Own... own) {
+    return {capi::positional("self"), own..., capi::keyword_only("N_alloc", "None")};
+}
+
+// What an initialiser got for one of these; borrowed.
+struct Argument {
+    PyObject* parameter;
+    PyObject* value;
+};
 
 // What the modules of the ready-made rotations have in common: one class each, a subclass of
 // RotationBase, and the way to the methods that it overrides.
@@ -15,17 +40,23 @@ public:
     explicit ChildModule(PyObject* module)
         : function_type_(capi::make_native_function_type(module)), module_(module) {}
 
-    // Makes the class: `describe(builder)` gives it its name, its documentation and its methods.
-    template <class Describe>
-    void bind_class(const char* class_name, void* state, Describe describe) {
+    // Runs the module's body: binds the class, to which `extend(builder)` adds what it has besides.
+    template <class Extend>
+    void bind_class(const ChildClass& child, void* state, Extend extend) {
+        capi::import_numpy();
         const Ref base =
             capi::import_from("quorvane.functions.rotations._boilerplate", "RotationBase");
         const Ref module_name = capi::require(PyModule_GetNameObject(module_));
         const capi::FunctionHome home{function_type_.get(), module_, state, module_name.get()};
-        capi::ClassBuilder builder(home, class_name, base);
-        describe(builder);
+        capi::ClassBuilder builder(home, child.class_name, base);
+        builder.doc(child.doc)
+            .attribute("_name", capi::make_str(child.name).get())
+            .attribute("arity", capi::make_int(1).get())
+            .method(child.init)
+            .method(child.compute);
+        extend(builder);
         class_cell_ = builder.class_cell();
-        capi::require(PyModule_AddObjectRef(module_, class_name, builder.build().get()));
+        capi::require(PyModule_AddObjectRef(module_, child.class_name, builder.build().get()));
     }
 
     // super().<attribute>
@@ -33,12 +64,10 @@ public:
         return capi::super_attr(class_cell_.get(), self, attribute);
     }
 
-    // super().__init__(N_alloc=N_alloc, **parameters)
-    void initialise_base(PyObject* self, PyObject* N_alloc, const Ref& parameters) const {
-        const Ref keywords = capi::require(PyDict_Copy(parameters.get()));
-        capi::require(PyDict_SetItemString(keywords.get(), "N_alloc", N_alloc));
-        const Ref initialiser = super_attr(self, capi::Interned("__init__"));
-        capi::require(PyObject_Call(initialiser.get(), capi::make_tuple().get(), keywords.get()));
+    // super().__init__(N_alloc=N_alloc, **arguments); then each is an attribute too.
+    void initialise(PyObject* self, std::span<const Argument> arguments, PyObject* N_alloc) const {
+        initialise_base(self, arguments, N_alloc);
+        for (const auto& [parameter, value] : arguments) capi::set_attr(self, parameter, value);
     }
 
     int traverse(visitproc visit, void* arg) const {
@@ -51,19 +80,20 @@ public:
     const Ref zero = capi::make_int(0);
 
 private:
+    void initialise_base(PyObject* self, std::span<const Argument> arguments,
+                         PyObject* N_alloc) const {
+        const Ref keywords = capi::make_dict();
+        for (const auto& [parameter, value] : arguments) {
+            capi::set_item(keywords.get(), parameter, value);
+        }
+        capi::require(PyDict_SetItemString(keywords.get(), "N_alloc", N_alloc));
+        const Ref initialiser = super_attr(self, capi::Interned("__init__"));
+        capi::require(PyObject_Call(initialiser.get(), capi::make_tuple().get(), keywords.get()));
+    }
+
     Ref function_type_, class_cell_;
     PyObject* module_;  // borrowed: the module owns this state
 };
-
-// The initialiser of a class without parameters of its own.
-inline constexpr capi::Parameter allocation_only[] = {capi::positional("self"),
-                                                      capi::keyword_only("N_alloc", "None")};
-
-template <class State>
-Ref init_allocation_only(State& state, PyObject* const* values) {
-    state.initialise_base(values[0], values[1], capi::make_dict());
-    return capi::none();
-}
 
 // A message that begins with the rotation's name.
 inline capi::Message message_of(const ChildModule& module, PyObject* self) {

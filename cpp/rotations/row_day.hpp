@@ -1,6 +1,9 @@
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <span>
+#include <string_view>
 
 #include "rotations/buffers.hpp"
 #include "rotations/child.hpp"
@@ -13,6 +16,23 @@ inline constexpr capi::Parameter compute_parameters[] = {
     capi::positional("nan_masks"),  capi::positional("combined_nan_mask"),
     capi::positional("output_buf"), capi::positional("N"),
 };
+
+// The documentation of such a compute: what it does, in a line, and what a RowDay refuses.
+template <std::size_t size>
+consteval auto compute_doc_of(const char (&line)[size]) {
+    constexpr std::string_view errors = R"(
+
+Raises
+------
+TypeError
+    When there is not exactly one input.
+ValueError
+    When the input is not one row of at least N numbers.
+)";
+    std::array<char, size + errors.size()> text{};
+    std::ranges::copy(errors, std::ranges::copy_n(line, size - 1, text.begin()).out);
+    return text;
+}
 
 using capi::overlap;
 

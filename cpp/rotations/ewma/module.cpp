@@ -11,12 +11,6 @@ namespace quorvane::rotations::ewma {
 
 namespace {
 
-constexpr capi::Parameter init_parameters[] = {
-    capi::positional("self"),
-    capi::positional("window"),
-    capi::keyword_only("N_alloc", "None"),
-};
-
 double decay_of(PyObject* window) {
     const Ref exact = positive_int("window", window, "a positive int");
     const double number = PyLong_AsDouble(exact.get());
@@ -29,11 +23,8 @@ Ref init(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     decay_of(values[1]);
     const Ref window = capi::to_int(values[1]);
-    const Ref parameters = capi::make_dict();
-    capi::set_item(parameters.get(), state.window, window.get());
-    state.initialise_base(self, values[2], parameters);
-    capi::set_attr(self, state.window, window.get());
-
+    const Argument arguments[] = {{state.window, window.get()}};
+    state.initialise(self, arguments, values[2]);
     set_memory(state, self, new_memory(allocated_columns(state, self)));
     return capi::none();
 }
@@ -80,8 +71,9 @@ Ref compute(State& state, PyObject* const* values) {
     return state.zero.share();
 }
 
-const capi::FunctionDef init_def{"__init__", init_parameters, capi::body_of<State, init>,
-                                 R"(Make an average that has seen nothing.
+constexpr auto init_parameters = init_parameters_with(capi::positional("window"));
+
+constexpr auto init_doc = R"(Make an average that has seen nothing.
 
 Parameters
 ----------
@@ -96,20 +88,12 @@ TypeError
     When window is not an int, or is a bool.
 ValueError
     When window is not positive.
-)"};
+)";
 
-const capi::FunctionDef compute_def{"compute", compute_parameters, capi::body_of<State, compute>,
-                                    R"(Take in the one input of the day and write the averages.
+constexpr auto compute_doc =
+    compute_doc_of("Take in the one input of the day and write the averages.");
 
-Raises
-------
-TypeError
-    When there is not exactly one input.
-ValueError
-    When the input is not one row of at least N numbers.
-)"};
-
-constexpr const char* class_doc = R"(Exponentially weighted moving average of each column.
+constexpr auto class_doc = R"(Exponentially weighted moving average of each column.
 
 The weight of a value that is k days old is (1 - alpha)**k, with alpha = 1 / (1 + com) and
 com = (window - 1) / 2; the average is the weighted mean of all values so far. NaN and infinite
@@ -130,17 +114,19 @@ window : int
     The span.
 )";
 
+constexpr ChildClass child_class{
+    .class_name = "Ewma",
+    .doc = class_doc,
+    .name = "longitudinal_ewma_67301c",
+    .init = {"__init__", init_parameters, capi::body_of<State, init>, init_doc},
+    .compute = {"compute", compute_parameters, capi::body_of<State, compute>, compute_doc.data()},
+};
+
 }  // namespace
 
 void State::execute() {
-    capi::import_numpy();
-    bind_class("Ewma", this, [](capi::ClassBuilder& builder) {
-        builder.doc(class_doc)
-            .attribute("_name", capi::make_str("longitudinal_ewma_67301c").get())
-            .attribute("arity", capi::make_int(1).get())
-            .method(init_def)
-            .method(compute_def)
-            .property(stateful_def)
+    bind_class(child_class, this, [](capi::ClassBuilder& builder) {
+        builder.property(stateful_def)
             .method(get_state_def)
             .method(set_state_def)
             .method(resize_def);

@@ -1,24 +1,13 @@
 // Transcendental: the module of one class.
 
-#include "capi/module.hpp"
-
 #include <string>
 
 #include "kernels/transcendental.hpp"
-#include "rotations/row_day.hpp"
+#include "rotations/row_rotation.hpp"
 
-namespace quorvane::rotations::transcendental {
+namespace quorvane::rotations {
 
 namespace {
-
-class State : public ChildModule {
-public:
-    using ChildModule::ChildModule;
-
-    void execute();
-
-    const capi::Interned function{"function"};
-};
 
 // Null when there is none of that name.
 const kernels::ElementwiseFunction* find_function(PyObject* name) {
@@ -32,8 +21,7 @@ const kernels::ElementwiseFunction* find_function(PyObject* name) {
     return nullptr;
 }
 
-// The kernel of a name: an attribute may have become any object since the initialiser checked it.
-const kernels::ElementwiseFunction& function_named(PyObject* name) {
+kernels::ElementwiseKernel kernel_named(PyObject* name) {
     if (!PyUnicode_Check(name)) {
         capi::Message()
             .text("function must be a str, got ")
@@ -42,7 +30,7 @@ const kernels::ElementwiseFunction& function_named(PyObject* name) {
             .text(Py_TYPE(name)->tp_name)
             .raise(PyExc_TypeError);
     }
-    if (const auto* found = find_function(name)) return *found;
+    if (const auto* found = find_function(name)) return found->kernel;
 
     std::string allowed;
     for (const auto& each : kernels::elementwise_functions()) {
@@ -56,57 +44,10 @@ const kernels::ElementwiseFunction& function_named(PyObject* name) {
         .raise(PyExc_ValueError);
 }
 
-constexpr capi::Parameter init_parameters[] = {
-    capi::positional("self"),
-    capi::keyword_only("function", "\"sigmoid\""),
-    capi::keyword_only("N_alloc", "None"),
-};
-
-Ref init(State& state, PyObject* const* values) {
-    PyObject* self = values[0];
-    function_named(values[1]);
-    const Ref parameters = capi::make_dict();
-    capi::require(PyDict_SetItem(parameters.get(), state.function, values[1]));
-    state.initialise_base(self, values[2], parameters);
-    capi::set_attr(self, state.function, values[1]);
-    return capi::none();
-}
-
-Ref compute(State& state, PyObject* const* values) {
-    const Ref name = capi::attr(values[0], state.function);
-    return compute_row(state, values, function_named(name.get()).kernel);
-}
-
-const capi::FunctionDef init_def{"__init__", init_parameters, capi::body_of<State, init>,
-                                 R"(Make an elementwise function for up to N_alloc columns.
-
-Parameters
-----------
-function : str
-    The function's name.
-N_alloc : int, optional
-    The most columns that a day may have; any number with None.
-
-Raises
-------
-TypeError
-    When function is not a str.
-ValueError
-    When there is no function of that name; the text lists all.
-)"};
-
-const capi::FunctionDef compute_def{"compute", compute_parameters, capi::body_of<State, compute>,
-                                    R"(Apply the function to the one input of the day.
-
-Raises
-------
-TypeError
-    When there is not exactly one input.
-ValueError
-    When the input is not one row of at least N numbers.
-)"};
-
-constexpr const char* class_doc = R"(A function of each column's value, by default the sigmoid.
+struct Transcendental {
+    static constexpr auto class_name = "Transcendental";
+    static constexpr auto name = "numerical_transcendental_2f4f61";
+    static constexpr auto doc = R"(A function of each column's value, by default the sigmoid.
 
 The sigmoid is 1 / (1 + exp(-x)) for x >= 0 and exp(x) / (1 + exp(x)) below, which neither
 overflows nor loses small results; within 4 units in the last place of ``scipy.special.expit``
@@ -130,22 +71,35 @@ function : str
     The function's name.
 )";
 
-void State::execute() {
-    capi::import_numpy();
-    bind_class("Transcendental", this, [](capi::ClassBuilder& builder) {
-        builder.doc(class_doc)
-            .attribute("_name", capi::make_str("numerical_transcendental_2f4f61").get())
-            .attribute("arity", capi::make_int(1).get())
-            .method(init_def)
-            .method(compute_def);
-    });
-}
+    static constexpr auto init_parameters =
+        init_parameters_with(capi::keyword_only("function", "\"sigmoid\""));
+    static constexpr auto init_doc = R"(Make an elementwise function for up to N_alloc columns.
+
+Parameters
+----------
+function : str
+    The function's name.
+N_alloc : int, optional
+    The most columns that a day may have; any number with None.
+
+Raises
+------
+TypeError
+    When function is not a str.
+ValueError
+    When there is no function of that name; the text lists all.
+)";
+    static constexpr auto compute_doc =
+        compute_doc_of("Apply the function to the one input of the day.");
+
+    static auto kernel(PyObject* function) { return kernel_named(function); }
+};
 
 }  // namespace
 
-}  // namespace quorvane::rotations::transcendental
+}  // namespace quorvane::rotations
 
 PyMODINIT_FUNC PyInit_transcendental() {
-    return quorvane::capi::ModuleWith<quorvane::rotations::transcendental::State>::initialise(
+    return quorvane::rotations::RowModule<quorvane::rotations::Transcendental>::initialise(
         "transcendental", "Elementwise functions of a day's columns.");
 }
