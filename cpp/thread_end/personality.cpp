@@ -19,6 +19,14 @@ using Personality = _Unwind_Reason_Code(int version, _Unwind_Action actions,
                                         _Unwind_Exception_Class exception_class,
                                         _Unwind_Exception* exception, _Unwind_Context* context);
 
+// What a frame's own routine says, but to an unwinding by force: nothing.
+template <class... Rest>
+_Unwind_Reason_Code unless_forced(Personality& routine, int version, _Unwind_Action actions,
+                                  Rest... rest) {
+    if ((actions & _UA_FORCE_UNWIND) != 0) return _URC_CONTINUE_UNWIND;
+    return routine(version, actions, rest...);
+}
+
 }  // namespace
 
 extern "C" {
@@ -32,15 +40,15 @@ Personality __real___gcc_personality_v0;
 [[gnu::visibility("hidden")]] _Unwind_Reason_Code __wrap___gxx_personality_v0(
     int version, _Unwind_Action actions, _Unwind_Exception_Class exception_class,
     _Unwind_Exception* exception, _Unwind_Context* context) {
-    if ((actions & _UA_FORCE_UNWIND) != 0) return _URC_CONTINUE_UNWIND;
-    return __real___gxx_personality_v0(version, actions, exception_class, exception, context);
+    return unless_forced(__real___gxx_personality_v0, version, actions, exception_class, exception,
+                         context);
 }
 
 [[gnu::visibility("hidden")]] _Unwind_Reason_Code __wrap___gcc_personality_v0(
     int version, _Unwind_Action actions, _Unwind_Exception_Class exception_class,
     _Unwind_Exception* exception, _Unwind_Context* context) {
-    if ((actions & _UA_FORCE_UNWIND) != 0) return _URC_CONTINUE_UNWIND;
-    return __real___gcc_personality_v0(version, actions, exception_class, exception, context);
+    return unless_forced(__real___gcc_personality_v0, version, actions, exception_class, exception,
+                         context);
 }
 
 // NOLINTEND(bugprone-reserved-identifier)
