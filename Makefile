@@ -8,6 +8,7 @@
 #   make valgrind    a part of the tests under memcheck
 #   make refleaks    every method on an interpreter that counts references
 #   make matrix      the tests on every Python with the oldest and the newest NumPy
+#   make newest      the tests of the compiled code on the newest Python that can be had here
 #   make long        the safety tests with their long repetitions
 #   make fuzz        random inputs of each kind under the sanitizers, a million or INPUTS of them
 #   make trust       asan, valgrind, refleaks, matrix, long and a shorter fuzz, with a table of
@@ -18,7 +19,7 @@
 #   make dist-test   build and test with the distribution's Python and NumPy, without pip
 #   make clean       remove what was built; `make distclean` removes $(VENV) too
 #
-# PYTHONS="3.12 3.14" chooses for `make matrix`, DEBUG_PYTHON=python3.11-dbg for `make refleaks`.
+# PYTHONS="3.12 3.15" chooses for `make matrix`, DEBUG_PYTHON=python3.11-dbg for `make refleaks`.
 # PYTHON=python3.12 chooses the interpreter (with VENV=.venv312 beside the usual one).
 
 VENV ?= .venv
@@ -45,8 +46,8 @@ SOURCES := CMakeLists.txt README.md LICENSE \
 CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
 STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
 
-.PHONY: set-up demo test lint types check format coverage trust asan valgrind refleaks matrix long \
-    fuzz tidy bench bench-instructions dist-test clean distclean python-matches
+.PHONY: set-up demo test lint types check format coverage trust asan valgrind refleaks matrix newest \
+    long fuzz tidy bench bench-instructions dist-test clean distclean python-matches
 .DELETE_ON_ERROR:
 
 set-up: $(WHEEL_READY) $(TEST_READY)
@@ -81,7 +82,7 @@ format: $(TEST_READY)
 COVERED = $(sort $(filter-out tests/fuzz/% tests/cli/% tests/stores/% tests/powercut/% \
     tests/safety/test_soak.py tests/safety/test_process_end.py tests/safety/test_objects_at_exit.py \
     tests/safety/test_interrupts.py tests/safety/test_forks.py tests/safety/test_import_at_exit.py \
-    tests/test_trust_table.py, \
+    tests/test_trust_table.py tests/test_newest_python.py, \
     $(shell find tests -name 'test_*.py')))
 
 coverage: $(TEST_READY)
@@ -114,6 +115,13 @@ refleaks:
 
 matrix:
 	JOBS=2 tools/matrix.sh $(PYTHONS)
+
+# What a new interpreter can break: the compiled code, and how it lives with the interpreter. Tests
+# that run on the plain twin alone say nothing of either.
+NEWEST_TESTS = tests/virtualization tests/rotations tests/fuzz tests/safety
+
+newest:
+	JOBS=2 MATRIX_TESTS="$(NEWEST_TESTS)" MATRIX_MARK="not plain_python" tools/newest.sh
 
 # The safety tests, and all others that have a long form; that of the random inputs is `make fuzz`.
 # A worker that has nothing left takes over from the other: some tests take minutes, most nothing.

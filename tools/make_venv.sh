@@ -50,7 +50,7 @@ else
         python=$PYTHON
     else
         python=
-        for candidate in python3 python3.14 python3.13 python3.12 python3.11; do
+        for candidate in python3 python3.15 python3.14 python3.13 python3.12 python3.11; do
             if new_enough "$candidate"; then
                 python=$candidate
                 break

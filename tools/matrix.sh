@@ -3,10 +3,13 @@
 # and with the oldest those in which NumPy's version can make a difference (not how processes end or
 # files survive), all with all the extras, and prints a table:
 #
-#   tools/matrix.sh [version...]              by default 3.11 3.12 3.13 3.14
+#   tools/matrix.sh [version...]              by default 3.11 3.12 3.13 3.14 3.15
 #
 #   MATRIX_TESTS="tests/safety tests/stores"  what is run; everything by default
+#   MATRIX_MARK="not plain_python"            which of them, by their marks
 #   MATRIX_NUMPY=newest                       only the newest NumPy, or only the oldest
+#   MATRIX_RUN=path                           a program that is run on each instead of the tests
+#   MATRIX_PACKAGES=valgrind                  what that needs of Debian besides
 #   JOBS=2                                    jobs of the builds and of the tests
 #
 # An interpreter is python<version> on PATH, one of pyenv's, or one that uv has or can install. What
@@ -21,7 +24,7 @@ table=$work/table.txt
 tests=${MATRIX_TESTS:-tests}
 jobs=${JOBS:-1}
 debian=${MATRIX_ROOT:-/var/tmp/quorvane-debian}
-[ $# -gt 0 ] || set -- 3.11 3.12 3.13 3.14
+[ $# -gt 0 ] || set -- 3.11 3.12 3.13 3.14 3.15
 
 # The oldest NumPy that each Python has a wheel of; the package itself allows 1.24.
 oldest_numpy() {
@@ -29,7 +32,8 @@ oldest_numpy() {
         3.11) echo 1.24.0 ;;
         3.12) echo 1.26.0 ;;
         3.13) echo 2.1.0 ;;
-        *) echo 2.3.2 ;;
+        3.14) echo 2.3.2 ;;
+        *) echo 2.5.2 ;;
     esac
 }
 
@@ -62,6 +66,49 @@ summary() {
     tail -n 1 "$1" | sed 's/^=* *//; s/ *=*$//'
 }
 
+# A failure, told in the columns of a row.
+failed() {
+    row "$@"
+    status=1
+}
+
+# The version's environment, with what a build needs. The build is against the newest NumPy, as a
+# published wheel's is: it must run on the oldest too.
+make_venv() {
+    [ -x "$venv/bin/python" ] || "$python" -m venv "$venv" || return
+    "$venv/bin/python" -m pip install -q -U numpy "scikit-build-core>=0.10" cmake ninja
+}
+
+build_wheel() {
+    rm -rf "$build/dist"
+    PATH=$venv/bin:$PATH "$venv/bin/python" -m pip wheel -q . --no-build-isolation --no-deps \
+        --wheel-dir "$build/dist" --config-settings=build-dir="$build" &&
+        "$venv/bin/python" -m pip install -q --no-deps --force-reinstall "$build"/dist/*.whl
+}
+
+# The wheel's extras with NumPy as $1 says. What has no wheel for this Python is not compiled here.
+install_extras() {
+    # Of the many modules only some are imported: those are compiled then.
+    "$venv/bin/python" -m pip install -q -U --no-compile --only-binary :all: "$1" \
+        "$(companions_of "$1")" "$(echo "$build"/dist/*.whl)[test]" &&
+        # The prices of the demo, without what computes with them.
+        "$venv/bin/python" -m pip install -q --no-deps skfolio
+}
+
+# The tests, or what is run in their place.
+check() {
+    if [ -n "${MATRIX_RUN:-}" ]; then
+        "$MATRIX_RUN" "$venv/bin/python"
+        return
+    fi
+    left_out=
+    [ "$1" = newest ] ||
+        left_out="--ignore=tests/safety --ignore=tests/powercut --ignore=tests/fuzz"
+    # shellcheck disable=SC2086 # several folders
+    "$venv/bin/python" -m pytest -q -p no:cacheprovider -n "$jobs" -m "${MATRIX_MARK:-}" \
+        $left_out $tests
+}
+
 run_version() {
     version=$1
     if ! python=$(find_python "$version"); then
@@ -71,43 +118,35 @@ run_version() {
     venv=$work/venv-$version
     build=$work/build-$version
     log=$work/build-$version.log
-    # The build is against the newest NumPy, as a published wheel's is: it must run on the oldest too.
-    if ! {
-        [ -x "$venv/bin/python" ] || "$python" -m venv "$venv"
-        "$venv/bin/python" -m pip install -q -U numpy "scikit-build-core>=0.10" cmake ninja
-        rm -rf "$build/dist"
-        PATH=$venv/bin:$PATH "$venv/bin/python" -m pip wheel -q . --no-build-isolation --no-deps \
-            --wheel-dir "$build/dist" --config-settings=build-dir="$build"
-        "$venv/bin/python" -m pip install -q --no-deps --force-reinstall "$build"/dist/*.whl
-        # The prices of the demo, without what computes with them.
-        "$venv/bin/python" -m pip install -q --no-deps skfolio
-    } >"$log" 2>&1; then
-        row "$version" - - "BUILD FAILED, see $log"
-        status=1
+    if ! make_venv >"$log" 2>&1; then
+        failed "$version" - - "COULD NOT BE INSTALLED, see $log"
         return
     fi
-    processes_and_files="--ignore=tests/safety --ignore=tests/powercut --ignore=tests/fuzz"
+    if ! build_wheel >"$log" 2>&1; then
+        cat "$log"
+        failed "$version" - - "BUILD FAILED, see $log"
+        return
+    fi
+    for age in ${MATRIX_NUMPY:-oldest newest}; do run_numpy "$age"; done
+}
+
+run_numpy() {
+    wanted=numpy
+    [ "$1" = newest ] || wanted=numpy==$(oldest_numpy "$version")
     full=$("$venv/bin/python" -c 'import platform; print(platform.python_version())')
-    for age in ${MATRIX_NUMPY:-oldest newest}; do
-        wanted=numpy
-        [ "$age" = newest ] || wanted=numpy==$(oldest_numpy "$version")
-        log=$work/tests-$version-$age.log
-        # Of the many modules only some are imported: those are compiled then.
-        "$venv/bin/python" -m pip install -q -U --no-compile "$wanted" \
-            "$(companions_of "$wanted")" "$(echo "$build"/dist/*.whl)[test]" >"$log" 2>&1 || {
-            row "$full" "$wanted" - "COULD NOT BE INSTALLED, see $log"
-            status=1
-            continue
-        }
-        numpy=$("$venv/bin/python" -c 'import numpy; print(numpy.__version__)')
-        result=passed
-        left_out=
-        [ "$age" = newest ] || left_out=$processes_and_files
-        # shellcheck disable=SC2086 # several folders
-        "$venv/bin/python" -m pytest -q -p no:cacheprovider -n "$jobs" $left_out $tests >"$log" 2>&1 ||
-            { result=FAILED; status=1; }
-        row "$full" "$numpy" "$result" "$(summary "$log")"
-    done
+    log=$work/tests-$version-$1.log
+    if ! install_extras "$wanted" >"$log" 2>&1; then
+        failed "$full" "$wanted" - "COULD NOT BE INSTALLED, see $log"
+        return
+    fi
+    numpy=$("$venv/bin/python" -c 'import numpy; print(numpy.__version__)')
+    if check "$1" >"$log" 2>&1; then
+        [ -z "${MATRIX_RUN:-}" ] || cat "$log"
+        row "$full" "$numpy" passed "$(summary "$log")"
+    else
+        cat "$log"
+        failed "$full" "$numpy" FAILED "$(summary "$log")"
+    fi
 }
 
 run_in_debian() {
@@ -117,18 +156,22 @@ run_in_debian() {
         return
     fi
     log=$work/debian.log
+    # shellcheck disable=SC2086 # several packages
     if ! tools/debian_root.sh "$debian" "python$version" "python$version-dev" \
-        "python$version-venv" g++ make >"$log" 2>&1; then
+        "python$version-venv" g++ make ${MATRIX_PACKAGES:-} >"$log" 2>&1; then
+        tail -n 5 "$log"
         row "$version" - - "not run: not to be had from Debian, see $log"
         return
     fi
     echo "Python $version runs in Debian's own folder, $debian ..."
-    # A copy: whoever deletes that folder must not delete this one.
+    # A copy: whoever deletes that folder must not delete this one. The builds of an earlier one stay.
     mkdir -p "$debian/source"
+    find "$debian/source" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
     tar -C "$root" --exclude='./build' --exclude='./.venv*' --exclude='./.git' -cf - . |
         tar -C "$debian/source" -xf -
     chroot "$debian" /usr/bin/env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin JOBS="$jobs" \
-        MATRIX_TESTS="$tests" MATRIX_NUMPY="${MATRIX_NUMPY:-}" MATRIX_INSIDE=1 \
+        MATRIX_TESTS="$tests" MATRIX_MARK="${MATRIX_MARK:-}" MATRIX_NUMPY="${MATRIX_NUMPY:-}" \
+        MATRIX_RUN="${MATRIX_RUN:-}" MATRIX_INSIDE=1 \
         /source/tools/matrix.sh "$version" || status=1
     cat "$debian/source/build/matrix/table.txt" >>"$table"
 }

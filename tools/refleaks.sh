@@ -20,7 +20,7 @@ counts() {
 }
 
 python=${1:-}
-for candidate in python3.14-dbg python3.13-dbg python3.12-dbg python3.11-dbg \
+for candidate in python3.15-dbg python3.14-dbg python3.13-dbg python3.12-dbg python3.11-dbg \
     python3-dbg; do
     [ -z "$python" ] || break
     ! counts "$candidate" || python=$candidate
