@@ -15,7 +15,7 @@
 #                    what each gave, as docs/trust.md shows it
 #   make tidy        clang-tidy over the C++
 #   make bench       every promise about speed and memory, measured: table, JSON and picture
-#   make bench-instructions   instructions per structure, counted by callgrind
+#   make bench-instructions   instructions per structure, counted by callgrind, against the recorded
 #   make dist-test   build and test with the distribution's Python and NumPy, without pip
 #   make clean       remove what was built; `make distclean` removes $(VENV) too
 #
@@ -82,7 +82,7 @@ format: $(TEST_READY)
 COVERED = $(sort $(filter-out tests/fuzz/% tests/cli/% tests/stores/% tests/powercut/% \
     tests/safety/test_soak.py tests/safety/test_process_end.py tests/safety/test_objects_at_exit.py \
     tests/safety/test_interrupts.py tests/safety/test_forks.py tests/safety/test_import_at_exit.py \
-    tests/test_trust_table.py tests/test_newest_python.py, \
+    tests/test_trust_table.py tests/test_newest_python.py tests/test_instruction_gate.py, \
     $(shell find tests -name 'test_*.py')))
 
 coverage: $(TEST_READY)
@@ -145,8 +145,10 @@ tidy: $(TEST_READY)
 bench: $(WHEEL_READY) $(TEST_READY)
 	$(PY) benchmarks/bench_days.py --json build/bench/days.json --picture build/bench/days.png
 
+# On the interpreter of $(VENV), and on the newest that can be had here.
 bench-instructions: $(WHEEL_READY) $(TEST_READY)
 	benchmarks/count_instructions.sh $(PY)
+	MATRIX_RUN=benchmarks/count_instructions.sh MATRIX_PACKAGES=valgrind tools/newest.sh
 
 # Nothing of $(VENV) may be seen here, its cmake and ninja included.
 dist-test: export PATH := /usr/local/bin:/usr/bin:/bin

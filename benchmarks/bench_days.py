@@ -25,6 +25,7 @@ from daybench import (  # noqa: E402
     machine,
     memory,
     module_alone,
+    ours,
     picture,
     report,
     whole_day,
@@ -60,7 +61,7 @@ def _measure(group, options, settings):
     if group == "fixed":
         return fixed_cost.run(settings)
     if group == "day":
-        return whole_day.run(_chosen(whole_day.SIZES, options), settings)
+        return whole_day.run(_chosen(ours.BASKETS, options), settings)
     if group == "kernels":
         return kernels.run(_chosen(kernels.SIZES, options), settings)
     if group == "batch":
@@ -83,7 +84,7 @@ def _settings(options):
 
 
 def _parse():
-    known = [*module_alone.CASES, *module_alone.VARIANTS, *whole_day.SIZES]
+    known = [*module_alone.CASES, *module_alone.VARIANTS, *ours.BASKETS]
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
     )

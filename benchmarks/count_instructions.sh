@@ -1,5 +1,6 @@
 #!/bin/sh
-# Instructions per structure of the cases that must not grow, counted by callgrind.
+# Instructions per structure of the cases that must not grow, counted by callgrind. Fails when one has
+# grown beyond what instructions.json allows this Python.
 #
 #   benchmarks/count_instructions.sh [PYTHON]
 #

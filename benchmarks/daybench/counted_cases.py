@@ -7,7 +7,7 @@ from dataclasses import dataclass
 
 import numpy as np
 
-from daybench import batch, kernels, module_alone, whole_day
+from daybench import batch, module_alone, ours
 from daybench.structures import ModuleDay, Shape
 
 
@@ -26,15 +26,10 @@ def cases():
         yield from _module(name, days=50 if name == "pairs-100" else 3)
     yield "one structure, two children", _fixed_cost()
     for name in ("100", "10k"):
-        ours, _, inputs = whole_day.both(*whole_day.SIZES[name], dead=False)
-        days = 50 if name == "100" else 3
-        yield f"whole day {name}", Counted(_over(ours, inputs), whole_day.SIZES[name][0], days)
+        yield f"whole day {name}", _whole_day(*ours.BASKETS[name], days=50 if name == "100" else 3)
     yield "batch, identity", _batch()
-    for what, _, child, _, _ in kernels.children(10_000):
-        yield (
-            f"kernel {what.split()[0]} 10k",
-            Counted(_over(child, kernels.rows(10_000)), 10_000, 8),
-        )
+    for name, child in ours.children(10_000).items():
+        yield f"kernel {name} 10k", Counted(_over(child, ours.rows(10_000)), 10_000, 8)
 
 
 def _module(name, days):
@@ -57,6 +52,13 @@ def _fixed_cost():
     module_day = ModuleDay("native", Shape(1, 2, 1, 2), transformation_expression="ewma(20);rank")
     module_day.new_day()
     return Counted(_over(module_day.rotation, [np.array([0.01, -0.02])]), 1, 200)
+
+
+def _whole_day(structures, instruments, days):
+    made = ours.baskets(structures, instruments, dead=False)
+    for row in made.inputs:
+        made.rotation(row)
+    return Counted(_over(made.rotation, made.inputs), structures, days)
 
 
 def _batch():

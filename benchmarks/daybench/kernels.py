@@ -8,11 +8,9 @@ from scipy.special import expit
 
 from daybench.by_hand import EwmaByHand, rank_by_hand, zscore_by_hand
 from daybench.goals import Line
+from daybench.ours import WINDOW, rows
+from daybench.ours import children as our_children
 from daybench.timing import Side, compare
-from quorvane.functions.rotations.latitudinal.normalize import ZScore
-from quorvane.functions.rotations.latitudinal.rank import Rank
-from quorvane.functions.rotations.longitudinal.ewma import Ewma
-from quorvane.functions.rotations.numerical.transcendental import Transcendental
 
 SIZES = {"1k": 1_000, "10k": 10_000, "100k": 100_000, "1m": 1_000_000}
 
@@ -31,22 +29,15 @@ def run(names, settings):
 
 def children(slots):
     """What, least ratio, our child, the same results by the peer, and what of it is timed."""
-    ewma = EwmaByHand(20, slots)
+    ewma = EwmaByHand(WINDOW, slots)
+    ours = our_children(slots)
     return [
-        ("ewma / NumPy", 5.0, Ewma(window=20, N_alloc=slots), ewma, ewma),
+        ("ewma / NumPy", 5.0, ours["ewma"], ewma, ewma),
         # Timed without the division by the count, which the peer does not do.
-        ("rank / bottleneck", 2.0, Rank(N_alloc=slots), rank_by_hand, bottleneck.nanrankdata),
-        ("zscore / bottleneck", 2.0, ZScore(N_alloc=slots), zscore_by_hand, zscore_by_hand),
-        ("sigmoid / SciPy", 1.0, Transcendental(N_alloc=slots), expit, expit),
+        ("rank / bottleneck", 2.0, ours["rank"], rank_by_hand, bottleneck.nanrankdata),
+        ("zscore / bottleneck", 2.0, ours["zscore"], zscore_by_hand, zscore_by_hand),
+        ("sigmoid / SciPy", 1.0, ours["sigmoid"], expit, expit),
     ]
-
-
-def rows(slots):
-    """Some days' values, one in ten NaN."""
-    random_numbers = np.random.default_rng(11)
-    values = random_numbers.standard_normal((8, slots))
-    values[random_numbers.random(values.shape) < 0.1] = np.nan
-    return list(values)
 
 
 def _over(days, child):

@@ -1,28 +1,11 @@
 """The whole day through `__call__`, framework and children included, against NumPy by hand."""
 
-import random
-
 import numpy as np
 
 from daybench.by_hand import DayByHand
 from daybench.goals import Line
+from daybench.ours import BASKETS, WINDOW, baskets
 from daybench.timing import Side, compare
-from quorvane.functions._registry import StaticFunctionRegistry
-from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
-
-# Structures and instruments.
-SIZES = {
-    "100": (100, 500),
-    "1k": (1_000, 500),
-    "10k": (10_000, 5_000),
-    "100k": (100_000, 5_000),
-    "1m": (1_000_000, 5_000),
-}
-WINDOW = 20
-WARM_UP_DAYS = 30
-
-
-DEAD_SHARE = 0.02
 
 
 def run(names, settings):
@@ -37,7 +20,7 @@ def run(names, settings):
 
 
 def _compare(name, dead, goal, settings):
-    structures, instruments = SIZES[name]
+    structures, instruments = BASKETS[name]
     ours, by_hand, inputs = both(structures, instruments, dead)
     feeds = (_Feed(ours, inputs), _Feed(by_hand, inputs))
     sides = (Side(feed.call, feed.prepare) for feed in feeds)
@@ -66,37 +49,10 @@ class _Feed:
 def both(structures, instruments, dead):
     """Both ways, warm, after a check that they return the same numbers within rounding.
 
-    One in a hundred inputs is NaN; after the warm-up every structure has been seen.
+    After these days every structure has been seen.
     """
-    draw = random.Random(7)
-    all_legs = [
-        [(i, draw.uniform(-1.0, 1.0)) for i in draw.sample(range(instruments), 2)]
-        for _ in range(structures)
-    ]
-    names = [f"I{i}" for i in range(instruments)]
-    ours = FixedBaskets(
-        ((f"B{k}", [(names[i], w) for i, w in legs]) for k, legs in enumerate(all_legs)),
-        names,
-        **_children(structures),
-    )
-    by_hand = DayByHand(all_legs, instruments, WINDOW)
-    random_numbers = np.random.default_rng(7)
-    inputs = random_numbers.standard_normal((WARM_UP_DAYS, instruments))
-    inputs[random_numbers.random(inputs.shape) < 0.01] = np.nan
-    if dead:
-        inputs[:, random_numbers.random(instruments) < DEAD_SHARE] = np.nan
-    for row in inputs:
-        np.testing.assert_allclose(ours(row), by_hand(row), rtol=0, atol=1e-9 * structures)
-    return ours, by_hand, list(inputs)
-
-
-def _children(slots):
-    """The children by expression, or as objects where that would ask for too many cells."""
-    if 2 * slots <= 1_000_000:
-        return {"transformation_expression": f"ewma({WINDOW});rank"}
-    registry = StaticFunctionRegistry(N_alloc=slots)
-    children = [
-        registry.create_instance("longitudinal_ewma_67301c", window=WINDOW),
-        registry.create_instance("latitudinal_rank_688068"),
-    ]
-    return {"transformation_expression": "none", "child_rotations": children}
+    ours = baskets(structures, instruments, dead)
+    by_hand = DayByHand(ours.all_legs, instruments, WINDOW)
+    for row in ours.inputs:
+        np.testing.assert_allclose(ours.rotation(row), by_hand(row), rtol=0, atol=1e-9 * structures)
+    return ours.rotation, by_hand, ours.inputs
