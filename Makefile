@@ -118,7 +118,7 @@ matrix:
 
 # What a new interpreter can break: the compiled code, and how it lives with the interpreter. Tests
 # that run on the plain twin alone say nothing of either.
-NEWEST_TESTS = tests/virtualization tests/rotations tests/fuzz tests/safety
+NEWEST_TESTS = tests/virtualization tests/rotations tests/fuzz tests/safety tests/test_abstract_hooks.py
 
 newest:
 	JOBS=2 MATRIX_TESTS="$(NEWEST_TESTS)" MATRIX_MARK="not plain_python" tools/newest.sh

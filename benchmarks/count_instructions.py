@@ -2,7 +2,7 @@
 
 Each case is counted over some days and over twice as many; the difference is free of what starting
 and stopping costs, and of what only the first days do. The gate is for the Pythons whose counts
-stand in instructions.json: no case may take more than a twentieth more than it says.
+stand in instructions.json: no case may take a twentieth and 2,000 a day more than it says.
 
     python benchmarks/count_instructions.py --record FOLDER    takes over what a run left in FOLDER
 """
@@ -21,8 +21,10 @@ sys.path[:0] = [str(_HERE), str(_HERE.parent / "tests")]
 
 RECORDED = _HERE / "instructions.json"
 WARM_UP_DAYS = 4
-# Counts of one build repeat far better; compilers and NumPys of the same Python move them.
+# Counts of one build repeat far better; compilers and NumPys of the same Python move them. Where in
+# memory things happen to lie moves those of a day by a thousand or two, however short it is.
 ALLOWED = 1.05
+ALLOWED_EACH_DAY = 2_000
 
 
 def count_all(folder):
@@ -85,7 +87,7 @@ def report(folder):
         share = f"{each_day[name] / before:.1%}" if before else "-"
         line = f"{name:<34}{each_day[name]:>14,.0f}{structures:>12,}"
         print(f"{line}{each_day[name] / structures:>10.1f}{share:>13}")
-        if before and each_day[name] > ALLOWED * before:
+        if before and each_day[name] > ALLOWED * before + ALLOWED_EACH_DAY:
             grown.append(name)
     print(verdict(run, recorded, grown))
     return int(bool(grown))

@@ -17,8 +17,11 @@ mkdir -p "$out"
 rm -f "$out"/profile.*
 ${CC:-cc} -O2 -shared -fPIC -o "$out/switch.so" "$here/daybench/callgrind_switch.c"
 
-# A fixed hash seed and no address randomisation: the same dict collisions in every run.
-PYTHONHASHSEED=0 OPENBLAS_NUM_THREADS=1 setarch "$(uname -m)" -R \
+# A fixed hash seed and no address randomisation: the same collisions in every run. Modules that are
+# still to be compiled would lie elsewhere, so all are imported once before.
+export PYTHONHASHSEED=0 OPENBLAS_NUM_THREADS=1
+"$python" "$here/count_instructions.py" "$out"
+setarch "$(uname -m)" -R \
     valgrind --tool=callgrind --instr-atstart=no --callgrind-out-file="$out/profile" \
     --log-file="$out/log" \
     "$python" "$here/count_instructions.py" "$out" || { tail -20 "$out/log" >&2; exit 1; }
