@@ -16,4 +16,7 @@ for file in /etc/resolv.conf /etc/hosts /etc/ssl/certs/ca-certificates.crt; do
     [ ! -e "$file" ] || cp "$file" "$folder$file"
 done
 mountpoint -q "$folder/proc" || mount -t proc proc "$folder/proc"
+export DEBIAN_FRONTEND=noninteractive
+# A folder that was kept knows the packages of its day only, which may do.
+chroot "$folder" apt-get update || echo "The lists of packages stay as they are."
 chroot "$folder" apt-get install -y --no-install-recommends "$@"
