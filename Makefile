@@ -15,11 +15,13 @@
 #                    what each gave, as docs/trust.md shows it
 #   make tidy        clang-tidy over the C++
 #   make bench       every promise about speed and memory, measured: table, JSON and picture
+#   make bench-pythons   what depends on the interpreter, on every Python, side by side
 #   make bench-instructions   instructions per structure, counted by callgrind, against the recorded
 #   make dist-test   build and test with the distribution's Python and NumPy, without pip
 #   make clean       remove what was built; `make distclean` removes $(VENV) too
 #
-# PYTHONS="3.12 3.15" chooses for `make matrix`, DEBUG_PYTHON=python3.11-dbg for `make refleaks`.
+# PYTHONS="3.12 3.15" chooses for `make matrix` and `make bench-pythons`, DEBUG_PYTHON=python3.11-dbg
+# for `make refleaks`.
 # PYTHON=python3.12 chooses the interpreter (with VENV=.venv312 beside the usual one).
 
 VENV ?= .venv
@@ -39,6 +41,7 @@ TOOLS_READY := $(VENV)/.ready-tools
 WHEEL_READY := $(VENV)/.ready-wheel
 DEMO_READY := $(VENV)/.ready-demo
 TEST_READY := $(VENV)/.ready-test
+BENCH_READY := $(VENV)/.ready-bench
 
 # Folders are listed too: their time changes when a file is added or removed.
 SOURCES := CMakeLists.txt README.md LICENSE \
@@ -47,7 +50,7 @@ CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
 STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
 
 .PHONY: set-up demo test lint types check format coverage trust asan valgrind refleaks matrix newest \
-    long fuzz tidy bench bench-instructions dist-test clean distclean python-matches
+    long fuzz tidy bench bench-pythons bench-instructions dist-test clean distclean python-matches
 .DELETE_ON_ERROR:
 
 set-up: $(WHEEL_READY) $(TEST_READY)
@@ -82,7 +85,8 @@ format: $(TEST_READY)
 COVERED = $(sort $(filter-out tests/fuzz/% tests/cli/% tests/stores/% tests/powercut/% \
     tests/safety/test_soak.py tests/safety/test_process_end.py tests/safety/test_objects_at_exit.py \
     tests/safety/test_interrupts.py tests/safety/test_forks.py tests/safety/test_import_at_exit.py \
-    tests/test_trust_table.py tests/test_newest_python.py tests/test_instruction_gate.py, \
+    tests/test_trust_table.py tests/test_newest_python.py tests/test_instruction_gate.py \
+    tests/benchmarks/%, \
     $(shell find tests -name 'test_*.py')))
 
 coverage: $(TEST_READY)
@@ -142,8 +146,11 @@ tidy: $(TEST_READY)
 	cmake --preset tidy -DPython_EXECUTABLE=$(PY)
 	cmake --build --preset tidy
 
-bench: $(WHEEL_READY) $(TEST_READY)
+bench: $(WHEEL_READY) $(BENCH_READY)
 	$(PY) benchmarks/bench_days.py --json build/bench/days.json --picture build/bench/days.png
+
+bench-pythons:
+	JOBS=2 benchmarks/bench_pythons.sh $(PYTHONS)
 
 # On the interpreter of $(VENV), and on the newest that can be had here.
 bench-instructions: $(WHEEL_READY) $(TEST_READY)
@@ -195,6 +202,11 @@ $(DEMO_READY): pyproject.toml | $(WHEEL_READY)
 	@touch $@
 
 $(TEST_READY): pyproject.toml | $(WHEEL_READY)
-	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[test,bench,dev]"
+	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[test,dev]"
 	$(PY) -m pip install -qq --no-deps skfolio
+	@touch $@
+
+# Each by itself: a Python may lack some, and none may replace the NumPy that is measured.
+$(BENCH_READY): pyproject.toml benchmarks/install_peers.py | $(WHEEL_READY)
+	$(PY) benchmarks/install_peers.py
 	@touch $@

@@ -1,19 +1,23 @@
 """Everything that is promised about speed and memory, as one table.
 
-    python benchmarks/bench_days.py                      the whole table, about a quarter of an hour
+    python benchmarks/bench_days.py                      the whole table, about half an hour
     python benchmarks/bench_days.py --quick              the same cases except 1M slots, shorter
     python benchmarks/bench_days.py --only module --cases pairs-100 pairs-10k
 
-What is measured against what, and how to read it, is in benchmarks/README.md.
+What is measured against what, and how to read it, is in benchmarks/README.md. What this Python has
+not the libraries for is left out, and said to be.
 """
 
 import argparse
+import itertools
 import os
 import sys
 from pathlib import Path
 
-# Idle threads of a linear algebra library spin, and the processor time would count them.
-os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
+# Idle threads of a linear algebra library spin, and the processor time would count them. The other
+# libraries would use all processors where we use one.
+for _threads in ("OPENBLAS_NUM_THREADS", "POLARS_MAX_THREADS", "NUMBA_NUM_THREADS"):
+    os.environ.setdefault(_threads, "1")
 
 _HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(_HERE), str(_HERE.parent / "tests")]
@@ -21,6 +25,7 @@ sys.path[:0] = [str(_HERE), str(_HERE.parent / "tests")]
 from daybench import (  # noqa: E402
     batch,
     fixed_cost,
+    garbage,
     kernels,
     machine,
     memory,
@@ -28,11 +33,17 @@ from daybench import (  # noqa: E402
     ours,
     picture,
     report,
+    snapshots,
+    sparse_days,
+    styles,
+    variations,
     whole_day,
 )
+from daybench.peers import PeerAbsent  # noqa: E402
 from daybench.timing import CLOCKS, Settings  # noqa: E402
 
-GROUPS = ["module", "fixed", "day", "kernels", "batch", "memory"]
+GROUPS = ["module", "fixed", "day", "styles", "variations", "kernels", "batch", "memory"]
+_VARIED = [variations, sparse_days, snapshots, garbage]
 
 
 def main():
@@ -40,17 +51,28 @@ def main():
     settings = _settings(options)
     described = machine.describe()
     report.print_machine(described)
-    lines = []
+    lines, left_out = [], []
     for group in options.only:
         report.print_heading(group)
-        for line in _measure(group, options, settings):
+        for line in _available(_measure(group, options, settings)):
+            (left_out if isinstance(line, PeerAbsent) else lines).append(line)
             report.print_line(line)
-            lines.append(line)
     report.print_summary(lines)
     if options.json:
-        report.write_json(options.json, described, vars(settings), lines)
+        report.write_json(options.json, described, vars(settings), lines, left_out)
     if options.picture:
-        picture.draw(options.picture, described, lines)
+        try:
+            picture.draw(options.picture, described, lines)
+        except PeerAbsent as absent:
+            print(f"no picture: {absent}")
+
+
+def _available(lines):
+    """The lines, and at their end what the rest of them would have needed."""
+    try:
+        yield from lines
+    except PeerAbsent as absent:
+        yield absent
 
 
 def _measure(group, options, settings):
@@ -62,6 +84,11 @@ def _measure(group, options, settings):
         return fixed_cost.run(settings)
     if group == "day":
         return whole_day.run(_chosen(ours.BASKETS, options), settings)
+    if group == "styles":
+        return styles.run(_chosen(styles.CASES, options), settings)
+    if group == "variations":
+        runs = (part.run(_chosen(part.CASES, options), settings) for part in _VARIED)
+        return itertools.chain.from_iterable(runs)
     if group == "kernels":
         return kernels.run(_chosen(kernels.SIZES, options), settings)
     if group == "batch":
@@ -84,7 +111,8 @@ def _settings(options):
 
 
 def _parse():
-    known = [*module_alone.CASES, *module_alone.VARIANTS, *ours.BASKETS]
+    parts = (module_alone.CASES, module_alone.VARIANTS, ours.BASKETS, styles.CASES)
+    known = [name for cases in (*parts, *(part.CASES for part in _VARIED)) for name in cases]
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
     )

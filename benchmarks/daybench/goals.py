@@ -7,7 +7,10 @@ from daybench.timing import Comparison
 
 @dataclass
 class Line:
-    """A measured line. `ratio` is peer / ours unless `smaller_is_better` says it is a cost."""
+    """A measured line. `ratio` is peer / ours unless `smaller_is_better` says it is a cost.
+
+    `parts` are the seconds that a difference was made of.
+    """
 
     group: str
     case: str
@@ -16,6 +19,7 @@ class Line:
     goal: float | None = None
     structures: int | None = None
     smaller_is_better: bool = False
+    parts: dict[str, float] | None = None
 
     @property
     def met(self):

@@ -8,7 +8,7 @@ from pathlib import Path
 
 import quorvane
 
-_LIBRARIES = ["numpy", "scipy", "bottleneck", "matplotlib"]
+_LIBRARIES = ["numpy", "scipy", "bottleneck", "numbagg", "polars", "screamer", "matplotlib"]
 
 
 def describe():

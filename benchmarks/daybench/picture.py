@@ -2,6 +2,8 @@
 
 from pathlib import Path
 
+from daybench.peers import load
+
 _MET, _MISSED = "#2b7a4b", "#b5432a"
 
 # Multiples beyond are drawn as this one, lest a single bar take all the room.
@@ -11,12 +13,10 @@ _LARGEST_MULTIPLE = 20.0
 def draw(path, machine, lines):
     """Draw one bar for each line that has a goal, as multiples of that goal, quartiles as whiskers.
 
-    Raises ImportError without matplotlib.
+    Raises PeerAbsent without matplotlib.
     """
-    import matplotlib as mpl
-
-    mpl.use("Agg")
-    from matplotlib import pyplot
+    load("matplotlib").use("Agg")
+    pyplot = load("matplotlib.pyplot")
 
     judged = [line for line in lines if line.goal is not None][::-1]
     figure, axes = pyplot.subplots(figsize=(9.5, 1.2 + 0.27 * len(judged)))

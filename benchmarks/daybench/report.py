@@ -3,6 +3,8 @@
 import json
 from pathlib import Path
 
+from daybench.peers import PeerAbsent
+
 _HEADINGS = f"{'':<34}{'':<20}{'ours':>11}{'peer':>11}{'ratio':>9}  {'quartiles':<17}{'goal':>7}"
 
 
@@ -18,7 +20,10 @@ def print_heading(group):
 
 
 def print_line(line):
-    """One line of the table, as soon as it is measured."""
+    """One line of the table, as soon as it is measured, or why one is left out."""
+    if isinstance(line, PeerAbsent):
+        print(f"left out: {line}", flush=True)
+        return
     found = line.comparison
     times = f"{_time(found.ours):>11}{_time(found.peer):>11}"
     spread = f"{found.low:.3g} - {found.high:.3g}"
@@ -46,12 +51,13 @@ def print_summary(lines):
         )
 
 
-def write_json(path, machine, settings, lines):
+def write_json(path, machine, settings, lines, left_out):
     """Everything that was printed, with the settings."""
     content = {
         "machine": machine,
         "settings": settings,
         "lines": [line.as_dict() for line in lines],
+        "left out": [str(absent) for absent in left_out],
     }
     Path(path).parent.mkdir(parents=True, exist_ok=True)
     Path(path).write_text(json.dumps(content, indent=1) + "\n")

@@ -12,7 +12,7 @@ import gc
 import multiprocessing
 import statistics
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Sequence
 from dataclasses import dataclass, field
 
 CLOCKS = {"cpu": time.process_time_ns, "wall": time.perf_counter_ns}
@@ -47,7 +47,10 @@ class Side:
 
 @dataclass
 class Comparison:
-    """Median ratio peer / ours of all pairs with its quartiles, and the median times in seconds."""
+    """Median ratio of all pairs with its quartiles, and the median times in seconds.
+
+    `compare` divides the peer's time by ours, `cost` ours by the peer's.
+    """
 
     ratio: float
     low: float
@@ -58,18 +61,42 @@ class Comparison:
 
 
 def compare(ours: Side, peer: Side, settings: Settings) -> Comparison:
-    """Time the two sides in turn, as many pairs as the settings' time allows."""
+    """How many times as long the peer takes, timed in turn."""
+    times = in_turn((ours, peer), settings)
+    our_time, peer_time = medians(times)
+    return summary([slow / fast for fast, slow in times], our_time, peer_time)
+
+
+def cost(ours: Side, peer: Side, settings: Settings) -> Comparison:
+    """How many times as long as the peer we take, timed in turn."""
+    times = in_turn((ours, peer), settings)
+    our_time, peer_time = medians(times)
+    return summary([mine / other for mine, other in times], our_time, peer_time)
+
+
+def in_turn(sides: Sequence[Side], settings: Settings) -> list[tuple[float, ...]]:
+    """Seconds of one call of each side, in as many turns as the settings' time allows.
+
+    Who begins changes from turn to turn.
+    """
     with _garbage_collection(settings.collect_garbage):
-        first_ours, first_peer = (_block(side, 3, settings) for side in (ours, peer))
-        calls = [_calls(seconds, settings) for seconds in (first_ours, first_peer)]
-        expected = calls[0] * first_ours + calls[1] * first_peer
-        pairs = int(settings.compare_seconds / max(expected, 1e-9))
-        pairs = min(max(pairs, settings.min_pairs), settings.max_pairs)
-        times = [_pair(ours, peer, calls, i % 2 == 1, settings) for i in range(pairs)]
-    ratios = [slow / fast for fast, slow in times]
+        first = [_block(side, 3, settings) for side in sides]
+        calls = [_calls(seconds, settings) for seconds in first]
+        expected = sum(count * seconds for count, seconds in zip(calls, first, strict=True))
+        turns = int(settings.compare_seconds / max(expected, 1e-9))
+        turns = min(max(turns, settings.min_pairs), settings.max_pairs)
+        return [_turn(sides, calls, i % len(sides), settings) for i in range(turns)]
+
+
+def medians(times: list[tuple[float, ...]]) -> list[float]:
+    """The median of each side's times."""
+    return [statistics.median(column) for column in zip(*times, strict=True)]
+
+
+def summary(ratios: list[float], ours: float, peer: float) -> Comparison:
+    """The comparison with these ratios, one of each turn."""
     low, middle, high = statistics.quantiles(ratios, n=4, method="inclusive")
-    our_time, peer_time = (statistics.median(column) for column in zip(*times, strict=True))
-    return Comparison(middle, low, high, our_time, peer_time, pairs)
+    return Comparison(middle, low, high, ours, peer, len(ratios))
 
 
 def in_new_process(measure, *arguments):
@@ -79,12 +106,11 @@ def in_new_process(measure, *arguments):
         return process.submit(measure, *arguments).result()
 
 
-def _pair(ours, peer, calls, peer_first, settings):
-    """Both sides' time of one pair; who begins changes from pair to pair."""
-    if peer_first:
-        slow = _block(peer, calls[1], settings)
-        return _block(ours, calls[0], settings), slow
-    return _block(ours, calls[0], settings), _block(peer, calls[1], settings)
+def _turn(sides, calls, beginner, settings):
+    """Every side's time of one turn, in the sides' order."""
+    order = [*range(beginner, len(sides)), *range(beginner)]
+    times = {i: _block(sides[i], calls[i], settings) for i in order}
+    return tuple(times[i] for i in range(len(sides)))
 
 
 def _block(side, calls, settings):

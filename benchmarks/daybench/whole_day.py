@@ -2,9 +2,9 @@
 
 import numpy as np
 
-from daybench.by_hand import DayByHand
 from daybench.goals import Line
 from daybench.ours import BASKETS, WINDOW, baskets
+from daybench.peers import load
 from daybench.timing import Side, compare
 
 
@@ -52,7 +52,7 @@ def both(structures, instruments, dead):
     After these days every structure has been seen.
     """
     ours = baskets(structures, instruments, dead)
-    by_hand = DayByHand(ours.all_legs, instruments, WINDOW)
+    by_hand = load("daybench.by_hand").DayByHand(ours.all_legs, instruments, WINDOW)
     for row in ours.inputs:
         np.testing.assert_allclose(ours.rotation(row), by_hand(row), rtol=0, atol=1e-9 * structures)
     return ours.rotation, by_hand, ours.inputs
