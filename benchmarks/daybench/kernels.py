@@ -2,42 +2,75 @@
 
 import itertools
 
-import bottleneck
 import numpy as np
-from scipy.special import expit
 
-from daybench.by_hand import EwmaByHand, rank_by_hand, zscore_by_hand
 from daybench.goals import Line
-from daybench.ours import WINDOW, rows
-from daybench.ours import children as our_children
+from daybench.kernel_peers import HISTORY_PEERS, ROW_PEERS
+from daybench.ours import WINDOW, children, rows
+from daybench.peers import PeerAbsent
 from daybench.timing import Side, compare
+from quorvane.functions.rotations.longitudinal.ewma import Ewma
 
 SIZES = {"1k": 1_000, "10k": 10_000, "100k": 100_000, "1m": 1_000_000}
+HISTORIES = ["1k", "10k"]
+HISTORY_DAYS = 250
 
 
 def run(names, settings):
-    """Yield a line for each child at each chosen size."""
+    """Yield a line for each peer of each child at each chosen size, or why it is left out."""
     for name in names:
-        slots = SIZES[name]
-        for what, goal, ours, peer, timed_peer in children(slots):
-            days = rows(slots)
-            for row in days:
-                np.testing.assert_allclose(ours(row), peer(row), rtol=1e-9, atol=1e-12)
-            sides = (_over(days, child) for child in (ours, timed_peer))
-            yield Line("kernels", f"{name} slots", what, compare(*sides, settings), goal, slots)
+        for child, peers in ROW_PEERS.items():
+            for library, goal, make in peers:
+                yield _or_absent(_compare_rows, name, child, library, goal, make, settings)
+        for library, missing, make in HISTORY_PEERS if name in HISTORIES else ():
+            yield _or_absent(_compare_histories, name, library, missing, make, settings)
 
 
-def children(slots):
-    """What, least ratio, our child, the same results by the peer, and what of it is timed."""
-    ewma = EwmaByHand(WINDOW, slots)
-    ours = our_children(slots)
-    return [
-        ("ewma / NumPy", 5.0, ours["ewma"], ewma, ewma),
-        # Timed without the division by the count, which the peer does not do.
-        ("rank / bottleneck", 2.0, ours["rank"], rank_by_hand, bottleneck.nanrankdata),
-        ("zscore / bottleneck", 2.0, ours["zscore"], zscore_by_hand, zscore_by_hand),
-        ("sigmoid / SciPy", 1.0, ours["sigmoid"], expit, expit),
-    ]
+def _or_absent(measure, *arguments):
+    try:
+        return measure(*arguments)
+    except PeerAbsent as absent:
+        return absent
+
+
+def _compare_rows(name, child, library, goal, make, settings):
+    slots = SIZES[name]
+    peer, ours = make(slots), children(slots)[child]
+    days = rows(slots)
+    forms = [peer.form(row) for row in days]
+    for row, form in zip(days, forms, strict=True):
+        found = peer.ours(peer.timed(form), row)
+        np.testing.assert_allclose(ours(row), found, rtol=1e-9, atol=1e-12)
+    sides = _over(days, ours), _over(forms, peer.timed)
+    what = f"{child} / {library}"
+    return Line("kernels", f"{name} slots", what, compare(*sides, settings), goal, slots)
+
+
+def _compare_histories(name, library, missing, make, settings):
+    slots = SIZES[name]
+    table = _table(slots, missing)
+    over_table = make(table)
+    days = list(table)
+    ours = Ewma(window=WINDOW, N_alloc=slots)
+    found = np.asarray(over_table())
+    np.testing.assert_allclose([ours(row) for row in days], found, rtol=1e-9, atol=1e-12)
+
+    def day_by_day():
+        for row in days:
+            ours(row)
+
+    case = f"{name} slots x {HISTORY_DAYS} days{'' if missing else ', no NaN'}"
+    found = compare(Side(day_by_day), Side(over_table), settings)
+    return Line("kernels", case, f"ewma / {library}", found, None, slots * HISTORY_DAYS)
+
+
+def _table(slots, missing):
+    """Days by slots, one value in ten NaN when some are missing."""
+    random_numbers = np.random.default_rng(12)
+    table = random_numbers.standard_normal((HISTORY_DAYS, slots))
+    if missing:
+        table[random_numbers.random(table.shape) < 0.1] = np.nan
+    return table
 
 
 def _over(days, child):

@@ -43,5 +43,7 @@ def _version(name):
 
 def _commit():
     command = ["git", "-C", str(Path(__file__).parent), "rev-parse", "--short", "HEAD"]
-    done = subprocess.run(command, capture_output=True, text=True, check=False)
-    return done.stdout.strip() or "unknown"
+    try:
+        return subprocess.run(command, capture_output=True, text=True).stdout.strip() or "unknown"
+    except FileNotFoundError:
+        return "unknown"

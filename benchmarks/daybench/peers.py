@@ -4,13 +4,19 @@ import importlib
 
 
 class PeerAbsent(Exception):
-    """A library that cannot be imported here, and why."""
+    """A library that cannot be imported here, or is too old, and why."""
 
 
-def load(name):
-    """The module of that name; PeerAbsent where it cannot be imported, for whatever reason."""
+def load(name, member=None):
+    """The module of that name, or a member of it; PeerAbsent where it cannot be had."""
     try:
-        return importlib.import_module(name)
+        module = importlib.import_module(name)
     # A library that is too old for this Python or this NumPy may fail in any way.
     except Exception as error:
         raise PeerAbsent(f"{name} cannot be imported: {error}") from error
+    if member is None:
+        return module
+    if not hasattr(module, member):
+        version = getattr(module, "__version__", "of unknown version")
+        raise PeerAbsent(f"{name} {version} has no {member}")
+    return getattr(module, member)
