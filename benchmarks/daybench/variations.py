@@ -130,12 +130,15 @@ def _some_infinite(items, day):
     return items
 
 
-def _some_missing(items, day):
+def _some_nan(items, day):
     for i in range(day, len(items), 100):
-        if i % 200 < 100:
-            items[i]["value"] = float("nan")
-        else:
-            del items[i]["value"]
+        items[i]["value"] = float("nan")
+    return items
+
+
+def _some_without(items, day):
+    for i in range(day, len(items), 100):
+        del items[i]["value"]
     return items
 
 
@@ -264,11 +267,12 @@ CASES = {
         "masks in a list, by compute", 1.3, call=_compute_with(list), against=_COMPUTE
     ),
     "infinite": Variation("infinite values, 1 in 100", 1.5, items=_some_infinite),
-    "missing": Variation("missing values, 1 in 100", 1.5, items=_some_missing),
+    "nan": Variation("NaN as values, 1 in 100", 1.5, items=_some_nan),
+    "without-value": Variation("items without value, 1 in 100", 1.5, items=_some_without),
     "ints": Variation("ints as values", 1.5, items=_whole_numbers),
     "one-of-lists": Variation("lists in one item", 1.5, items=_one_of_lists),
     "dead": Variation("dead instruments, 1 in 50", 1.5, inputs=_some_dead),
-    "fewer": Variation("fewer items, 9 in 10", 1.5, items=_fewer),
+    "fewer": Variation("another tenth left out every day", 1.5, items=_fewer),
     "float32": Variation("float32 inputs", 1.5, inputs=_single_precision),
     "python-child": Variation(
         "a child in Python before", 1.5, settings=lambda: {"child_rotations": [_Halved()]}
