@@ -1,6 +1,6 @@
 """Everything that is promised about speed and memory, as one table.
 
-    python benchmarks/bench_days.py                      the whole table, about half an hour
+    python benchmarks/bench_days.py                      the whole table
     python benchmarks/bench_days.py --quick              the same cases except 1M slots, shorter
     python benchmarks/bench_days.py --only module --cases pairs-100 pairs-10k
 

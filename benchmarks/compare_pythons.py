@@ -83,9 +83,14 @@ def _verdict(run):
     judged = [line for line in run["lines"] if line["met"] is not None]
     missed = [line for line in judged if not line["met"]]
     python = f"Python {run['machine']['python']}, NumPy {run['machine']['numpy']}"
-    names = "".join(f"\n  missed: {line['case']}, {_cell(line)}" for line in missed)
+    names = "".join(f"\n  missed: {_in_words(line)}" for line in missed)
     left_out = "".join(f"\n  left out: {text}" for text in run["left out"])
     return f"{python}: {len(judged) - len(missed)} of {len(judged)} goals met{names}{left_out}"
+
+
+def _in_words(line):
+    figure, goal = line["comparison"]["ratio"], line["goal"]
+    return f"{line['case']}, {line['what']}: {figure:.3g} of {goal:g}"
 
 
 if __name__ == "__main__":

@@ -67,7 +67,9 @@ def test_what_misses_its_goal_is_marked_and_listed(joined):
         run_of("3.12.1", line("a note", 1.75, 1.5, met=False), line("order", 3.0, 5.0, met=True)),
     )
     assert rows["a note"] == ["plain days", "1.1", "1.75 !", "1.5"]
-    assert "3.12.1, NumPy 2.5.5: 1 of 2 goals met\n  missed: a note, 1.75 !" in text
+    assert (
+        "3.12.1, NumPy 2.5.5: 1 of 2 goals met\n  missed: a note, plain days: 1.75 of 1.5" in text
+    )
 
 
 def test_units_have_nanoseconds_in_brackets(joined):
