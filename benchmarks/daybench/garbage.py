@@ -10,7 +10,7 @@ import numpy as np
 from daybench.goals import Line
 from daybench.structures import Shape
 from daybench.timing import Side, cost, in_new_process
-from daybench.variations import CHECKED_DAYS, Variation, VariedDay
+from daybench.variations import WARM_UP_DAYS, Variation, VariedDay
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
 
 SHAPE = Shape(100_000, 2, 100_000, 5_000)
@@ -58,7 +58,7 @@ def _measure(name, settings):
 def sides(variation, shape):
     """The same days with the collector on, and off."""
     varied_day = VariedDay(variation, shape)
-    varied_day.live(CHECKED_DAYS)
+    varied_day.live(WARM_UP_DAYS)
 
     def days():
         varied_day.live(DAYS)

@@ -4,11 +4,13 @@ A snapshot shares its tables' objects with the rotation, a record shares nothing
 make the snapshot the slower one.
 """
 
+from functools import partial
+
 from daybench.goals import Line
 from daybench.peers import load
 from daybench.structures import Shape
-from daybench.timing import Side, cost, in_new_process
-from daybench.variations import CHECKED_DAYS, PLAIN, VariedDay
+from daybench.timing import Side, cost_in_new_processes
+from daybench.variations import PLAIN, WARM_UP_DAYS, VariedDay
 from quorvane.stores import decode, encode
 
 CASES = {
@@ -20,46 +22,46 @@ GOAL = 1.3
 
 
 def run(names, settings):
-    """Yield the chosen lines, each measured in a process of its own."""
+    """Yield the chosen lines, measured in processes of their own."""
     if names:
         # The records are encoded with it.
         load("msgpack")
     for name in names:
-        yield in_new_process(_measure, name, settings)
+        case, shape = CASES[name]
+        sides = partial(from_snapshots, shape), partial(from_records, shape)
+        found = cost_in_new_processes(*sides, settings)
+        yield Line("variations", case, "set_state, snapshot", found, GOAL, None, True)
 
 
-def _measure(name, settings):
-    case, shape = CASES[name]
-    found = cost(*sides(shape), settings)
-    return Line("variations", case, "set_state, snapshot", found, GOAL, None, True)
+def from_snapshots(shape):
+    """Restoring the rotation's own snapshot."""
+    today = _lived(shape)
+    return _restoring(today, today.rotation.get_state)
 
 
-def sides(shape):
-    """Restoring a snapshot, and restoring a record, each a day after the one before."""
-    ours, peer = (VariedDay(PLAIN, shape, transformation_expression="none") for _ in range(2))
-    peer.live(CHECKED_DAYS)
-    record = encode(peer.rotation.get_state())
-    ours.live(CHECKED_DAYS)
-    if decode(record) != ours.rotation.get_state():
+def from_records(shape):
+    """Restoring what a store would give of it."""
+    today = _lived(shape)
+    record = encode(today.rotation.get_state())
+    if decode(record) != today.rotation.get_state():
         raise AssertionError("the snapshot and the record are not the same state")
-
-    def snapshot():
-        ours.live(1)
-        return ours.rotation.get_state()
-
-    def stored():
-        peer.live(1)
-        return decode(record)
-
-    return _restoring(ours.rotation, snapshot), _restoring(peer.rotation, stored)
+    return _restoring(today, lambda: decode(record))
 
 
-def _restoring(rotation, make_state):
+def _lived(shape):
+    today = VariedDay(PLAIN, shape, transformation_expression="none")
+    today.live(WARM_UP_DAYS)
+    return today
+
+
+def _restoring(today, make_state):
+    """Restores, each after a day and the making of a state, which are not timed."""
     state = None
 
     def prepare():
         nonlocal state
         state = None
+        today.live(1)
         state = make_state()
 
-    return Side(lambda: rotation.set_state(state), prepare)
+    return Side(lambda: today.rotation.set_state(state), prepare)

@@ -6,13 +6,14 @@ what is finite in it.
 
 import random
 import sys
+from functools import partial
 
 import numpy as np
 
 from daybench.goals import Line
 from daybench.structures import Shape
-from daybench.timing import Side, cost, in_new_process
-from daybench.variations import CHECKED_DAYS, PLAIN, Variation, VariedDay, checked
+from daybench.timing import Side, cost_in_new_processes, in_new_process
+from daybench.variations import PLAIN, Variation, VariedDay, check
 
 SHAPE = Shape(100, 2, 1_000_000, 5_000)
 NOTED_SLOTS = 100
@@ -33,35 +34,32 @@ _NOTES = Variation("notes", before=note_in_some_slots)
 
 
 def run(names, settings):
-    """Yield the chosen lines, each measured in a process of its own."""
-    for name in names:
-        measure = _measure_days if name == "sparse-1m-days" else _measure_notes
-        yield in_new_process(measure, settings)
-
-
-def _measure_days(settings):
-    ours = checked(PLAIN, SHAPE, transformation_expression="none")
-    found = cost(ours.side, Side(_Row(SHAPE.slots).fill_copy_and_scan), settings)
-    return _line("rows in NumPy", found)
-
-
-def _measure_notes(settings):
-    ours = checked(_NOTES, SHAPE, transformation_expression="none")
-    plain = VariedDay(PLAIN, SHAPE, transformation_expression="none")
-    plain.live(CHECKED_DAYS)
-    found = cost(ours.side, plain.side, settings)
-    return _line(f"{NOTED_SLOTS} slots noted", found)
-
-
-def _line(what, found):
+    """Yield the chosen lines, checked and measured in processes of their own."""
     goal = 2.0 if _JUDGED else None
-    return Line("variations", "100 pairs among 1M slots", what, found, goal, None, True)
+    for name in names:
+        noting = name == "sparse-1m-notes"
+        in_new_process(_check, noting)
+        peer, what = _row, "rows in NumPy"
+        if noting:
+            peer, what = partial(_days, False), f"{NOTED_SLOTS} slots noted"
+        found = cost_in_new_processes(partial(_days, noting), peer, settings)
+        yield Line("variations", "100 pairs among 1M slots", what, found, goal, None, True)
 
 
-class _Row:
-    def __init__(self, slots):
-        self._row = np.empty(slots)
+def _check(noting):
+    check(_NOTES if noting else PLAIN, SHAPE, transformation_expression="none")
 
-    def fill_copy_and_scan(self):
-        self._row.fill(np.nan)
-        return np.isfinite(self._row.copy()).any()
+
+def _days(noting):
+    variation = _NOTES if noting else PLAIN
+    return VariedDay(variation, SHAPE, transformation_expression="none").warm_side
+
+
+def _row():
+    row = np.empty(SHAPE.slots)
+
+    def fill_copy_and_scan():
+        row.fill(np.nan)
+        return np.isfinite(row.copy()).any()
+
+    return Side(fill_copy_and_scan)

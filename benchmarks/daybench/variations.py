@@ -9,17 +9,19 @@ import itertools
 import random
 from collections.abc import Callable
 from dataclasses import dataclass, field
+from functools import partial
 from typing import Any
 
 import numpy as np
 
 from daybench.goals import Line
 from daybench.structures import HELD_DAYS, Days, Shape, base_module
-from daybench.timing import Side, cost, in_new_process
+from daybench.timing import Side, cost_in_new_processes, in_new_process
 
 STRUCTURES, INSTRUMENTS = 10_000, 2_000
 EXPRESSION = "ewma(20);rank"
 CHECKED_DAYS = 4
+WARM_UP_DAYS = 4
 
 
 @dataclass(frozen=True)
@@ -98,8 +100,9 @@ class VariedDay:
         return self.rotation._output_buf[: self._inputs.shape[0]].copy()
 
     @property
-    def side(self):
-        """What is timed."""
+    def warm_side(self):
+        """What is timed, after some days that are not."""
+        self.live(WARM_UP_DAYS)
         return Side(self.call, self.prepare)
 
 
@@ -288,24 +291,33 @@ CASES = {
 
 
 def run(names, settings):
-    """Yield a line for each chosen variation, each measured in a process of its own."""
+    """Yield a line for each chosen variation, checked and measured in processes of its own."""
     for name in names:
-        yield in_new_process(_measure, name, settings)
+        in_new_process(_check, name)
+        ours, plain = partial(_side, name, False), partial(_side, name, True)
+        found = cost_in_new_processes(ours, plain, settings)
+        variation = CASES[name]
+        what = "plain days"
+        yield Line("variations", variation.name, what, found, variation.goal, STRUCTURES, True)
 
 
-def _measure(name, settings):
+_SHAPE = Shape(STRUCTURES, 2, STRUCTURES, INSTRUMENTS)
+
+
+def _check(name):
+    check(CASES[name], _SHAPE)
+
+
+def _side(name, plain):
+    """The variation's days, or those it is measured against."""
     variation = CASES[name]
-    shape = Shape(STRUCTURES, 2, STRUCTURES, INSTRUMENTS)
-    ours = checked(variation, shape)
-    plain = VariedDay(variation.against or PLAIN, shape)
-    plain.live(CHECKED_DAYS)
-    found = cost(ours.side, plain.side, settings)
-    what = "plain days"
-    return Line("variations", variation.name, what, found, variation.goal, STRUCTURES, True)
+    if plain:
+        variation = variation.against or PLAIN
+    return VariedDay(variation, _SHAPE).warm_side
 
 
-def checked(variation, shape, **settings):
-    """The native day, after days on which it returned the bits of the plain-Python twin."""
+def check(variation, shape, **settings):
+    """Live some days on which the native module must return the bits of the plain-Python twin."""
     ours, twin = (VariedDay(variation, shape, kind, **settings) for kind in ("native", "twin"))
     for _ in range(CHECKED_DAYS):
         for varied_day in (ours, twin):

@@ -14,7 +14,7 @@ SMALL = Shape(60, 2, 80, 30)
 @pytest.mark.parametrize("style", styles.CASES.values(), ids=styles.CASES.keys())
 def test_every_style_returns_what_the_plain_one_returns(style):
     market = styles.Market(structures=60, instruments=30)
-    rotation, _ = styles.checked(style, market)
+    rotation = styles.check(style, market)
     assert np.isfinite(rotation(market.today.inputs)).any()
 
 
@@ -30,7 +30,7 @@ def test_a_style_with_other_numbers_is_refused(wrong):
 
     market = styles.Market(structures=60, instruments=30)
     with pytest.raises(AssertionError):
-        styles.checked(styles.Style("wrong", 1.0, reporting), market)
+        styles.check(styles.Style("wrong", 1.0, reporting), market)
 
 
 def test_a_generator_is_exhausted_where_the_hook_is_timed_alone():
@@ -47,7 +47,7 @@ def test_a_generator_is_exhausted_where_the_hook_is_timed_alone():
 
 @pytest.mark.parametrize("variation", variations.CASES.values(), ids=variations.CASES.keys())
 def test_every_variation_returns_what_the_plain_twin_returns(variation):
-    today = variations.checked(variation, SMALL)
+    today = variations.check(variation, SMALL)
     assert np.isfinite(today.output).any()
 
 
@@ -60,22 +60,23 @@ def test_a_variation_that_the_twin_does_not_share_is_refused():
         return Own
 
     with pytest.raises(AssertionError):
-        variations.checked(variations.Variation("random", derived=derived), SMALL)
+        variations.check(variations.Variation("random", derived=derived), SMALL)
 
 
 def test_notes_are_put_into_slots_that_the_day_does_not_report(monkeypatch):
     monkeypatch.setattr(sparse_days, "NOTED_SLOTS", 50)
     noting = variations.Variation("notes", before=sparse_days.note_in_some_slots)
-    today = variations.checked(noting, SMALL, transformation_expression="none")
+    today = variations.check(noting, SMALL, transformation_expression="none")
     sparse_days.note_in_some_slots(today)
     noted = [slot for slot, found in enumerate(today.rotation._metadata_by_slot) if "note" in found]
     assert len(noted) == 50
     assert noted[-1] >= SMALL.structures
 
 
-def test_a_snapshot_and_a_record_are_restored_in_turn():
+def test_snapshots_and_records_are_restored_after_every_day():
     pytest.importorskip("msgpack")
-    for side in snapshots.sides(SMALL):
+    for make_side in (snapshots.from_snapshots, snapshots.from_records):
+        side = make_side(SMALL)
         for _ in range(3):
             side.prepare()
             side.call()

@@ -3,8 +3,9 @@
 import itertools
 
 import pytest
+from daybench import timing
 from daybench.styles import beyond_hook
-from daybench.timing import Side, compare, cost, in_turn
+from daybench.timing import Side, compare, cost, cost_in_new_processes, in_turn
 
 
 def taking(clock, *nanoseconds):
@@ -40,6 +41,27 @@ def test_another_side_begins_each_turn_and_the_times_keep_the_sides_order(clock,
     times = in_turn([side("a", 1000), side("b", 2000), side("c", 3000)], settings)
     assert times == [pytest.approx((1e-6, 2e-6, 3e-6))] * 4
     assert "".join(called[9:]) == "abc bca cab abc".replace(" ", "")
+
+
+def test_each_side_is_made_first_in_one_of_two_processes(clock, settings, monkeypatch):
+    made = []
+
+    def making(name, nanoseconds):
+        def make():
+            made.append(name)
+            return taking(clock, nanoseconds)
+
+        return make
+
+    def process(measure, *arguments):
+        made.append("process")
+        return measure(*arguments)
+
+    monkeypatch.setattr(timing, "in_new_process", process)
+    found = cost_in_new_processes(making("ours", 3000), making("peer", 1000), settings)
+    assert made == ["process", "ours", "peer", "process", "peer", "ours"]
+    assert found.ratio == pytest.approx(3.0)
+    assert found.pairs == 4
 
 
 def test_a_hook_is_subtracted_before_the_items_divide():
