@@ -30,7 +30,7 @@ status=0
 for version; do
     status=0
     MATRIX_NUMPY=newest tools/matrix.sh "$version" || status=$?
-    reason=$(grep -E 'not run:|COULD NOT BE INSTALLED' "$table") || {
+    reason=$(grep -E "^$version[. ].*(not run:|COULD NOT BE INSTALLED)" "$table") || {
         had=$version
         break
     }
