@@ -9,7 +9,7 @@ from functools import partial
 from daybench.goals import Line
 from daybench.peers import load
 from daybench.structures import Shape
-from daybench.timing import Side, cost_in_new_processes
+from daybench.timing import Side, cost_apart
 from daybench.variations import PLAIN, WARM_UP_DAYS, VariedDay
 from quorvane.stores import decode, encode
 
@@ -29,7 +29,7 @@ def run(names, settings):
     for name in names:
         case, shape = CASES[name]
         sides = partial(from_snapshots, shape), partial(from_records, shape)
-        found = cost_in_new_processes(*sides, settings)
+        found = cost_apart(*sides, settings)
         yield Line("variations", case, "set_state, snapshot", found, GOAL, None, True)
 
 

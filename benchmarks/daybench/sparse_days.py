@@ -12,7 +12,7 @@ import numpy as np
 
 from daybench.goals import Line
 from daybench.structures import Shape
-from daybench.timing import Side, cost_in_new_processes, in_new_process
+from daybench.timing import Side, cost_apart, in_new_process
 from daybench.variations import PLAIN, Variation, VariedDay, check
 
 SHAPE = Shape(100, 2, 1_000_000, 5_000)
@@ -42,7 +42,7 @@ def run(names, settings):
         peer, what = _row, "rows in NumPy"
         if noting:
             peer, what = partial(_days, False), f"{NOTED_SLOTS} slots noted"
-        found = cost_in_new_processes(partial(_days, noting), peer, settings)
+        found = cost_apart(partial(_days, noting), peer, settings)
         yield Line("variations", "100 pairs among 1M slots", what, found, goal, None, True)
 
 

@@ -1,24 +1,24 @@
 """What a day costs beyond its hook, for each way in which a hook may report the same pairs.
 
-A day goes through `__call__`, without children. In turn with it the hook is called alone, and what
-it made is dropped at once; a generator is exhausted and drops each item before it makes the next.
-The difference is counted in units of U: what the interpreter takes in the same turn to make and
-free one item, a dict of three entries, ten thousand of them in a list.
+A day goes through `__call__`, without children. In turn with it, in another process, the hook is
+called alone and what it made dropped at once; a generator is exhausted and drops each item before
+it makes the next. The difference is counted in units of U: what the interpreter takes in the same
+turn to make and free one item, a dict of three entries, ten thousand of them in a list.
 """
 
 import collections
 import itertools
 import random
-import statistics
 import types
 from collections.abc import Callable
 from dataclasses import dataclass
+from functools import partial
 from typing import Any
 
 import numpy as np
 
 from daybench.goals import Line
-from daybench.timing import Side, in_new_process, in_turn, medians, summary
+from daybench.timing import Side, in_new_process, in_turn_apart, medians, summary
 from quorvane.functions.rotations.virtualization.base import VirtualizationBase, VirtualStructure
 from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
@@ -203,48 +203,55 @@ CASES = {
 
 
 def run(names, settings):
-    """Yield U in nanoseconds, then a line for each chosen style, in processes of its own."""
+    """Yield U in nanoseconds, then a line for each chosen style."""
     if names:
-        yield in_new_process(_measure_unit, settings)
+        yield _unit_line(in_turn_apart([_items], settings))
     for name in names:
+        style = CASES[name]
         in_new_process(_check, name)
-        yield in_new_process(_measure, name, settings)
-
-
-def _measure_unit(settings):
-    market = Market()
-    times = [seconds for (seconds,) in in_turn([Side(dicts(market))], settings)]
-    each = [seconds / STRUCTURES * 1e9 for seconds in times]
-    found = summary(each, statistics.median(times), 0.0)
-    return Line("styles", "U: one item made and freed", "ns", found, smaller_is_better=True)
-
-
-def _measure(name, settings):
-    style = CASES[name]
-    market = Market()
-    rotation, report = style.day_and_hook(market)
-    for _ in range(WARM_UP_DAYS):
-        rotation(market.today.inputs)
-        market.next_day()
-    sides = [
-        Side(lambda: rotation(market.today.inputs), market.next_day),
-        Side(dicts(market), market.next_day),
-    ]
-    if report is not None:
-        sides.append(Side(lambda: _make_and_free(report), market.next_day))
-    times = in_turn(sides, settings)
-    parts = dict(zip(("day", "items", "hook"), medians(times), strict=False))
-    found = beyond_hook(times)
-    return Line("styles", style.name, "U", found, style.goal, STRUCTURES, True, parts)
+        makers = [_items, partial(_day, name)]
+        if style.reporting is not None:
+            makers.append(partial(_hook, name))
+        times = in_turn_apart(makers, settings)
+        parts = dict(zip(("items", "day", "hook"), medians(times), strict=False))
+        yield Line(
+            "styles", style.name, "U", beyond_hook(times), style.goal, STRUCTURES, True, parts
+        )
 
 
 def beyond_hook(times):
     """What days took beyond their hooks, over what the same number of items takes.
 
-    Each turn has the seconds of the day, of the items, and of the hook unless that is part of it.
+    Each turn has the seconds of the items, of the day, and of the hook unless that is part of it.
     """
-    beyond = [(day - sum(hook), items) for day, items, *hook in times]
+    beyond = [(day - sum(hook), items) for items, day, *hook in times]
     return summary([mine / items for mine, items in beyond], *medians(beyond))
+
+
+def _unit_line(times):
+    seconds = [items for (items,) in times]
+    found = summary([1e9 * each / STRUCTURES for each in seconds], *medians(times), 0.0)
+    return Line("styles", "U: one item made and freed", "ns", found, smaller_is_better=True)
+
+
+def _items():
+    """What U is measured on."""
+    return Side(dicts(Market()))
+
+
+def _day(name):
+    market = Market()
+    rotation, _ = CASES[name].day_and_hook(market)
+    for _ in range(WARM_UP_DAYS):
+        rotation(market.today.inputs)
+        market.next_day()
+    return Side(lambda: rotation(market.today.inputs), market.next_day)
+
+
+def _hook(name):
+    market = Market()
+    _, report = CASES[name].day_and_hook(market)
+    return Side(lambda: _make_and_free(report), market.next_day)
 
 
 def _check(name):

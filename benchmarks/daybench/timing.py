@@ -13,7 +13,8 @@ import multiprocessing
 import statistics
 import time
 from collections.abc import Callable, Sequence
-from dataclasses import dataclass, field, replace
+from dataclasses import dataclass, field
+from functools import partial
 
 CLOCKS = {"cpu": time.process_time_ns, "wall": time.perf_counter_ns}
 
@@ -83,12 +84,13 @@ def in_turn(sides: Sequence[Side], settings: Settings) -> list[tuple[float, ...]
     Who begins changes from turn to turn.
     """
     with _garbage_collection(settings.collect_garbage):
-        first = [_block(side, 3, settings) for side in sides]
-        calls = [_calls(seconds, settings) for seconds in first]
-        expected = sum(count * seconds for count, seconds in zip(calls, first, strict=True))
-        turns = int(settings.compare_seconds / max(expected, 1e-9))
-        turns = min(max(turns, settings.min_pairs), settings.max_pairs)
-        return [_turn(sides, calls, i % len(sides), settings) for i in range(turns)]
+        calibrated = [_calibrated(side, settings) for side in sides]
+        expected = sum(seconds for _, seconds in calibrated)
+        blocks = [
+            partial(_block, side, calls, settings)
+            for side, (calls, _) in zip(sides, calibrated, strict=True)
+        ]
+        return [_turn(blocks, i % len(sides)) for i in range(_turns(expected, settings))]
 
 
 def medians(times: list[tuple[float, ...]]) -> list[float]:
@@ -109,37 +111,73 @@ def in_new_process(measure, *arguments):
         return process.submit(measure, *arguments).result()
 
 
-def cost_in_new_processes(make_ours, make_peer, settings: Settings) -> Comparison:
-    """`cost` of the sides that these functions make, half of the turns in each of two processes.
+def cost_apart(make_ours, make_peer, settings: Settings) -> Comparison:
+    """`cost` of the sides that these functions make, each in a process of its own."""
+    return _cost_of(in_turn_apart((make_ours, make_peer), settings))
 
-    What is made first lies better in memory, which is worth a tenth; so each side is first once.
+
+def in_turn_apart(makers: Sequence[Callable[[], Side]], settings: Settings):
+    """`in_turn` of sides of which each is made and called in a process of its own.
+
+    Neither lies better in memory for being made first, nor has to do with what the other's calls
+    have left of the heap.
     """
-    half = replace(
-        settings,
-        max_pairs=-(-settings.max_pairs // 2),
-        min_pairs=-(-settings.min_pairs // 2),
-        compare_seconds=settings.compare_seconds / 2,
-    )
-    times = [
-        pair
-        for ours_first in (True, False)
-        for pair in in_new_process(_made_and_timed, make_ours, make_peer, ours_first, half)
-    ]
-    return _cost_of(times)
+    with contextlib.ExitStack() as running:
+        workers = [running.enter_context(_worker(make, settings)) for make in makers]
+        expected = sum(worker.recv() for worker in workers)
+        turns = [i % len(workers) for i in range(_turns(expected, settings))]
+        return [_turn([partial(_ask, worker) for worker in workers], first) for first in turns]
 
 
-def _made_and_timed(make_ours, make_peer, ours_first, settings):
-    if ours_first:
-        return in_turn((make_ours(), make_peer()), settings)
-    peer = make_peer()
-    return in_turn((make_ours(), peer), settings)
+def _ask(worker):
+    worker.send("turn")
+    return worker.recv()
 
 
-def _turn(sides, calls, beginner, settings):
-    """Every side's time of one turn, in the sides' order."""
-    order = [*range(beginner, len(sides)), *range(beginner)]
-    times = {i: _block(sides[i], calls[i], settings) for i in order}
-    return tuple(times[i] for i in range(len(sides)))
+@contextlib.contextmanager
+def _worker(make, settings):
+    """A process that makes a side, says what a turn takes, and takes one whenever it is asked."""
+    fresh = multiprocessing.get_context("spawn")
+    ours, its = fresh.Pipe()
+    process = fresh.Process(target=_work, args=(its, make, settings))
+    process.start()
+    # So that nobody waits for an answer when it has ended with an error.
+    its.close()
+    try:
+        yield ours
+    finally:
+        ours.close()
+        process.join()
+
+
+def _work(connection, make, settings):
+    side = make()
+    # When nobody asks any more, it is done.
+    done = contextlib.suppress(EOFError, BrokenPipeError)
+    with _garbage_collection(settings.collect_garbage), done:
+        calls, expected = _calibrated(side, settings)
+        connection.send(expected)
+        while connection.recv():
+            connection.send(_block(side, calls, settings))
+
+
+def _calibrated(side, settings):
+    """How many calls a turn has, and the seconds that it takes."""
+    seconds = _block(side, 3, settings)
+    calls = _calls(seconds, settings)
+    return calls, calls * seconds
+
+
+def _turns(expected, settings):
+    turns = int(settings.compare_seconds / max(expected, 1e-9))
+    return min(max(turns, settings.min_pairs), settings.max_pairs)
+
+
+def _turn(blocks, beginner):
+    """What every block returns, in the blocks' order, whichever begins."""
+    order = [*range(beginner, len(blocks)), *range(beginner)]
+    times = {i: blocks[i]() for i in order}
+    return tuple(times[i] for i in range(len(blocks)))
 
 
 def _block(side, calls, settings):

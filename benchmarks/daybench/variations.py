@@ -16,7 +16,7 @@ import numpy as np
 
 from daybench.goals import Line
 from daybench.structures import HELD_DAYS, Days, Shape, base_module
-from daybench.timing import Side, cost_in_new_processes, in_new_process
+from daybench.timing import Side, cost_apart, in_new_process
 
 STRUCTURES, INSTRUMENTS = 10_000, 2_000
 EXPRESSION = "ewma(20);rank"
@@ -295,7 +295,7 @@ def run(names, settings):
     for name in names:
         in_new_process(_check, name)
         ours, plain = partial(_side, name, False), partial(_side, name, True)
-        found = cost_in_new_processes(ours, plain, settings)
+        found = cost_apart(ours, plain, settings)
         variation = CASES[name]
         what = "plain days"
         yield Line("variations", variation.name, what, found, variation.goal, STRUCTURES, True)

@@ -1,11 +1,11 @@
 """What is divided by what, and who is timed when."""
 
 import itertools
+from functools import partial
 
 import pytest
-from daybench import timing
 from daybench.styles import beyond_hook
-from daybench.timing import Side, compare, cost, cost_in_new_processes, in_turn
+from daybench.timing import Settings, Side, compare, cost, in_turn, in_turn_apart
 
 
 def taking(clock, *nanoseconds):
@@ -43,32 +43,28 @@ def test_another_side_begins_each_turn_and_the_times_keep_the_sides_order(clock,
     assert "".join(called[9:]) == "abc bca cab abc".replace(" ", "")
 
 
-def test_each_side_is_made_first_in_one_of_two_processes(clock, settings, monkeypatch):
-    made = []
+@pytest.mark.plain_python
+def test_each_side_is_made_and_called_in_a_process_of_its_own():
+    short = Settings(max_pairs=4, min_pairs=4, block_seconds=1e-6)
+    makers = [partial(Side, partial(sum, range(size))) for size in (1_000, 300_000)]
+    times = in_turn_apart(makers, short)
+    assert len(times) == 4
+    assert all(little < much for little, much in times)
 
-    def making(name, nanoseconds):
-        def make():
-            made.append(name)
-            return taking(clock, nanoseconds)
 
-        return make
-
-    def process(measure, *arguments):
-        made.append("process")
-        return measure(*arguments)
-
-    monkeypatch.setattr(timing, "in_new_process", process)
-    found = cost_in_new_processes(making("ours", 3000), making("peer", 1000), settings)
-    assert made == ["process", "ours", "peer", "process", "peer", "ours"]
-    assert found.ratio == pytest.approx(3.0)
-    assert found.pairs == 4
+@pytest.mark.plain_python
+def test_a_side_that_cannot_be_made_is_an_error_and_no_endless_waiting(capfd):
+    makers = [partial(Side, partial(sum, range(1_000))), partial(Side)]
+    with pytest.raises(EOFError):
+        in_turn_apart(makers, Settings())
+    assert "missing 1 required positional argument: 'call'" in capfd.readouterr().err
 
 
 def test_a_hook_is_subtracted_before_the_items_divide():
-    found = beyond_hook([(7.0, 2.0, 3.0), (9.0, 2.0, 3.0), (8.0, 4.0, 4.0)])
+    found = beyond_hook([(2.0, 7.0, 3.0), (2.0, 9.0, 3.0), (4.0, 8.0, 4.0)])
     assert found.ratio == 2.0
     assert (found.ours, found.peer, found.pairs) == (4.0, 2.0, 3)
 
 
 def test_a_whole_day_has_nothing_subtracted():
-    assert beyond_hook([(7.0, 2.0), (7.0, 2.0)]).ratio == 3.5
+    assert beyond_hook([(2.0, 7.0), (2.0, 7.0)]).ratio == 3.5
