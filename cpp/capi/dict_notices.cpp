@@ -161,7 +161,7 @@ int on_change(PyDict_WatchEvent event, PyObject* dict, PyObject* key, PyObject* 
         notices.expected_dict = nullptr;
         return 0;
     }
-    if (dict == notices.probed) notices.probed_told = true;
+    if (dict == notices.probed && event != PyDict_EVENT_DEALLOCATED) notices.probed_told = true;
     if (Places::Cell* cell = notices.places.find(dict)) take_away(notices, cell);
     return 0;
 }
