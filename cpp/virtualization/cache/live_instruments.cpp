@@ -2,15 +2,11 @@
 
 #include "kernels/nan_mask.hpp"
 #include "virtualization/guards/plain_size.hpp"
+#include "virtualization/guards/plain_values.hpp"
 
 namespace quorvane::virtualization {
 
 namespace {
-
-// An exact list or tuple. Nothing runs while it is walked through, so it stays as it is.
-bool is_plain_sequence(PyObject* object) noexcept {
-    return PyTuple_CheckExact(object) || PyList_CheckExact(object);
-}
 
 std::span<PyObject* const> elements_of(PyObject* sequence) noexcept {
     return {PySequence_Fast_ITEMS(sequence),

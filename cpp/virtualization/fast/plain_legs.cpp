@@ -10,10 +10,6 @@ namespace quorvane::virtualization {
 
 namespace {
 
-bool is_plain_sequence(PyObject* object) noexcept {
-    return PyTuple_CheckExact(object) || PyList_CheckExact(object);
-}
-
 // Whether the id is this index.
 bool is_id(PyObject* id, std::uint32_t index) noexcept {
     if (Py_IS_TYPE(id, &PyInt64ArrType_Type)) {

@@ -31,10 +31,6 @@ Ref element_of(PyObject* sequence, Py_ssize_t index) noexcept {
     return {};
 }
 
-bool is_exact_sequence(PyObject* object) noexcept {
-    return PyTuple_CheckExact(object) || PyList_CheckExact(object);
-}
-
 Ref plain_leg_id(PyObject* id) {
     if (PyLong_CheckExact(id)) return Ref::borrow(id);
     if (Py_IS_TYPE(id, &PyInt64ArrType_Type)) {
@@ -86,6 +82,10 @@ bool is_empty_metadata(PyObject* metadata) noexcept {
 
 }  // namespace
 
+bool is_plain_sequence(PyObject* object) noexcept {
+    return PyTuple_CheckExact(object) || PyList_CheckExact(object);
+}
+
 bool is_plain_leg(PyObject* leg) noexcept {
     return PyTuple_CheckExact(leg) && PyTuple_GET_SIZE(leg) == 2 &&
            PyLong_CheckExact(PyTuple_GET_ITEM(leg, 0)) &&
@@ -136,7 +136,7 @@ bool is_plain_value(PyObject* object) noexcept {
 
 Ref to_plain_legs(PyObject* legs) {
     if (are_plain_legs(legs)) return Ref::borrow(legs);
-    if (!is_exact_sequence(legs)) return {};
+    if (!is_plain_sequence(legs)) return {};
     const Ref normalized = capi::make_list();
     for (Py_ssize_t i = 0; const Ref raw = element_of(legs, i); ++i) {
         const Ref leg = to_plain_leg(raw.get());

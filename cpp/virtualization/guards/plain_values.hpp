@@ -9,6 +9,9 @@ namespace quorvane::virtualization {
 // Reading without running anybody's code. Each function knows only exact builtin types and NumPy's
 // own scalars, whose conversions cannot be overridden, and answers "no" for anything else.
 
+// An exact list or tuple: walking through it runs nothing.
+bool is_plain_sequence(PyObject* object) noexcept;
+
 // A tuple whose elements hash and compare without side effects.
 bool is_plain_key(PyObject* key) noexcept;
 
