@@ -28,6 +28,7 @@ public:
         return static_cast<std::uint32_t>((bits_ & ~group_bit) >> 32);
     }
     [[nodiscard]] std::uint32_t index() const noexcept { return static_cast<std::uint32_t>(bits_); }
+    bool operator==(const Place&) const = default;
 
 private:
     static constexpr std::uint64_t group_bit = std::uint64_t{1} << 63;
@@ -258,6 +259,11 @@ bool put_in_group(PyObject* dict, std::uint32_t group, std::uint32_t index) noex
     Notices& notices = all();
     if (Places::Cell* cell = notices.places.find(dict)) take_away(notices, cell);
     return notices.places.insert(dict, Place::in_group(group, index));
+}
+
+bool is_in_group(PyObject* dict, std::uint32_t group, std::uint32_t index) noexcept {
+    const Places::Cell* cell = all().places.find(dict);
+    return cell != nullptr && cell->place == Place::in_group(group, index);
 }
 
 Expected::Expected(PyObject* dict, PyObject* key) noexcept {

@@ -29,6 +29,8 @@ void remove_group(std::uint32_t group) noexcept;
 
 // Of a watched dict: whoever had looked at it takes it for changed. False without memory.
 bool put_in_group(PyObject* dict, std::uint32_t group, std::uint32_t index) noexcept;
+// Whether it still has that place, which it loses to the first change.
+bool is_in_group(PyObject* dict, std::uint32_t group, std::uint32_t index) noexcept;
 
 // One change of our own of one dict, of which nobody need be told: a key is given a value, or, with
 // a null key, the dict is emptied. With a null dict none is expected.

@@ -77,6 +77,15 @@ bool WatchedDicts::knows(std::size_t index, PyObject* dict) const noexcept {
     return index < known_.size() && known_[index] == dict;
 }
 
+bool WatchedDicts::know_again(std::size_t index, PyObject* dict, std::uint64_t /*version*/) noexcept {
+    if (!notices::is_in_group(dict, group_, static_cast<std::uint32_t>(index))) return false;
+    known_[index] = dict;
+    return true;
+}
+
+// A dict that is not at its index any more still has its place in the group until it is changed.
+std::uint64_t WatchedDicts::version(std::size_t /*index*/) const noexcept { return 0; }
+
 void WatchedDicts::find_unknown(PyObject* const* objects,
                                 std::vector<std::uint32_t>& indices) const {
     constexpr std::size_t stretch = 512;
@@ -147,6 +156,15 @@ bool WatchedDicts::knows(std::size_t index, PyObject* dict) const noexcept {
     return index < known_.size() && known_[index] == dict && PyDict_CheckExact(dict) &&
            versions_[index] == version_of(dict);
 }
+
+bool WatchedDicts::know_again(std::size_t index, PyObject* dict, std::uint64_t version) noexcept {
+    if (version_of(dict) != version) return false;
+    known_[index] = dict;
+    versions_[index] = version;
+    return true;
+}
+
+std::uint64_t WatchedDicts::version(std::size_t index) const noexcept { return versions_[index]; }
 
 void WatchedDicts::find_unknown(PyObject* const* objects,
                                 std::vector<std::uint32_t>& indices) const {

@@ -60,6 +60,13 @@ public:
     // The exact dict at this index is known from now on.
     void know(std::size_t index, PyObject* dict) noexcept;
     [[nodiscard]] bool knows(std::size_t index, PyObject* dict) const noexcept;
+
+    // A dict that was known at this index before is so again, in place of another. False, with
+    // nothing done, when it has been changed since; version() is what was said of it then.
+    [[nodiscard]] bool know_again(std::size_t index, PyObject* dict,
+                                  std::uint64_t version) noexcept;
+    [[nodiscard]] std::uint64_t version(std::size_t index) const noexcept;
+
     void forget(std::size_t index) noexcept { known_[index] = nullptr; }
 
     // The indices at which there is an unknown dict or another object, in increasing order.

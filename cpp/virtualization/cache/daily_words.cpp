@@ -1,5 +1,7 @@
 #include "virtualization/cache/daily_words.hpp"
 
+#include <algorithm>
+
 namespace quorvane::virtualization {
 
 namespace {
@@ -48,6 +50,17 @@ bool DailyWords::collect(const State& state, const ReportedStructure& structure)
         if (entry.word != nullptr) add(entry.word, entry.value);
     }
     return true;
+}
+
+bool says_only_common(const State& state, PyObject* metadata, PyObject* key, PyObject* legs) noexcept {
+    const DailyWords::Entry expected[] = {{state.names.key, key}, {state.names.legs, legs}};
+    if (PyDict_Size(metadata) != 2) return false;
+    Py_ssize_t position = 0;
+    DailyWords::Entry said;
+    return std::ranges::all_of(expected, [&](const DailyWords::Entry& entry) {
+        PyDict_Next(metadata, &position, &said.word, &said.value);
+        return said.word == entry.word && said.value == entry.value;
+    });
 }
 
 Ref make_daily_metadata(const State& state, const ReportedStructure& structure) {

@@ -36,6 +36,10 @@ private:
 // Equal strings. Nearly always they are the same object, and interned ones that differ are not.
 bool is_same_word(PyObject* left, PyObject* right) noexcept;
 
+// A structure's metadata that says its key and its legs, and nothing of its own.
+bool says_only_common(const State& state, PyObject* metadata, PyObject* key,
+                      PyObject* legs) noexcept;
+
 // The dict of a new day's structure, as the steps make it.
 Ref make_daily_metadata(const State& state, const ReportedStructure& structure);
 

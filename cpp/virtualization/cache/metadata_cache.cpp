@@ -20,11 +20,13 @@ PyObject* entry_of(PyObject* list, std::size_t slot) noexcept {
 void MetadataCache::forget() {
     dicts_.reset(0);
     entries_.clear();
+    aside_.clear();
     active_.clear();
     ++day_;
 }
 
 void MetadataCache::expect_other_slots() noexcept {
+    aside_.clear();
     for (const std::uint32_t slot : active_) entries_[slot].has_own_words = true;
 }
 
@@ -104,6 +106,8 @@ void MetadataCache::report(const State& state, const ReportedStructure& structur
         // Whoever else holds yesterday's dict sees it reset.
         if (entries.key != nullptr && entries.day != day_) deactivate(state, slot);
         replace(state, structure);
+    } else if (entries.key == nullptr && !structure.has_own_words() && take_back(slot)) {
+        rewrite(state, dict_of(slot), structure);
     } else if (entries.key == nullptr || !rewrite(state, dict, structure)) {
         fill(state, dict, structure);
     }
@@ -199,7 +203,7 @@ bool MetadataCache::rewrite(const State& state, PyObject* dict,
     const Names& names = state.names;
     const std::size_t slot = structure.slot;
     const Entries& entries = entries_[slot];
-    if (entries.has_own_words || structure.own_metadata != nullptr) {
+    if (entries.has_own_words || structure.has_own_words()) {
         return rewrite_own_words(state, dict, structure);
     }
     if (entries.key != structure.key) dicts_.set_item(slot, dict, names.key, structure.key);
@@ -259,7 +263,7 @@ void MetadataCache::replace(const State& state, const ReportedStructure& structu
 void MetadataCache::note(const ReportedStructure& structure) noexcept {
     Entries& entries = entries_[structure.slot];
     entries.key = structure.key;
-    const bool has_own_words = structure.own_metadata != nullptr || structure.says_all;
+    const bool has_own_words = structure.has_own_words();
     // Words of its own may say other legs.
     entries.legs = has_own_words ? nullptr : structure.legs;
     entries.valid = structure.valid;
@@ -268,6 +272,7 @@ void MetadataCache::note(const ReportedStructure& structure) noexcept {
 
 // When there is no memory left to say so, the dict is empty, and no longer known.
 void MetadataCache::deactivate(const State& state, std::size_t slot) {
+    if (put_aside(state, slot)) return;
     PyObject* dict = dict_of(slot);
     entries_[slot].key = entries_[slot].legs = nullptr;
     dicts_.clear(slot, dict);
@@ -277,6 +282,47 @@ void MetadataCache::deactivate(const State& state, std::size_t slot) {
         dicts_.forget(slot);
         throw;
     }
+}
+
+// A dict that says what an active slot says makes room for one that says only inactive. Nobody but
+// the list has either, so that nobody can tell which of the two was emptied or made anew.
+bool MetadataCache::put_aside(const State& state, std::size_t slot) {
+    if (entries_[slot].has_own_words || !dicts_.knows(slot, dict_of(slot))) return false;
+    if (slot >= aside_.size()) aside_.resize(slot + 1);
+    std::unique_ptr<Aside>& aside = aside_[slot];
+    if (aside != nullptr) return aside->entries.key == nullptr && exchange(slot, *aside);
+    if (Py_REFCNT(dict_of(slot)) != 1) return false;
+    auto made = std::make_unique<Aside>();
+    made->dict = capi::make_dict();
+    require(PyDict_SetItem(made->dict.get(), state.names.active, Py_False));
+    made->version = dicts_.version(slot);
+    aside = std::move(made);
+    swap_with(slot, *aside);
+    dicts_.know(slot, dict_of(slot));
+    return true;
+}
+
+bool MetadataCache::take_back(std::size_t slot) {
+    return slot < aside_.size() && aside_[slot] != nullptr &&
+           aside_[slot]->entries.key != nullptr && exchange(slot, *aside_[slot]);
+}
+
+bool MetadataCache::exchange(std::size_t slot, Aside& aside) {
+    const std::uint64_t version = dicts_.version(slot);
+    if (Py_REFCNT(dict_of(slot)) != 1 || Py_REFCNT(aside.dict.get()) != 1 ||
+        !dicts_.know_again(slot, aside.dict.get(), aside.version)) {
+        return false;
+    }
+    swap_with(slot, aside);
+    aside.version = version;
+    return true;
+}
+
+void MetadataCache::swap_with(std::size_t slot, Aside& aside) noexcept {
+    Ref listed = Ref::steal(dict_of(slot));
+    PyList_SET_ITEM(list_, static_cast<Py_ssize_t>(slot), aside.dict.release());
+    aside.dict = std::move(listed);
+    std::swap(entries_[slot], aside.entries);
 }
 
 }  // namespace quorvane::virtualization

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <span>
 
 #include "virtualization/state.hpp"
@@ -16,6 +17,10 @@ struct ReportedStructure {
     PyObject* own_metadata = nullptr;  // an exact dict of text and plain values, or null
     bool valid = false;
     bool says_all = false;  // its metadata is not given the key and the legs any more
+
+    [[nodiscard]] bool has_own_words() const noexcept {
+        return own_metadata != nullptr || says_all;
+    }
 };
 
 // What each slot's metadata dict says. One that others have left alone need not be looked into, and
@@ -69,9 +74,10 @@ public:
     void report_again(const State& state, PyObject* metadata_by_slot,
                       std::span<const std::uint8_t> valid);
 
-    // The slot's metadata holds this very tuple of legs.
+    // The slot's metadata, or the dict that is put aside for it, holds this very tuple of legs.
     [[nodiscard]] bool holds_legs(std::size_t slot, PyObject* legs) const noexcept {
-        return entries_[slot].legs == legs;
+        return entries_[slot].legs == legs ||
+               (slot < aside_.size() && aside_[slot] != nullptr && aside_[slot]->entries.legs == legs);
     }
 
 private:
@@ -84,6 +90,14 @@ private:
         bool has_own_words = false;
     };
 
+    // The other dict of a slot that is active on some days only: what it says while it is active
+    // and what it says while it is not need not be written over each other every time.
+    struct Aside {
+        Ref dict;
+        Entries entries;
+        std::uint64_t version = 0;
+    };
+
     void find_unknown(PyObject* metadata_by_slot);
     [[nodiscard]] bool can_reset(const State& state, PyObject* entry) const;
     void take(const State& state, std::size_t slot);
@@ -93,12 +107,17 @@ private:
     void replace(const State& state, const ReportedStructure& structure);
     void note(const ReportedStructure& structure) noexcept;
     void deactivate(const State& state, std::size_t slot);
+    [[nodiscard]] bool put_aside(const State& state, std::size_t slot);
+    [[nodiscard]] bool take_back(std::size_t slot);
+    [[nodiscard]] bool exchange(std::size_t slot, Aside& aside);
+    void swap_with(std::size_t slot, Aside& aside) noexcept;
     [[nodiscard]] PyObject* dict_of(std::size_t slot) const noexcept {
         return PyList_GET_ITEM(list_, static_cast<Py_ssize_t>(slot));
     }
 
     capi::WatchedDicts dicts_;
     std::vector<Entries> entries_;
+    std::vector<std::unique_ptr<Aside>> aside_;  // by slot, as far as any has one
     std::vector<std::uint32_t> active_, active_before_;
     std::vector<std::uint32_t> unknown_;
     std::vector<std::uint32_t> changed_;  // positions, between the two steps of a day

@@ -132,6 +132,7 @@ void DayRun::end_failed_day() const {
         cache_.metadata.end_day(state_);
     } catch (const capi::PythonError&) {
         PyErr_Clear();
+    } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): the first failure is raised
     }
 }
 

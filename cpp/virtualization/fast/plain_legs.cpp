@@ -49,14 +49,12 @@ bool is_held_by_nobody_else(PyObject* tuple, const TableCache& cache, std::size_
 
 }  // namespace
 
+// Normalisation makes a new tuple each day; one that nobody else holds cannot be told from it.
 Ref legs_to_store(const TableCache& cache, const SlotCache::Found& slot, const ReportedItem& item) {
-    if (are_plain_legs(item.legs)) return Ref::borrow(item.legs);
-    if (slot.slot != nullptr) {
-        PyObject* tuple = cache.legs.tuple_of(slot.index);
-        if (tuple != nullptr && is_held_by_nobody_else(tuple, cache, slot.index) &&
-            say_the_same(item.legs, cache.legs, slot.index)) {
-            return Ref::borrow(tuple);
-        }
+    PyObject* kept = slot.slot != nullptr ? cache.legs.tuple_of(slot.index) : nullptr;
+    if (kept != nullptr && (kept == item.legs || (is_held_by_nobody_else(kept, cache, slot.index) &&
+                                                  say_the_same(item.legs, cache.legs, slot.index)))) {
+        return Ref::borrow(kept);
     }
     return to_plain_legs(item.legs);
 }

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "capi/gc_pause.hpp"
+#include "virtualization/cache/daily_words.hpp"
 #include "virtualization/fast/day_run.hpp"
 #include "virtualization/fast/plain_legs.hpp"
 #include "virtualization/guards/plain_size.hpp"
@@ -217,10 +218,16 @@ bool Recording::store_plainly(const Item& item, bool valid) {
         cache_->legs.store(tables_.legs_by_slot, item.slot_object.get(), item.slot,
                            structure.legs.get());
     }
-    cache_->metadata.report_alone(
-        state_, tables_.metadata_by_slot,
-        {item.slot_object.get(), item.slot, structure.key.get(), structure.legs.get(),
-         structure.metadata.get(), valid, structure.says_all});
+    ReportedStructure reported{item.slot_object.get(),    item.slot,
+                               structure.key.get(),       structure.legs.get(),
+                               structure.metadata.get(), valid,
+                               structure.says_all};
+    if (reported.says_all && reported.own_metadata != nullptr &&
+        says_only_common(state_, reported.own_metadata, reported.key, reported.legs)) {
+        reported.own_metadata = nullptr;
+        reported.says_all = false;
+    }
+    cache_->metadata.report_alone(state_, tables_.metadata_by_slot, reported);
     if (valid) row[index] = structure.value;
     return true;
 }

@@ -120,6 +120,13 @@ def changes_the_metadata_in_place(step, answer, structure):
     return answer
 
 
+def leaves_small_ones_no_metadata(step, answer, structure):
+    record = structure if step == "_structure_is_valid" else answer
+    if step != "_slot_for_key" and record.value < 2.0:
+        record.metadata = None
+    return answer
+
+
 def gives_other_legs(step, answer, structure):
     if step == "_normalize_structure":
         answer.legs = [list(leg) for leg in answer.legs]
@@ -143,8 +150,8 @@ def answers_in_new_objects(step, answer, structure):
 
 
 HABITS = [
-    passes, changes_the_record, changes_the_metadata_in_place, gives_other_legs,
-    answers_in_another_type, answers_in_new_objects,
+    passes, changes_the_record, changes_the_metadata_in_place, leaves_small_ones_no_metadata,
+    gives_other_legs, answers_in_another_type, answers_in_new_objects,
 ]  # fmt: skip
 
 
@@ -209,7 +216,7 @@ def test_each_style_among_plain_items_is_that_of_the_twin(modules, steps, habit)
     native, twin = modules
     for style in range(len(STYLES)):
         plain = [(0, i) for i in range(3)]
-        picks = [plain[0], (style, 1), plain[2], (style, 3), plain[2]]
+        picks = [plain[0], (style, 1), plain[2], (style, 3), plain[2], plain[1], (style, 1)]
         plan = [
             (kind, chosen, report)
             for report in REPORTS
