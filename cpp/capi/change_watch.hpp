@@ -70,7 +70,7 @@ private:
 
     const DictWatcher& watcher_;
     Ref dict_[capacity];
-    std::uint64_t stamp_[capacity] = {};
+    DictStamp stamp_[capacity];
     int dicts_ = 0;
     Ref type_[capacity];
     unsigned int type_version_[capacity] = {};

@@ -123,6 +123,7 @@ struct Notices {
     Places places;
     std::unordered_map<std::uint32_t, std::vector<PyObject*>*> groups;
     std::uint64_t last_stamp = 0;
+    std::uint64_t time = 1;
     std::uint32_t last_group = 0;
 
     // The one change that is expected.
@@ -145,7 +146,10 @@ Notices& all() noexcept {
 void take_away(Notices& notices, Places::Cell* cell) noexcept {
     const auto [dict, place] = *cell;
     notices.places.erase(cell);
-    if (place.is_stamp()) return;
+    if (place.is_stamp()) {
+        ++notices.time;
+        return;
+    }
     const auto found = notices.groups.find(place.group());
     if (found == notices.groups.end()) return;
     std::vector<PyObject*>& dicts = *found->second;
@@ -244,8 +248,11 @@ std::uint64_t renewed(PyObject* dict, std::uint64_t stamp) noexcept {
         return 0;
     }
     cell->place = Place::stamp(++notices.last_stamp);
+    ++notices.time;
     return cell->place.number();
 }
+
+std::uint64_t time() noexcept { return all().time; }
 
 std::uint32_t add_group(std::vector<PyObject*>& dicts) {
     Notices& notices = all();

@@ -23,6 +23,9 @@ bool has_stamp(PyObject* dict, std::uint64_t stamp) noexcept;
 // when the dict has got another one meanwhile.
 std::uint64_t renewed(PyObject* dict, std::uint64_t stamp) noexcept;
 
+// Goes on with every stamp that a dict loses: as long as it stands, all have theirs. Never 0.
+std::uint64_t time() noexcept;
+
 // A group is an array of dicts, in which a changed one becomes null.
 std::uint32_t add_group(std::vector<PyObject*>& dicts);
 void remove_group(std::uint32_t group) noexcept;

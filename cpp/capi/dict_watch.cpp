@@ -37,19 +37,25 @@ bool DictWatcher::watch(PyObject* dict) const noexcept {
 
 // Watched again each time: a dict that ended unheard, while an interpreter ended, may have left its
 // stamp to another one at the same address.
-std::uint64_t DictWatcher::stamp(PyObject* dict) const noexcept {
-    return watch(dict) ? notices::stamp_of(dict) : 0;
+DictStamp DictWatcher::stamp(PyObject* dict) const noexcept {
+    DictStamp stamp;
+    if (watch(dict)) stamp.number_ = notices::stamp_of(dict);
+    return stamp;
 }
 
-bool DictWatcher::has_stamp(PyObject* dict, std::uint64_t stamp) noexcept {
-    return stamp != 0 && notices::has_stamp(dict, stamp);
+bool DictWatcher::has_stamp(PyObject* dict, const DictStamp& stamp) noexcept {
+    if (stamp.dict_ == dict && stamp.time_ == notices::time()) return true;
+    if (stamp.number_ == 0 || !notices::has_stamp(dict, stamp.number_)) return false;
+    stamp.dict_ = dict;
+    stamp.time_ = notices::time();
+    return true;
 }
 
-void DictWatcher::set_item(PyObject* dict, std::uint64_t& stamp, PyObject* key, PyObject* value) {
-    const std::uint64_t old = stamp;
-    const notices::Expected own(has_stamp(dict, old) ? dict : nullptr, key);
+void DictWatcher::set_item(PyObject* dict, DictStamp& stamp, PyObject* key, PyObject* value) {
+    const std::uint64_t old = stamp.number_;
+    const notices::Expected own(has_stamp(dict, stamp) ? dict : nullptr, key);
     require(PyDict_SetItem(dict, key, value));
-    stamp = notices::renewed(dict, old);
+    stamp.number_ = notices::renewed(dict, old);
 }
 
 bool DictWatcher::is_told_of([[maybe_unused]] PyObject* dict) const noexcept {
@@ -77,7 +83,8 @@ bool WatchedDicts::knows(std::size_t index, PyObject* dict) const noexcept {
     return index < known_.size() && known_[index] == dict;
 }
 
-bool WatchedDicts::know_again(std::size_t index, PyObject* dict, std::uint64_t /*version*/) noexcept {
+bool WatchedDicts::know_again(std::size_t index, PyObject* dict,
+                              std::uint64_t /*version*/) noexcept {
     if (!notices::is_in_group(dict, group_, static_cast<std::uint32_t>(index))) return false;
     known_[index] = dict;
     return true;
@@ -129,16 +136,20 @@ DictWatcher::DictWatcher() = default;
 
 bool DictWatcher::watch(PyObject* /*dict*/) const noexcept { return true; }
 
-std::uint64_t DictWatcher::stamp(PyObject* dict) const noexcept { return version_of(dict); }
-
-bool DictWatcher::has_stamp(PyObject* dict, std::uint64_t stamp) noexcept {
-    return version_of(dict) == stamp;
+DictStamp DictWatcher::stamp(PyObject* dict) const noexcept {
+    DictStamp stamp;
+    stamp.number_ = version_of(dict);
+    return stamp;
 }
 
-void DictWatcher::set_item(PyObject* dict, std::uint64_t& stamp, PyObject* key, PyObject* value) {
-    const bool was_known = version_of(dict) == stamp;
+bool DictWatcher::has_stamp(PyObject* dict, const DictStamp& stamp) noexcept {
+    return version_of(dict) == stamp.number_;
+}
+
+void DictWatcher::set_item(PyObject* dict, DictStamp& stamp, PyObject* key, PyObject* value) {
+    const bool was_known = has_stamp(dict, stamp);
     require(PyDict_SetItem(dict, key, value));
-    if (was_known) stamp = version_of(dict);
+    if (was_known) stamp.number_ = version_of(dict);
 }
 
 bool DictWatcher::is_told_of(PyObject* /*dict*/) const noexcept { return true; }

@@ -7,6 +7,20 @@
 
 namespace quorvane::capi {
 
+// A number that an exact dict has until somebody else changes it, and that no other dict ever has;
+// none when that cannot be known.
+class DictStamp {
+private:
+    friend class DictWatcher;
+
+    std::uint64_t number_ = 0;
+#if PY_VERSION_HEX >= 0x030C0000
+    // When, by the notices' clock, this dict had it: until the clock moves, it still has.
+    mutable PyObject* dict_ = nullptr;
+    mutable std::uint64_t time_ = 0;
+#endif
+};
+
 // Tells whether others have changed a dict since it was last looked at. It may report a change that
 // did not matter, never miss one. From Python 3.12 on the interpreter tells a watcher of every
 // change of a watched dict, its end included; on 3.11 every dict carries a number of its contents.
@@ -18,15 +32,13 @@ public:
     DictWatcher(const DictWatcher&) = delete;
     DictWatcher& operator=(const DictWatcher&) = delete;
 
-    // A number that this exact dict has until somebody else changes it, and that no other dict ever
-    // has; 0 when that cannot be known.
-    [[nodiscard]] std::uint64_t stamp(PyObject* dict) const noexcept;
+    [[nodiscard]] DictStamp stamp(PyObject* dict) const noexcept;
 
-    [[nodiscard]] static bool has_stamp(PyObject* dict, std::uint64_t stamp) noexcept;
+    [[nodiscard]] static bool has_stamp(PyObject* dict, const DictStamp& stamp) noexcept;
 
     // dict[key] = value as a change of our own: a dict that had the stamp has another one then,
     // which only the caller knows. What goes meanwhile may run code, whose changes count.
-    static void set_item(PyObject* dict, std::uint64_t& stamp, PyObject* key, PyObject* value);
+    static void set_item(PyObject* dict, DictStamp& stamp, PyObject* key, PyObject* value);
 
     // False of an instance's own dictionary that shares its values with the instance where the
     // interpreter changes these without a word, as 3.13.0 does.

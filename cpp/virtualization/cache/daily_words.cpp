@@ -6,8 +6,6 @@ namespace quorvane::virtualization {
 
 namespace {
 
-PyObject* boolean(bool value) noexcept { return value ? Py_True : Py_False; }
-
 void set_entry(const Ref& dict, PyObject* word, PyObject* value) {
     require(PyDict_SetItem(dict.get(), word, value));
 }
@@ -52,7 +50,8 @@ bool DailyWords::collect(const State& state, const ReportedStructure& structure)
     return true;
 }
 
-bool says_only_common(const State& state, PyObject* metadata, PyObject* key, PyObject* legs) noexcept {
+bool says_only_common(const State& state, PyObject* metadata, PyObject* key,
+                      PyObject* legs) noexcept {
     const DailyWords::Entry expected[] = {{state.names.key, key}, {state.names.legs, legs}};
     if (PyDict_Size(metadata) != 2) return false;
     Py_ssize_t position = 0;

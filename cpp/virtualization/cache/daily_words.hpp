@@ -33,6 +33,9 @@ private:
     std::size_t size_ = 0;
 };
 
+// The object that says so; it never goes.
+inline PyObject* boolean(bool value) noexcept { return value ? Py_True : Py_False; }
+
 // Equal strings. Nearly always they are the same object, and interned ones that differ are not.
 bool is_same_word(PyObject* left, PyObject* right) noexcept;
 

@@ -61,11 +61,10 @@ bool LegCache::lay_out_table(PyObject* legs_by_slot, Py_ssize_t max_structures) 
 // What is laid out without being stored, when storing fails, is not current either.
 void LegCache::store(PyObject* legs_by_slot, PyObject* slot_object, std::size_t slot,
                      PyObject* legs) {
-    const std::uint64_t stamp = std::exchange(stamp_, 0);
+    capi::DictStamp stamp = std::exchange(stamp_, {});
     lay_out(slot, legs);
-    std::uint64_t still_current = stamp;
-    capi::DictWatcher::set_item(legs_by_slot, still_current, slot_object, legs);
-    stamp_ = still_current;
+    capi::DictWatcher::set_item(legs_by_slot, stamp, slot_object, legs);
+    stamp_ = stamp;
 }
 
 void LegCache::lay_out(std::size_t slot, PyObject* legs) {
@@ -126,7 +125,7 @@ void LegCache::clear() noexcept {
     odd_slots_ = 0;
     id_bound_ = 0;
     laid_out_ = false;
-    stamp_ = 0;
+    stamp_ = {};
 }
 
 // Moves the legs that are still used to the front, in slot order.

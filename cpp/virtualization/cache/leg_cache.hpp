@@ -72,7 +72,7 @@ private:
     std::size_t odd_slots_ = 0;
     std::size_t id_bound_ = 0;
     bool laid_out_ = false;
-    std::uint64_t stamp_ = 0;
+    capi::DictStamp stamp_;
 };
 
 }  // namespace quorvane::virtualization

@@ -9,8 +9,6 @@ namespace quorvane::virtualization {
 
 namespace {
 
-PyObject* boolean(bool value) noexcept { return value ? Py_True : Py_False; }
-
 PyObject* entry_of(PyObject* list, std::size_t slot) noexcept {
     return PyList_GET_ITEM(list, static_cast<Py_ssize_t>(slot));
 }

@@ -98,7 +98,7 @@ bool SlotCache::set_item(PyObject* map, PyObject* key, PyObject* value) {
         plain_size(value) >= max_structures_ || require(PyDict_Contains(map, key)) != 0) {
         return false;
     }
-    for (std::uint64_t* stamp : {&slots_stamp_, &keys_stamp_}) {
+    for (capi::DictStamp* stamp : {&slots_stamp_, &keys_stamp_}) {
         if (!capi::DictWatcher::has_stamp(map, *stamp)) continue;
         capi::DictWatcher::set_item(map, *stamp, key, value);
         return true;

@@ -56,8 +56,8 @@ private:
 
     const capi::DictWatcher& watcher_;
     std::vector<Memo> memos_;
-    std::uint64_t slots_stamp_ = 0;
-    std::uint64_t keys_stamp_ = 0;
+    capi::DictStamp slots_stamp_;
+    capi::DictStamp keys_stamp_;
     std::uint64_t generation_ = 0;
     Py_ssize_t max_structures_ = -1;
     bool have_odd_keys_ = false;

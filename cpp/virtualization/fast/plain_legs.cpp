@@ -52,8 +52,9 @@ bool is_held_by_nobody_else(PyObject* tuple, const TableCache& cache, std::size_
 // Normalisation makes a new tuple each day; one that nobody else holds cannot be told from it.
 Ref legs_to_store(const TableCache& cache, const SlotCache::Found& slot, const ReportedItem& item) {
     PyObject* kept = slot.slot != nullptr ? cache.legs.tuple_of(slot.index) : nullptr;
-    if (kept != nullptr && (kept == item.legs || (is_held_by_nobody_else(kept, cache, slot.index) &&
-                                                  say_the_same(item.legs, cache.legs, slot.index)))) {
+    if (kept != nullptr &&
+        (kept == item.legs || (is_held_by_nobody_else(kept, cache, slot.index) &&
+                               say_the_same(item.legs, cache.legs, slot.index)))) {
         return Ref::borrow(kept);
     }
     return to_plain_legs(item.legs);

@@ -218,10 +218,9 @@ bool Recording::store_plainly(const Item& item, bool valid) {
         cache_->legs.store(tables_.legs_by_slot, item.slot_object.get(), item.slot,
                            structure.legs.get());
     }
-    ReportedStructure reported{item.slot_object.get(),    item.slot,
-                               structure.key.get(),       structure.legs.get(),
-                               structure.metadata.get(), valid,
-                               structure.says_all};
+    ReportedStructure reported{
+        item.slot_object.get(),   item.slot, structure.key.get(), structure.legs.get(),
+        structure.metadata.get(), valid,     structure.says_all};
     if (reported.says_all && reported.own_metadata != nullptr &&
         says_only_common(state_, reported.own_metadata, reported.key, reported.legs)) {
         reported.own_metadata = nullptr;

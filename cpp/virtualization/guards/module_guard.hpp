@@ -57,8 +57,8 @@ private:
 
     // Of the module's own dictionary and of NumPy's.
     struct Stamps {
-        std::uint64_t globals = 0;
-        std::uint64_t numpy = 0;
+        capi::DictStamp globals;
+        capi::DictStamp numpy;
     };
 
     [[nodiscard]] bool look_at_numpy(const State& state) const;

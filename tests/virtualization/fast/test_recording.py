@@ -1,6 +1,7 @@
 """Days of every style, with any of an item's steps overridden, are those of plain Python."""
 
 import datetime
+import gc
 import itertools
 
 import numpy as np
@@ -369,17 +370,68 @@ def test_masks_may_be_in_any_sequence(modules, as_masks):
     assert scenario(native) == scenario(twin)
 
 
-def test_legs_that_somebody_holds_are_made_anew_and_others_stay(modules):
-    """Of legs in lists normalisation makes a new tuple each day."""
+@pytest.mark.parametrize("report", ["list", "generator"])
+@pytest.mark.parametrize("style", [in_tuples, in_lists])
+def test_legs_that_somebody_holds_are_made_anew_and_others_stay(modules, style, report):
+    """Normalisation makes a new tuple each day; one of the day before is seen by who holds it."""
     native, _ = modules
     side = Recorded(native, (), passes)
-    picks = [(1, 0), (1, 1)]
+    picks = [(STYLES.index(style), i) for i in range(2)]
     for _ in range(3):
-        side.day(picks, "list")
+        side.fresh(picks, report)
     held = side.rotation._legs_by_slot[0]
-    side.day(picks, "list")
-    assert side.rotation._legs_by_slot[0] == held
-    assert side.rotation._legs_by_slot[0] is not held
+    for _ in range(2):
+        side.fresh(picks, report)
+        assert side.rotation._legs_by_slot[0] == held
+        assert side.rotation._legs_by_slot[0] is not held
+
+
+LIVES = {
+    "every other day": [[0, 1, 2, 3], [1, 3]] * 4,
+    "one day in three": [[0, 1, 2], [1, 2, 3], [0, 2, 3]] * 3,
+    "with other legs": [[0, 1], [1], [(9, 0), 1], [1], [0, 1], [1], [0]],
+    "with other words": [[0, 1], [1], [(6, 0), 1], [1], [0, 1], [1], [0]],
+}
+
+
+@pytest.mark.parametrize("steps", [(), ("_structure_is_valid",), STEPS])
+@pytest.mark.parametrize("report", REPORTS)
+@pytest.mark.parametrize("life", LIVES)
+def test_structures_that_come_and_go_are_those_of_the_twin(modules, life, report, steps):
+    def scenario(module):
+        side = Recorded(module, steps, passes)
+        for index, day in enumerate(LIVES[life]):
+            side.combined[:] = [0, index % 3 == 2, 0, 0, 0, 0]
+            side.day([pick if isinstance(pick, tuple) else (0, pick) for pick in day], report)
+        return side.log
+
+    native, twin = modules
+    assert scenario(native) == scenario(twin)
+
+
+@pytest.mark.parametrize("holds", [False, True])
+@pytest.mark.parametrize("report", ["list", "generator"])
+def test_a_dict_of_yesterday_that_somebody_has_found_says_nothing_today(modules, report, holds):
+    """While a slot is not active the collector may show a dict with what it has said before."""
+
+    def scenario(module, seeks):
+        side = Recorded(module, (), passes)
+        found = []
+        for day in [[0, 1], [1], [0, 1], [1], [0, 1]]:
+            side.day([(0, i) for i in day], report)
+            if day == [1] and seeks:
+                dicts = [each for each in gc.get_objects() if type(each) is dict]
+                for each in dicts:
+                    if each.get("key") == ("pair", 0) and "slot" in each:
+                        each["note"] = "found"
+                        found.append(each if holds else "let go")
+                del dicts, each
+        return side.log, found
+
+    native, twin = modules
+    log, found = scenario(native, seeks=True)
+    assert found
+    assert log == scenario(twin, seeks=False)[0]
 
 
 @pytest.mark.parametrize("report", REPORTS)
