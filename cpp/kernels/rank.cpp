@@ -13,7 +13,10 @@
 #include <stdexcept>
 #include <utility>
 
-// A radix sort of (leading bits of the key, slot) pairs packed in 64 bits, then exact ranks.
+#include "kernels/lanes.hpp"
+
+// Of a short row all pairs are compared. A longer one goes through a radix sort of (leading bits of
+// the key, slot) pairs packed in 64 bits, then exact ranks.
 //
 // Keys are integers in the order of the doubles. They are made dense: the exponents between zero
 // and the smallest magnitude of the day are cut out, and the smallest key is subtracted. The
@@ -25,10 +28,7 @@ namespace quorvane::kernels {
 namespace {
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
-
-// Eight values side by side; the compiler maps them to whatever vectors the machine has.
-constexpr std::size_t kLanes = 8;
-using Lanes [[gnu::vector_size(kLanes * sizeof(double))]] = double;
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 
 struct Extremes {
     double lowest = kInfinity;
@@ -40,26 +40,30 @@ struct Extremes {
 
 // Comparisons with NaN are false, so NaN is never taken.
 QUORVANE_SIMD void find_extremes(const double* values, std::size_t size, Extremes& extremes) {
-    const Lanes infinities = Lanes{} + kInfinity;
-    Lanes lowest = infinities, highest = -infinities, smallest = infinities;
+    const Vector infinities = Vector{} + kInfinity;
+    Vector lowest[kParts], highest[kParts], smallest[kParts];
+    for (std::size_t part = 0; part < kParts; ++part) {
+        lowest[part] = smallest[part] = infinities;
+        highest[part] = -infinities;
+    }
     for (std::size_t i = 0; i < size; i += kLanes) {
-        Lanes value;
-        if (size - i >= kLanes) {
-            std::memcpy(&value, values + i, sizeof value);
-        } else {
-            value = Lanes{} + values[i];
-            std::memcpy(&value, values + i, (size - i) * sizeof(double));
+        double copy[kLanes];
+        const double* row = next_lanes(values + i, size - i, values[i], copy);
+        for (std::size_t part = 0; part < kParts; ++part) {
+            Vector value;
+            std::memcpy(&value, row + part * kWidth, sizeof value);
+            const Vector magnitude = value < 0.0 ? -value : value;
+            const Vector usable = magnitude > 0.0 ? magnitude : infinities;
+            lowest[part] = value < lowest[part] ? value : lowest[part];
+            highest[part] = value > highest[part] ? value : highest[part];
+            smallest[part] = usable < smallest[part] ? usable : smallest[part];
         }
-        const Lanes magnitude = value < 0.0 ? -value : value;
-        const Lanes usable = magnitude > 0.0 ? magnitude : infinities;
-        lowest = value < lowest ? value : lowest;
-        highest = value > highest ? value : highest;
-        smallest = usable < smallest ? usable : smallest;
     }
     for (std::size_t lane = 0; lane < kLanes; ++lane) {
-        extremes.lowest = std::min(extremes.lowest, lowest[lane]);
-        extremes.highest = std::max(extremes.highest, highest[lane]);
-        extremes.smallest = std::min(extremes.smallest, smallest[lane]);
+        const std::size_t part = lane / kWidth, i = lane % kWidth;
+        extremes.lowest = std::min(extremes.lowest, lowest[part][i]);
+        extremes.highest = std::max(extremes.highest, highest[part][i]);
+        extremes.smallest = std::min(extremes.smallest, smallest[part][i]);
     }
 }
 
@@ -70,7 +74,7 @@ public:
         : gap_(std::bit_cast<std::int64_t>(extremes.smallest) - 1),
           lowest_(static_cast<std::uint64_t>(signed_key(extremes.lowest))) {
         passes = size < kManySlots ? 2 : 3;
-        digit_bits = size < kFewSlots ? 9 : 11;
+        digit_bits = size < kVeryFewSlots ? 7 : size < kFewSlots ? 9 : 11;
         // 32 bits are left for them beside the slot.
         const int sorted_bits = std::min(passes * digit_bits, 32);
         const int width = 64 - std::countl_zero((*this)(extremes.highest));
@@ -89,7 +93,7 @@ public:
 
 private:
     // Where another pass, or a larger histogram, begins to pay for itself.
-    static constexpr std::size_t kFewSlots = 4096, kManySlots = 65536;
+    static constexpr std::size_t kVeryFewSlots = 256, kFewSlots = 4096, kManySlots = 65536;
 
     // Both zeros give 0 and the smallest magnitude gives 1.
     [[nodiscard]] std::int64_t signed_key(double value) const {
@@ -104,7 +108,7 @@ private:
 };
 
 constexpr int kSlotBits = 32;
-constexpr std::size_t kShortRow = 128;
+constexpr std::size_t kShortRow = 64;
 
 std::uint32_t slot_of(std::uint64_t packed) { return static_cast<std::uint32_t>(packed); }
 
@@ -200,14 +204,30 @@ void rank_group(std::span<const std::uint64_t> group, std::span<const double> va
     rank_entries(entries, before, count, out);
 }
 
-// A short row in one go: histograms would cost more than the sorting.
-void rank_short(std::span<const double> values, const Keys& keys,
-                std::vector<RankWorkspace::Entry>& entries, std::span<double> out) {
-    entries.clear();
-    for (std::uint32_t slot = 0; slot < values.size(); ++slot) {
-        if (values[slot] == values[slot]) entries.push_back({keys(values[slot]), slot});
+// Every value counts twice those that are smaller and once those that are equal, itself among them;
+// NaN compares with nothing.
+QUORVANE_SIMD void rank_short(const double* values, std::size_t size, double* out) {
+    double present = 0.0;
+    for (std::size_t i = 0; i < size; ++i) present += values[i] == values[i] ? 1.0 : 0.0;
+    for (std::size_t i = 0; i < size; i += kLanes) {
+        double copy[kLanes];
+        const double* row = next_lanes(values + i, size - i, kNan, copy);
+        Vector value[kParts];
+        std::memcpy(value, row, sizeof value);
+        VectorBits counted[kParts]{};
+        for (std::size_t j = 0; j < size; ++j) {
+            const Vector other = Vector{} + values[j];
+            for (std::size_t part = 0; part < kParts; ++part) {
+                counted[part] -= (other < value[part]) + (other <= value[part]);
+            }
+        }
+        for (std::size_t lane = 0; lane < std::min(kLanes, size - i); ++lane) {
+            const std::int64_t twice = counted[lane / kWidth][lane % kWidth];
+            // Of equal ones the average of their ranks; exact in a double.
+            const double average = static_cast<double>(twice + 1) / 2.0;
+            out[i + lane] = twice == 0 ? kNan : average / present;
+        }
     }
-    rank_entries(entries, 0, static_cast<double>(entries.size()), out);
 }
 
 void rank_sorted(std::span<const std::uint64_t> sorted, std::span<const double> values,
@@ -234,16 +254,13 @@ void rank_fraction(std::span<const double> values, RankWorkspace& workspace,
     if (values.size() > std::numeric_limits<std::uint32_t>::max()) {
         throw std::length_error("rank: at most 2^32 - 1 slots can be ranked");
     }
-    std::ranges::fill(out, std::numeric_limits<double>::quiet_NaN());
+    if (values.size() <= kShortRow) return rank_short(values.data(), values.size(), out.data());
+    std::ranges::fill(out, kNan);
     Extremes extremes;
     find_extremes(values.data(), values.size(), extremes);
     if (extremes.nothing_seen()) return;
 
     const Keys keys(extremes, values.size());
-    if (values.size() <= kShortRow) {
-        rank_short(values, keys, workspace.tied, out);
-        return;
-    }
     const std::size_t count =
         keys.passes == 2 ? pack<2>(values, keys, workspace) : pack<3>(values, keys, workspace);
     rank_sorted(sort_packed(keys, count, workspace), values, keys, workspace.tied, out);

@@ -12,16 +12,13 @@
 #include <cstring>
 #include <limits>
 
+#include "kernels/lanes.hpp"
+
 namespace quorvane::kernels {
 namespace {
 
 constexpr double kLargest = std::numeric_limits<double>::max();
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
-
-// Eight running sums side by side; the compiler maps them to whatever vectors the machine has.
-constexpr std::size_t kLanes = 8;
-using Lanes [[gnu::vector_size(kLanes * sizeof(double))]] = double;
-using LaneBits [[gnu::vector_size(kLanes * sizeof(double))]] = std::int64_t;
 
 // Sums of one block are plain, sums of blocks compensated: the error does not grow with the length.
 constexpr std::size_t kBlock = 128 * kLanes;
@@ -50,30 +47,30 @@ struct BlockSums {
 // The sums over at most kBlock values, each multiplied by `scale` first.
 QUORVANE_SIMD void sum_block(const double* values, std::size_t size, double scale, double center,
                              BlockSums& sums) {
-    Lanes count{}, largest{}, first{}, second{};
+    Vector count[kParts]{}, largest[kParts]{}, first[kParts]{}, second[kParts]{};
     for (std::size_t i = 0; i < size; i += kLanes) {
-        Lanes value;
-        if (size - i >= kLanes) {
-            std::memcpy(&value, values + i, sizeof value);
-        } else {
-            value = kNan - Lanes{};
-            std::memcpy(&value, values + i, (size - i) * sizeof(double));
+        double copy[kLanes];
+        const double* row = next_lanes(values + i, size - i, kNan, copy);
+        for (std::size_t part = 0; part < kParts; ++part) {
+            Vector value;
+            std::memcpy(&value, row + part * kWidth, sizeof value);
+            const Vector magnitude = value < 0.0 ? -value : value;
+            const VectorBits finite = magnitude <= kLargest;
+            const Vector deviation = finite ? value * scale - center : Vector{};
+            const Vector distance = deviation < 0.0 ? -deviation : deviation;
+            count[part] += finite ? Vector{} + 1.0 : Vector{};
+            largest[part] = distance > largest[part] ? distance : largest[part];
+            first[part] += deviation;
+            second[part] += deviation * deviation;
         }
-        const Lanes size_of = value < 0.0 ? -value : value;
-        const LaneBits finite = size_of <= kLargest;
-        const Lanes deviation = finite ? value * scale - center : Lanes{};
-        const Lanes distance = deviation < 0.0 ? -deviation : deviation;
-        count += finite ? Lanes{} + 1.0 : Lanes{};
-        largest = distance > largest ? distance : largest;
-        first += deviation;
-        second += deviation * deviation;
     }
     sums = {};
     for (std::size_t lane = 0; lane < kLanes; ++lane) {
-        sums.count += count[lane];
-        sums.largest = std::max(sums.largest, largest[lane]);
-        sums.first += first[lane];
-        sums.second += second[lane];
+        const std::size_t part = lane / kWidth, i = lane % kWidth;
+        sums.count += count[part][i];
+        sums.largest = std::max(sums.largest, largest[part][i]);
+        sums.first += first[part][i];
+        sums.second += second[part][i];
     }
 }
 

@@ -111,7 +111,7 @@ int main() {
     };
     std::mt19937_64 random(5);
     for (const Source& source : sources) {
-        for (const std::size_t size : {2u, 9u, 255u, 256u, 257u, 1000u, 4100u}) {
+        for (const std::size_t size : {2u, 9u, 63u, 64u, 65u, 255u, 256u, 257u, 1000u, 4100u}) {
             check_source(source, size, random);
         }
     }

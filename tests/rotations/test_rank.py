@@ -21,7 +21,7 @@ def pandas_rank(row):
     return series.rank(method="average", na_option="keep", pct=True).to_numpy()
 
 
-@pytest.mark.parametrize("columns", [2, 17, 129, 700])
+@pytest.mark.parametrize("columns", [2, 17, 64, 65, 129, 700])
 def test_is_pandas_rank_to_the_bit(columns):
     rank = Rank(N_alloc=columns)
     for row in random_rows(columns, days=30, columns=columns):
