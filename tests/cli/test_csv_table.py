@@ -2,9 +2,11 @@
 
 import gzip
 import importlib.util
+import json
 import os
-import tracemalloc
-from contextlib import contextmanager
+import re
+import subprocess
+import sys
 from pathlib import Path
 
 import numpy as np
@@ -277,49 +279,63 @@ ENDLESS = {
 
 
 @pytest.mark.parametrize(("head", "more"), ENDLESS.values(), ids=ENDLESS)
-def test_a_small_file_of_a_large_text_is_refused_in_little_memory(
-    reader, tmp_path, monkeypatch, head, more
-):
-    monkeypatch.setattr("quorvane.cli.limits.MAX_ROW_LENGTH", 10_000)
-    monkeypatch.setattr("quorvane.cli.limits.MAX_CELLS", 1000)
-    monkeypatch.setattr("quorvane.cli.limits.MAX_DATED_DAYS", 1000)
-    monkeypatch.setattr("quorvane.cli.csv_arrow._BLOCK_BYTES", 1 << 20)
+def test_a_small_file_of_a_large_text_is_refused_in_little_memory(reader, tmp_path, head, more):
     path = tmp_path / "t.csv.gz"
     path.write_bytes(gzip.compress(head + more * (20_000_000 // len(more)), 1))
-    with peaks() as peak, pytest.raises(DataError, match=r"t\.csv\.gz.* (row|date|days) "):
-        read_table(path)
-    assert peak["python"] < 4_000_000
-    assert peak["pyarrow"] < 4_000_000
+    told = told_of_reading(path, reader, rows=10_000, cells=1000, dated_days=1000)
+    assert re.search(r"t\.csv\.gz.* (row|date|days) ", told["error"])
+    assert told["python"] < 4_000_000
+    assert told["pyarrow"] < 4_000_000
 
 
-def test_numbers_take_no_more_memory_than_their_cells(write, monkeypatch):
-    monkeypatch.setattr(csv_table, "has_library", lambda name: False)
-    path = write("t.csv", "A\n" + "1\n" * 30_000)
-    with peaks() as peak:
-        assert read_table(path).values.sum() == 30_000.0
-    assert peak["python"] < 1_000_000
+def test_numbers_take_no_more_memory_than_their_cells(write):
+    told = told_of_reading(write("t.csv", "A\n" + "1\n" * 30_000), "csv")
+    assert told["sum"] == 30_000.0
+    assert told["python"] < 1_000_000
 
 
-# Threads of pyarrow's may still hold some of a pool's memory when a reader has given up.
-KEPT_POOLS = []
+READING = """
+import json, os, sys, tracemalloc
+from pathlib import Path
+from quorvane.cli import csv_arrow, csv_table, limits
+from quorvane.cli.errors import DataError
+from quorvane.cli.table_io import read_table
+
+path, reader, most = Path(sys.argv[1]), sys.argv[2], json.loads(sys.argv[3])
+csv_table.has_library = lambda name: reader == "pyarrow"
+limits.MAX_ROW_LENGTH = most.get("rows", limits.MAX_ROW_LENGTH)
+limits.MAX_CELLS = most.get("cells", limits.MAX_CELLS)
+limits.MAX_DATED_DAYS = most.get("dated_days", limits.MAX_DATED_DAYS)
+csv_arrow._BLOCK_BYTES = 1 << 20
+told = {"python": 0, "pyarrow": 0}
+if reader == "pyarrow":
+    import pyarrow
+    pool = pyarrow.proxy_memory_pool(pyarrow.default_memory_pool())
+    pyarrow.set_memory_pool(pool)
+tracemalloc.start()
+try:
+    told["sum"] = float(read_table(path).values.sum())
+except DataError as error:
+    told["error"] = str(error)
+told["python"] = tracemalloc.get_traced_memory()[1]
+if reader == "pyarrow":
+    told["pyarrow"] = pool.max_memory()
+print(json.dumps(told), flush=True)
+os._exit(0)
+"""
 
 
-@contextmanager
-def peaks():
-    """The most memory that Python and pyarrow held at a time."""
-    peak = {"python": 0, "pyarrow": 0}
-    pyarrow = importlib.import_module("pyarrow") if HAS_ARROW else None
-    if pyarrow is not None:
-        before = pyarrow.default_memory_pool()
-        pool = pyarrow.proxy_memory_pool(before)
-        KEPT_POOLS.append(pool)
-        pyarrow.set_memory_pool(pool)
-    tracemalloc.start()
-    try:
-        yield peak
-    finally:
-        peak["python"] = tracemalloc.get_traced_memory()[1]
-        tracemalloc.stop()
-        if pyarrow is not None:
-            pyarrow.set_memory_pool(before)
-            peak["pyarrow"] = pool.max_memory()
+def told_of_reading(path, reader, **most):
+    """Read with these limits: the error or the numbers' sum, and the most memory held at a time.
+
+    In an interpreter of its own, that ends while it still traces memory: pyarrow's threads may not
+    be done when the reader gives up, and switching it off while they allocate can crash Python.
+    """
+    done = subprocess.run(
+        [sys.executable, "-c", READING, str(path), reader, json.dumps(most)],
+        capture_output=True,
+        text=True,
+        timeout=60,
+        check=True,
+    )
+    return json.loads(done.stdout)
