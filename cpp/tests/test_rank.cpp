@@ -69,6 +69,7 @@ void check_long(std::size_t size, std::mt19937_64& random) {
 void knows_the_special_values() {
     CHECK(ranked({}).empty());
     CHECK(same(ranked({kNan}), {kNan}));
+    CHECK(same(ranked(Row(100, kNan)), Row(100, kNan)));
     CHECK(same(ranked({kInf}), {1.0}));
     CHECK(same(ranked({-kInf, -kInf}), {0.75, 0.75}));
     CHECK(same(ranked({0.0, -0.0, kNan, 5e-324}), {0.5, 0.5, kNan, 1.0}));

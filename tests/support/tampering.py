@@ -2,6 +2,7 @@
 
 import copy
 import gc
+import itertools
 
 import numpy as np
 
@@ -218,6 +219,26 @@ def drop_a_slot(side, index):
 @way(WAYS)
 def drop_a_key(side, index):
     side.rotation.key_by_slot.pop(index % SLOTS, None)
+
+
+@way(WAYS)
+def odd_slot(side, index):
+    keys = side.rotation.key_by_slot
+    keys[np.int64(index % SLOTS)] = keys.pop(index % SLOTS, "nobody's")
+
+
+@way(WAYS)
+def share_a_map(side, index):
+    first, second = list(
+        itertools.permutations(["slot_by_key", "key_by_slot", "_legs_by_slot"], 2)
+    )[index % 6]
+    setattr(side.rotation, first, getattr(side.rotation, second))
+
+
+@way(WAYS)
+def map_as_metadata(side, index):
+    name = ["slot_by_key", "key_by_slot", "_legs_by_slot"][index % 3]
+    side.rotation._metadata_by_slot[index % SLOTS] = getattr(side.rotation, name)
 
 
 @way(WAYS)

@@ -1178,6 +1178,44 @@ def test_value_is_not_read_for_an_invalid_leg(rotation):
     assert rotation._structure_is_valid(Record(), (), [0, 0, 0], 3) is False
 
 
+@pytest.mark.parametrize("field", ["key", "metadata"])
+def test_a_record_is_judged_without_what_is_not_asked_of_it(base, rotation, field):
+    record = base.VirtualStructure(("a",), ((0, 1.0),), 1.0, {})
+    delattr(record, field)
+    assert rotation._structure_is_valid(record, (), [0, 0, 0], 3)
+
+
+@pytest.mark.parametrize("field", ["legs", "value"])
+def test_a_record_without_legs_or_value_is_an_attribute_error(base, rotation, field):
+    record = base.VirtualStructure(("a",), ((0, 1.0),), 1.0, {})
+    delattr(record, field)
+    with pytest.raises(AttributeError, match=field):
+        rotation._structure_is_valid(record, (), [0, 0, 0], 3)
+    with pytest.raises(AttributeError, match=field):
+        rotation._normalize_structure(record)
+
+
+@pytest.mark.parametrize("legs", [((0, 1.0),), [(0, 1.0)], ([0, 1.0],), ((np.int64(0), 1),)])
+@pytest.mark.parametrize("value", [1.0, 1, np.float64(1.0), True, np.inf, -1])
+def test_a_record_is_judged_by_what_it_has_become(base, rotation, legs, value):
+    record = base.VirtualStructure(("a",), ((0, 1.0),), 1.0, {})
+    record.legs, record.value = legs, value
+    verdict = rotation._structure_is_valid(record, (), [0, 0, 0], 3)
+    assert type(verdict) is np.bool_
+    assert bool(verdict) == (value != np.inf)
+    assert rotation._structure_is_valid(record, (), [1, 0, 0], 3) is False
+
+
+def test_a_record_class_with_another_initialiser_is_called(base, rotation, monkeypatch):
+    def initialise(self, key, legs, value, metadata=None):
+        self.key, self.legs, self.value, self.metadata = key, legs, 2.0 * value, metadata
+
+    monkeypatch.setattr(base.VirtualStructure, "__init__", initialise)
+    record = rotation._normalize_structure(structure(("a",), ((0, 1.0),), 1.5))
+    assert record.value == 3.0
+    assert rotation._structure_is_valid(record, (), [0, 0, 0], 3)
+
+
 def test_legs_after_an_invalid_one_are_not_looked_at(rotation):
     def legs():
         yield (3, 1.0)

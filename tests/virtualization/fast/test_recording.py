@@ -62,6 +62,33 @@ def with_many_words(index):
     return {**in_tuples(index), "metadata": {f"word {i}": (i, DAY.year) for i in range(12)}}
 
 
+def with_words_made_anew(index):
+    """Equal words that are other objects every day, and so not the ones that the slot's dict has."""
+    words = {"".join(["no", "te"]): index, "".join(["ke", "y"]): 1}
+    return {**in_tuples(index), "metadata": words}
+
+
+def with_scalars_in_words(index):
+    metadata = {"a": np.float64(0.5 * index), "b": np.int64(index), "c": np.bool_(index % 2 == 0)}
+    return {**in_tuples(index), "metadata": metadata}
+
+
+def with_an_odd_scalar_in_a_word(index):
+    return {**in_tuples(index), "metadata": {"a": np.float32(index)}}
+
+
+def with_deep_tuples_in_a_word(index):
+    return {**in_tuples(index), "metadata": {"deep": (((((index,),),),),)}}
+
+
+def with_a_leg_of_three(index):
+    return {**in_lists(index), "legs": [[index, 1.0], [index + 1, -0.5, 9.0]]}
+
+
+def with_a_number_as_a_leg(index):
+    return {**in_lists(index), "legs": [[index, 1.0], index]}
+
+
 def with_a_list_in_a_word(index):
     return {**in_tuples(index), "metadata": {"list": [index]}}
 
@@ -81,7 +108,9 @@ def with_an_odd_value(index):
 STYLES = [
     in_tuples, in_lists, in_scalars, without_value, without_legs, on_odd_legs, with_words,
     with_the_words_of_a_slot, with_many_words, with_a_list_in_a_word, with_an_odd_word,
-    with_a_date_in_the_key, with_an_odd_value,
+    with_a_date_in_the_key, with_an_odd_value, with_words_made_anew, with_scalars_in_words,
+    with_an_odd_scalar_in_a_word, with_deep_tuples_in_a_word, with_a_leg_of_three,
+    with_a_number_as_a_leg,
 ]  # fmt: skip
 
 
@@ -128,6 +157,26 @@ def leaves_small_ones_no_metadata(step, answer, structure):
     return answer
 
 
+def says_another_key(step, answer, structure):
+    record = structure if step == "_structure_is_valid" else answer
+    if step != "_slot_for_key":
+        record.metadata = {"key": ("another",), "legs": record.legs}
+    return answer
+
+
+def takes_the_value_of_small_ones(step, answer, structure):
+    record = structure if step == "_structure_is_valid" else answer
+    if step != "_slot_for_key" and record.value < 2.0:
+        del record.value
+    return answer
+
+
+def takes_the_key_of_small_ones(step, answer, structure):
+    if step == "_structure_is_valid" and structure.value < 2.0:
+        del structure.key
+    return answer
+
+
 def gives_other_legs(step, answer, structure):
     if step == "_normalize_structure":
         answer.legs = [list(leg) for leg in answer.legs]
@@ -152,7 +201,8 @@ def answers_in_new_objects(step, answer, structure):
 
 HABITS = [
     passes, changes_the_record, changes_the_metadata_in_place, leaves_small_ones_no_metadata,
-    gives_other_legs, answers_in_another_type, answers_in_new_objects,
+    says_another_key, takes_the_value_of_small_ones, takes_the_key_of_small_ones, gives_other_legs,
+    answers_in_another_type, answers_in_new_objects,
 ]  # fmt: skip
 
 
@@ -333,6 +383,44 @@ def test_what_runs_between_the_items_counts_for_the_next(modules, act, steps):
     for style in range(len(STYLES)):
         expected = generated_days(twin, act, style, steps)
         assert generated_days(native, act, style, steps) == expected, STYLES[style].__name__
+
+
+class Parting:
+    """Acts when it goes."""
+
+    def __init__(self, act):
+        self.act = act
+
+    def __del__(self):
+        self.act()
+
+
+@pytest.mark.parametrize("act", BETWEEN)
+def test_what_goes_with_the_item_before_counts_for_the_next(modules, act):
+    """A record goes when the next item's has been made."""
+
+    def scenario(module):
+        side = Recorded(module, (), passes)
+        rotation = side.rotation
+        log = []
+
+        def judge(self, structure, *masks):
+            if structure.key == ("pair", 1) and len(log) == 2:
+                structure.parting = Parting(lambda: act(rotation))
+            return super(type(rotation), self)._structure_is_valid(structure, *masks)
+
+        type(rotation)._structure_is_valid = judge
+        for _ in range(4):
+            rotation.report = [in_tuples(i) for i in range(4)]
+            ending = days.outcome(
+                rotation.compute, (np.ones(N),), side.masks, side.combined, np.ones(N), N
+            )
+            kept = {name: value for name, value in vars(rotation).items() if name in TABLES}
+            log.append((ending[:2], days.freeze(kept)))
+        return log
+
+    native, twin = modules
+    assert scenario(native) == scenario(twin)
 
 
 def test_masks_that_change_between_the_items_count(modules):

@@ -125,7 +125,7 @@ def test_days_with_tampering_between_them_are_those_of_the_twin(modules, steps, 
 
 
 @pytest.mark.parametrize("name", [*WAYS, *ITEM_WAYS])
-@pytest.mark.parametrize("index", range(4))
+@pytest.mark.parametrize("index", range(6))
 def test_each_way_of_tampering_between_like_days_is_noticed(modules, name, index):
     native, twin = modules
     day = ("day", [0, 1, 2, 3], False, [None] * 6)
@@ -134,6 +134,15 @@ def test_each_way_of_tampering_between_like_days_is_noticed(modules, name, index
     expected = run(twin, False, "proportional", steps)
     assert run(native, False, "proportional", steps) == expected
     assert run(native, True, "proportional", steps) == expected
+
+
+@pytest.mark.parametrize("index", range(12))
+def test_an_empty_map_may_be_a_slot_s_metadata_on_the_first_day(modules, index):
+    native, twin = modules
+    day = ("day", [0, 1, 2], False, [None] * 6)
+    steps = [("tamper", "map_as_metadata", index), day, day, ("day", [2, 1], True, [None] * 6), day]
+    expected = run(twin, False, "proportional", steps)
+    assert run(native, False, "proportional", steps) == expected
 
 
 def test_memory_goes_with_its_rotation(modules):
