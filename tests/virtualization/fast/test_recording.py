@@ -64,7 +64,7 @@ def with_many_words(index):
 
 def with_words_made_anew(index):
     """Equal words that are other objects every day, and so not the ones that the slot's dict has."""
-    words = {"".join(["no", "te"]): index, "".join(["ke", "y"]): 1}
+    words = {str(b"note", "ascii"): index, str(b"key", "ascii"): 1}
     return {**in_tuples(index), "metadata": words}
 
 
