@@ -76,8 +76,9 @@ public:
 
     // The slot's metadata, or the dict that is put aside for it, holds this very tuple of legs.
     [[nodiscard]] bool holds_legs(std::size_t slot, PyObject* legs) const noexcept {
-        return entries_[slot].legs == legs || (slot < aside_.size() && aside_[slot] != nullptr &&
-                                               aside_[slot]->entries.legs == legs);
+        return (slot < entries_.size() && entries_[slot].legs == legs) ||
+               (slot < aside_.size() && aside_[slot] != nullptr &&
+                aside_[slot]->entries.legs == legs);
     }
 
 private:

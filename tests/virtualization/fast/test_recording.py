@@ -1,5 +1,6 @@
 """Days of every style, with any of an item's steps overridden, are those of plain Python."""
 
+import copy
 import datetime
 import gc
 import itertools
@@ -63,7 +64,7 @@ def with_many_words(index):
 
 
 def with_words_made_anew(index):
-    """Equal words that are other objects every day, and so not the ones that the slot's dict has."""
+    """Equal words that are other objects every day, not the ones that the slot's dict has."""
     words = {str(b"note", "ascii"): index, str(b"key", "ascii"): 1}
     return {**in_tuples(index), "metadata": words}
 
@@ -472,6 +473,27 @@ def test_legs_that_somebody_holds_are_made_anew_and_others_stay(modules, style, 
         side.fresh(picks, report)
         assert side.rotation._legs_by_slot[0] == held
         assert side.rotation._legs_by_slot[0] is not held
+
+
+@pytest.mark.parametrize("report", REPORTS)
+@pytest.mark.parametrize("style", [in_tuples, in_lists])
+@pytest.mark.parametrize("entries", range(4))
+def test_legs_of_slots_that_have_no_metadata_yet_do_no_harm(modules, entries, style, report):
+    """A copy of a rotation has its tables, and nothing is known of its entries."""
+
+    def scenario(module):
+        side = Recorded(module, (), passes)
+        picks = [(STYLES.index(style), i) for i in range(4)]
+        for _ in range(3):
+            side.fresh(picks, "list")
+        side.rotation = copy.copy(side.rotation)
+        side.rotation._metadata_by_slot = [{} for _ in range(entries)]
+        for _ in range(2):
+            side.fresh(picks, report)
+        return side.log
+
+    native, twin = modules
+    assert scenario(native) == scenario(twin)
 
 
 LIVES = {
