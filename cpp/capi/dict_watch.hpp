@@ -50,7 +50,8 @@ private:
 
     [[nodiscard]] bool watch(PyObject* dict) const noexcept;
 
-    int id_ = -1;  // -1: the interpreter has none left, and nothing is ever known
+    // -1: the interpreter has none left, and nothing is ever known. Not asked for before 3.12.
+    [[maybe_unused]] int id_ = -1;
     bool is_told_of_instances_ = true;
 };
 
