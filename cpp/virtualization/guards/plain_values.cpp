@@ -123,6 +123,7 @@ std::optional<double> plain_float(PyObject* object) noexcept {
 
 bool is_plain_value(PyObject* object) noexcept {
     constexpr int deepest = 4;
+    // NOLINTNEXTLINE(misc-no-recursion): as deep as that.
     const auto is_plain = [](auto&& self, PyObject* value, int depth) -> bool {
         if (is_plain_element(value) || is_plain_scalar(value)) return true;
         if (!PyTuple_CheckExact(value) || depth == deepest) return false;
