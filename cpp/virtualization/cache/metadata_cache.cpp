@@ -104,10 +104,13 @@ void MetadataCache::report(const State& state, const ReportedStructure& structur
         // Whoever else holds yesterday's dict sees it reset.
         if (entries.key != nullptr && entries.day != day_) deactivate(state, slot);
         replace(state, structure);
-    } else if (entries.key == nullptr && !structure.has_own_words() && take_back(slot)) {
-        rewrite(state, dict_of(slot), structure);
-    } else if (entries.key == nullptr || !rewrite(state, dict, structure)) {
-        fill(state, dict, structure);
+    } else {
+        if (entries.key == nullptr && !structure.has_own_words() && take_back(slot)) {
+            dict = dict_of(slot);
+        }
+        if (entries.key == nullptr || !rewrite(state, dict, structure)) {
+            fill(state, dict, structure);
+        }
     }
     if (entries.day != day_) {
         entries.day = day_;
