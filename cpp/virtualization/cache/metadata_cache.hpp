@@ -109,7 +109,8 @@ private:
     void note(const ReportedStructure& structure) noexcept;
     void deactivate(const State& state, std::size_t slot);
     [[nodiscard]] bool put_aside(const State& state, std::size_t slot);
-    [[nodiscard]] bool take_back(std::size_t slot);
+    // Apart from report(), whose usual way it would make longer.
+    [[nodiscard, gnu::noinline]] bool take_back(std::size_t slot);
     [[nodiscard]] bool exchange(std::size_t slot, Aside& aside);
     void swap_with(std::size_t slot, Aside& aside) noexcept;
     [[nodiscard]] PyObject* dict_of(std::size_t slot) const noexcept {
