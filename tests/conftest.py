@@ -6,11 +6,12 @@ from support.siblings import Siblings, installed_base, installed_real_base
 
 
 def pytest_collection_modifyitems(items):
-    """Mark what runs on the twin, so that a run under sanitizers can leave it out."""
+    """Mark what runs on the twin alone, so that some runs can leave it out."""
     for item in items:
         parameters = getattr(item, "callspec", None)
         if parameters is not None and parameters.params.get("kind") == "twin":
             item.add_marker("plain_python")
+            item.add_marker("on_twin")
 
 
 @pytest.fixture(params=["native", "twin"])

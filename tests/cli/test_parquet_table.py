@@ -202,6 +202,10 @@ LARGE = {
 }
 
 
+# pyarrow's threads may still use a pool when nobody here does.
+POOLS = []
+
+
 @pytest.mark.parametrize("columns", LARGE.values(), ids=LARGE)
 def test_a_small_file_of_large_columns_is_refused_in_little_memory(path, columns):
     stored(path, **columns, Z=np.ones(200))
@@ -209,6 +213,7 @@ def test_a_small_file_of_large_columns_is_refused_in_little_memory(path, columns
         pyarrow.proxy_memory_pool(pyarrow.default_memory_pool()),
         pyarrow.default_memory_pool(),
     )
+    POOLS.append(pool)
     pyarrow.set_memory_pool(pool)
     try:
         with pytest.raises(DataError, match=r"at most 1000 are allowed|expected the days' dates"):

@@ -866,6 +866,22 @@ def test_record_class_is_read_when_called_and_built_by_position(base, normalize)
     assert calls == [((("a",), ((0, 1.0),), 2.0, metadata), {})]
 
 
+def test_record_class_makes_its_records_as_its_initialiser_now_says(base, normalize):
+    def doubled(self, key, legs, value, metadata=None):
+        self.key, self.legs, self.value, self.metadata = key, legs, 2 * value, metadata
+
+    assert normalize(structure("a", [(0, 1)], 2)).value == 2.0
+    base.VirtualStructure.__init__.__code__ = doubled.__code__
+    assert normalize(structure("a", [(0, 1)], 2)).value == 4.0
+
+
+def test_a_record_of_a_class_that_is_bound_no_more_is_judged_all_the_same(base, rotation):
+    record = base.VirtualStructure(("a",), ((0, 1.0),), 1.0, {})
+    del base.VirtualStructure
+    assert rotation._structure_is_valid(record, (), [0, 0, 0], 3)
+    assert not rotation._structure_is_valid(record, (), [1, 0, 0], 3)
+
+
 def test_normalising_changes_neither_item_nor_rotation(rotation):
     before = dict(vars(rotation))
     item = structure(["a"], [[0, 1]], 1, metadata={"x": 1})

@@ -1,5 +1,6 @@
 """Days of every style, with any of an item's steps overridden, are those of plain Python."""
 
+import collections
 import copy
 import datetime
 import gc
@@ -165,6 +166,13 @@ def says_another_key(step, answer, structure):
     return answer
 
 
+def says_key_and_legs_the_other_way_round(step, answer, structure):
+    record = structure if step == "_structure_is_valid" else answer
+    if step != "_slot_for_key":
+        record.metadata = {"legs": record.legs, "key": record.key}
+    return answer
+
+
 def takes_the_value_of_small_ones(step, answer, structure):
     record = structure if step == "_structure_is_valid" else answer
     if step != "_slot_for_key" and record.value < 2.0:
@@ -202,7 +210,8 @@ def answers_in_new_objects(step, answer, structure):
 
 HABITS = [
     passes, changes_the_record, changes_the_metadata_in_place, leaves_small_ones_no_metadata,
-    says_another_key, takes_the_value_of_small_ones, takes_the_key_of_small_ones, gives_other_legs,
+    says_another_key, says_key_and_legs_the_other_way_round, takes_the_value_of_small_ones,
+    takes_the_key_of_small_ones, gives_other_legs,
     answers_in_another_type, answers_in_new_objects,
 ]  # fmt: skip
 
@@ -386,6 +395,57 @@ def test_what_runs_between_the_items_counts_for_the_next(modules, act, steps):
         assert generated_days(native, act, style, steps) == expected, STYLES[style].__name__
 
 
+def an_odd_table(rotation):
+    rotation._legs_by_slot = collections.OrderedDict(rotation._legs_by_slot)
+
+
+def an_odd_row(rotation):
+    rotation._txi_input = rotation._txi_input.tolist()
+
+
+@pytest.mark.parametrize("step", STEPS)
+@pytest.mark.parametrize("act", [*BETWEEN, an_odd_table, an_odd_row])
+def test_what_a_step_does_besides_counts_for_the_steps_after_it(modules, act, step):
+    def scenario(module):
+        side = Recorded(module, (), passes)
+        rotation = side.rotation
+        log = []
+
+        def method(self, argument, *masks):
+            if len(log) == 2:
+                act(rotation)
+            return getattr(super(type(rotation), self), step)(argument, *masks)
+
+        setattr(type(rotation), step, method)
+        for _ in range(4):
+            rotation.report = [in_tuples(i) for i in range(4)]
+            ending = days.outcome(
+                rotation.compute, (np.ones(N),), side.masks, side.combined, np.ones(N), N
+            )
+            kept = {name: value for name, value in vars(rotation).items() if name in TABLES}
+            log.append((ending[:2], days.freeze(kept)))
+        return log
+
+    native, twin = modules
+    assert scenario(native) == scenario(twin)
+
+
+@pytest.mark.parametrize("word", ["another", "note"])
+@pytest.mark.parametrize("report", REPORTS)
+def test_a_word_that_is_made_anew_takes_the_place_of_another(modules, report, word):
+    def scenario(module):
+        side = Recorded(module, (), passes)
+        log = []
+        for metadata in [{"note": 1}, {"".join(list(word)): 2}, {"note": 3}]:
+            side.rotation.report = REPORTS[report]([{**in_tuples(0), "metadata": metadata}])
+            side.record_day()
+            log.append(days.freeze(side.rotation._metadata_by_slot))
+        return log
+
+    native, twin = modules
+    assert scenario(native) == scenario(twin)
+
+
 class Parting:
     """Acts when it goes."""
 
@@ -532,7 +592,9 @@ def test_a_dict_of_yesterday_that_somebody_has_found_says_nothing_today(modules,
             if day == [1] and seeks:
                 dicts = [each for each in gc.get_objects() if type(each) is dict]
                 for each in dicts:
-                    if each.get("key") == ("pair", 0) and "slot" in each:
+                    key = each.get("key")
+                    # Another's key may be anything, an array for example.
+                    if type(key) is tuple and key == ("pair", 0) and "slot" in each:
                         each["note"] = "found"
                         found.append(each if holds else "let go")
                 del dicts, each
