@@ -18,4 +18,8 @@ namespace quorvane::kernels {
 void ewma_step(std::span<const double> values, double decay, std::span<double> mean,
                std::span<double> weight, std::span<double> out);
 
+// The same, with the new mean in the place of each value.
+void ewma_step_in_place(std::span<double> values, double decay, std::span<double> mean,
+                        std::span<double> weight);
+
 }  // namespace quorvane::kernels

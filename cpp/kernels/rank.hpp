@@ -18,6 +18,8 @@ struct RankWorkspace {
     std::vector<std::uint64_t> sorted;
     std::vector<std::uint32_t> histogram;
     std::vector<Entry> tied;
+    std::vector<double> fractions;  // i / fractions_of, as far as that
+    std::size_t fractions_of = 0;
 };
 
 // Ascending rank over the number of slots that are not NaN, in (0, 1]; equal values share the

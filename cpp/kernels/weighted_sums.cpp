@@ -6,7 +6,7 @@ void weighted_sums(std::span<const std::int32_t> offsets, std::span<const std::i
                    std::span<const double> weights, std::span<const double> inputs,
                    std::span<double> out) noexcept {
     const double* input = inputs.data();
-    std::size_t leg = 0;
+    auto leg = static_cast<std::size_t>(offsets[0]);
     for (std::size_t i = 0; i < out.size(); ++i) {
         const auto end = static_cast<std::size_t>(offsets[i + 1]);
         double sum = 0.0;

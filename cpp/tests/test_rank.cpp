@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <random>
@@ -9,8 +10,10 @@
 
 #include "check.hpp"
 #include "kernels/rank.hpp"
+#include "kernels/wide_rank.hpp"
 
 using quorvane::kernels::rank_fraction;
+using quorvane::kernels::rank_fraction_wide;
 using quorvane::kernels::RankWorkspace;
 
 namespace {
@@ -25,6 +28,16 @@ Row ranked(const Row& values) {
     Row out(values.size(), 3.0);
     rank_fraction(values, workspace, out);
     return out;
+}
+
+// By several threads, whatever the length.
+void check_wide(const Row& values) {
+    const Row expected = ranked(values);
+    for (const std::size_t workers : {1UL, 2UL, 3UL, 8UL}) {
+        Row out(values.size(), 3.0);
+        rank_fraction_wide(values, workers, workspace, out);
+        CHECK(std::memcmp(out.data(), expected.data(), out.size() * sizeof(double)) == 0);
+    }
 }
 
 // By counting, quadratic.
@@ -53,6 +66,7 @@ void check_source(const Source& source, std::size_t size, std::mt19937_64& rando
     Row values(size);
     for (double& value : values) value = random() % 10 == 0 ? kNan : source(random);
     CHECK(same(ranked(values), reference(values)));
+    if (size > 64) check_wide(values);
 }
 
 // Too long for counting: distinct values in a shuffled order, whose ranks are known.
@@ -64,6 +78,7 @@ void check_long(std::size_t size, std::mt19937_64& random) {
         expected[i] = (values[i] + 1001.25) / static_cast<double>(size);
     }
     CHECK(same(ranked(values), expected));
+    check_wide(values);
 }
 
 void knows_the_special_values() {
