@@ -3,6 +3,7 @@
 #include <structmember.h>
 
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -11,6 +12,8 @@
 namespace quorvane::capi {
 
 namespace {
+
+constexpr const char* type_name = "quorvane.native_function";
 
 // The object's C++ half, built after the interpreter has zeroed the whole object.
 struct Content {
@@ -191,6 +194,13 @@ void* slot(Function function) {
     return reinterpret_cast<void*>(function);
 }
 
+// Of a class that Python makes, neither the flag nor the layout could be had under this name.
+bool is_of_our_modules(PyTypeObject* type) noexcept {
+    return PyType_HasFeature(type, Py_TPFLAGS_IMMUTABLETYPE) != 0 &&
+           type->tp_basicsize == static_cast<Py_ssize_t>(sizeof(NativeFunction)) &&
+           std::strcmp(type->tp_name, type_name) == 0;
+}
+
 }  // namespace
 
 Ref make_native_function_type(PyObject* module) {
@@ -207,7 +217,7 @@ Ref make_native_function_type(PyObject* module) {
         {0, nullptr},
     };
     PyType_Spec spec = {
-        "quorvane.native_function",
+        type_name,
         static_cast<int>(sizeof(NativeFunction)),
         0,
         Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
@@ -226,6 +236,14 @@ Ref make_native_function_type(PyObject* module) {
 bool is_native_function(PyObject* object, PyObject* type, const FunctionDef& definition) noexcept {
     return Py_IS_TYPE(object, reinterpret_cast<PyTypeObject*>(type)) &&
            content_of(object).definition == &definition;
+}
+
+Offered offered(PyObject* function, const char* name) noexcept {
+    if (function == nullptr || !is_of_our_modules(Py_TYPE(function))) return {};
+    const Content& content = content_of(function);
+    const Offer& offer = content.definition->offer;
+    if (offer.name == nullptr || std::strcmp(offer.name, name) != 0) return {};
+    return {offer.content, content.state, true};
 }
 
 Ref make_native_function(PyObject* type, const FunctionDef& definition, PyObject* module,

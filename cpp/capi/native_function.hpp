@@ -6,6 +6,13 @@
 
 namespace quorvane::capi {
 
+// What a function says of itself to our other extension modules: that what it does can also be had
+// in another way, which `content` leads to. Neither can be said in Python.
+struct Offer {
+    const char* name = nullptr;
+    const void* content = nullptr;
+};
+
 // A function written in C++ that Python cannot tell from one of its own where it matters: it binds
 // as a method, has a signature, a name, a qualified name, a module and a dictionary.
 struct FunctionDef {
@@ -17,6 +24,7 @@ struct FunctionDef {
     std::span<const Parameter> parameters;
     Body body;
     const char* doc = nullptr;
+    Offer offer = {};
 };
 
 // Adapts a body that names its module's state type.
@@ -30,6 +38,17 @@ Ref make_native_function_type(PyObject* module);
 
 // True of a function that `definition` makes in the module that the type was made for.
 bool is_native_function(PyObject* object, PyObject* type, const FunctionDef& definition) noexcept;
+
+// What a function of any of our modules offers under a name, and the state of its module, which the
+// function keeps alive.
+struct Offered {
+    const void* content = nullptr;
+    void* state = nullptr;
+    bool is_offered = false;
+
+    explicit operator bool() const noexcept { return is_offered; }
+};
+Offered offered(PyObject* function, const char* name) noexcept;
 
 // A new function; it keeps `module`, and so the state that its body works on, alive.
 // `definition` must outlive it (the tables are static).

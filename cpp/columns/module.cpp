@@ -7,7 +7,9 @@
 #include "capi/array_view.hpp"
 #include "capi/message.hpp"
 #include "capi/recursion.hpp"
+#include "capi/threads.hpp"
 #include "columns/layout.hpp"
+#include "kernels/team.hpp"
 #include "kernels/weighted_sums.hpp"
 
 namespace quorvane::columns {
@@ -139,8 +141,13 @@ PyObject* weighted_sums(PyObject* self, PyObject* inputs) {
         const auto entries = capi::readable_vector<double>(row.get()).span();
         const Layout& layout = *columns.layout;
         require_within(layout, static_cast<npy_intp>(entries.size()));
-        kernels::weighted_sums(layout.offsets, layout.leg_ids, layout.weights, entries,
-                               capi::writable_vector<double>(sums.get()).span());
+        const std::span<const std::int32_t> offsets(layout.offsets);
+        const auto out = capi::writable_vector<double>(sums.get()).span();
+        const std::size_t threads = capi::threads_for_row(out.size());
+        kernels::in_parts(out.size(), threads, [&](std::size_t first, std::size_t last) {
+            kernels::weighted_sums(offsets.subspan(first, last - first + 1), layout.leg_ids,
+                                   layout.weights, entries, out.subspan(first, last - first));
+        });
         return sums;
     });
 }

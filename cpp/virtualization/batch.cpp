@@ -6,6 +6,9 @@
 #include "virtualization/context.hpp"
 #include "virtualization/fast/arrays.hpp"
 #include "virtualization/guards/plain_size.hpp"
+#include "virtualization/history/batch_history.hpp"
+#include "virtualization/history/batch_options.hpp"
+#include "virtualization/history/batch_universe.hpp"
 
 namespace quorvane::virtualization {
 
@@ -28,26 +31,6 @@ Ref as_float64_matrices(const State& state, PyObject* matrices) {
         capi::append(arrays.get(), array.get());
     }
     return arrays;
-}
-
-// arrays[0].shape[axis]
-Ref extent(const State& state, PyObject* arrays, PyObject* axis) {
-    const Ref first = require(PySequence_GetItem(arrays, 0));
-    return item(attr(first.get(), state.names.shape).get(), axis);
-}
-
-// The caller's universe, or one with every instrument of every day in it.
-Ref universe_of(const State& state, PyObject* context, PyObject* arrays, PyObject* days) {
-    const Names& names = state.names;
-    if (!capi::is_none(context)) {
-        Ref mask = capi::optional_attr(context, names.universe_mask);
-        if (mask && !capi::is_none(mask.get())) return mask;
-    }
-    const Ref ones = state.numpy(names.ones);
-    const Ref columns = extent(state, arrays, state.one.get());
-    const Ref shape = capi::make_tuple(days, columns.get());
-    return call_with_keywords(ones.get(), state.dtype_keyword.get(), shape.get(),
-                              state.numpy(names.uint8).get());
 }
 
 // array[day]; a row of an exact array is found without NumPy's reading the index.
@@ -89,18 +72,25 @@ Ref batch_reference(State& state, PyObject* const* values) {
     if (PyList_GET_SIZE(arrays.get()) == 0) {
         message_of(state, self).text(": batch_reference requires inputs").raise(PyExc_ValueError);
     }
-    const Ref days = extent(state, arrays.get(), state.zero.get());
-    const Ref outputs = capi::make_list();
-    const Ref universe = universe_of(state, values[2], arrays.get(), days.get());
-    const Ref range = call(reinterpret_cast<PyObject*>(&PyRange_Type), days.get());
-    capi::Iteration iteration(range.get());
+    const Ref shown_days = extent(state, arrays.get(), state.zero.get());
+    BatchUniverse universe(state, self, values[2], arrays.get(), shown_days.get());
+    const Ref range = call(reinterpret_cast<PyObject*>(&PyRange_Type), shown_days.get());
+    const auto days = static_cast<std::size_t>(capi::length(range.get()));
+    const BatchOptions options = options_of(state, values[2]);
+    BatchHistory history(state, self, arrays.get(), universe.given(), options.workers);
+    BatchOutputs outputs(static_cast<Py_ssize_t>(days));
+    ProgressReport report(options.progress, days);
     Ref context;  // yesterday's lives until today's is there
-    while (const Ref day = iteration.next()) {
-        context = context_of(state, universe.get(), day.get());
+    for (std::size_t next = 0; next < days; ++next) {
+        if (next > 0) next = history.advance(next, outputs);
+        const Ref day = capi::make_int(static_cast<Py_ssize_t>(next));
+        context = context_of(state, universe.of_day(), day.get());
         const Ref output = replay_day(state, self, arrays.get(), day.get(), context.get());
-        capi::append(outputs.get(), output.get());
+        outputs.append(state, output.get());
+        require(PyErr_CheckSignals());
+        report.tell(next + 1);
     }
-    return stack_rows(state, outputs.get());
+    return outputs.stacked(state);
 }
 
 }  // namespace
@@ -118,6 +108,11 @@ Parameters
 context : object, optional
     Only its ``universe_mask`` is used; without one every instrument is in the universe.
 
+A ready-made rotation whose children are the package's own computes many days at once, with the same
+bits, on as many threads as the environment variable ``QUORVANE_NUM_THREADS`` says (1 without it).
+Meanwhile other Python threads run; what they change in the rotation counts from some later day on,
+and what they write into its arrays may be lost.
+
 Returns
 -------
 ndarray of float64, shape (T, N)
@@ -126,7 +121,10 @@ ndarray of float64, shape (T, N)
 Raises
 ------
 ValueError
-    Without matrices.
+    Without matrices, or when QUORVANE_NUM_THREADS is no whole number from 1 to 256.
+KeyboardInterrupt
+    As any other signal's handler may, between two days: the rotation then has the state of the days
+    so far.
 )"};
 
 }  // namespace quorvane::virtualization

@@ -48,7 +48,13 @@ struct Names {
     Interned output_buf{"_output_buf"};
     Interned combined_nan_buf{"_combined_nan_buf"};
 
+    // Attributes of rotations whose structures are planned.
+    Interned columns{"_columns"};
+    Interned instruments{"_instruments"};
+    Interned basket_values{"basket_values"};
+
     // Methods that are called through the instance.
+    Interned compute{"compute"};
     Interned validate_constructor{"_validate_constructor"};
     Interned parse_transformation_expression{"_parse_transformation_expression"};
     Interned refresh_active_structures{"_refresh_active_structures"};
@@ -79,6 +85,11 @@ struct Names {
     Interned shape{"shape"};
     Interned row{"_row"};
     Interned indices{"indices"};
+
+    // What the context of a whole history has besides.
+    Interned has_history_options{"_has_history_options"};
+    Interned threads{"threads"};
+    Interned progress{"progress"};
 
     // Keys of trace records and state dictionaries.
     Interned day_index{"day_index"};

@@ -7,6 +7,7 @@
 #include "capi/method.hpp"
 #include "capi/objects.hpp"
 #include "kernels/unmap.hpp"
+#include "rotations/framework_day.hpp"
 #include "virtualization/guards/module_guard.hpp"
 #include "virtualization/guards/own_class.hpp"
 #include "virtualization/names.hpp"
@@ -55,6 +56,11 @@ public:
     [[nodiscard]] Ref super_attr(PyObject* self, PyObject* name) const;
     [[nodiscard]] Method super_method(PyObject* self, PyObject* name) const;
 
+    // VirtualizationBase itself, borrowed; null while its body runs.
+    [[nodiscard]] PyObject* rotation_class() const noexcept {
+        return PyCell_GET(rotation_class_cell_.get());
+    }
+
     [[nodiscard]] PyObject* globals() const noexcept { return globals_.get(); }
 
     // True of the very function that the definition makes in this module.
@@ -73,6 +79,7 @@ public:
     const capi::DictWatcher dict_watcher;
     ModuleGuard module_guard;
     OwnClass context_class, mask_class;
+    const rotations::FrameworkDay framework_day;
     mutable capi::TypeAnswer plain_class;  // of the rotations' classes
 
     // The caches of the rotations, and the working memory of unmapping. Neither changes

@@ -17,7 +17,9 @@ from quorvane.functions.rotations.latitudinal.rank import Rank
 from quorvane.functions.rotations.longitudinal.ewma import Ewma
 from quorvane.functions.rotations.numerical.transcendental import Transcendental
 from quorvane.functions.rotations.virtualization import base
+from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
+from quorvane.functions.rotations.virtualization.history import replay_history
 
 N = 6
 CHAIN = "ewma(3);rank;zscore;sigmoid"
@@ -271,6 +273,34 @@ def batch_reference():
     return lambda: rotation.batch_reference(values)
 
 
+def ready_made():
+    """A rotation whose histories are computed at once."""
+    names = [f"i{column}" for column in range(N)]
+    pairs = {f"p{i}": {names[i]: 1.0, names[(i + 1) % N]: -1.0} for i in range(N)}
+    return FixedBaskets(pairs, names, transformation_expression="ewma(3);rank;zscore;sigmoid")
+
+
+def history():
+    rotation, values = ready_made(), np.ones((40, N))
+    return lambda: rotation.batch_reference(values)
+
+
+def history_of_threads_with_a_universe():
+    rotation, values, mask = ready_made(), np.ones((40, N)), np.ones(N, dtype=bool)
+    mask[0] = False
+    return lambda: replay_history(
+        rotation, values, universe_mask=mask, threads=3, progress=lambda done, days: None
+    )
+
+
+def unmap_step_by_step_of_a_history():
+    """Every product underflows, of which NumPy may warn: days are computed one by one."""
+    names = [f"i{column}" for column in range(N)]
+    tiny = FixedBaskets({"x": {names[0]: 1e-300}}, names, transformation_expression="none")
+    values = np.ones((40, N))
+    return lambda: tiny.batch_reference(values)
+
+
 def batch_reference_with_context():
     rotation, values, context = used(Baskets), matrix(), Context()
     return lambda: rotation.batch_reference(values, context=context)
@@ -357,6 +387,9 @@ def mask_indexing():
 VIRTUALIZATION = [
     batch_reference,
     batch_reference_with_context,
+    history,
+    history_of_threads_with_a_universe,
+    unmap_step_by_step_of_a_history,
     set_state_of_lists,
     new_structures_every_day,
     no_structures,
@@ -991,6 +1024,18 @@ for _make in (Baskets, Copied, Ewma):
                 used(make_ewma if make is Ewma else make)
             ),
         )
+
+
+@failing(LookupError)
+def history_that_its_progress_ends():
+    rotation, values = ready_made(), np.ones((40, N))
+    return lambda: replay_history(rotation, values, progress=raising)
+
+
+@failing(ValueError)
+def history_of_no_number_of_threads():
+    rotation, values = ready_made(), np.ones((40, N))
+    return lambda: replay_history(rotation, values, threads=0)
 
 
 @failing(ValueError)

@@ -25,7 +25,9 @@ WAYS = [
 
 
 @pytest.mark.parametrize("way", WAYS)
-@pytest.mark.parametrize("work", ["baskets_and_children", "directory_checkpoints"])
+@pytest.mark.parametrize(
+    "work", ["baskets_and_children", "whole_histories", "directory_checkpoints"]
+)
 def test_a_forked_process_does_its_work_and_ends_with_its_status(exits, tmp_path, work, way):
     pytest.importorskip("msgpack")
     outcomes = exits.outcomes(

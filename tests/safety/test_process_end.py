@@ -17,6 +17,7 @@ COMPUTING = [
     "one_structure",
     "baskets_and_children",
     "whole_tables",
+    "whole_histories",
     "columns_made_and_read",
     "children_alone",
     "long_restores",

@@ -2,24 +2,33 @@
 
 import importlib.util
 import math
+import sys
 from pathlib import Path
 
 import numpy as np
 import pytest
 
 import quorvane.functions.rotations.virtualization.baskets as installed
+import quorvane.functions.rotations.virtualization.planned as planned_structures
 
 NAMES = ["KO", "PEP", "XOM", "CVX"]
 PAIRS = {"KO/PEP": {"KO": 1.0, "PEP": -1.0}, "XOM/CVX": {"XOM": 1.0, "CVX": -1.0}}
 
 
-@pytest.fixture
-def FixedBaskets(real_base):
-    """The class on the native base and on its plain-Python twin, with the package's children."""
-    spec = importlib.util.spec_from_file_location("baskets_under_test", Path(installed.__file__))
+def executed(name, path):
+    """The module of that file, made anew from what can be imported now."""
+    spec = importlib.util.spec_from_file_location(name, Path(path))
     module = importlib.util.module_from_spec(spec)
     spec.loader.exec_module(module)
-    return module.FixedBaskets
+    return module
+
+
+@pytest.fixture
+def FixedBaskets(real_base, monkeypatch):
+    """The class on the native base and on its plain-Python twin, with the package's children."""
+    planned = executed("planned", planned_structures.__file__)
+    monkeypatch.setitem(sys.modules, planned_structures.__name__, planned)
+    return executed("baskets_under_test", installed.__file__).FixedBaskets
 
 
 @pytest.fixture

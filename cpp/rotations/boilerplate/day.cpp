@@ -8,6 +8,7 @@
 #include "rotations/boilerplate/inputs.hpp"
 #include "rotations/boilerplate/universe.hpp"
 #include "rotations/buffers.hpp"
+#include "rotations/history_offers.hpp"
 
 namespace quorvane::rotations::boilerplate {
 
@@ -131,7 +132,9 @@ Ref compute(State& state, PyObject* const* /*values*/) {
 
 }  // namespace
 
-const capi::FunctionDef call_def{"__call__", call_parameters, capi::body_of<State, call_day>,
+const capi::FunctionDef call_def{"__call__",
+                                 call_parameters,
+                                 capi::body_of<State, call_day>,
                                  R"(Run one day.
 
 Parameters
@@ -156,7 +159,8 @@ ValueError
     When the first input is a scalar or wider than N_alloc, or the mask's row is shorter than N.
 RuntimeError
     When compute returns anything but 0.
-)"};
+)",
+                                 {day_offer}};
 
 const capi::FunctionDef compute_def{"compute", compute_parameters, capi::body_of<State, compute>,
                                     R"(Compute one day into the output buffer; subclasses define it.

@@ -2,22 +2,17 @@
 
 #include "capi/module.hpp"
 
+#include "capi/threads.hpp"
 #include "kernels/ewma.hpp"
+#include "kernels/team.hpp"
 #include "rotations/arguments.hpp"
+#include "rotations/ewma/history.hpp"
 #include "rotations/ewma/state.hpp"
 #include "rotations/row_day.hpp"
 
 namespace quorvane::rotations::ewma {
 
 namespace {
-
-double decay_of(PyObject* window) {
-    const Ref exact = positive_int("window", window, "a positive int");
-    const double number = PyLong_AsDouble(exact.get());
-    if (number > 0.0) return kernels::ewma_decay(number);
-    PyErr_Clear();
-    capi::raise(PyExc_ValueError, "window must be a positive int below 2**1024");
-}
 
 Ref init(State& state, PyObject* const* values) {
     PyObject* self = values[0];
@@ -29,10 +24,16 @@ Ref init(State& state, PyObject* const* values) {
     return capi::none();
 }
 
-void step(RowDay& day, double decay, const Memory& memory) {
+void step(RowDay& day, double decay, const Memory& memory, std::size_t threads) {
     const auto mean = writable_doubles(memory.mean.get()).span().first(day.size());
     const auto weight = writable_doubles(memory.weight.get()).span().first(day.size());
-    kernels::ewma_step(day.values(), decay, mean, weight, day.out());
+    const auto values = day.values();
+    const auto out = day.out();
+    kernels::in_parts(day.size(), threads, [&](std::size_t first, std::size_t last) {
+        const std::size_t size = last - first;
+        kernels::ewma_step(values.subspan(first, size), decay, mean.subspan(first, size),
+                           weight.subspan(first, size), out.subspan(first, size));
+    });
 }
 
 // The kernel updates the memory while it reads and writes the day: they must not be the same.
@@ -52,16 +53,17 @@ Ref compute(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     RowDay day(state, values);
     const double decay = decay_of(capi::attr(self, state.window).get());
+    const std::size_t threads = capi::threads_for_row(day.size());
     const auto N = static_cast<Py_ssize_t>(day.size());
     const Memory memory = memory_of_day(state, self, N);
     separate(day, memory);
     if (day.is_delivered()) {
-        step(day, decay, memory);
+        step(day, decay, memory, threads);
         return state.zero.share();
     }
     // The output may yet be refused, and a day that fails must not be remembered.
     const Memory yesterday = resized(memory, N);
-    step(day, decay, memory);
+    step(day, decay, memory, threads);
     try {
         day.deliver();
     } catch (...) {
@@ -119,7 +121,11 @@ constexpr ChildClass child_class{
     .doc = class_doc,
     .name = "longitudinal_ewma_67301c",
     .init = {"__init__", init_parameters, capi::body_of<State, init>, init_doc},
-    .compute = {"compute", compute_parameters, capi::body_of<State, compute>, compute_doc.data()},
+    .compute = {"compute",
+                compute_parameters,
+                capi::body_of<State, compute>,
+                compute_doc.data(),
+                {child_offer, &opener}},
 };
 
 }  // namespace

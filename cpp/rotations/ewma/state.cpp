@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "kernels/ewma.hpp"
 #include "rotations/arguments.hpp"
 #include "rotations/buffers.hpp"
 
@@ -147,6 +148,14 @@ Ref resize(State& state, PyObject* const* values) {
 }
 
 }  // namespace
+
+double decay_of(PyObject* window) {
+    const Ref exact = positive_int("window", window, "a positive int");
+    const double number = PyLong_AsDouble(exact.get());
+    if (number > 0.0) return kernels::ewma_decay(number);
+    PyErr_Clear();
+    capi::raise(PyExc_ValueError, "window must be a positive int below 2**1024");
+}
 
 Py_ssize_t allocated_columns(const State& state, PyObject* self) {
     const Ref allocated = attr(self, state.n_alloc);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "rotations/child.hpp"
+#include "rotations/framework_day.hpp"
 
 namespace quorvane::rotations::ewma {
 
@@ -21,7 +22,12 @@ public:
     // Keys of the state dictionary, besides the window.
     const Interned mean{"mean"};
     const Interned weight{"weight"};
+
+    const FrameworkDay framework_day;
 };
+
+// The factor of a window. ValueError when it is no positive int, or too large for a double.
+double decay_of(PyObject* window);
 
 // What the rotation remembers per column: the mean, NaN before the first value, and the weight.
 struct Memory {

@@ -30,7 +30,17 @@ N_alloc : int, optional
     static constexpr auto compute_doc =
         compute_doc_of("Standardise the one input of the day into output_buf.");
 
-    static auto kernel() { return kernels::zscore; }
+    using Workspace = kernels::NoWorkspace;
+
+    static auto kernel() {
+        return [](auto values, auto& /*workspace*/, auto out) { kernels::zscore(values, out); };
+    }
+
+    // Its sums have an order of their own, and it is the fastest anyway.
+    static void compute_wide(const auto& kernel, auto values, std::size_t /*threads*/,
+                             Workspace& workspace, auto out) {
+        kernel(values, workspace, out);
+    }
 };
 
 }  // namespace

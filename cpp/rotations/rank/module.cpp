@@ -1,6 +1,7 @@
 // Rank: the module of one class.
 
 #include "kernels/rank.hpp"
+#include "kernels/wide_rank.hpp"
 #include "rotations/row_rotation.hpp"
 
 namespace quorvane::rotations {
@@ -28,12 +29,14 @@ N_alloc : int, optional
     static constexpr auto compute_doc =
         compute_doc_of("Rank the one input of the day into output_buf.");
 
-    auto kernel() {
-        return [this](auto values, auto out) { kernels::rank_fraction(values, workspace, out); };
-    }
+    using Workspace = kernels::RankWorkspace;
 
-    // One for all instances: nothing else runs while a kernel does.
-    kernels::RankWorkspace workspace;
+    static auto kernel() { return kernels::rank_fraction; }
+
+    static void compute_wide(const auto& /*kernel*/, auto values, std::size_t threads,
+                             Workspace& workspace, auto out) {
+        kernels::rank_fraction_wide(values, threads, workspace, out);
+    }
 };
 
 }  // namespace

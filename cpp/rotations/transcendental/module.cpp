@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "kernels/team.hpp"
 #include "kernels/transcendental.hpp"
 #include "rotations/row_rotation.hpp"
 
@@ -92,7 +93,21 @@ ValueError
     static constexpr auto compute_doc =
         compute_doc_of("Apply the function to the one input of the day.");
 
-    static auto kernel(PyObject* function) { return kernel_named(function); }
+    using Workspace = kernels::NoWorkspace;
+
+    static auto kernel(PyObject* function) {
+        return [apply = kernel_named(function)](auto values, auto& /*workspace*/, auto out) {
+            apply(values, out);
+        };
+    }
+
+    static void compute_wide(const auto& kernel, auto values, std::size_t threads,
+                             Workspace& workspace, auto out) {
+        kernels::in_parts(values.size(), threads, [&](std::size_t first, std::size_t last) {
+            kernel(values.subspan(first, last - first), workspace,
+                   out.subspan(first, last - first));
+        });
+    }
 };
 
 }  // namespace

@@ -28,18 +28,13 @@ Ref copy_of(PyObject* source) {
     return copy;
 }
 
-bool is_row_of(PyObject* object, npy_intp width) noexcept {
-    const auto row = capi::readable_vector<double>(object);
-    return row && row.contiguous() && row.size() == width && is_float64_array(object);
-}
-
 // The rows below each other; empty unless they are float64 rows of one width.
 Ref stack_plain_rows(PyObject* rows) {
     const Py_ssize_t count = PyList_GET_SIZE(rows);
     if (count == 0) return {};
     const npy_intp width = capi::readable_vector<double>(PyList_GET_ITEM(rows, 0)).size();
     for (Py_ssize_t i = 0; i < count; ++i) {
-        if (!is_row_of(PyList_GET_ITEM(rows, i), width)) return {};
+        if (!is_float64_row(PyList_GET_ITEM(rows, i), width)) return {};
     }
     npy_intp shape[] = {count, width};
     Ref matrix = require(PyArray_SimpleNew(2, shape, NPY_DOUBLE));
@@ -52,6 +47,11 @@ Ref stack_plain_rows(PyObject* rows) {
 }
 
 }  // namespace
+
+bool is_float64_row(PyObject* object, npy_intp width) noexcept {
+    const auto row = capi::readable_vector<double>(object);
+    return row && row.contiguous() && row.size() == width && is_float64_array(object);
+}
 
 Ref stack_rows(const State& state, PyObject* rows) {
     if (state.module_guard.numpy_holds(state)) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "capi/numpy.hpp"
 #include "virtualization/state.hpp"
 
 namespace quorvane::virtualization {
@@ -12,6 +13,9 @@ Ref find_array_function(const State& state);
 
 // array(source, dtype=np.float64, copy=True) with the function that was found a moment ago.
 Ref call_copying(const State& state, const Ref& array, PyObject* source);
+
+// An exact, contiguous float64 vector of that many numbers.
+bool is_float64_row(PyObject* object, npy_intp width) noexcept;
 
 // np.vstack(rows) of a list
 Ref stack_rows(const State& state, PyObject* rows);

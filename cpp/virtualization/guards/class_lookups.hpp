@@ -3,18 +3,13 @@
 #include <algorithm>
 #include <initializer_list>
 
+#include "capi/plain_attributes.hpp"
 #include "virtualization/state.hpp"
 
 namespace quorvane::virtualization {
 
-// What instances of a class find in it, asked for as attribute access does, without calling anyone.
-
-// A class that sets one of the attributes could answer instead of the instance.
-inline bool sets_none_of(PyTypeObject* type, std::initializer_list<PyObject*> attributes) {
-    return std::ranges::none_of(attributes, [type](PyObject* attribute) {
-        return _PyType_Lookup(type, attribute) != nullptr;
-    });
-}
+using capi::plain_attribute;
+using capi::sets_none_of;
 
 struct Step {
     PyObject* name;

@@ -16,7 +16,8 @@ void ModuleGuard::remember(const State& state) {
          {static_cast<PyObject*>(names.nan), static_cast<PyObject*>(names.float64),
           static_cast<PyObject*>(names.zeros), static_cast<PyObject*>(names.array),
           static_cast<PyObject*>(names.asarray), static_cast<PyObject*>(names.isfinite),
-          static_cast<PyObject*>(names.vstack)}) {
+          static_cast<PyObject*>(names.vstack), static_cast<PyObject*>(names.ones),
+          static_cast<PyObject*>(names.uint8)}) {
         numpy_values_[index].name = name;
         numpy_values_[index++].value = capi::dict_get(numpy_dict_.get(), name);
     }

@@ -48,7 +48,7 @@ public:
     int traverse(visitproc visit, void* arg) const;
 
 private:
-    static constexpr int watched_names = 7;
+    static constexpr int watched_names = 9;
 
     struct Watched {
         PyObject* name = nullptr;  // interned, owned by the module's names

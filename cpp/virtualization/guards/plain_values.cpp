@@ -165,16 +165,6 @@ bool read_plain_entries(const State& state, PyObject* raw, ItemEntries& entries)
     return entries.key != nullptr && entries.legs != nullptr;
 }
 
-bool has_text_keys(PyObject* dict) noexcept {
-    if (!PyDict_CheckExact(dict)) return false;
-    Py_ssize_t position = 0;
-    PyObject* key = nullptr;
-    while (PyDict_Next(dict, &position, &key, nullptr) != 0) {
-        if (!PyUnicode_CheckExact(key)) return false;
-    }
-    return true;
-}
-
 bool has_plain_entries(PyObject* dict) noexcept {
     if (!PyDict_CheckExact(dict)) return false;
     Py_ssize_t position = 0;

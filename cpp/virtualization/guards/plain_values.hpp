@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "capi/plain_attributes.hpp"
 #include "virtualization/state.hpp"
 
 namespace quorvane::virtualization {
@@ -44,8 +45,7 @@ struct ItemEntries {
 // what it is.
 bool read_plain_entries(const State& state, PyObject* raw, ItemEntries& entries) noexcept;
 
-// An exact dict whose keys are all exact strings, so that looking things up compares only strings.
-bool has_text_keys(PyObject* dict) noexcept;
+using capi::has_text_keys;
 
 // The same, and all its values are plain.
 bool has_plain_entries(PyObject* dict) noexcept;

@@ -1,21 +1,11 @@
 #include "virtualization/guards/rotation_guard.hpp"
 
-#include "virtualization/guards/class_lookups.hpp"
 #include "virtualization/guards/plain_size.hpp"
 #include "virtualization/slots.hpp"
 #include "virtualization/structure.hpp"
 #include "virtualization/validity.hpp"
 
 namespace quorvane::virtualization {
-
-Ref plain_attribute(PyObject* object, PyObject* name) {
-    PyTypeObject* type = Py_TYPE(object);
-    if (type->tp_getattro != PyObject_GenericGetAttr || _PyType_Lookup(type, name) != nullptr) {
-        return {};
-    }
-    const Ref dict = Ref::borrow(instance_dict(object));
-    return dict ? capi::dict_get(dict.get(), name) : Ref();
-}
 
 RotationGuard::RotationGuard(const State& state, PyObject* self)
     : state_(state), self_(self), watch_(state.dict_watcher) {}

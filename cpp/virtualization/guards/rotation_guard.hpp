@@ -1,6 +1,7 @@
 #pragma once
 
 #include "capi/change_watch.hpp"
+#include "virtualization/guards/class_lookups.hpp"
 #include "virtualization/guards/module_guard.hpp"
 #include "virtualization/guards/tables.hpp"
 #include "virtualization/state.hpp"
@@ -69,9 +70,5 @@ private:
     Ref slot_by_key_, key_by_slot_, legs_by_slot_, metadata_by_slot_, txi_input_;
     Py_ssize_t max_structures_ = 0;
 };
-
-// An attribute that reading cannot observe: held by the instance, with a class that leaves
-// attribute access alone. Empty when it is anything else.
-Ref plain_attribute(PyObject* object, PyObject* name);
 
 }  // namespace quorvane::virtualization

@@ -17,6 +17,7 @@ from quorvane.functions.rotations.numerical.transcendental import Transcendental
 from quorvane.functions.rotations.virtualization.base import VirtualizationBase
 from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
+from quorvane.functions.rotations.virtualization.history import replay_history
 from quorvane.stores import DirectoryStore, SqliteStore
 
 # The stores load it when it is first used. An import that is broken off in one thread leaves half a
@@ -156,6 +157,13 @@ def whole_tables(folder, thread):
     return lambda: rotation.batch_reference(table)
 
 
+def whole_histories(folder, thread):
+    """Many days at once, without the interpreter's lock, on as many threads as the number."""
+    rotation = ready_made()
+    table = np.array([row(4, day) for day in range(20_000)])
+    return lambda: replay_history(rotation, table, threads=thread + 1)
+
+
 def columns_made_and_read(folder, thread):
     keys, offsets = [(place,) for place in range(50)], np.arange(51)
 
@@ -260,6 +268,7 @@ WORK = {
         one_structure,
         baskets_and_children,
         whole_tables,
+        whole_histories,
         columns_made_and_read,
         children_alone,
         long_restores,

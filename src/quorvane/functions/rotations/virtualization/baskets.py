@@ -2,30 +2,23 @@
 
 from __future__ import annotations
 
-import difflib
-import math
-import numbers
-from collections.abc import Callable, Hashable, Iterable, Mapping, Sequence
+from collections.abc import Callable, Hashable, Iterable, Sequence
 from typing import Any
 
 import numpy as np
 from numpy.typing import NDArray
 
-from quorvane.functions.rotations.virtualization.base import VirtualizationBase
-from quorvane.functions.rotations.virtualization.columns import StructureColumns
-
-BasketKey = str | tuple[Hashable, ...]
-BasketLegs = Mapping[str, float] | Iterable[tuple[str, float]]
-Baskets = (
-    Mapping[str, BasketLegs]
-    | Mapping[tuple[Hashable, ...], BasketLegs]
-    | Iterable[tuple[BasketKey, BasketLegs]]
+from quorvane.functions.rotations.virtualization._named_baskets import (
+    Baskets,
+    columns_of,
+    instrument_names,
+    require_capacity,
+    resolve_baskets,
 )
+from quorvane.functions.rotations.virtualization.planned import PlannedStructures
 
-_Legs = tuple[tuple[int, float], ...]
 
-
-class FixedBaskets(VirtualizationBase):
+class FixedBaskets(PlannedStructures):
     """Baskets that stay the same from day to day, each a weighted sum of named instruments.
 
     Every day each basket's value is ``sum(weight * input[instrument])`` over its legs, added in
@@ -92,10 +85,10 @@ class FixedBaskets(VirtualizationBase):
         trace_sink: Any = None,
         **parameters: Any,
     ) -> None:
-        names = _instrument_names(instruments)
-        resolved = _resolve_baskets(baskets, {name: i for i, name in enumerate(names)})
-        _require_capacity("max_structures", max_structures, len(resolved), "baskets")
-        _require_capacity("N_alloc", N_alloc, len(names), "instruments")
+        names = instrument_names(instruments)
+        resolved = resolve_baskets(baskets, {name: i for i, name in enumerate(names)})
+        require_capacity("max_structures", max_structures, len(resolved), "baskets")
+        require_capacity("N_alloc", N_alloc, len(names), "instruments")
         super().__init__(
             max_structures=len(resolved) if max_structures is None else max_structures,
             transformation_expression=transformation_expression,
@@ -107,7 +100,7 @@ class FixedBaskets(VirtualizationBase):
             **parameters,
         )
         self._instruments = names
-        self._columns = _columns_of(resolved)
+        self._columns = columns_of(resolved)
 
     @property
     def instruments(self) -> tuple[str, ...]:
@@ -117,15 +110,8 @@ class FixedBaskets(VirtualizationBase):
     @property
     def keys(self) -> tuple[tuple[Hashable, ...], ...]:
         """The baskets' keys as tuples, in basket order."""
-        return self._columns.keys
-
-    def basket_values(self, inputs: NDArray[np.float64]) -> NDArray[np.float64]:
-        """Weighted sum of each basket over one day's input.
-
-        ``inputs`` is a float64 vector with at least one entry per named instrument, in column
-        order; the result is a float64 vector with one entry per basket, in basket order.
-        """
-        return self._columns.weighted_sums(inputs)
+        keys: tuple[tuple[Hashable, ...], ...] = self._columns.keys
+        return keys
 
     def structure_values(
         self, baskets: Sequence[int] | None = None
@@ -142,126 +128,3 @@ class FixedBaskets(VirtualizationBase):
         entered, left = self._txi_input[slots], self._txi_output[slots]
         entered[unseen] = left[unseen] = np.nan
         return entered, left
-
-    def _refresh_active_structures(
-        self,
-        space_input: NDArray[np.float64],
-        structure_inputs: Sequence[Any],
-        nan_masks: Sequence[NDArray[np.uint8]],
-        combined_nan_mask: NDArray[np.uint8],
-        N: int,
-    ) -> StructureColumns:
-        """All baskets with the day's values; the same keys and legs every day."""
-        if N < len(self._instruments):
-            raise ValueError(
-                f"{self._name}: input has {N} columns, expected at least "
-                f"{len(self._instruments)}, one for each named instrument"
-            )
-        return self._columns.with_values(self.basket_values(space_input))
-
-
-def _columns_of(resolved: dict[tuple[Hashable, ...], _Legs]) -> StructureColumns:
-    flat = [leg for legs in resolved.values() for leg in legs]
-    return StructureColumns(
-        keys=tuple(resolved),
-        offsets=np.cumsum([0, *map(len, resolved.values())]),
-        leg_ids=np.array([column for column, _ in flat], dtype=np.int64),
-        weights=np.array([weight for _, weight in flat], dtype=np.float64),
-        values=np.full(len(resolved), math.nan),
-    )
-
-
-def _instrument_names(instruments: Iterable[str]) -> tuple[str, ...]:
-    if isinstance(instruments, str):
-        raise TypeError("instruments must be a sequence of names, got one string")
-    names = tuple(instruments)
-    seen: set[str] = set()
-    for name in names:
-        if not isinstance(name, str):
-            raise TypeError(f"instruments must be strings, got {name!r}")
-        if name in seen:
-            raise ValueError(f"instruments must be distinct, got {name!r} twice")
-        seen.add(name)
-    if not names:
-        raise ValueError("instruments must name at least one instrument")
-    return names
-
-
-def _resolve_baskets(
-    baskets: Baskets, columns: dict[str, int]
-) -> dict[tuple[Hashable, ...], _Legs]:
-    resolved: dict[tuple[Hashable, ...], _Legs] = {}
-    for key, legs in _pairs(baskets, "baskets"):
-        exact_key = _resolve_key(key)
-        if exact_key in resolved:
-            raise ValueError(f"baskets: duplicate key {key!r}")
-        resolved[exact_key] = _resolve_legs(key, legs, columns)
-    if not resolved:
-        raise ValueError("baskets must hold at least one basket")
-    return resolved
-
-
-def _resolve_key(key: BasketKey) -> tuple[Hashable, ...]:
-    # A bare string would be taken apart into its characters by the base class.
-    if isinstance(key, str):
-        return (str(key),)
-    if not isinstance(key, tuple):
-        raise TypeError(f"a basket key must be a string or a tuple, got {key!r}")
-    try:
-        hash(key)
-    except TypeError:
-        raise TypeError(f"a basket key must be hashable, got {key!r}") from None
-    return tuple(key)
-
-
-def _resolve_legs(key: BasketKey, legs: BasketLegs, columns: dict[str, int]) -> _Legs:
-    where = f"basket {key!r}"
-    resolved: dict[int, float] = {}
-    for name, weight in _pairs(legs, where):
-        if not isinstance(name, str):
-            raise TypeError(f"{where}: an instrument is named by a string, got {name!r}")
-        column = columns.get(name)
-        if column is None:
-            raise ValueError(f"{where}: unknown instrument {name!r}{_did_you_mean(name, columns)}")
-        if column in resolved:
-            raise ValueError(f"{where}: instrument {name!r} is given twice")
-        resolved[column] = _finite_weight(where, name, weight)
-    if not resolved:
-        raise ValueError(f"{where}: a basket needs at least one leg")
-    return tuple(resolved.items())
-
-
-def _finite_weight(where: str, name: str, weight: Any) -> float:
-    if isinstance(weight, bool) or not isinstance(weight, numbers.Real):
-        raise TypeError(f"{where}: weight of {name!r} must be a number, got {weight!r}")
-    try:
-        number = float(weight)
-    except OverflowError:
-        number = math.inf
-    if not math.isfinite(number):
-        raise ValueError(f"{where}: weight of {name!r} must be finite, got {number!r}")
-    return number
-
-
-def _pairs(source: Any, where: str) -> Iterable[tuple[Any, Any]]:
-    """The pairs of a mapping or of an iterable of pairs."""
-    if isinstance(source, Mapping):
-        yield from source.items()
-        return
-    if isinstance(source, (str, bytes)) or not isinstance(source, Iterable):
-        raise TypeError(f"{where}: expected a mapping or pairs, got {source!r}")
-    for pair in source:
-        if not isinstance(pair, (tuple, list)) or len(pair) != 2:
-            raise TypeError(f"{where}: expected a pair, got {pair!r}")
-        yield pair[0], pair[1]
-
-
-def _did_you_mean(name: str, names: Iterable[str]) -> str:
-    close = difflib.get_close_matches(name, names, n=3)
-    return f"; did you mean {' or '.join(map(repr, close))}?" if close else ""
-
-
-def _require_capacity(argument: str, given: int | None, needed: int, what: str) -> None:
-    # Wrong types are left to the base class, whose texts are fixed.
-    if isinstance(given, int) and not isinstance(given, bool) and 0 < given < needed:
-        raise ValueError(f"{argument} must be at least {needed}, the number of {what}, got {given}")
