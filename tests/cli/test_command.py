@@ -128,6 +128,25 @@ def test_options_that_make_no_sense_end_with_status_2(replay, options, text):
     assert error_of(replay(**options), 2).startswith(text)
 
 
+@pytest.mark.parametrize("threads", ["1", "2", None])
+def test_threads_change_no_number(replay, tmp_path, monkeypatch, threads):
+    assert replay(expression="ewma(3);rank").status == 0
+    if threads is None:
+        monkeypatch.setenv("QUORVANE_NUM_THREADS", "3")
+        options = {}
+    else:
+        options = {"threads": threads}
+    output = tmp_path / "threads.csv"
+    assert replay(expression="ewma(3);rank", output=output, **options).status == 0
+    assert output.read_bytes() == (tmp_path / "output.csv").read_bytes()
+
+
+def test_an_environment_with_no_number_of_threads_ends_with_status_2(replay, monkeypatch):
+    monkeypatch.setenv("QUORVANE_NUM_THREADS", "many")
+    expected = "QUORVANE_NUM_THREADS must be a whole number from 1 to 256, got 'many'"
+    assert error_of(replay(), 2) == expected
+
+
 def test_resume_needs_a_checkpoint(replay):
     assert error_of(replay("--resume"), 2) == "--resume needs --checkpoint FILE"
 
@@ -139,6 +158,8 @@ def test_resume_needs_a_checkpoint(replay):
         (["replay"], "the following arguments are required: TABLE, --structures, --output"),
         (["replay", "--max-structures", "x"], "expected a positive integer, got 'x'"),
         (["replay", "--checkpoint-every", "0"], "expected a positive integer, got '0'"),
+        (["replay", "--threads", "0"], "expected a positive integer, got '0'"),
+        (["replay", "--threads", "257"], "expected at most 256, got '257'"),
         (["replay", "--input", "prices"], "argument --input: invalid choice: 'prices'"),
         (["replay", "--policy", "half"], "argument --policy: invalid choice: 'half'"),
         (["walk"], "invalid choice: 'walk'"),

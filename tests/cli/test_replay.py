@@ -71,6 +71,29 @@ def test_it_stops_between_two_days_and_goes_on_from_there(inputs):
     assert same(parts.output, whole.output)
 
 
+@pytest.mark.parametrize("threads", [1, 2])
+@pytest.mark.parametrize("most", [1, 2, 7, 1000])
+def test_days_are_computed_many_at_once_where_no_answer_is_due(most, threads):
+    inputs = np.random.default_rng(3).normal(size=(500, 3))
+    whole, parts = OutputRecorder(*inputs.shape), OutputRecorder(*inputs.shape)
+    halting, asked = rotation(), []
+
+    def stop_before(day):
+        asked.append(day)
+        return day >= 450
+
+    progress = replay(
+        halting, inputs, [parts], first_day=0, stop_before=stop_before,
+        days_before_stop=lambda day: min(most, 450 - day), threads=threads,
+    )  # fmt: skip
+    assert progress.next_day == asked[-1] == 450
+    assert np.diff([0, *asked]).max() <= most
+    assert most < 100 or len(asked) < 20
+    replay(halting, inputs, [parts], first_day=450)
+    replay(rotation(), inputs, [whole])
+    assert same(parts.output, whole.output)
+
+
 def test_nothing_is_left_to_do_after_the_last_day(inputs):
     assert replay(rotation(), inputs, [], first_day=30) == Progress(30, 30, 0.0)
     assert Progress(30, 30, 0.0).seconds_per_day == 0.0

@@ -8,6 +8,7 @@ from pathlib import Path
 
 import pytest
 
+from quorvane.cli import replay as cli_replay
 from quorvane.cli import replay_command
 from quorvane.cli.libraries import require_library
 from quorvane.cli.recording import OutputRecorder
@@ -35,43 +36,56 @@ def test_without_a_signal_the_handlers_come_back_too():
 
 @pytest.fixture
 def signalled_on_day_3(monkeypatch):
-    """Send the given signal to this process while day 3 is recorded."""
+    """Send the given signal to this process while day 3 is recorded, alone or among others."""
 
     def signalled(number):
         record = OutputRecorder.record
 
         def signalling(self, day, output):
-            if day == 3:
+            if day <= 3 < day + len(output):
                 os.kill(os.getpid(), number)
             record(self, day, output)
 
         monkeypatch.setattr(OutputRecorder, "record", signalling)
+        monkeypatch.setattr(cli_replay, "FIRST_DAYS", 2)
 
     return signalled
 
 
+# A trace has each day computed by itself; without one, two days are followed by four.
+ALONE = ({"trace": "t.npz"}, "day 4", "day 4 (2020-01-08)")
+AMONG_OTHERS = ({}, "day 6", "day 6 (2020-01-10)")
+
+
+@pytest.mark.parametrize("days", [ALONE, AMONG_OTHERS], ids=["alone", "among others"])
 @pytest.mark.parametrize(("number", "status"), [(signal.SIGINT, 130), (signal.SIGTERM, 143)])
 def test_a_run_without_a_checkpoint_stops_after_its_day_and_writes_nothing(
-    replay, tmp_path, signalled_on_day_3, number, status
+    replay, tmp_path, signalled_on_day_3, number, status, days
 ):
+    options, _, shown_day = days
     signalled_on_day_3(number)
-    outcome = replay()
+    outcome = replay(**{name: tmp_path / value for name, value in options.items()})
     assert (outcome.status, outcome.err) == (status, "")
     assert outcome.out == (
-        "quorvane replay: stopped before day 4 (2020-01-08); nothing was written "
+        f"quorvane replay: stopped before {shown_day}; nothing was written "
         "(with --checkpoint FILE it could be resumed)\n"
     )
     assert sorted(os.listdir(tmp_path)) == ["prices.csv", "structures.toml"]
 
 
-def test_a_run_with_a_checkpoint_keeps_its_day(replay, tmp_path, signalled_on_day_3, monkeypatch):
+@pytest.mark.parametrize("days", [ALONE, AMONG_OTHERS], ids=["alone", "among others"])
+def test_a_run_with_a_checkpoint_keeps_its_day(
+    replay, tmp_path, signalled_on_day_3, monkeypatch, days
+):
     pytest.importorskip("msgpack")
+    options, day, _ = days
+    options = {name: tmp_path / value for name, value in options.items()}
     signalled_on_day_3(signal.SIGTERM)
-    assert replay(checkpoint=tmp_path / "c.db").status == 143
+    assert replay(checkpoint=tmp_path / "c.db", **options).status == 143
     monkeypatch.undo()
-    resumed = replay("--resume", checkpoint=tmp_path / "c.db")
+    resumed = replay("--resume", checkpoint=tmp_path / "c.db", **options)
     assert resumed.status == 0
-    assert "resumed         before day 4" in resumed.out
+    assert f"resumed         before {day}" in resumed.out
 
 
 STATUS = [(signal.SIGINT, 130), (signal.SIGTERM, 143)]

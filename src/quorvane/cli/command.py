@@ -15,6 +15,7 @@ from quorvane.cli.stopping import TERMINATED, Terminated, signals_held, terminat
 from quorvane.cli.structures import STRUCTURE_ENDINGS
 from quorvane.cli.table_io import TABLE_ENDINGS
 from quorvane.cli.trace import TRACE_ENDINGS
+from quorvane.functions.rotations.virtualization.history import MOST_THREADS
 
 _REPLAY_TEXT = """\
 Replay a table of days by instruments through structures: weighted baskets of instruments.
@@ -123,6 +124,13 @@ def _add_inputs(replay: argparse.ArgumentParser) -> None:
         metavar="N",
         help="number of slots (default: the number of structures)",
     )
+    group.add_argument(
+        "--threads",
+        type=_threads,
+        metavar="N",
+        help="threads to compute with, which changes no number (default: what QUORVANE_NUM_THREADS "
+        "says, or 1)",
+    )
 
 
 def _add_outputs(replay: argparse.ArgumentParser) -> None:
@@ -179,6 +187,13 @@ def _add_checkpoints(replay: argparse.ArgumentParser) -> None:
         metavar="DAYS",
         help="compute so many days, keep a checkpoint, and stop without writing the outputs",
     )
+
+
+def _threads(text: str) -> int:
+    number = _positive(text)
+    if number > MOST_THREADS:
+        raise argparse.ArgumentTypeError(f"expected at most {MOST_THREADS}, got {text!r}")
+    return number
 
 
 def _positive(text: str) -> int:

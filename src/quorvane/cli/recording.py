@@ -18,15 +18,24 @@ class Recorder(Protocol):
     """Keeps something of each day in named arrays, which a checkpoint can store and refill."""
 
     @property
+    def sees_each_day(self) -> bool:
+        """Whether it looks at the rotation, as each day has left it."""
+
+    @property
     def arrays(self) -> dict[str, NDArray[Any]]:
         """The arrays by name, each with one row per day."""
 
     def record(self, day: int, output: FloatArray) -> None:
-        """Keep what is wanted of the day that was just computed."""
+        """Keep what is wanted of the days that were just computed.
+
+        A row of ``output`` is one of them; the first is ``day``.
+        """
 
 
 class OutputRecorder:
     """The instrument-space output, one row per day."""
+
+    sees_each_day = False
 
     def __init__(self, days: int, instruments: int) -> None:
         self.output = np.full((days, instruments), np.nan)
@@ -37,12 +46,14 @@ class OutputRecorder:
         return {"output": self.output}
 
     def record(self, day: int, output: FloatArray) -> None:
-        """Keep the day's output."""
-        self.output[day] = output
+        """Keep the days' outputs."""
+        self.output[day : day + len(output)] = output
 
 
 class StructureRecorder:
     """What entered and what left the child chain, for some of the structures."""
+
+    sees_each_day = True
 
     def __init__(self, rotation: FixedBaskets, baskets: Sequence[int], days: int) -> None:
         self._rotation = rotation

@@ -215,6 +215,14 @@ def _replay(run: Run, checkpoint: Checkpoint | None, first_day: int, stop: StopR
             checkpoint.save(day)
         return stopping
 
+    def days_before_stop(day: int) -> int:
+        ends: list[int] = [run.inputs.shape[0]]
+        if options.stop_after is not None:
+            ends.append(first_day + options.stop_after)
+        if checkpoint is not None:
+            ends.append(checkpoint.saved_days + options.checkpoint_every)
+        return max(min(ends) - day, 1)
+
     progress = replay(
         run.rotation,
         run.inputs,
@@ -222,6 +230,8 @@ def _replay(run: Run, checkpoint: Checkpoint | None, first_day: int, stop: StopR
         first_day=first_day,
         show_progress=not options.quiet,
         stop_before=stop_before,
+        days_before_stop=days_before_stop,
+        threads=options.threads,
     )
     if checkpoint is not None and progress.next_day > checkpoint.saved_days:
         checkpoint.save(progress.next_day)

@@ -23,6 +23,8 @@ TRACE_ENDINGS = (".npz", ".jsonl")
 class TraceRecorder:
     """A trace sink that keeps of each record what changes from day to day."""
 
+    sees_each_day = True
+
     def __init__(self, days: int, slots: int) -> None:
         self.active = np.zeros((days, slots), dtype=np.bool_)
         self.txi_input = np.full((days, slots), np.nan)
