@@ -26,6 +26,7 @@ from daybench import (  # noqa: E402
     batch,
     fixed_cost,
     garbage,
+    histories,
     kernels,
     machine,
     memory,
@@ -42,7 +43,9 @@ from daybench import (  # noqa: E402
 from daybench.peers import PeerAbsent  # noqa: E402
 from daybench.timing import CLOCKS, Settings  # noqa: E402
 
-GROUPS = ["module", "fixed", "day", "styles", "variations", "kernels", "batch", "memory"]
+GROUPS = [
+    "module", "fixed", "day", "styles", "variations", "kernels", "batch", "histories", "memory",
+]  # fmt: skip
 _VARIED = [variations, sparse_days, snapshots, garbage]
 
 
@@ -93,6 +96,8 @@ def _measure(group, options, settings):
         return kernels.run(_chosen(kernels.SIZES, options), settings)
     if group == "batch":
         return batch.run(settings, days=1_000 if options.quick else batch.DAYS)
+    if group == "histories":
+        return histories.run(_chosen(histories.CASES, options), settings)
     return memory.run(growth_days=10_000 if options.quick else memory.GROWTH_DAYS)
 
 
@@ -111,7 +116,9 @@ def _settings(options):
 
 
 def _parse():
-    parts = (module_alone.CASES, module_alone.VARIANTS, ours.BASKETS, styles.CASES)
+    parts = (
+        module_alone.CASES, module_alone.VARIANTS, ours.BASKETS, styles.CASES, histories.CASES,
+    )  # fmt: skip
     known = [name for cases in (*parts, *(part.CASES for part in _VARIED)) for name in cases]
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter

@@ -28,6 +28,7 @@ def cases():
     for name in ("100", "10k"):
         yield f"whole day {name}", _whole_day(*ours.BASKETS[name], days=50 if name == "100" else 3)
     yield "batch, identity", _batch()
+    yield "history, two children", _history(*ours.BASKETS["100"], days=600)
     for name, child in ours.children(10_000).items():
         yield f"kernel {name} 10k", Counted(_over(child, ours.rows(10_000)), 10_000, 8)
 
@@ -64,6 +65,14 @@ def _whole_day(structures, instruments, days):
 def _batch():
     replay = batch.replay("native", "none", np.ones((40, batch.INSTRUMENTS)))
     return Counted(_times(replay), 40 * batch.PAIRS, 2)
+
+
+def _history(structures, instruments, days):
+    made = ours.baskets(structures, instruments, dead=False)
+    matrix = np.resize(np.array(made.inputs), (days, instruments))
+    history = _over(made.rotation.batch_reference, [matrix])
+    history(1)
+    return Counted(history, days * structures, 2)
 
 
 def _times(action):
