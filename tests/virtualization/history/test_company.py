@@ -53,7 +53,7 @@ def test_a_signal_ends_a_history_after_a_whole_number_of_days(long_matrix, threa
     rotation = rotation_of()
     before = signal.signal(signal.SIGALRM, interrupt)
     try:
-        signal.setitimer(signal.ITIMER_REAL, 0.1)
+        signal.setitimer(signal.ITIMER_REAL, 0.01)
         with pytest.raises(Interrupted):
             replay_history(rotation, long_matrix, threads=threads)
     finally:
