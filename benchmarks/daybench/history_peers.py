@@ -40,16 +40,26 @@ class Products:
         return output
 
 
+def bottleneck_ranks():
+    """What gives each average's rank of its day, as a fraction of those that are there."""
+    nanrankdata = load("bottleneck").nanrankdata
+
+    def fractional_ranks(averages):
+        present = np.count_nonzero(~np.isnan(averages), axis=1)
+        return nanrankdata(averages, axis=1) / present[:, np.newaxis]
+
+    return fractional_ranks
+
+
 def by_numpy(all_legs, inputs):
     """A loop over the days for the average, bottleneck's ranks of all days at once."""
-    nanrankdata = load("bottleneck").nanrankdata
+    fractional_ranks = bottleneck_ranks()
     products = Products(all_legs, inputs.shape[1])
 
     def history():
         ewma = EwmaByHand(WINDOW, len(all_legs))
         averages = np.array([ewma(row) for row in products.there(inputs)])
-        present = np.count_nonzero(~np.isnan(averages), axis=1)
-        return products.back(nanrankdata(averages, axis=1) / present[:, np.newaxis])
+        return products.back(fractional_ranks(averages))
 
     return history
 
@@ -70,15 +80,14 @@ def by_pandas(all_legs, inputs):
 def by_numbagg(all_legs, inputs):
     """numbagg's average of all days at once, bottleneck's ranks."""
     move_exp_nanmean = load("numbagg", "move_exp_nanmean")
-    nanrankdata = load("bottleneck").nanrankdata
+    fractional_ranks = bottleneck_ranks()
     products = Products(all_legs, inputs.shape[1])
     alpha = 2.0 / (WINDOW + 1.0)
 
     def history():
         values = np.ascontiguousarray(products.there(inputs).T)
         averages = move_exp_nanmean(values, alpha=alpha, min_weight=0.0).T
-        present = np.count_nonzero(~np.isnan(averages), axis=1)
-        return products.back(nanrankdata(averages, axis=1) / present[:, np.newaxis])
+        return products.back(fractional_ranks(averages))
 
     return history
 

@@ -6,6 +6,7 @@
 #include "capi/names.hpp"
 #include "capi/numpy.hpp"
 #include "rotations/history_offers.hpp"
+#include "rotations/parent_day.hpp"
 
 namespace quorvane::planned {
 
@@ -43,14 +44,6 @@ private:
     PyObject* module_;  // borrowed: the module owns this state
 };
 
-// The day that the caller's context names, 0 without one.
-Ref day_index(const State& state, PyObject* self) {
-    const Ref context = attr(self, state.current_parent_context);
-    if (capi::is_none(context.get())) return capi::make_int(0);
-    const Ref index = capi::optional_attr(context.get(), state.current_day_index);
-    return index ? capi::to_int(index.get()) : capi::make_int(0);
-}
-
 [[noreturn]] void raise_too_early(const State& state, PyObject* self, PyObject* day) {
     capi::Message()
         .value(attr(self, state.name))
@@ -62,7 +55,8 @@ Ref day_index(const State& state, PyObject* self) {
 
 // The columns of a plan that hold on the day: the last ones that begin on it or before.
 Ref planned_columns(const State& state, PyObject* self, PyObject* plan) {
-    const Ref day = day_index(state, self);
+    const Ref context = attr(self, state.current_parent_context);
+    const Ref day = rotations::day_index_of(context.get(), state.current_day_index);
     for (Py_ssize_t i = PyTuple_GET_SIZE(plan) - 1; i >= 0; --i) {
         const capi::Pair entry = capi::unpack_pair(PyTuple_GET_ITEM(plan, i));
         if (capi::compare(entry.first.get(), day.get(), Py_LE)) return entry.second.share();

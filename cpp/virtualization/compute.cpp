@@ -4,8 +4,8 @@
 #include <limits>
 
 #include "capi/array_view.hpp"
+#include "rotations/parent_day.hpp"
 #include "virtualization/fast/recording.hpp"
-#include "virtualization/parent_day.hpp"
 
 namespace quorvane::virtualization {
 
@@ -89,7 +89,7 @@ void run_children(const State& state, PyObject* self, Variables& variables) {
     const Names& names = state.names;
     variables.parent_context = attr(self, names.current_parent_context);
     PyObject* parent_context = variables.parent_context.get();
-    const Ref day_index = day_index_of(state, parent_context);
+    const Ref day_index = rotations::day_index_of(parent_context, names.current_day_index);
     variables.child_context =
         call_method(self, names.make_child_context, parent_context, day_index.get());
     const Method run_chain = Method::of(self, names.run_child_chain);

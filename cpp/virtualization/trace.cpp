@@ -1,7 +1,7 @@
 #include "virtualization/trace.hpp"
 
+#include "rotations/parent_day.hpp"
 #include "virtualization/fast/arrays.hpp"
-#include "virtualization/parent_day.hpp"
 
 namespace quorvane::virtualization {
 
@@ -52,7 +52,7 @@ Ref record_trace(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     if (capi::is_none(attr(self, names.trace_sink).get())) return capi::none();
     const Ref parent_context = attr(self, names.current_parent_context);
-    const Ref day_index = day_index_of(state, parent_context.get());
+    const Ref day_index = rotations::day_index_of(parent_context.get(), names.current_day_index);
     const Ref record = make_record(state, self, values[1], values[2], day_index);
     const Ref sink = attr(self, names.trace_sink);
     call_method(sink.get(), names.append, record.get());

@@ -3,15 +3,11 @@
 #include "kernels/nan_mask.hpp"
 #include "rotations/arguments.hpp"
 #include "rotations/buffers.hpp"
+#include "rotations/parent_day.hpp"
 
 namespace quorvane::rotations::boilerplate {
 
 namespace {
-
-Ref day_index(const State& state, PyObject* context) {
-    const Ref index = capi::optional_attr(context, state.names.current_day_index);
-    return index ? capi::to_int(index.get()) : state.zero.share();
-}
 
 // Whether the mask has a single axis; nested lists, for example, become an array first.
 bool is_one_row(const State& state, Ref& mask) {
@@ -27,7 +23,7 @@ bool is_one_row(const State& state, Ref& mask) {
 
 Ref row_of_day(const State& state, PyObject* context, Ref mask) {
     if (is_one_row(state, mask)) return mask;
-    return capi::item(mask.get(), day_index(state, context).get());
+    return capi::item(mask.get(), day_index_of(context, state.names.current_day_index).get());
 }
 
 // The row as contiguous bytes: itself where it is that already.

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 
+#include "kernels/nan_mask.hpp"
 #include "virtualization/call.hpp"
 #include "virtualization/child_chain.hpp"
 #include "virtualization/compute.hpp"
@@ -100,11 +101,8 @@ bool are_finite(std::span<const double> numbers) {
 
 bool is_all_ones(PyObject* row, Py_ssize_t width) {
     const auto mask = capi::readable_mask(row);
-    if (!mask || mask.size() < width) return false;
-    for (Py_ssize_t i = 0; i < width; ++i) {
-        if (mask[i] == 0) return false;
-    }
-    return true;
+    return mask && mask.contiguous() && mask.size() >= width &&
+           !kernels::any_left_out(mask.span().first(static_cast<std::size_t>(width)));
 }
 
 }  // namespace

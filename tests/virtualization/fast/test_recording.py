@@ -403,6 +403,18 @@ def an_odd_row(rotation):
     rotation._txi_input = rotation._txi_input.tolist()
 
 
+def record_four_days(side, log):
+    """The end and the tables of each of four days, as they come, into the log."""
+    rotation = side.rotation
+    for _ in range(4):
+        rotation.report = [in_tuples(i) for i in range(4)]
+        ending = days.outcome(
+            rotation.compute, (np.ones(N),), side.masks, side.combined, np.ones(N), N
+        )
+        kept = {name: value for name, value in vars(rotation).items() if name in TABLES}
+        log.append((ending[:2], days.freeze(kept)))
+
+
 @pytest.mark.parametrize("step", STEPS)
 @pytest.mark.parametrize("act", [*BETWEEN, an_odd_table, an_odd_row])
 def test_what_a_step_does_besides_counts_for_the_steps_after_it(modules, act, step):
@@ -417,13 +429,7 @@ def test_what_a_step_does_besides_counts_for_the_steps_after_it(modules, act, st
             return getattr(super(type(rotation), self), step)(argument, *masks)
 
         setattr(type(rotation), step, method)
-        for _ in range(4):
-            rotation.report = [in_tuples(i) for i in range(4)]
-            ending = days.outcome(
-                rotation.compute, (np.ones(N),), side.masks, side.combined, np.ones(N), N
-            )
-            kept = {name: value for name, value in vars(rotation).items() if name in TABLES}
-            log.append((ending[:2], days.freeze(kept)))
+        record_four_days(side, log)
         return log
 
     native, twin = modules
@@ -471,13 +477,7 @@ def test_what_goes_with_the_item_before_counts_for_the_next(modules, act):
             return super(type(rotation), self)._structure_is_valid(structure, *masks)
 
         type(rotation)._structure_is_valid = judge
-        for _ in range(4):
-            rotation.report = [in_tuples(i) for i in range(4)]
-            ending = days.outcome(
-                rotation.compute, (np.ones(N),), side.masks, side.combined, np.ones(N), N
-            )
-            kept = {name: value for name, value in vars(rotation).items() if name in TABLES}
-            log.append((ending[:2], days.freeze(kept)))
+        record_four_days(side, log)
         return log
 
     native, twin = modules
