@@ -288,8 +288,13 @@ def history():
 def history_of_threads_with_a_universe():
     rotation, values, mask = ready_made(), np.ones((40, N)), np.ones(N, dtype=bool)
     mask[0] = False
+
+    # Made beforehand: Python 3.12 crashes by itself where it cannot make a function.
+    def progress(done, days):
+        pass
+
     return lambda: replay_history(
-        rotation, values, universe_mask=mask, threads=3, progress=lambda done, days: None
+        rotation, values, universe_mask=mask, threads=3, progress=progress
     )
 
 
