@@ -22,7 +22,8 @@ REPEATS = int(
     os.environ.get("QUORVANE_REPEATS", "1000" if os.environ.get("QUORVANE_LONG") else "400")
 )
 WARM_UPS = 3
-ROUNDS = 3
+# What others let go of meanwhile shows in a round or two; of few repeats there are more rounds.
+ROUNDS = max(3, 12 // REPEATS)
 # Readings and caches take a few blocks, and each of the interpreter's free lists up to 80, filled
 # little by little; a leak takes one in every repeat at least.
 FEW = REPEATS // 4
