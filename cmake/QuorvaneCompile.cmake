@@ -38,7 +38,8 @@ if(QUORVANE_SANITIZE)
 endif()
 
 if(QUORVANE_COVERAGE)
-    target_compile_options(quorvane_flags INTERFACE --coverage)
+    # Histories count in several threads at once.
+    target_compile_options(quorvane_flags INTERFACE --coverage -fprofile-update=atomic)
     target_link_options(quorvane_flags INTERFACE --coverage)
 endif()
 

@@ -22,11 +22,23 @@ inline constexpr const char* planned_values_offer = "quorvane.planned_values.1";
 // A child rotation's compute. The content is a ChildOpener.
 inline constexpr const char* child_offer = "quorvane.child.1";
 
+class HistoryChild;
+
+// A child that takes part already and stands earlier in the chain.
+struct ChildBefore {
+    PyObject* object;
+    HistoryChild* child;
+};
+
 // What a history asks of a child.
 struct ChildRequest {
     PyObject* child;
     std::size_t slots;
     std::size_t workers;
+    // A block has so many days at most, with rows so far apart.
+    std::size_t most_days;
+    std::size_t stride;
+    std::span<const ChildBefore> before;
     // Memory that the history reads: no buffer of the child's may lie in it.
     std::span<const std::span<const char>> inputs;
 };

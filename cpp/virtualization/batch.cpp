@@ -66,6 +66,11 @@ Ref replay_day(const State& state, PyObject* self, PyObject* arrays, PyObject* d
         .call(stack.data(), rows.size(), state.context_keyword.get());
 }
 
+// What left the children today, for the caller to keep.
+Ref row_of_slots(const State& state, PyObject* self) {
+    return copy_as_float64(state, [&] { return attr(self, state.names.txi_output); });
+}
+
 Ref batch_reference(State& state, PyObject* const* values) {
     PyObject* self = values[0];
     const Ref arrays = as_float64_matrices(state, values[1]);
@@ -77,7 +82,7 @@ Ref batch_reference(State& state, PyObject* const* values) {
     const Ref range = call(reinterpret_cast<PyObject*>(&PyRange_Type), shown_days.get());
     const auto days = static_cast<std::size_t>(capi::length(range.get()));
     const BatchOptions options = options_of(state, values[2]);
-    BatchHistory history(state, self, arrays.get(), universe.given(), options.workers);
+    BatchHistory history(state, self, arrays.get(), universe.given(), options);
     BatchOutputs outputs(static_cast<Py_ssize_t>(days));
     ProgressReport report(options.progress, days);
     Ref context;  // yesterday's lives until today's is there
@@ -85,7 +90,14 @@ Ref batch_reference(State& state, PyObject* const* values) {
         if (next > 0) next = history.advance(next, outputs);
         const Ref day = capi::make_int(static_cast<Py_ssize_t>(next));
         context = context_of(state, universe.of_day(), day.get());
-        const Ref output = replay_day(state, self, arrays.get(), day.get(), context.get());
+        Ref output;
+        try {
+            output = replay_day(state, self, arrays.get(), day.get(), context.get());
+        } catch (const capi::PythonError&) {
+            report.tell_before_failure(next);
+            throw;
+        }
+        if (options.ends_with_children) output = row_of_slots(state, self);
         outputs.append(state, output.get());
         require(PyErr_CheckSignals());
         report.tell(next + 1);

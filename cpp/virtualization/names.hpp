@@ -90,6 +90,7 @@ struct Names {
     Interned has_history_options{"_has_history_options"};
     Interned threads{"threads"};
     Interned progress{"progress"};
+    Interned ends_with_children{"ends_with_children"};
 
     // Keys of trace records and state dictionaries.
     Interned day_index{"day_index"};

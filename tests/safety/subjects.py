@@ -17,6 +17,7 @@ from quorvane.functions.rotations.latitudinal.rank import Rank
 from quorvane.functions.rotations.longitudinal.ewma import Ewma
 from quorvane.functions.rotations.numerical.transcendental import Transcendental
 from quorvane.functions.rotations.virtualization import base
+from quorvane.functions.rotations.virtualization.attendance import Attendance, Gate
 from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
 from quorvane.functions.rotations.virtualization.history import replay_history
@@ -173,6 +174,20 @@ def make_transcendental():
     return Transcendental(function="tanh", N_alloc=N)
 
 
+# NumPy's own np.ones leaks a reference to its dtype.
+ONES = np.ones(N)
+
+
+def make_attendance():
+    return Attendance(1, N_alloc=N)
+
+
+def make_gate():
+    attendance = make_attendance()
+    attendance(ONES)
+    return Gate(attendance, N_alloc=N)
+
+
 MAKERS = {
     "virtualization": Baskets,
     "virtualization with equal split": lambda: Baskets(
@@ -183,6 +198,8 @@ MAKERS = {
     "zscore": lambda: ZScore(N_alloc=N),
     "rank": lambda: Rank(N_alloc=N),
     "transcendental": make_transcendental,
+    "attendance": make_attendance,
+    "gate": make_gate,
 }
 
 
@@ -298,6 +315,19 @@ def history_of_threads_with_a_universe():
     )
 
 
+def history_with_gates():
+    attendance = make_attendance()
+    children = [attendance, make_ewma(), Gate(attendance, N_alloc=N), Rank(N_alloc=N)]
+    names = [f"i{column}" for column in range(N)]
+    pairs = {f"p{i}": {names[i]: 1.0, names[(i + 1) % N]: -1.0} for i in range(N)}
+    rotation = FixedBaskets(
+        pairs, names, transformation_expression="none", child_rotations=children
+    )
+    values = np.ones((40, N))
+    values[::3, ::2] = np.nan
+    return lambda: (replay_history(rotation, values, level="structure"), children[1].forget([0]))
+
+
 def unmap_step_by_step_of_a_history():
     """Every product underflows, of which NumPy may warn: days are computed one by one."""
     names = [f"i{column}" for column in range(N)]
@@ -394,6 +424,7 @@ VIRTUALIZATION = [
     batch_reference_with_context,
     history,
     history_of_threads_with_a_universe,
+    history_with_gates,
     unmap_step_by_step_of_a_history,
     set_state_of_lists,
     new_structures_every_day,
@@ -611,6 +642,10 @@ rejected_arguments(ValueError, Baskets, unmap_policy="other")
 rejected_arguments(TypeError, Baskets, child_rotations=3)
 rejected_arguments(TypeError, Baskets, child_factories=[3])
 rejected_arguments(TypeError, Ewma)
+rejected_arguments(TypeError, Attendance, hold=1.5, N_alloc=N)
+rejected_arguments(ValueError, Attendance, hold=-(10**400), N_alloc=N)
+rejected_arguments(TypeError, Attendance, hold=1)
+rejected_arguments(TypeError, Gate)
 rejected_arguments(TypeError, Rank, other=1)
 rejected_arguments(TypeError, Transcendental, function=3)
 rejected_arguments(ValueError, Transcendental, function="nothing")
@@ -1029,6 +1064,32 @@ for _make in (Baskets, Copied, Ewma):
                 used(make_ewma if make is Ewma else make)
             ),
         )
+
+
+@failing(IndexError)
+def slot_that_is_not_there_to_be_forgotten():
+    ewma = used(make_ewma)
+    return lambda: ewma.forget([0, N])
+
+
+@failing(TypeError)
+def slots_that_are_no_numbers():
+    ewma = used(make_ewma)
+    return lambda: ewma.forget(["x"])
+
+
+@failing(ValueError)
+def attendance_without_room():
+    attendance = used(make_attendance)
+    attendance._silent_days = np.zeros(1)
+    return lambda: attendance(ONES)
+
+
+@failing(AttributeError)
+def gate_that_goes_by_nobody():
+    gate = used(make_gate)
+    gate.attendance = None
+    return lambda: gate(ONES)
 
 
 @failing(LookupError)

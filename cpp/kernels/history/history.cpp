@@ -107,7 +107,9 @@ private:
             });
             all.meet();
         }
-        attempt([&] { write_output(groups, worker); });
+        attempt([&] {
+            history_.ends_with_children ? copy_rows(groups) : write_output(groups, worker);
+        });
     }
 
     // Whoever fails still meets the others.
@@ -145,6 +147,14 @@ private:
         }
     }
 
+    void copy_rows(Part groups) {
+        const std::size_t slots = history_.slots;
+        double* out = history_.output + (day_ + groups.first * kDays) * slots;
+        for (std::size_t i = groups.first * kDays; i < groups.last * kDays; ++i, out += slots) {
+            std::copy_n(rows_.data() + i * stride_, slots, out);
+        }
+    }
+
     [[nodiscard]] double* row(std::size_t group, std::size_t day) noexcept {
         return rows_.data() + (group * kDays + day) * stride_;
     }
@@ -170,6 +180,10 @@ HistoryProgress run_history(const History& history, std::size_t first, std::size
         workers, [&](std::size_t members) { run.begin(members); },
         [&](std::size_t worker, MeetingPoint& all) { run.work(worker, all); });
     return run.progress();
+}
+
+BlockSize largest_block(std::size_t slots, std::size_t workers) {
+    return {groups_in_block(slots, workers) * kDays, round_up(slots, kDays)};
 }
 
 std::size_t history_memory(std::size_t instruments, std::size_t slots, std::size_t workers) {

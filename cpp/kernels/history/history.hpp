@@ -19,6 +19,8 @@ struct History {
     std::span<BlockKernel* const> children;
     std::size_t slots;  // the structures' are rounded up to whole vectors
     double* output;     // a row of all instruments per day
+    // What left the children instead, before it goes back: a row of all slots per day.
+    bool ends_with_children = false;
 };
 
 // How far a history came.
@@ -32,6 +34,12 @@ struct HistoryProgress {
 // warn, or memory runs out; the children are then as if those days had never been tried.
 HistoryProgress run_history(const History& history, std::size_t first, std::size_t last,
                             std::size_t workers, std::chrono::steady_clock::time_point end);
+
+// The largest block that a history hands to its children.
+struct BlockSize {
+    std::size_t days, stride;
+};
+BlockSize largest_block(std::size_t slots, std::size_t workers);
 
 // The bytes that it needs for itself, apart from what the children have.
 std::size_t history_memory(std::size_t instruments, std::size_t slots, std::size_t workers);

@@ -135,7 +135,8 @@ void State::execute() {
         builder.property(stateful_def)
             .method(get_state_def)
             .method(set_state_def)
-            .method(resize_def);
+            .method(resize_def)
+            .method(forget_def);
     });
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <vector>
 
 #include "kernels/ewma.hpp"
 #include "rotations/arguments.hpp"
@@ -41,6 +42,7 @@ bool has_room(const Memory& memory, Py_ssize_t N) {
 
 constexpr capi::Parameter self_only[] = {positional("self")};
 constexpr capi::Parameter state_parameters[] = {positional("self"), positional("state")};
+constexpr capi::Parameter forget_parameters[] = {positional("self"), positional("slots")};
 constexpr capi::Parameter resize_parameters[] = {positional("self"), positional("new_N_alloc")};
 
 Ref stateful(State& /*state*/, PyObject* const* /*values*/) { return capi::to_bool(true); }
@@ -144,6 +146,44 @@ Ref resize(State& state, PyObject* const* values) {
     const Memory memory = resized(old, column_count("new_N_alloc", columns.get()));
     capi::call(state.super_attr(self, state.resize).get(), values[1]);
     set_memory(state, self, memory);
+    return capi::none();
+}
+
+// The numbers of the slots; IndexError before anything changes.
+std::vector<Py_ssize_t> slots_of(const State& state, PyObject* self, PyObject* slots,
+                                 Py_ssize_t columns) {
+    std::vector<Py_ssize_t> numbers;
+    capi::Iteration given(slots);
+    while (const Ref slot = given.next()) {
+        const Py_ssize_t number = PyNumber_AsSsize_t(slot.get(), PyExc_IndexError);
+        if (number == -1 && PyErr_Occurred() != nullptr) throw capi::PythonError();
+        if (number < 0 || number >= columns) {
+            message_of(state, self)
+                .text("slots must be from 0 to ")
+                .value(capi::make_int(columns - 1))
+                .text(", got ")
+                .repr(slot.get())
+                .raise(PyExc_IndexError);
+        }
+        numbers.push_back(number);
+    }
+    return numbers;
+}
+
+Ref forget(State& state, PyObject* const* values) {
+    PyObject* self = values[0];
+    const Memory seen = memory_of(state, self);
+    if (!is_usable(seen)) raise_unusable(state, self, 0);
+    const auto slots = slots_of(state, self, values[1], writable_doubles(seen.mean.get()).size());
+    // The slots' own code may have changed the arrays.
+    const Memory memory = memory_of(state, self);
+    for (const Py_ssize_t slot : slots) {
+        if (!has_room(memory, slot + 1)) raise_unusable(state, self, slot + 1);
+        const auto place = static_cast<std::size_t>(slot);
+        writable_doubles(memory.mean.get()).span()[place] =
+            std::numeric_limits<double>::quiet_NaN();
+        writable_doubles(memory.weight.get()).span()[place] = 1.0;
+    }
     return capi::none();
 }
 
@@ -260,6 +300,20 @@ ValueError
     When it is not positive, or no array could have so many columns.
 MemoryError
     When there is no room for them. Nothing changes then.
+)"};
+
+const capi::FunctionDef forget_def{"forget", forget_parameters, capi::body_of<State, forget>,
+                                   R"(Make columns such as have seen nothing; the others stay.
+
+Parameters
+----------
+slots : iterable of int
+    Their numbers.
+
+Raises
+------
+IndexError
+    When one is not from 0 to the number of columns. Nothing changes.
 )"};
 
 }  // namespace quorvane::rotations::ewma

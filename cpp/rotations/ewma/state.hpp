@@ -57,5 +57,6 @@ extern const capi::FunctionDef stateful_def;
 extern const capi::FunctionDef get_state_def;
 extern const capi::FunctionDef set_state_def;
 extern const capi::FunctionDef resize_def;
+extern const capi::FunctionDef forget_def;
 
 }  // namespace quorvane::rotations::ewma

@@ -33,17 +33,18 @@ private:
 }  // namespace
 
 BatchHistory::BatchHistory(const State& state, PyObject* self, PyObject* arrays, PyObject* universe,
-                           std::size_t workers)
+                           const BatchOptions& options)
     : state_(state),
       self_(Ref::borrow(self)),
       input_(BatchInput::of(arrays, universe)),
-      workers_(workers) {}
+      workers_(options.workers),
+      ends_with_children_(options.ends_with_children) {}
 
 // Null where there is no room for all outputs at once: days by themselves may end before they need
 // it.
-double* BatchHistory::place_in(BatchOutputs& outputs) {
+double* BatchHistory::place_in(BatchOutputs& outputs, std::size_t width) {
     try {
-        return outputs.place_of_rows(static_cast<Py_ssize_t>(input_->numbers().instruments));
+        return outputs.place_of_rows(static_cast<Py_ssize_t>(width));
     } catch (const capi::PythonError&) {
         if (PyErr_ExceptionMatches(PyExc_MemoryError) == 0) throw;
         PyErr_Clear();
@@ -64,9 +65,10 @@ std::size_t BatchHistory::compute(std::size_t day, BatchOutputs& outputs) {
     // The last day is left: what it leaves behind is all that the days leave behind.
     const std::size_t end = std::min(planned->end(), input_->days() - 1);
     if (end < day + kernels::kDays) return day;
-    double* place = place_in(outputs);
+    double* place =
+        place_in(outputs, ends_with_children_ ? planned->slots() : input_->numbers().instruments);
     if (place == nullptr) return day;
-    const kernels::History history = planned->history(place);
+    const kernels::History history = planned->history(place, ends_with_children_);
     kernels::HistoryProgress progress{day, 0};
     try {
         const ReleasedLock released;

@@ -11,14 +11,16 @@ namespace quorvane::virtualization {
 struct BatchOptions {
     std::size_t workers = 1;
     Ref progress;  // empty or callable
+    // The outputs are what left the children, by slot, instead of what came back.
+    bool ends_with_children = false;
 };
 
 // Of any context but those of replay_history, and without one, the options are those of the
 // environment. ValueError when a number of threads is no whole number from 1 to 256.
 BatchOptions options_of(const State& state, PyObject* context);
 
-// Tells a callable how many days of how many are done, at most twenty times a second and once at
-// the end.
+// Tells a callable how many days of how many are done, at most twenty times a second, once at the
+// end, and before the error of a day.
 class ProgressReport {
 public:
     ProgressReport(const Ref& callback, std::size_t days)
@@ -26,8 +28,13 @@ public:
 
     void tell(std::size_t done);
 
+    // The same when the day after them failed, whose error stays.
+    void tell_before_failure(std::size_t done) noexcept;
+
 private:
     using Clock = std::chrono::steady_clock;
+
+    void tell_now(std::size_t done) const;
 
     Ref callback_;
     std::size_t days_;

@@ -215,6 +215,8 @@ bool PlannedDays::take_children(const BatchInput& input) {
     };
     while (workers_ > 1 && !fits()) --workers_;
     if (!fits()) return false;
+    const kernels::BlockSize size = kernels::largest_block(slots, workers_);
+    std::vector<rotations::ChildBefore> before;
     for (std::size_t i = 0; i < count; ++i) {
         PyObject* child = PyList_GET_ITEM(child_list_.get(), static_cast<Py_ssize_t>(i));
         if (std::ranges::any_of(child_objects_,
@@ -226,8 +228,10 @@ bool PlannedDays::take_children(const BatchInput& input) {
             _PyType_Lookup(Py_TYPE(child), state_.names.compute), rotations::child_offer);
         if (!offer) return false;
         const auto open = *static_cast<const rotations::ChildOpener*>(offer.content);
-        auto taken = open(offer.state, {child, slots, workers_, input.extents()});
+        auto taken = open(
+            offer.state, {child, slots, workers_, size.days, size.stride, before, input.extents()});
         if (!taken) return false;
+        before.push_back({child, taken.get()});
         kernels_.push_back(&taken->kernel());
         children_.push_back(std::move(taken));
     }
@@ -263,10 +267,8 @@ void PlannedDays::lay_out() {
                                                         input_.instruments, equal_split_);
 }
 
-kernels::History PlannedDays::history(double* output) const {
-    return {
-        input_, structures_, *legs_, kernels_, static_cast<std::size_t>(guard_.max_structures()),
-        output};
+kernels::History PlannedDays::history(double* output, bool ends_with_children) const {
+    return {input_, structures_, *legs_, kernels_, slots(), output, ends_with_children};
 }
 
 bool PlannedDays::hold() {

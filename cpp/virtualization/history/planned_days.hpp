@@ -35,7 +35,11 @@ public:
     // As many threads as were asked for, or as there is memory for.
     [[nodiscard]] std::size_t workers() const noexcept { return workers_; }
 
-    [[nodiscard]] kernels::History history(double* output) const;
+    [[nodiscard]] std::size_t slots() const noexcept {
+        return static_cast<std::size_t>(guard_.max_structures());
+    }
+
+    [[nodiscard]] kernels::History history(double* output, bool ends_with_children) const;
 
     // Whether all is as it was when this was made, after the interpreter ran other threads.
     [[nodiscard]] bool hold();

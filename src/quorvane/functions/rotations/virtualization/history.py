@@ -5,7 +5,7 @@ from __future__ import annotations
 import operator
 from collections.abc import Callable
 from dataclasses import dataclass
-from typing import ClassVar
+from typing import ClassVar, Literal, get_args
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -13,6 +13,8 @@ from numpy.typing import ArrayLike, NDArray
 from quorvane.functions.rotations.virtualization.base import VirtualizationBase
 
 MOST_THREADS = 256
+
+Level = Literal["instrument", "structure"]
 
 
 @dataclass(frozen=True)
@@ -24,6 +26,7 @@ class _HistoryContext:
     universe_mask: NDArray[np.uint8] | NDArray[np.bool_] | None
     threads: int | None
     progress: Callable[[int, int], object] | None
+    ends_with_children: bool
 
 
 def replay_history(
@@ -32,6 +35,7 @@ def replay_history(
     universe_mask: ArrayLike | None = None,
     threads: int | None = None,
     progress: Callable[[int, int], object] | None = None,
+    level: Level = "instrument",
 ) -> NDArray[np.float64]:
     """Compute a whole history: ``rotation.batch_reference`` with options.
 
@@ -52,12 +56,15 @@ def replay_history(
         From 1 to 256. By default what the environment variable ``QUORVANE_NUM_THREADS`` says, and 1
         where it says nothing.
     progress:
-        Called as ``progress(days_done, days)`` at most twenty times a second, and at the end. What
-        it raises ends the history after a whole number of days.
+        Called as ``progress(days_done, days)`` at most twenty times a second, at the end, and
+        before the error of a day. What it raises ends the history after a whole number of days.
+    level:
+        ``"instrument"`` for the outputs, ``"structure"`` for what left the children, before it goes
+        back onto the instruments: a column per slot.
 
     Returns
     -------
-    ndarray of float64, shape (T, N)
+    ndarray of float64, shape (T, N) or (T, max_structures)
         The days' outputs.
 
     Raises
@@ -65,8 +72,10 @@ def replay_history(
     TypeError
         ``threads`` is not an int, or ``progress`` cannot be called.
     ValueError
-        ``threads`` is out of range, or there is no matrix.
+        ``threads`` is out of range, ``level`` is neither of the two, or there is no matrix.
     """
+    if level not in get_args(Level):
+        raise ValueError(f"level must be one of {', '.join(get_args(Level))}, got {level!r}")
     if threads is not None:
         if isinstance(threads, bool) or not hasattr(threads, "__index__"):
             raise TypeError(f"threads must be an int or None, got {threads!r}")
@@ -74,7 +83,7 @@ def replay_history(
     if progress is not None and not callable(progress):
         raise TypeError(f"progress must be callable or None, got {progress!r}")
     mask = None if universe_mask is None else _as_mask(universe_mask)
-    context = _HistoryContext(mask, threads, progress)
+    context = _HistoryContext(mask, threads, progress, level == "structure")
     return rotation.batch_reference(*matrices, context=context)
 
 
