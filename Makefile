@@ -86,7 +86,7 @@ COVERED = $(sort $(filter-out tests/fuzz/% tests/cli/% tests/stores/% tests/powe
     tests/safety/test_soak.py tests/safety/test_process_end.py tests/safety/test_objects_at_exit.py \
     tests/safety/test_interrupts.py tests/safety/test_forks.py tests/safety/test_import_at_exit.py \
     tests/test_trust_table.py tests/test_newest_python.py tests/test_instruction_gate.py \
-    tests/benchmarks/%, \
+    tests/benchmarks/% tests/baskets/% tests/tables/% tests/docs/%, \
     $(shell find tests -name 'test_*.py')))
 
 coverage: $(TEST_READY)
@@ -203,7 +203,7 @@ $(DEMO_READY): pyproject.toml | $(WHEEL_READY)
 
 $(TEST_READY): pyproject.toml | $(WHEEL_READY)
 	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[test,dev]"
-	$(PY) -m pip install -qq --no-deps skfolio
+	$(PY) -m pip install -qq --no-deps skfolio bokeh_sampledata
 	@touch $@
 
 # Each by itself: a Python may lack some, and none may replace the NumPy that is measured.

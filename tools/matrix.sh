@@ -91,8 +91,8 @@ install_extras() {
     # Of the many modules only some are imported: those are compiled then.
     "$venv/bin/python" -m pip install -q -U --no-compile --only-binary :all: "$1" \
         "$(companions_of "$1")" "$(echo "$build"/dist/*.whl)[test]" &&
-        # The prices of the demo, without what computes with them.
-        "$venv/bin/python" -m pip install -q --no-deps skfolio
+        # Prices of the demo and of tests, without what computes with them.
+        "$venv/bin/python" -m pip install -q --no-deps skfolio bokeh_sampledata
 }
 
 # The tests, or what is run in their place.

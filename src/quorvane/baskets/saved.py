@@ -1,0 +1,150 @@
+"""What is stored of baskets, and whether it fits those that are to go on with it."""
+
+from __future__ import annotations
+
+from typing import TYPE_CHECKING, Any
+
+import numpy as np
+
+from quorvane.baskets.chain import make_chain
+from quorvane.baskets.listing import Book
+from quorvane.baskets.standing import Standing
+from quorvane.tables import date_text
+
+if TYPE_CHECKING:
+    from quorvane.baskets.front import Baskets
+
+FORMAT = 1
+
+
+class StateMismatch(ValueError):
+    """What is stored is of other baskets, or of the same with other arguments."""
+
+
+def contents(baskets: Baskets) -> dict[str, Any]:
+    """What a store keeps."""
+    course = baskets._course
+    if course is None:
+        raise ValueError("there is nothing to save: no day was computed, and no baskets are known")
+    standing = baskets._standing
+    return {
+        "format": FORMAT,
+        "arguments": _arguments(baskets),
+        "capacity": course.rotation.max_structures,
+        "instruments": list(course.book.instruments),
+        "listings": _listings_until(course.book, standing.last_date),
+        "days": standing.days,
+        "last_date": _as_int(standing.last_date),
+        "is_utc": standing.is_utc,
+        "kind": standing.kind,
+        "rotation": course.rotation.get_state(),
+        "last_rows": course.rotation.last_rows(),
+    }
+
+
+def read(store: Any, name: str) -> Any:
+    """The stored contents; LookupError where there are none, the store's own error for damage."""
+    return store.load(name) if hasattr(store, "load") else _present(store.read(name), name)
+
+
+def restore(baskets: Baskets, stored: Any) -> None:
+    """Let the baskets go on from what was stored; StateMismatch, and nothing changes, otherwise."""
+    if not isinstance(stored, dict) or stored.get("format") != FORMAT:
+        raise StateMismatch(f"record format: this is not what save() writes in format {FORMAT}")
+    book = baskets._book
+    if baskets._is_open:
+        from quorvane.baskets.weights import single_book
+
+        book = single_book(stored["instruments"])
+    assert book is not None
+    own = _arguments(baskets)
+    theirs = stored["arguments"]
+    differences = [
+        f"{name}: {theirs.get(name)!r} stored, {own[name]!r} here"
+        for name in own
+        if theirs.get(name) != own[name]
+        # Another expression has other functions.
+        and (name != "functions" or theirs.get("expression") == own["expression"])
+    ]
+    differences += _differences_of_baskets(stored, book)
+    capacity = baskets._capacity_of(book)
+    if baskets._settings.capacity is None:
+        capacity = max(capacity, stored["capacity"])
+    elif stored["capacity"] != capacity:
+        differences.append(f"capacity: {stored['capacity']} stored, {capacity} here")
+    if differences:
+        raise StateMismatch("; ".join(differences))
+    _take_over(baskets, book, stored, capacity)
+
+
+def _arguments(baskets: Baskets) -> dict[str, Any]:
+    settings = baskets._settings
+    course = baskets._course
+    chain = (
+        make_chain(settings.expression, settings.hold, 1)
+        if course is None
+        else course.rotation.chain
+    )
+    return {
+        "expression": settings.expression,
+        "functions": [f"{type(f).__module__}.{type(f).__qualname__}" for f in chain.functions],
+        "hold": settings.hold,
+        "policy": settings.policy,
+        "labels": settings.labels,
+    }
+
+
+def _listings_until(book: Book, last: np.datetime64 | None) -> list[list[Any]]:
+    """The date and digest of each listing that a computed day can have met."""
+    if book.dates is None:
+        return [[None, book.listings[0].digest(book.instruments)]]
+    count = 0 if last is None else int(np.searchsorted(book.dates, last, side="right"))
+    return [
+        [_as_int(date), listing.digest(book.instruments)]
+        for date, listing in zip(book.dates[:count], book.listings[:count], strict=True)
+    ]
+
+
+def _differences_of_baskets(stored: dict[str, Any], book: Book) -> list[str]:
+    last = None if stored["last_date"] is None else np.datetime64(stored["last_date"], "ns")
+    own = _listings_until(book, last)
+    if [list(each) for each in stored["listings"]] != own:
+        pairs = zip(stored["listings"], own, strict=False)
+        first = next((b[0] for a, b in pairs if list(a) != b), None)
+        where = "" if first is None else f" from {date_text(np.datetime64(first, 'ns'))} on"
+        return [f"baskets: others are stored{where}"]
+    return []
+
+
+def _take_over(baskets: Baskets, book: Book, stored: dict[str, Any], capacity: int) -> None:
+    rotation = baskets._new_course(book).rotation.fresh(
+        capacity=stored["capacity"], instruments=len(stored["instruments"])
+    )
+    rotation.set_state(stored["rotation"])
+    rotation.show_last_rows(stored["last_rows"])
+    if capacity != stored["capacity"] or list(book.instruments) != stored["instruments"]:
+        # Instruments of later listings, which are no legs yet, may be others.
+        place = {name: i for i, name in enumerate(book.instruments)}
+        places = [place.get(name, -1) for name in stored["instruments"]]
+        rotation = rotation.in_room(capacity, len(book.instruments), places)
+    last = stored["last_date"]
+    baskets._continue(
+        book,
+        rotation,
+        Standing(
+            stored["days"],
+            None if last is None else np.datetime64(last, "ns"),
+            stored["is_utc"],
+            stored["kind"],
+        ),
+    )
+
+
+def _as_int(date: np.datetime64 | None) -> int | None:
+    return None if date is None else int(date.astype("datetime64[ns]").astype(np.int64))
+
+
+def _present(stored: Any, name: str) -> Any:
+    if stored is None:
+        raise LookupError(f"nothing is stored as {name!r}")
+    return stored

@@ -1,0 +1,95 @@
+"""What a user chooses besides the baskets, checked."""
+
+from __future__ import annotations
+
+import operator
+from collections.abc import Hashable, Iterable, Mapping
+from dataclasses import dataclass
+from typing import Any, Literal, cast, get_args
+
+Policy = Literal["proportional", "equal_split"]
+Labels = Mapping[str, Mapping[Hashable, Any]]
+
+
+@dataclass(frozen=True)
+class Settings:
+    """The arguments of `Baskets` other than the baskets.
+
+    Attributes
+    ----------
+    capacity : int or None
+        None for as many slots as there are baskets.
+    """
+
+    expression: str
+    policy: Policy
+    hold: int | None
+    labels: dict[str, dict[Hashable, Any]]
+    capacity: int | None
+    reclaim: bool
+    threads: int | None
+
+
+def settings_of(
+    expression: object,
+    *,
+    policy: object,
+    hold: object,
+    labels: Labels | None,
+    capacity: object,
+    reclaim: object,
+    threads: object,
+    baskets: Iterable[Hashable] | None,
+) -> Settings:
+    """The settings; TypeError or ValueError for what is none. ``baskets`` are those of labels."""
+    if not isinstance(expression, str):
+        raise TypeError(f"expression must be a str such as 'ewma(20);rank', got {expression!r}")
+    if policy not in get_args(Policy):
+        raise ValueError(f"policy must be one of {', '.join(get_args(Policy))}, got {policy!r}")
+    if not isinstance(reclaim, bool):
+        raise TypeError(f"reclaim must be a bool, got {reclaim!r}")
+    days = _none_or_whole("hold", hold, 0)
+    if reclaim and days is None:
+        raise ValueError("reclaim=True needs a hold: with hold=None no structure ever falls silent")
+    return Settings(
+        expression=expression,
+        policy=cast(Policy, policy),
+        hold=days,
+        labels=_checked_labels(labels, baskets),
+        capacity=_none_or_whole("capacity", capacity, 1),
+        reclaim=reclaim,
+        threads=_none_or_whole("threads", threads, 1),
+    )
+
+
+def whole_number(argument: str, value: Any, least: int, also: str = "") -> int:
+    """The value as an int of at least so much; TypeError or ValueError otherwise."""
+    if isinstance(value, bool) or not hasattr(value, "__index__"):
+        raise TypeError(f"{argument} must be {also}an int, got {value!r}")
+    number = operator.index(value)
+    if number < least:
+        raise ValueError(f"{argument} must be {also}at least {least}, got {number}")
+    return number
+
+
+def _none_or_whole(argument: str, value: Any, least: int) -> int | None:
+    return None if value is None else whole_number(argument, value, least, "None or ")
+
+
+def _checked_labels(
+    labels: Labels | None, baskets: Iterable[Hashable] | None
+) -> dict[str, dict[Hashable, Any]]:
+    if labels is None:
+        return {}
+    if not isinstance(labels, Mapping):
+        raise TypeError(f"labels must be a mapping {{name: {{basket: label}}}}, got {labels!r}")
+    known = None if baskets is None else set(baskets)
+    checked: dict[str, dict[Hashable, Any]] = {}
+    for name, of_basket in labels.items():
+        if not isinstance(of_basket, Mapping):
+            raise TypeError(f"labels: {name!r} must be a mapping {{basket: label}}")
+        unknown = [b for b in of_basket if known is not None and b not in known]
+        if unknown:
+            raise ValueError(f"labels: {name!r} names baskets that are not there: {unknown[:10]}")
+        checked[name] = dict(of_basket)
+    return checked
