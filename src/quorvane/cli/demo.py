@@ -4,15 +4,27 @@ from __future__ import annotations
 
 import argparse
 import importlib.metadata
+import time
 from collections.abc import Iterator, Sequence
 from itertools import combinations
 from pathlib import Path
 
-from quorvane.cli import main as quorvane
+import numpy as np
+from numpy.typing import NDArray
+
+import quorvane as qv
+from quorvane.cli import INTERRUPTED, summary
+from quorvane.cli.errors import CommandError
+from quorvane.cli.files import WholeOutputs
+from quorvane.cli.inputs import structure_input
+from quorvane.cli.plot import Picture, draw_picture
+from quorvane.cli.saying import note, say
+from quorvane.cli.table import Table
+from quorvane.cli.table_io import read_table, write_table
 
 PACKAGE = "skfolio"
 PRICES = "datasets/data/sp500_dataset.csv.gz"
-EXPRESSION = "ewma(20);rank"
+EXPRESSION = "ewma(20);zscore"
 
 SECTORS = {
     "Information technology": ("AAPL", "AMD", "MSFT"),
@@ -27,7 +39,7 @@ SECTORS = {
 
 
 def main(argv: Sequence[str] | None = None) -> int:
-    """Run the demo; the exit status is that of ``quorvane replay``, or 1 without the prices."""
+    """Run the demo; the exit status is 1 without the prices, or where a file cannot be written."""
     parser = argparse.ArgumentParser(prog="python -m quorvane.cli.demo", description=__doc__)
     parser.add_argument(
         "--output-dir",
@@ -39,17 +51,50 @@ def main(argv: Sequence[str] | None = None) -> int:
     folder: Path = parser.parse_args(argv).output_dir
     prices = find_prices()
     if prices is None:
-        print(_WITHOUT_PRICES)
+        say(_WITHOUT_PRICES)
         return 1
+    try:
+        _run(prices, folder)
+    except CommandError as error:
+        note(f"demo: error: {error}")
+        return error.exit_status
+    except KeyboardInterrupt:
+        return INTERRUPTED
+    return 0
+
+
+def _run(path: Path, folder: Path) -> None:
     folder.mkdir(parents=True, exist_ok=True)
-    structures = folder / "same-sector-pairs.toml"
-    structures.write_text(pairs_as_toml(), encoding="utf-8")
-    command = _command(prices, structures, folder)
-    print(_introduction(command))
-    status = quorvane(command)
-    if status == 0:
-        print(f"\nLook at {folder / 'picture.png'}; the numbers are in {folder / 'output.csv'}.")
-    return status
+    output, picture = folder / "output.csv", folder / "picture.png"
+    say(_introduction())
+    prices = read_table(path)
+    returns = structure_input(prices.values, "returns")
+    dates = None if prices.dates is None else prices.dates.text
+    pairs = qv.Baskets(pair_weights(), EXPRESSION, hold=0, instruments=prices.instruments)
+    start = time.perf_counter()
+    signal = pairs.run(returns, date=dates)
+    seconds = time.perf_counter() - start
+    result = Table(signal, prices.instruments, prices.dates)
+    with WholeOutputs() as outputs:
+        with outputs.making(output, "the table") as part:
+            write_table(part, result)
+        with outputs.making(picture, "the picture") as part:
+            draw_picture(part, _picture(prices, returns, signal))
+        outputs.take_places()
+    rows = [
+        ("table", summary.describe_table(prices)),
+        ("baskets", summary.describe_structures(pair_weights())),
+        ("expression", EXPRESSION),
+        ("output", f"{output}: {summary.describe_output(result)}"),
+        ("picture", str(picture)),
+        ("time", summary.describe_time(len(signal), seconds)),
+    ]
+    say(f"{summary.format_rows(rows)}\n\n{_last_day(pairs, result)}")
+
+
+def pair_weights() -> dict[str, dict[str, float]]:
+    """The pairs as baskets: one dollar in the first stock against one dollar in the second."""
+    return {f"{a}/{b}": {a: 1.0, b: -1.0} for a, b in same_sector_pairs()}
 
 
 def find_prices() -> Path | None:
@@ -68,40 +113,66 @@ def same_sector_pairs() -> Iterator[tuple[str, str]]:
         yield from combinations(members, 2)
 
 
-def pairs_as_toml() -> str:
-    """The pairs as a structures file: the first stock against the second."""
-    pairs = (f'["{a}/{b}"]\n{a} = 1.0\n{b} = -1.0\n' for a, b in same_sector_pairs())
-    return "# One dollar in the first stock against one dollar in the second.\n\n" + "\n".join(
-        pairs
+def _picture(prices: Table, returns: NDArray[np.float64], signal: NDArray[np.float64]) -> Picture:
+    weights = pair_weights()
+
+    def by_pair(expression: str) -> NDArray[np.float64]:
+        pairs = qv.Baskets(weights, expression, hold=0, instruments=prices.instruments)
+        return pairs.run(returns, level="basket")
+
+    return Picture(
+        title="Same-sector pairs of large US stocks",
+        table=prices,
+        input_kind="returns",
+        expression=EXPRESSION,
+        policy="proportional",
+        structures=weights,
+        shown_keys=list(weights),
+        entered=by_pair("none"),
+        left=by_pair(EXPRESSION),
+        output=signal,
     )
 
 
-def _command(prices: Path, structures: Path, folder: Path) -> list[str]:
-    return [
-        "replay",
-        str(prices),
-        *("--structures", str(structures)),
-        *("--expression", EXPRESSION),
-        *("--output", str(folder / "output.csv")),
-        *("--plot", str(folder / "picture.png")),
-        *("--title", "Same-sector pairs of large US stocks"),
-    ]
+def _last_day(pairs: qv.Baskets, result: Table) -> str:
+    """The ends of the last day's signal, and where the upper one comes from."""
+    last = result.values[-1]
+    highest, lowest = int(np.nanargmax(last)), int(np.nanargmin(last))
+    names = result.instruments
+    explained = pairs.explain(names[highest])
+    columns = [str(name) for name in explained.dtype.names]
+    lines = [columns, *([_text(row[name]) for name in columns] for row in explained)]
+    widths = [max(map(len, column)) for column in zip(*lines, strict=True)]
+    rows = (
+        "  ".join(f"{text:>{width}}" for text, width in zip(line, widths, strict=True))
+        for line in lines
+    )
+    day = result.label(len(result.values) - 1)
+    return (
+        f"On {day} the signal is highest for {names[highest]} ({last[highest]:+.2f}) and lowest "
+        f"for {names[lowest]} ({last[lowest]:+.2f}).\n"
+        f'The former, as pairs.explain("{names[highest]}") gives it:\n\n  ' + "\n  ".join(rows)
+    )
 
 
-def _introduction(command: Sequence[str]) -> str:
+def _text(value: object) -> str:
+    return f"{value:.4f}" if isinstance(value, float) else str(value)
+
+
+def _introduction() -> str:
     version = importlib.metadata.version(PACKAGE)
-    shown = " ".join(f'"{part}"' if set(part) & set(" ;()") else part for part in command)
     return f"""\
-Daily prices of 20 large US stocks, 1990 to 2022, go through all same-sector pairs:
-each day a pair's value is the difference of its two stocks' returns; {EXPRESSION}
-smooths it over 20 days and ranks the pairs; the ranks come back onto the stocks.
+Daily prices of 20 large US stocks, 1990 to 2022, go through all same-sector pairs. Each
+day a pair's value is the difference of its two stocks' returns; {EXPRESSION} smooths
+it over 20 days and says how far each pair is from the others' mean; that comes back onto
+the stocks: above zero where a stock has done better than its peers of late.
 
 The prices are the file {PRICES}
 of the installed package {PACKAGE} {version} (BSD 3-Clause License, copyright the skfolio
 developers). Its authors provide them solely for testing and examples: stale, not
 authoritative, not for investment, trading or commercial use.
 
-Running: quorvane {shown}
+Running: qv.Baskets(pairs, "{EXPRESSION}", hold=0).run(returns)
 """
 
 
