@@ -37,6 +37,7 @@ from daybench import (  # noqa: E402
     snapshots,
     sparse_days,
     styles,
+    tables,
     variations,
     whole_day,
 )
@@ -44,7 +45,8 @@ from daybench.peers import PeerAbsent  # noqa: E402
 from daybench.timing import CLOCKS, Settings  # noqa: E402
 
 GROUPS = [
-    "module", "fixed", "day", "styles", "variations", "kernels", "batch", "histories", "memory",
+    "module", "fixed", "day", "styles", "variations", "kernels", "batch", "histories", "tables",
+    "memory",
 ]  # fmt: skip
 _VARIED = [variations, sparse_days, snapshots, garbage]
 
@@ -98,6 +100,8 @@ def _measure(group, options, settings):
         return batch.run(settings, days=1_000 if options.quick else batch.DAYS)
     if group == "histories":
         return histories.run(_chosen(histories.CASES, options), settings)
+    if group == "tables":
+        return tables.run(_chosen(tables.SHAPES, options), settings)
     return memory.run(growth_days=10_000 if options.quick else memory.GROWTH_DAYS)
 
 
@@ -118,6 +122,7 @@ def _settings(options):
 def _parse():
     parts = (
         module_alone.CASES, module_alone.VARIANTS, ours.BASKETS, styles.CASES, histories.CASES,
+        tables.SHAPES,
     )  # fmt: skip
     known = [name for cases in (*parts, *(part.CASES for part in _VARIED)) for name in cases]
     parser = argparse.ArgumentParser(
