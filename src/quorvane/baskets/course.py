@@ -17,8 +17,6 @@ from quorvane.tables import date_text
 
 Matrix = NDArray[np.float64]
 Progress = Callable[[int, int], object]
-
-FLOAT64 = np.dtype(np.float64)
 Level = Literal["instrument", "basket"]
 
 
@@ -42,20 +40,9 @@ class Course:
         self._in_force: Listing | None = None
         # A day of such functions happens as a whole or not at all.
         self._is_safe = rotation.chain.only_ready_made
-        self._is_plain = False
-        self._zeros = np.zeros(len(book.instruments))
-        self._shape = self._zeros.shape
-
-    def takes(self, row: Any) -> bool:
-        """Whether the next day is nothing but ``rotation(row)``: a plain array, once begun."""
-        return (
-            self._is_plain
-            and type(row) is np.ndarray
-            and row.dtype is FLOAT64
-            and row.shape == self._shape
-            # Finite times zero is zero, and anything else shows.
-            and bool(np.vdot(row, self._zeros) == 0.0 or not np.isinf(row).any())
-        )
+        # Whether the next day of a plain row is nothing but the rotation's own call.
+        self.is_called = False
+        self.width = len(book.instruments)
 
     def advance(self, matrix: Matrix, dates: Dates | None, request: Request) -> Matrix:
         """The outputs of some days that follow; where one fails, nothing has happened.
@@ -161,7 +148,7 @@ class Course:
 
     def _hold_to(self, listing: Listing | None) -> None:
         self._in_force = listing
-        self._is_plain = self._is_safe and listing is not None and not self.book.is_dated
+        self.is_called = self._is_safe and listing is not None and not self.book.is_dated
         if listing is not None:
             self.rotation._columns = listing.columns
 

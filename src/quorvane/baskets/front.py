@@ -11,6 +11,7 @@ from typing import Any, TypeVar, cast, get_args
 import numpy as np
 
 from quorvane.baskets import explained, saved, shown
+from quorvane.baskets._plain_row import is_plain_row
 from quorvane.baskets.chain import make_chain
 from quorvane.baskets.course import Course, Level, Request
 from quorvane.baskets.dated import LongColumns, extended, long_book
@@ -241,7 +242,12 @@ class Baskets:
             As `update`.
         """
         course = self._course
-        if date is None and course is not None and course.takes(row):
+        if (
+            date is None
+            and course is not None
+            and course.is_called
+            and is_plain_row(row, course.width)
+        ):
             output = course.rotation(row)
             self._standing.days += 1
             return output  # type: ignore[return-value]
