@@ -5,8 +5,11 @@ import random
 
 import numpy as np
 import pytest
-from daybench import garbage, snapshots, sparse_days, styles, variations
+from daybench import garbage, snapshots, sparse_days, styles, tables, variations
+from daybench.peers import PeerAbsent
 from daybench.structures import Shape
+
+from quorvane.tables import read_table
 
 SMALL = Shape(60, 2, 80, 30)
 
@@ -93,3 +96,14 @@ def test_garbage_is_collected_on_one_side_only(name):
             assert gc.isenabled() is expected
     finally:
         (gc.enable if was_enabled else gc.disable)()
+
+
+@pytest.mark.parametrize("kind", tables.TABLES)
+def test_every_table_that_is_timed_gives_the_numbers_of_the_array_in_one_call(kind):
+    baskets, inputs, labels = tables._made((40, 5, 7, 2))
+    try:
+        table = tables.TABLES[kind](inputs, labels)
+    except PeerAbsent:
+        pytest.skip(f"{kind} cannot be had here")
+    found = read_table(baskets.run(table)).matrix(labels)
+    np.testing.assert_array_equal(found, tables._in_one_call(baskets, inputs))

@@ -79,6 +79,10 @@ class Course:
     # ---- stretches ------------------------------------------------------------------------------
 
     def _days(self, matrix: Matrix, dates: Dates | None, request: Request) -> Matrix:
+        if len(matrix) == 1:
+            # No signal's handler runs between the day and its output.
+            listing = self.book.listing(int(self.book.in_force(dates, 1)[0]))
+            return self._one_day(matrix[0], listing, dates, request.level)[None]
         parts = [
             self._stretch(matrix, dates, first, last, plan, request)
             for first, last, plan in self._stretches(self.book.in_force(dates, len(matrix)))
