@@ -50,7 +50,7 @@ def run(names, settings):
 
 
 def _lines(case, settings):
-    ours, all_legs, inputs = _made(case)
+    ours, all_legs, inputs = made(case)
     what = f"{case.days} x {case.instruments} x {case.structures} x {case.legs}"
     one_thread, two_threads = partial(ours, 1), partial(ours, 2)
     for peer_name, goal, make in HISTORY_PEERS:
@@ -69,7 +69,7 @@ def _lines(case, settings):
     yield Line("histories", what, "two threads", comparison, case.goals["threads"])
 
 
-def _made(case):
+def made(case):
     draw = random.Random(7)
     all_legs = [
         [(i, draw.uniform(-1.0, 1.0)) for i in draw.sample(range(case.instruments), case.legs)]
@@ -86,8 +86,8 @@ def _made(case):
     inputs = random_numbers.standard_normal((case.days, case.instruments))
     inputs[random_numbers.random(inputs.shape) < case.missing] = np.nan
 
-    def history(threads):
+    def history(threads, days=None):
         rotation.set_state(fresh)
-        return replay_history(rotation, inputs, threads=threads)
+        return replay_history(rotation, inputs[:days], threads=threads)
 
     return history, all_legs, inputs

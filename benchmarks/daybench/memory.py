@@ -1,4 +1,4 @@
-"""Memory of a rotation at 1M slots against what its dicts and arrays need, and growth over days.
+"""Memory: a rotation at 1M slots against what its dicts and arrays need, days, and histories.
 
 Each figure is the growth of the resident set of a fresh process.
 """
@@ -8,12 +8,14 @@ import subprocess
 import sys
 from pathlib import Path
 
+from daybench import histories
 from daybench.goals import Line
 from daybench.timing import Comparison
 
 SLOTS = 1_000_000
 GROWTH_DAYS = 100_000
 GROWTH_LIMIT_MEGABYTES = 1.0
+HISTORY_LIMIT_MEGABYTES = 64.0
 
 
 def run(growth_days=GROWTH_DAYS):
@@ -24,6 +26,11 @@ def run(growth_days=GROWTH_DAYS):
         yield _line(f"construction, 1M slots, {kind}", "bytes / needed", ratio, goal)
     grown = _in_new_process(f"live({growth_days})") / 1e6
     yield _line(f"growth over {growth_days:,} days", "MB", grown, GROWTH_LIMIT_MEGABYTES)
+    for name in histories.CASES:
+        for threads in (1, 2):
+            peak = _in_new_process(f"history_peak({name!r}, {threads})") / 1e6
+            what = f"{name}, {threads} threads"
+            yield _line(what, "MB beyond input and output", peak, HISTORY_LIMIT_MEGABYTES)
 
 
 def needed_bytes(slots):
@@ -64,6 +71,21 @@ def live(days):
         module_day.new_day()
         module_day.rotation(inputs)
     return _resident() - before
+
+
+def history_peak(name, threads):
+    """Resident bytes that a history has at most beyond its input and its output."""
+    history, _, _ = histories.made(histories.CASES[name])
+    history(threads, days=3)  # what is made once and kept
+    before = _resident()
+    Path("/proc/self/clear_refs").write_text("5")  # the peak begins anew
+    output = history(threads)
+    return _peak() - before - output.nbytes
+
+
+def _peak():
+    status = Path("/proc/self/status").read_text()
+    return 1024 * int(status.partition("VmHWM:")[2].split()[0])
 
 
 def _resident():
