@@ -18,6 +18,10 @@ class OpenList:
     branches: Counter
     reason_of: dict
 
+    def out_of_reach(self, reason="another-processor"):
+        """How many branches this machine could not take whatever ran on it."""
+        return self.by_reason()[reason]
+
     def by_reason(self):
         """How many branches are open for each reason."""
         counts = Counter()

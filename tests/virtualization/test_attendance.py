@@ -1,5 +1,8 @@
 """Who speaks: a count of silent days, gates that shut the others out, and both in a history."""
 
+import gc
+import sys
+
 import numpy as np
 import pytest
 from hypothesis import given, settings
@@ -239,3 +242,31 @@ def test_a_forgotten_average_begins_anew():
     fresh(np.array([1.0, nan]))
     assert bits(ewma.get_state()["weight"]) == bits(fresh.get_state()["weight"])
     assert bits(ewma(np.array([2.0, 7.0]))) == bits(fresh(np.array([2.0, 7.0])))
+
+
+@pytest.mark.parametrize("name", ["_mean", "_weight"])
+@pytest.mark.parametrize("spoilt", [None, np.zeros(3, np.float32), np.zeros(6)[::2]])
+def test_an_average_without_its_memory_forgets_nothing(name, spoilt):
+    ewma = Ewma(3, N_alloc=3)
+    setattr(ewma, name, spoilt)
+    with pytest.raises(ValueError, match="_mean and _weight must be writable, contiguous"):
+        ewma.forget([0])
+
+
+@pytest.mark.parametrize("name", ["_mean", "_weight"])
+@pytest.mark.parametrize("spoilt", [None, np.zeros(1)])
+def test_an_average_whose_memory_goes_as_it_is_told_what_to_forget_says_so(name, spoilt):
+    class Slot:
+        def __index__(self):
+            setattr(ewma, name, spoilt)
+            return 1
+
+    ewma = Ewma(3, N_alloc=3)
+    with pytest.raises(ValueError, match="float64 arrays of at least 2 entries"):
+        ewma.forget([Slot()])
+
+
+@pytest.mark.parametrize("cls", [Attendance, Gate])
+def test_the_module_tells_the_collector_of_what_it_holds(cls):
+    module = sys.modules["quorvane.functions.rotations.virtualization._attendance"]
+    assert any(holder is module for holder in gc.get_referrers(type(cls.compute)))

@@ -1,6 +1,8 @@
 """Baskets that change on days which are known beforehand."""
 
 import doctest
+import gc
+import sys
 import types
 
 import numpy as np
@@ -79,3 +81,9 @@ def test_fewer_slots_than_keys_are_refused():
 def test_an_input_without_all_the_named_columns_is_refused():
     with pytest.raises(ValueError, match="planned_baskets: input has 2 columns, expected at least"):
         make({0: JANUARY}, N_alloc=5)(np.ones(2))
+
+
+def test_the_module_tells_the_collector_of_what_it_holds():
+    module = sys.modules["quorvane.functions.rotations.virtualization.planned"]
+    method = module.PlannedStructures.basket_values
+    assert any(holder is module for holder in gc.get_referrers(type(method)))

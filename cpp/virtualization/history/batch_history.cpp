@@ -46,7 +46,11 @@ double* BatchHistory::place_in(BatchOutputs& outputs, std::size_t width) {
     try {
         return outputs.place_of_rows(static_cast<Py_ssize_t>(width));
     } catch (const capi::PythonError&) {
-        if (PyErr_ExceptionMatches(PyExc_MemoryError) == 0) throw;
+        // A ValueError says that no array may be so large.
+        if (PyErr_ExceptionMatches(PyExc_MemoryError) == 0 &&
+            PyErr_ExceptionMatches(PyExc_ValueError) == 0) {
+            throw;
+        }
         PyErr_Clear();
         not_before_ = input_->days();
         return nullptr;

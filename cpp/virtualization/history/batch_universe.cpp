@@ -9,11 +9,12 @@ namespace quorvane::virtualization {
 
 namespace {
 
-// np.ones((days, arrays[0].shape[1]), dtype=np.uint8)
-Ref make_everybody(const State& state, PyObject* arrays, PyObject* days) {
+// np.ones((days, columns), dtype=np.uint8)
+template <class Columns>
+Ref make_everybody(const State& state, PyObject* days, Columns&& columns_of) {
     const Names& names = state.names;
     const Ref ones = state.numpy(names.ones);
-    const Ref columns = extent(state, arrays, state.one.get());
+    const Ref columns = columns_of();
     const Ref shape = capi::make_tuple(days, columns.get());
     return call_with_keywords(ones.get(), state.dtype_keyword.get(), shape.get(),
                               state.numpy(names.uint8).get());
@@ -64,7 +65,13 @@ PyObject* BatchUniverse::of_day() {
         if (!one_row_) one_row_ = make_one_row(PyList_GET_ITEM(arrays_, 0));
         return one_row_.get();
     }
-    if (!everybody_) everybody_ = make_everybody(state_, arrays_, days_);
+    if (!everybody_) {
+        everybody_ = make_everybody(state_, days_, [&] {
+            // As it was in the beginning: a day may have given the matrix another form.
+            return one_row_ ? capi::make_int(PyArray_DIM(capi::as_array(one_row_.get()), 1))
+                            : extent(state_, arrays_, state_.one.get());
+        });
+    }
     return everybody_.get();
 }
 

@@ -153,6 +153,7 @@ bool PlannedDays::has_plain_attributes(const BatchInput& input) {
     child_list_ = Ref::borrow(seen_.look(names.child_rotations));
     const auto txi_input = capi::writable_vector<double>(guard_.txi_input());
     if (plain_size(seen_.look(names.n_alloc)) < 0 || !txi_input ||
+        txi_input.size() != guard_.max_structures() ||
         !rotations::owns_memory(guard_.txi_input()) ||
         !rotations::is_apart(txi_input, input.extents())) {
         return false;

@@ -9,6 +9,7 @@ import textwrap
 import threading
 import time
 import warnings
+from pathlib import Path
 
 import numpy as np
 import pytest
@@ -166,6 +167,40 @@ def test_progress_may_fork_the_history():
     """None of its threads is there to be warned of, or to be waited for in the new process."""
     alone = {**os.environ, "OPENBLAS_NUM_THREADS": "1"}
     script = [sys.executable, "-W", "error", "-c", textwrap.dedent(FORKING)]
+    done = subprocess.run(script, env=alone, capture_output=True, text=True, check=False)
+    assert (done.returncode, done.stderr) == (0, "")
+
+
+FEWER_THREADS = """
+    import resource
+    import numpy as np
+    from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
+    from quorvane.functions.rotations.virtualization.history import replay_history
+
+    def played(threads):
+        rotation = FixedBaskets({"x": {"a": 1.0}}, ["a"], transformation_expression="ewma(3);rank")
+        return replay_history(rotation, matrix, threads=threads).tobytes()
+
+    matrix = np.random.default_rng(1).normal(size=(500, 1))
+    expected = played(1)
+    with open("/proc/self/statm") as file:
+        used = int(file.read().split()[0]) * resource.getpagesize()
+    before = resource.getrlimit(resource.RLIMIT_AS)
+    resource.setrlimit(resource.RLIMIT_AS, (used + 2**22, before[1]))
+    output = played(8)
+    resource.setrlimit(resource.RLIMIT_AS, before)
+    assert output == expected
+"""
+
+
+@pytest.mark.skipif(not Path("/proc/self/statm").exists(), reason="does not tell of its memory")
+@pytest.mark.skipif(
+    "libasan" in os.environ.get("LD_PRELOAD", ""), reason="the sanitizer needs memory of its own"
+)
+def test_a_history_does_with_the_threads_that_it_can_have():
+    """There is room for its numbers, and none for the stack of another thread."""
+    alone = {**os.environ, "OPENBLAS_NUM_THREADS": "1"}
+    script = [sys.executable, "-c", textwrap.dedent(FEWER_THREADS)]
     done = subprocess.run(script, env=alone, capture_output=True, text=True, check=False)
     assert (done.returncode, done.stderr) == (0, "")
 

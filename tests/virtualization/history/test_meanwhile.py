@@ -4,6 +4,7 @@ The days at hand are then computed one by one, with what the rotation is by now.
 none of the numbers', the history is, to the bit, that of a rotation which nobody touched.
 """
 
+import sys
 import threading
 
 import numpy as np
@@ -17,7 +18,7 @@ from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 from quorvane.functions.rotations.virtualization.history import replay_history
 from support.histories import random_baskets
 
-DAYS, INSTRUMENTS, BASKETS = 30_000, 20, 500
+DAYS, INSTRUMENTS, BASKETS = 1_000, 20, 200
 NAMED_BASKETS, NAMES = random_baskets(np.random.default_rng(2), INSTRUMENTS, BASKETS, 2)
 
 
@@ -61,7 +62,11 @@ def untouched(matrix):
 
 
 def replayed_meanwhile(rotation, matrix, change):
-    """The history, during which another thread changes the rotation."""
+    """The history, during which another thread changes the rotation.
+
+    Nobody takes the interpreter from the history: the thread has it when the history lets go of it,
+    which it does where many days are computed at once.
+    """
 
     def act():
         told.wait()
@@ -70,11 +75,13 @@ def replayed_meanwhile(rotation, matrix, change):
     told = threading.Event()
     thread = threading.Thread(target=act)
     thread.start()
+    interval = sys.getswitchinterval()
+    sys.setswitchinterval(60.0)
     try:
-        # The thread goes on when the days after the one that was told let go of the interpreter.
-        return replay_history(rotation, matrix, progress=lambda *_: told.set())
-    finally:
         told.set()
+        return replay_history(rotation, matrix)
+    finally:
+        sys.setswitchinterval(interval)
         thread.join()
 
 
@@ -107,7 +114,7 @@ def gets_a_step_of_its_own(rotation):
 
 
 def makes_a_leg_anew(rotation):
-    rotation._legs_by_slot[0] = tuple(list(rotation._legs_by_slot[0]))
+    rotation._legs_by_slot[0] = (*rotation._legs_by_slot[0],)
 
 
 def gets_another_child_of_the_same_kind(rotation):
@@ -182,8 +189,10 @@ def gets_shorter(array):
 
 @pytest.mark.parametrize("spoil", [cannot_be_written, gets_shorter])
 @pytest.mark.parametrize(("place", "name"), [(0, "_silent_days"), (1, "_mean"), (1, "_weight")])
-def test_memory_that_is_spoilt_ends_the_history_on_a_whole_day(matrix, place, name, spoil):
+def test_memory_that_is_spoilt_ends_the_history_on_a_whole_day(place, name, spoil):
     """What is left of it is that of the days before the one that failed."""
+    # Long enough for the other thread to wake up.
+    matrix = np.random.default_rng(3).normal(size=(40 * DAYS, INSTRUMENTS))
     rotation = rotation_of()
     with pytest.raises(ValueError, match=f"{name}.* must be (a )?writable, contiguous"):
         replayed_meanwhile(
@@ -191,7 +200,7 @@ def test_memory_that_is_spoilt_ends_the_history_on_a_whole_day(matrix, place, na
         )
     failed = next(
         day
-        for day in range(DAYS)
+        for day in range(len(matrix))
         if np.array_equal(
             rotation._columns.weighted_sums(matrix[day]), rotation._txi_input, equal_nan=True
         )

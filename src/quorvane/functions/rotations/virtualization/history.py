@@ -60,7 +60,7 @@ def replay_history(
         before the error of a day. What it raises ends the history after a whole number of days.
     level:
         ``"instrument"`` for the outputs, ``"structure"`` for what left the children, before it goes
-        back onto the instruments: a column per slot.
+        back onto the instruments: a column per slot. NumPy does not warn of the way back then.
 
     Returns
     -------
