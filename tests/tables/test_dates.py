@@ -175,3 +175,26 @@ def test_an_array_has_its_dates_beside_it():
         read_table(np.ones((2, 1)), date=["2024-01-02"])
     with pytest.raises(ValueError, match=r"^date, row 1: dates with and without a time zone"):
         read_table(np.ones((2, 1)), date=["2024-01-02", "2024-01-03T00:00Z"])
+
+
+@pytest.mark.parametrize(
+    ("texts", "same"),
+    [
+        (["2024-01-02", "2024-01-03"], True),
+        (["2024-01-02", "2024-01-03T00:00"], True),
+        (["2024-01-02", "2024-02-30"], False),
+        (["1500-01-01", "2024-01-02"], False),
+    ],
+)
+def test_many_texts_at_once_are_dates_or_errors_as_each_is_alone(texts, same):
+    def each_alone():
+        return [as_date(text)[0] for text in texts]
+
+    if same:
+        dates = read_table(np.ones((len(texts), 1)), date=texts).dates
+        assert dates.tolist() == [moment.astype(np.int64) for moment in each_alone()]
+        return
+    with pytest.raises(ValueError, match="date"):
+        each_alone()
+    with pytest.raises(ValueError, match="date"):
+        read_table(np.ones((len(texts), 1)), date=texts)

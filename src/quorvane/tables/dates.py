@@ -16,6 +16,7 @@ Dates = NDArray[np.datetime64]
 
 ALLOWED = "an ISO date as text, a date, a datetime, a pandas.Timestamp or a numpy.datetime64"
 _RANGE = "dates from 1677-09-22 to 2262-04-11"
+_DAY = re.compile(r"\d{4}-\d\d-\d\d", re.ASCII)
 _ISO = re.compile(
     r"(\d{4}-\d\d-\d\d)(?:[T ](\d\d:\d\d(?::\d\d(?:\.\d{1,9})?)?)(Z|[+-]\d\d:?\d\d)?)?"
 )
@@ -60,6 +61,10 @@ def to_nanoseconds(dates: Dates, where: Any) -> Dates:
 
 def dates_of(values: Iterable[Any], where: Any) -> tuple[Dates, bool]:
     """Read dates given as objects, each distinct one once."""
+    values = list(values)
+    days = _plain_days(values)
+    if days is not None:
+        return to_nanoseconds(days, where), False
     known: dict[Any, tuple[np.datetime64, bool]] = {}
     read = []
     for row, value in enumerate(values):
@@ -74,6 +79,16 @@ def dates_of(values: Iterable[Any], where: Any) -> tuple[Dates, bool]:
             f"{where(row)}: dates with and without a time zone, allowed is one sort of them"
         )
     return np.array([moment for moment, _ in read], dtype="datetime64[ns]"), any(zones)
+
+
+def _plain_days(values: list[Any]) -> Dates | None:
+    """The dates of texts such as "2024-01-02", all at once; None where one is anything else."""
+    if not values or not all(type(text) is str and _DAY.fullmatch(text) for text in values):
+        return None
+    try:
+        return np.array(values, dtype="datetime64[D]")
+    except ValueError:
+        return None
 
 
 def check_ascending(dates: Dates, argument: str) -> None:
