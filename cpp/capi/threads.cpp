@@ -2,7 +2,7 @@
 
 #include <charconv>
 #include <cstdlib>
-#include <string_view>
+#include <cstring>
 
 #include "capi/message.hpp"
 
@@ -20,10 +20,9 @@ constexpr std::size_t wide_row = 100'000;
 std::size_t threads_of_environment() {
     const char* text = std::getenv(variable);
     if (text == nullptr || *text == '\0') return 1;
-    const std::string_view digits(text);
-    const char* end = digits.data() + digits.size();
+    const char* end = text + std::strlen(text);
     std::size_t number = 0;
-    const auto read = std::from_chars(digits.data(), end, number);
+    const auto read = std::from_chars(text, end, number);
     if (read.ec == std::errc() && read.ptr == end && number >= 1 && number <= most_threads) {
         return number;
     }

@@ -94,14 +94,14 @@ private:
                     compute_parameters,
                     capi::body_of<RowRotation, compute>,
                     Rotation::compute_doc.data(),
-                    {child_offer, &opener}},
+                    {child_offer, static_cast<const void*>(&opener)}},
     };
 
     const std::array<capi::Interned, own_count> names_{
         capi::Interned(Rotation::init_parameters[own + 1].name)...};
     const FrameworkDay framework_day_;
     // One for all instances: nothing else runs while a day is computed.
-    typename Rotation::Workspace workspace_;
+    Rotation::Workspace workspace_;
 };
 
 template <class Rotation>

@@ -143,7 +143,7 @@ void what_is_left_of_eight_days_stays() {
     const Case all(29, 3, 10);
     std::vector<double> output;
     CHECK(at_once(all, false, 2, output).done == 24);
-    CHECK(output[24 * 3] == 7.0);
+    CHECK(output[std::size_t{24} * 3] == 7.0);
 }
 
 void a_moment_that_is_over_ends_after_a_block() {
@@ -202,7 +202,7 @@ void nothing_is_told_of_outputs_that_are_left_out() {
 void whoever_is_left_out_of_the_universe_is_missing() {
     Case all(8, 3, 4);
     for (double& price : all.prices) price = 1.0;
-    std::vector<std::uint8_t> universe(8 * 3, 1);
+    std::vector<std::uint8_t> universe(std::size_t{8} * 3, 1);
     universe[3 * 3 + 2] = 0;
     HistoryInput input = all.input();
     input.universe = {reinterpret_cast<const char*>(universe.data()), 3, 1};

@@ -18,7 +18,7 @@ void AttendanceBlock::run(const DayBlock& block, std::size_t first, std::size_t 
     const std::span<double> silent_days{now_.data() + first, size};
     for (std::size_t day = 0; day < block.days; ++day) {
         const std::span<const double> values{block.row(day) + first, size};
-        if (shuts_out()) {
+        if (hold_) {
             count_silence(values, silent_days, *hold_,
                           {open_.data() + day * block.stride + first, size});
         } else {

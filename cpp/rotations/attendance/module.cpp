@@ -15,19 +15,19 @@ namespace quorvane::rotations::attendance {
 
 namespace {
 
-class State : public ChildModule {
+class State {
 public:
-    explicit State(PyObject* module) : ChildModule(module), gate(module) {}
+    explicit State(PyObject* module) : count(module), gate(module) {}
 
     // Runs the module's body: binds AttendanceCount and Gate.
     void execute();
 
     int traverse(visitproc visit, void* arg) const {
-        const int result = ChildModule::traverse(visit, arg);
+        const int result = count.traverse(visit, arg);
         return result != 0 ? result : gate.traverse(visit, arg);
     }
 
-    ChildModule gate;
+    ChildModule count, gate;
     const capi::Interned hold{"hold"};
     const capi::Interned silent_days{"_silent_days"};
     const capi::Interned attendance{"attendance"};
@@ -71,7 +71,7 @@ Ref init_count(State& state, PyObject* const* values) {
     hold_of(values[1]);
     const Ref slots = positive_int("N_alloc", values[2], "a positive int");
     const Argument arguments[] = {{state.hold, values[1]}};
-    state.initialise(self, arguments, values[2]);
+    state.count.initialise(self, arguments, values[2]);
     const Ref days = new_vector(column_count("N_alloc", slots.get()), NPY_DOUBLE);
     std::ranges::fill(writable_doubles(days.get()).span(),
                       std::numeric_limits<double>::quiet_NaN());
@@ -80,7 +80,7 @@ Ref init_count(State& state, PyObject* const* values) {
 }
 
 Ref count(State& state, PyObject* const* values) {
-    const RowDay day(state, values);
+    const RowDay day(state.count, values);
     const Ref silent_days = capi::attr(values[0], state.silent_days);
     head_of(silent_days.get(), day.size());
     std::ranges::copy(day.values(), day.out().begin());
@@ -88,7 +88,7 @@ Ref count(State& state, PyObject* const* values) {
     day.deliver();
     const auto row = day.out();
     kernels::count_silence(row, head_of(silent_days.get(), row.size()));
-    return state.zero.share();
+    return state.count.zero.share();
 }
 
 class CountInHistory final : public HistoryChild {
@@ -158,7 +158,7 @@ Ref let_through(State& state, PyObject* const* values) {
         std::ranges::copy(day.values(), day.out().begin());
     }
     day.deliver();
-    return state.zero.share();
+    return state.count.zero.share();
 }
 
 // Null where the attendance does not take part in the same history, before the gate.
@@ -168,7 +168,7 @@ CountInHistory* count_before(const State& state, PyObject* attendance,
     if (attendance == nullptr || found == request.before.end()) return nullptr;
     const capi::Offered offer = capi::offered(
         _PyType_Lookup(Py_TYPE(attendance), state.framework_day.compute), child_offer);
-    if (!offer || offer.content != &count_opener) return nullptr;
+    if (!offer || offer.content != static_cast<const void*>(&count_opener)) return nullptr;
     return static_cast<CountInHistory*>(found->child);
 }
 
@@ -219,7 +219,7 @@ _silent_days : ndarray of float64
                 compute_parameters,
                 capi::body_of<State, count>,
                 count_doc.data(),
-                {child_offer, &count_opener}},
+                {child_offer, static_cast<const void*>(&count_opener)}},
 };
 
 constexpr ChildClass gate_class{
@@ -240,12 +240,12 @@ N_alloc : int
                 compute_parameters,
                 capi::body_of<State, let_through>,
                 gate_doc.data(),
-                {child_offer, &gate_opener}},
+                {child_offer, static_cast<const void*>(&gate_opener)}},
 };
 
 void State::execute() {
     const auto nothing_more = [](capi::ClassBuilder& /*builder*/) {};
-    bind_class(count_class, this, nothing_more);
+    count.bind_class(count_class, this, nothing_more);
     gate.bind_class(gate_class, this, nothing_more);
 }
 

@@ -125,7 +125,7 @@ constexpr ChildClass child_class{
                 compute_parameters,
                 capi::body_of<State, compute>,
                 compute_doc.data(),
-                {child_offer, &opener}},
+                {child_offer, static_cast<const void*>(&opener)}},
 };
 
 }  // namespace

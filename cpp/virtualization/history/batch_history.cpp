@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <limits>
 #include <new>
 
 #include "virtualization/history/planned_days.hpp"
@@ -17,6 +18,9 @@ constexpr auto moment = std::chrono::milliseconds(50);
 
 // What it costs to begin is worth it from here on.
 constexpr std::size_t fewest_days = 2 * kernels::kDays;
+
+// The day before which none is computed at once, where there is no room for it.
+constexpr std::size_t never = std::numeric_limits<std::size_t>::max();
 
 // The interpreter's lock, given to others meanwhile.
 class ReleasedLock {
@@ -52,7 +56,7 @@ double* BatchHistory::place_in(BatchOutputs& outputs, std::size_t width) {
             throw;
         }
         PyErr_Clear();
-        not_before_ = input_->days();
+        not_before_ = never;
         return nullptr;
     }
 }
@@ -60,17 +64,17 @@ double* BatchHistory::place_in(BatchOutputs& outputs, std::size_t width) {
 std::size_t BatchHistory::advance(std::size_t day, BatchOutputs& outputs) {
     if (!input_ || day < not_before_ || input_->days() < day + 1 + fewest_days) return day;
     // Code that ran may have given the array another form, or other memory.
-    return input_->look_again() ? compute(day, outputs) : day;
+    return input_->look_again() ? compute(*input_, day, outputs) : day;
 }
 
-std::size_t BatchHistory::compute(std::size_t day, BatchOutputs& outputs) {
-    const auto planned = PlannedDays::after(state_, self_.get(), *input_, day - 1, workers_);
+std::size_t BatchHistory::compute(const BatchInput& input, std::size_t day, BatchOutputs& outputs) {
+    const auto planned = PlannedDays::after(state_, self_.get(), input, day - 1, workers_);
     if (!planned) return day;
     // The last day is left: what it leaves behind is all that the days leave behind.
-    const std::size_t end = std::min(planned->end(), input_->days() - 1);
+    const std::size_t end = std::min(planned->end(), input.days() - 1);
     if (end < day + kernels::kDays) return day;
     double* place =
-        place_in(outputs, ends_with_children_ ? planned->slots() : input_->numbers().instruments);
+        place_in(outputs, ends_with_children_ ? planned->slots() : input.numbers().instruments);
     if (place == nullptr) return day;
     const kernels::History history = planned->history(place, ends_with_children_);
     kernels::HistoryProgress progress{day, 0};
@@ -79,7 +83,7 @@ std::size_t BatchHistory::compute(std::size_t day, BatchOutputs& outputs) {
         progress =
             kernels::run_history(history, day, end, planned->workers(), Clock::now() + moment);
     } catch (const std::bad_alloc&) {
-        not_before_ = input_->days();
+        not_before_ = never;
         return day;
     }
     not_before_ = progress.done + progress.refused;

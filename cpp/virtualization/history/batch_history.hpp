@@ -22,7 +22,7 @@ public:
 
 private:
     double* place_in(BatchOutputs& outputs, std::size_t width);
-    std::size_t compute(std::size_t day, BatchOutputs& outputs);
+    std::size_t compute(const BatchInput& input, std::size_t day, BatchOutputs& outputs);
 
     const State& state_;
     Ref self_;
