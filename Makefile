@@ -8,7 +8,7 @@
 #   make valgrind    a part of the tests under memcheck
 #   make refleaks    every method on an interpreter that counts references
 #   make matrix      the tests on every Python with the oldest and the newest NumPy
-#   make newest      the tests of the compiled code on the newest Python that can be had here
+#   make newest      the tests of the compiled code and of tables on the newest Python to be had
 #   make long        the safety tests with their long repetitions
 #   make fuzz        random inputs of each kind under the sanitizers, a million or INPUTS of them
 #   make trust       asan, valgrind, refleaks, matrix, long and a shorter fuzz, with a table of
@@ -120,9 +120,10 @@ refleaks:
 matrix:
 	JOBS=2 tools/matrix.sh $(PYTHONS)
 
-# What a new interpreter can break: the compiled code, and how it lives with the interpreter. Tests
-# that run on the plain twin alone say nothing of either.
-NEWEST_TESTS = tests/virtualization tests/rotations tests/fuzz tests/safety tests/test_abstract_hooks.py
+# What a new interpreter or a new library can break: the compiled code, how it lives with the
+# interpreter, and tables. Tests that run on the plain twin alone say nothing of any.
+NEWEST_TESTS = tests/virtualization tests/rotations tests/fuzz tests/safety tests/baskets \
+    tests/tables tests/test_abstract_hooks.py
 
 newest:
 	JOBS=2 MATRIX_TESTS="$(NEWEST_TESTS)" MATRIX_MARK="not plain_python" tools/newest.sh

@@ -8,7 +8,7 @@ from quorvane.functions.rotations.virtualization.base import (
     VirtualizationBase,
     VirtualStructure,
 )
-from support.tables_of_baskets import NAMES, START, long_columns, numbers, same_bits
+from support.tables_of_baskets import DAY, NAMES, START, long_columns, numbers, same_bits
 
 pandas = pytest.importorskip("pandas")
 
@@ -238,7 +238,7 @@ def test_baskets_that_are_extended_are_those_of_the_whole_table(complete, cut):
     table = pandas.DataFrame(long_columns(ROWS))
     options = {"expression": "ewma(3);rank", "complete": complete}
     expected = qv.Baskets.from_long(table, instruments=NAMES, **options).run(values, date=days)
-    early = table["date"] < START + cut
+    early = table["date"] < START + cut * DAY
     made = qv.Baskets.from_long(table[early], instruments=NAMES, **options)
     first = made.run(values[: cut - 1], date=days[: cut - 1])
     made.extend(table[~early])
@@ -260,7 +260,7 @@ def test_later_rows_may_bring_new_instruments():
     made.run([[1.0]], date=[START])
     made.extend(pandas.DataFrame(long_columns([(1, "a", "A", 1.0), (1, "b", "B", 1.0)])))
     assert made.instruments == ("A", "B")
-    found = made.update([[1.0, 5.0]], date=[START + 1])
+    found = made.update([[1.0, 5.0]], date=[START + DAY])
     np.testing.assert_allclose(found, [[1.0, 5.0]])
 
 

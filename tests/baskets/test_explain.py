@@ -6,7 +6,7 @@ import numpy as np
 import pytest
 
 import quorvane as qv
-from support.tables_of_baskets import NAMES, START, WEIGHTS, numbers
+from support.tables_of_baskets import DAY, NAMES, START, WEIGHTS, numbers
 
 EXPRESSION = "ewma(3);rank;zscore"
 
@@ -30,7 +30,7 @@ def test_contributions_add_up_to_the_signal(make, kind, policy, hold):
         return
     for day in (0, 3, 12, 21, 39):
         for name, expected in zip(NAMES, signal[day], strict=True):
-            found = made.explain(name, str(START + day), table)
+            found = made.explain(name, str(START + day * DAY), table)
             np.testing.assert_allclose(total(found, kind), expected, rtol=0, atol=1e-12)
 
 

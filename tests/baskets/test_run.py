@@ -7,7 +7,7 @@ import pytest
 
 import quorvane as qv
 from quorvane.cli.demo import find_prices, same_sector_pairs
-from support.tables_of_baskets import EXPRESSIONS, NAMES, START, WEIGHTS, numbers, same_bits
+from support.tables_of_baskets import DAY, EXPRESSIONS, NAMES, START, WEIGHTS, numbers, same_bits
 
 NAN = float("nan")
 
@@ -163,7 +163,7 @@ def test_a_run_is_the_same_every_time_wherever_the_baskets_stand(make):
     values, days = numbers(), START + np.arange(40)
     made = make("ewma(3);rank")
     expected = made.run(values, date=days)
-    made.step(values[0], date=days[-1] + 1)
+    made.step(values[0], date=days[-1] + DAY)
     same_bits(made.run(values, date=days), expected)
     made.reset()
     assert made.slots.speaking == made.slots.known == 0
@@ -195,8 +195,8 @@ def test_nothing_is_written_to_what_was_given(make):
     made = make("ewma(3);rank")
     first = made.run(values, date=days)
     kept = first.copy()
-    rows = [made.step(values[i], date=days[-1] + 1 + i) for i in range(3)]
+    rows = [made.step(values[i], date=days[-1] + (1 + i) * DAY) for i in range(3)]
     copies = [row.copy() for row in rows]
-    made.step(values[3], date=days[-1] + 9)
+    made.step(values[3], date=days[-1] + 9 * DAY)
     same_bits(first, kept)
     same_bits(np.array(rows), np.array(copies))

@@ -10,7 +10,7 @@ import pytest
 
 import quorvane as qv
 from quorvane.functions.rotations.virtualization.base import VirtualizationBase
-from support.tables_of_baskets import NAMES, START, WEIGHTS, long_columns, numbers, same_bits
+from support.tables_of_baskets import DAY, NAMES, START, WEIGHTS, long_columns, numbers, same_bits
 
 LABELS = {"sector": {"e": "oil"}}
 OTHERS = {
@@ -176,13 +176,13 @@ def test_rows_after_the_last_computed_day_do_not_matter(store, rows, options):
     run_and_save(dated(ROWS, **options), store)
     made = dated(rows, **options)
     made.load(store)
-    assert made.last_date == START + 9
+    assert made.last_date == START + 9 * DAY
     values = np.ones((1, len(made.instruments)))
     # Until the next list the numbers are those that the old table gives too.
-    found = dict(zip(made.instruments, made.step(values[0], date=START + 10), strict=True))
+    found = dict(zip(made.instruments, made.step(values[0], date=START + 10 * DAY), strict=True))
     old = dated(ROWS, **options)
     old.load(store)
-    row = old.step(np.ones(len(old.instruments)), date=START + 10)
+    row = old.step(np.ones(len(old.instruments)), date=START + 10 * DAY)
     expected = dict(zip(old.instruments, row, strict=True))
     assert found["A"] == expected["A"]
     assert np.isnan(found["B"])

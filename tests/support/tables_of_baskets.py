@@ -4,6 +4,7 @@ import numpy as np
 import pytest
 
 START = np.datetime64("2024-01-01")
+DAY = np.timedelta64(1, "D")
 KINDS = ["array", "pandas", "polars", "pyarrow"]
 EXPRESSIONS = [
     "none",

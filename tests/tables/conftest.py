@@ -28,7 +28,11 @@ class Frames:
     def dated(self, columns, days=DAYS):
         if self.kind != "pandas":
             return self.plain({"day": list(days), **columns})
-        index = self.library.DatetimeIndex(days, name="day")
+        try:
+            index = self.library.DatetimeIndex(days, name="day")
+        except self.library.errors.OutOfBoundsDatetime:
+            # Before its third version, pandas thought of nanoseconds alone unless told otherwise.
+            index = self.library.DatetimeIndex(np.array(days, "M8[us]"), name="day")
         return self.library.DataFrame(columns, index=index)
 
     def days(self, days):

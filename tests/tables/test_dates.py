@@ -65,7 +65,7 @@ def test_what_is_no_date_is_a_type_error(value):
         as_date(value)
 
 
-@pytest.mark.parametrize("value", [None, float("nan"), np.datetime64("NaT")])
+@pytest.mark.parametrize("value", [None, float("nan"), np.datetime64("NaT", "D")])
 def test_a_missing_date_is_refused(value):
     with pytest.raises(ValueError, match="the date is missing"):
         as_date(value)

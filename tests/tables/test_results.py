@@ -3,7 +3,7 @@
 import numpy as np
 import pytest
 
-from quorvane.tables import read_table
+from quorvane.tables import frame_of_kind, read_table
 
 pytestmark = pytest.mark.plain_python
 
@@ -74,7 +74,9 @@ def test_a_result_has_a_number_for_each_row_and_name(frames, method):
 
 def test_plain_frames_are_of_the_same_kind(frames):
     given = frames.dated({"A": [1.0] * 3})
-    made = read_table(given).frame({"name": ["x", "y"], "weight": [0.5, NAN], "n": [1, 2]})
+    made = frame_of_kind(
+        read_table(given).kind, {"name": ["x", "y"], "weight": [0.5, NAN], "n": [1, 2]}
+    )
     assert type(made) is type(given)
     expected = {"name": ["x", "y"], "weight": [0.5, None], "n": [1, 2]}
     assert frames.content(made) == expected
@@ -115,8 +117,8 @@ def test_an_array_is_filled_with_the_matrix_itself():
 
 
 def test_an_array_gives_structured_arrays_as_plain_frames():
-    made = read_table(np.ones((2, 2))).frame({"name": ["x", "yy"], "weight": [0.5, 1.0]})
+    made = frame_of_kind("array", {"name": ["x", "yy"], "weight": [0.5, 1.0]})
     assert made["name"].tolist() == ["x", "yy"]
     assert made.dtype["name"].kind == "O"
     assert made["weight"].dtype == np.float64
-    assert read_table(np.ones((2, 2))).frame({"name": []}).shape == (0,)
+    assert frame_of_kind("array", {"name": []}).shape == (0,)

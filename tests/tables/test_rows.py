@@ -5,7 +5,7 @@ import datetime
 import numpy as np
 import pytest
 
-from quorvane.tables import read_row
+from quorvane.tables import frame_of_kind, read_row
 
 pytestmark = pytest.mark.plain_python
 
@@ -147,7 +147,7 @@ def test_zoned_days_are_in_utc():
 
 
 def test_plain_frames_are_of_the_row_s_kind(row):
-    made = read_row(row()).frame({"name": ["x", "y"], "weight": np.array([0.5, 1.0])})
+    made = frame_of_kind(read_row(row()).kind, {"name": ["x", "y"], "weight": np.array([0.5, 1.0])})
     assert list(made["weight"]) == [0.5, 1.0] or made["weight"].to_pylist() == [0.5, 1.0]
     if isinstance(row(), dict):
         assert made == {"name": ["x", "y"], "weight": [0.5, 1.0]}

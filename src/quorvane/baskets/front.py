@@ -111,19 +111,8 @@ class Baskets:
             book = fixed_book(weights, names)
         elif names is not None:
             book = single_book(names)
-        self._set_up(
-            book,
-            settings_of(
-                expression,
-                policy=policy,
-                hold=hold,
-                labels=labels,
-                capacity=capacity,
-                reclaim=reclaim,
-                threads=threads,
-                baskets=None if book is None else book.baskets,
-            ),
-        )
+        settings = settings_of(book, expression, policy, hold, labels, capacity, reclaim, threads)
+        self._set_up(book, settings)
 
     @classmethod
     @refusing_misspelt
@@ -175,19 +164,8 @@ class Baskets:
         book = long_book(table, columns, complete=complete, instruments=given_names(instruments))
         self = cls.__new__(cls)
         self._columns, self._complete = columns, complete
-        self._set_up(
-            book,
-            settings_of(
-                expression,
-                policy=policy,
-                hold=hold,
-                labels=labels,
-                capacity=capacity,
-                reclaim=reclaim,
-                threads=threads,
-                baskets=book.baskets,
-            ),
-        )
+        settings = settings_of(book, expression, policy, hold, labels, capacity, reclaim, threads)
+        self._set_up(book, settings)
         return self
 
     # ---- days -----------------------------------------------------------------------------------

@@ -3,9 +3,11 @@
 from __future__ import annotations
 
 import operator
-from collections.abc import Hashable, Iterable, Mapping
+from collections.abc import Hashable, Mapping
 from dataclasses import dataclass
 from typing import Any, Literal, cast, get_args
+
+from quorvane.baskets.listing import Book
 
 Policy = Literal["proportional", "equal_split"]
 Labels = Mapping[str, Mapping[Hashable, Any]]
@@ -31,17 +33,16 @@ class Settings:
 
 
 def settings_of(
+    book: Book | None,
     expression: object,
-    *,
     policy: object,
     hold: object,
     labels: Labels | None,
     capacity: object,
     reclaim: object,
     threads: object,
-    baskets: Iterable[Hashable] | None,
 ) -> Settings:
-    """The settings; TypeError or ValueError for what is none. ``baskets`` are those of labels."""
+    """The settings, of baskets that may not be known yet; TypeError or ValueError for others."""
     if not isinstance(expression, str):
         raise TypeError(f"expression must be a str such as 'ewma(20);rank', got {expression!r}")
     if policy not in get_args(Policy):
@@ -55,7 +56,7 @@ def settings_of(
         expression=expression,
         policy=cast(Policy, policy),
         hold=days,
-        labels=_checked_labels(labels, baskets),
+        labels=_checked_labels(labels, book),
         capacity=_none_or_whole("capacity", capacity, 1),
         reclaim=reclaim,
         threads=_none_or_whole("threads", threads, 1),
@@ -76,14 +77,12 @@ def _none_or_whole(argument: str, value: Any, least: int) -> int | None:
     return None if value is None else whole_number(argument, value, least, "None or ")
 
 
-def _checked_labels(
-    labels: Labels | None, baskets: Iterable[Hashable] | None
-) -> dict[str, dict[Hashable, Any]]:
+def _checked_labels(labels: Labels | None, book: Book | None) -> dict[str, dict[Hashable, Any]]:
     if labels is None:
         return {}
     if not isinstance(labels, Mapping):
         raise TypeError(f"labels must be a mapping {{name: {{basket: label}}}}, got {labels!r}")
-    known = None if baskets is None else set(baskets)
+    known = None if book is None else set(book.baskets)
     checked: dict[str, dict[Hashable, Any]] = {}
     for name, of_basket in labels.items():
         if not isinstance(of_basket, Mapping):

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import functools
 import math
 import numbers
 from collections import Counter
@@ -13,9 +14,13 @@ import numpy as np
 from quorvane.baskets.listing import Book, Listing
 from quorvane.tables import read_table
 from quorvane.tables.missing import is_missing
+from quorvane.tables.names import listed
 from quorvane.tables.reading import frame_kind
 
 Legs = dict[Hashable, float]
+
+# The names in a message; of more than ten the others are counted.
+_some = functools.partial(listed, most=10)
 
 
 def fixed_book(weights: Any, instruments: Iterable[Hashable] | None) -> Book:
@@ -55,7 +60,7 @@ def given_names(instruments: Any) -> tuple[Hashable, ...] | None:
     names = tuple(instruments)
     repeated = _repeated(names)
     if repeated:
-        raise ValueError(f"instruments must be distinct, got more than once: {_listed(repeated)}")
+        raise ValueError(f"instruments must be distinct, got more than once: {_some(repeated)}")
     return names
 
 
@@ -69,7 +74,7 @@ def instrument_names(
     known = set(names)
     unknown = [name for name in mentioned if name not in known]
     if unknown:
-        raise ValueError(f"weights: not among the instruments: {_listed(unknown)}")
+        raise ValueError(f"weights: not among the instruments: {_some(unknown)}")
     return names
 
 
@@ -109,7 +114,7 @@ def _of_frame(weights: Any) -> dict[Hashable, Legs]:
     matrix = table.matrix(names, used=np.zeros(len(names), dtype=bool))
     repeated = _repeated(instruments)
     if repeated:
-        raise ValueError(f"weights: rows that come more than once: {_listed(repeated)}")
+        raise ValueError(f"weights: rows that come more than once: {_some(repeated)}")
     return {
         basket: _without_missing(basket, zip(instruments, matrix[:, i].tolist(), strict=True))
         for i, basket in enumerate(names)
@@ -142,7 +147,7 @@ def _rows_and_columns(weights: Any) -> tuple[list[Hashable], Any]:
     if len(texts) != 1:
         raise TypeError(
             "weights: a frame without an index must have one column of text, the instruments, "
-            f"got {_listed(texts) or 'none'}"
+            f"got {_some(texts) or 'none'}"
         )
     return frame[texts[0]].to_list(), frame.drop(texts).to_native()
 
@@ -159,8 +164,3 @@ def _listing(baskets: dict[Hashable, Legs], column_of: dict[Hashable, int]) -> L
 
 def _repeated(names: Iterable[Hashable]) -> list[Hashable]:
     return [name for name, count in Counter(names).items() if count > 1]
-
-
-def _listed(names: Sequence[Hashable]) -> str:
-    shown = ", ".join(map(repr, names[:10]))
-    return shown if len(names) <= 10 else f"{shown} and {len(names) - 10} more"

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Hashable, Mapping, Sequence
+from collections.abc import Hashable
 from typing import Any
 
 import numpy as np
@@ -10,7 +10,7 @@ from numpy.typing import NDArray
 
 from quorvane.tables.dates import dates_of, to_nanoseconds
 from quorvane.tables.numbers import ALLOWED, Floats, c_ordered, numbers_of
-from quorvane.tables.table import Table, structured
+from quorvane.tables.table import Table
 
 KINDS = "a NumPy array, a pandas, polars or pyarrow table"
 
@@ -35,10 +35,6 @@ class ArrayTable(Table):
     def width(self) -> int:
         """The number of columns."""
         return int(self._native.shape[1])
-
-    def frame(self, columns: Mapping[str, Sequence[Any]]) -> Any:
-        """A structured array of these columns, text as objects."""
-        return structured(columns)
 
     def _positions(self, wanted: tuple[Hashable, ...]) -> list[int]:
         if len(wanted) != self.width:

@@ -47,16 +47,24 @@ def to_nanoseconds(dates: Dates, where: Any) -> Dates:
     gaps = np.isnat(dates)
     if gaps.any():
         raise ValueError(f"{where(int(gaps.argmax()))}: the date is missing")
-    converted = dates.astype("datetime64[ns]")
-    # NumPy wraps around silently: only a date that fits comes back as it was.
-    lost = converted.astype(dates.dtype) != dates
-    if lost.any():
-        row = int(lost.argmax())
+    converted = _converted(dates)
+    if converted is None:
+        row = next(i for i in range(len(dates)) if _converted(dates[i : i + 1]) is None)
         raise ValueError(
             f"{where(row)}: the date {dates[row]} does not fit into nanoseconds, "
             f"allowed are {_RANGE}"
         )
     return converted
+
+
+def _converted(dates: Dates) -> Dates | None:
+    """The dates in nanoseconds; None where one does not fit."""
+    try:
+        converted = dates.astype("datetime64[ns]")
+        # Before its version 2.5 NumPy wraps around silently: what fits comes back as it was.
+        return converted if np.array_equal(converted.astype(dates.dtype), dates) else None
+    except OverflowError:
+        return None
 
 
 def dates_of(values: Iterable[Any], where: Any) -> tuple[Dates, bool]:

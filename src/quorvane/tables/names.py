@@ -3,8 +3,9 @@
 from __future__ import annotations
 
 from collections import Counter
-from collections.abc import Hashable, Iterable, Sequence
+from collections.abc import Collection, Hashable, Sequence
 from difflib import get_close_matches
+from itertools import islice
 
 # Looking for near names among thousands takes long: the first few say enough.
 _SUGGESTED = 5
@@ -28,9 +29,10 @@ def positions_of(
     return [place[name] for name in wanted]
 
 
-def listed(names: Iterable[Hashable]) -> str:
-    """Write names one after the other."""
-    return ", ".join(map(repr, names))
+def listed(names: Collection[Hashable], *, most: int | None = None) -> str:
+    """Write names one after the other; with ``most``, how many more there are."""
+    shown = ", ".join(map(repr, islice(names, most)))
+    return shown if most is None or len(names) <= most else f"{shown} and {len(names) - most} more"
 
 
 def _no_such(missing: list[Hashable], names: Sequence[Hashable], what: str) -> str:

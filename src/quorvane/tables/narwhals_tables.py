@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from collections import Counter
-from collections.abc import Hashable, Mapping, Sequence
+from collections.abc import Hashable
 from typing import Any
 
 import narwhals as nw
@@ -12,7 +12,6 @@ import numpy as np
 from quorvane.tables.names import listed, positions_of
 from quorvane.tables.narwhals_columns import column_dates, column_numbers, is_date
 from quorvane.tables.native_frames import (
-    any_column,
     column_at,
     column_names,
     frame_of,
@@ -35,11 +34,6 @@ class NarwhalsTable(Table):
         self._schema = dict(self._frame.schema)
         self._date = self._find_dates(date, optional=optional)
         self.names = tuple(name for name in self._columns if name != self._date)
-
-    def frame(self, columns: Mapping[str, Sequence[Any]]) -> Any:
-        """A frame of these columns; missing numbers are null."""
-        made = [any_column(values, name, self.kind) for name, values in columns.items()]
-        return frame_of(made, tuple(columns), self.kind)
 
     @property
     def _frame(self) -> Any:

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import sys
-from collections.abc import Hashable, Mapping, Sequence
+from collections.abc import Hashable, Sequence
 from typing import Any
 
 import numpy as np
@@ -26,10 +26,6 @@ class PandasTable(Table):
         self._date_at = self._find_dates(columns, date, optional=optional)
         self._numbers_at = [i for i in range(len(columns)) if i != self._date_at]
         self.names = tuple(columns[i] for i in self._numbers_at)
-
-    def frame(self, columns: Mapping[str, Sequence[Any]]) -> Any:
-        """A DataFrame of these columns with a RangeIndex."""
-        return plain_frame(columns)
 
     def _find_dates(self, columns: tuple[Hashable, ...], date: Any, *, optional: bool) -> int:
         """Take the dates from where they are: the position of their column, else -1."""
@@ -97,11 +93,6 @@ class PandasTable(Table):
 def named(names: Sequence[Hashable]) -> Any:
     """An index of these names, tuples as they are."""
     return sys.modules["pandas"].Index(list(names), tupleize_cols=False)
-
-
-def plain_frame(columns: Mapping[str, Sequence[Any]]) -> Any:
-    """A DataFrame of these columns with a RangeIndex."""
-    return sys.modules["pandas"].DataFrame(dict(columns))
 
 
 def _columns(frame: Any, positions: list[int]) -> Any:

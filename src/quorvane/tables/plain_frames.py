@@ -8,8 +8,6 @@ from typing import Any
 
 import numpy as np
 
-from quorvane.tables.table import structured
-
 
 def frame_of_kind(kind: str, columns: Mapping[str, Sequence[Any]]) -> Any:
     """A frame of these columns, of the kind that tables and rows say they are."""
@@ -23,4 +21,17 @@ def frame_of_kind(kind: str, columns: Mapping[str, Sequence[Any]]) -> Any:
         return frame_of(made, tuple(columns), kind)
     if kind == "mapping":
         return {name: np.asarray(values).tolist() for name, values in columns.items()}
-    return structured(columns)
+    return _structured(columns)
+
+
+def _structured(columns: Mapping[str, Sequence[Any]]) -> np.ndarray[Any, Any]:
+    """Plain columns as a structured array, text as objects."""
+    arrays = {name: np.asarray(values) for name, values in columns.items()}
+    fields = [
+        (name, values.dtype if values.dtype.kind in "biufM" else np.dtype(object))
+        for name, values in arrays.items()
+    ]
+    result = np.empty(max(map(len, arrays.values()), default=0), dtype=fields)
+    for name, values in columns.items():
+        result[name] = values
+    return result

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from abc import ABC, abstractmethod
-from collections.abc import Hashable, Mapping, Sequence
+from collections.abc import Hashable, Sequence
 from typing import Any
 
 import numpy as np
@@ -70,10 +70,6 @@ class Row(ABC):
     def of_columns(self, vector: ArrayLike, names: Sequence[Hashable]) -> Any:
         """A row of the kind given with these names and the vector's numbers."""
         return self._write(checked_result(vector, (len(names),), "vector"), tuple(names))
-
-    @abstractmethod
-    def frame(self, columns: Mapping[str, Sequence[Any]]) -> Any:
-        """A plain table of these columns; of a mapping a dict of lists."""
 
     @abstractmethod
     def _read(self, positions: list[int], wanted: tuple[Hashable, ...]) -> Floats:

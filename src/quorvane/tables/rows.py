@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import sys
-from collections.abc import Hashable, Mapping, Sequence
+from collections.abc import Hashable, Mapping
 from datetime import date as calendar_date
 from typing import Any
 
@@ -16,7 +16,7 @@ from quorvane.tables.missing import is_missing
 from quorvane.tables.numbers import Floats, numbers_of
 from quorvane.tables.reading import frame_kind, read_frame
 from quorvane.tables.row import Row
-from quorvane.tables.table import Table, structured
+from quorvane.tables.table import Table
 
 
 def read_row(row: Any, *, date: Any = None, argument: str = "row") -> Row:
@@ -57,10 +57,6 @@ class ArrayRow(Row):
     kind = "array"
     names = None
 
-    def frame(self, columns: Mapping[str, Sequence[Any]]) -> Any:
-        """A structured array of these columns, text as objects."""
-        return structured(columns)
-
     def _positions(self, wanted: tuple[Hashable, ...]) -> list[int]:
         count = len(self._native)
         if len(wanted) != count:
@@ -90,10 +86,6 @@ class MappingRow(Row):
         super().__init__(native, argument)
         self.names = tuple(native)
 
-    def frame(self, columns: Mapping[str, Sequence[Any]]) -> Any:
-        """A dict of lists."""
-        return {name: np.asarray(values).tolist() for name, values in columns.items()}
-
     def _read(self, positions: list[int], wanted: tuple[Hashable, ...]) -> Floats:
         values = [self._native[name] for name in wanted]
         return numbers_of(values, self._what, lambda i: repr(wanted[i]))
@@ -115,12 +107,6 @@ class SeriesRow(Row):
         is_date = isinstance(name, calendar_date | np.datetime64) or hasattr(name, "start_time")
         if is_date and not is_missing(name):
             self.date, self.is_utc = as_date(name, f"{argument}: its name")
-
-    def frame(self, columns: Mapping[str, Sequence[Any]]) -> Any:
-        """A DataFrame of these columns with a RangeIndex."""
-        from quorvane.tables.pandas_tables import plain_frame
-
-        return plain_frame(columns)
 
     def _read(self, positions: list[int], wanted: tuple[Hashable, ...]) -> Floats:
         from quorvane.tables.pandas_columns import column_numbers
@@ -153,10 +139,6 @@ class TableRow(Row):
         """What messages call the day: its date, else its index or its number."""
         label: str = self._native.label(0) if self.date is None else super().label
         return label
-
-    def frame(self, columns: Mapping[str, Sequence[Any]]) -> Any:
-        """A plain table of the kind given with these columns."""
-        return self._native.frame(columns)
 
     def _positions(self, wanted: tuple[Hashable, ...]) -> list[int]:
         positions: list[int] = self._native._positions(wanted)

@@ -4,10 +4,9 @@ from __future__ import annotations
 
 import copy
 from abc import ABC, abstractmethod
-from collections.abc import Hashable, Mapping, Sequence
+from collections.abc import Hashable, Sequence
 from typing import Any
 
-import numpy as np
 from numpy.typing import ArrayLike
 
 from quorvane.tables.dates import Dates, check_ascending, date_text
@@ -103,10 +102,6 @@ class Table(ABC):
         return part
 
     @abstractmethod
-    def frame(self, columns: Mapping[str, Sequence[Any]]) -> Any:
-        """A plain table of the kind given with these columns; for an array a structured one."""
-
-    @abstractmethod
     def _read(self, positions: list[int], wanted: tuple[Hashable, ...]) -> tuple[Floats, bool]:
         """The numbers of the columns at these positions of `names`; and if none is infinite."""
 
@@ -137,16 +132,3 @@ def date_column(found: Sequence[Hashable], argument: str, *, optional: bool) -> 
             f"name the one to use with date="
         )
     return len(found) == 1
-
-
-def structured(columns: Mapping[str, Sequence[Any]]) -> np.ndarray[Any, Any]:
-    """Plain columns as a structured array, text as objects."""
-    arrays = {name: np.asarray(values) for name, values in columns.items()}
-    fields = [
-        (name, values.dtype if values.dtype.kind in "biufM" else np.dtype(object))
-        for name, values in arrays.items()
-    ]
-    result = np.empty(max(map(len, arrays.values()), default=0), dtype=fields)
-    for name, values in columns.items():
-        result[name] = values
-    return result

@@ -11,6 +11,7 @@ from typing import Any
 import numpy as np
 
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
+from quorvane.functions.rotations.virtualization.planned import PlannedStructures
 
 BasketKey = str | tuple[Hashable, ...]
 BasketLegs = Mapping[str, float] | Iterable[tuple[str, float]]
@@ -21,6 +22,36 @@ Baskets = (
 )
 
 Legs = tuple[tuple[int, float], ...]
+
+
+class NamedBaskets(PlannedStructures):
+    """A rotation over named instruments, with room for as many structures as are known."""
+
+    arity = 1
+
+    def __init__(
+        self,
+        names: tuple[str, ...],
+        known: int,
+        what: str,
+        *,
+        max_structures: int | None,
+        N_alloc: int | None,
+        **others: Any,
+    ) -> None:
+        _require_capacity("max_structures", max_structures, known, what)
+        _require_capacity("N_alloc", N_alloc, len(names), "instruments")
+        super().__init__(
+            max_structures=known if max_structures is None else max_structures,
+            N_alloc=len(names) if N_alloc is None else N_alloc,
+            **others,
+        )
+        self._instruments = names
+
+    @property
+    def instruments(self) -> tuple[str, ...]:
+        """The names of the input's columns, in column order."""
+        return self._instruments
 
 
 def columns_of(resolved: dict[tuple[Hashable, ...], Legs]) -> StructureColumns:
@@ -125,7 +156,7 @@ def _did_you_mean(name: str, names: Iterable[str]) -> str:
     return f"; did you mean {' or '.join(map(repr, close))}?" if close else ""
 
 
-def require_capacity(argument: str, given: int | None, needed: int, what: str) -> None:
+def _require_capacity(argument: str, given: int | None, needed: int, what: str) -> None:
     """Refuse a capacity with less room than is needed."""
     # Wrong types are left to the base class, whose texts are fixed.
     if isinstance(given, int) and not isinstance(given, bool) and 0 < given < needed:

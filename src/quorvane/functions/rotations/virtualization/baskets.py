@@ -10,15 +10,14 @@ from numpy.typing import NDArray
 
 from quorvane.functions.rotations.virtualization._named_baskets import (
     Baskets,
+    NamedBaskets,
     columns_of,
     instrument_names,
-    require_capacity,
     resolve_baskets,
 )
-from quorvane.functions.rotations.virtualization.planned import PlannedStructures
 
 
-class FixedBaskets(PlannedStructures):
+class FixedBaskets(NamedBaskets):
     """Baskets that stay the same from day to day, each a weighted sum of named instruments.
 
     Every day each basket's value is ``sum(weight * input[instrument])`` over its legs, added in
@@ -69,7 +68,6 @@ class FixedBaskets(PlannedStructures):
     """
 
     _name = "fixed_baskets"
-    arity = 1
 
     def __init__(
         self,
@@ -87,25 +85,20 @@ class FixedBaskets(PlannedStructures):
     ) -> None:
         names = instrument_names(instruments)
         resolved = resolve_baskets(baskets, {name: i for i, name in enumerate(names)})
-        require_capacity("max_structures", max_structures, len(resolved), "baskets")
-        require_capacity("N_alloc", N_alloc, len(names), "instruments")
         super().__init__(
-            max_structures=len(resolved) if max_structures is None else max_structures,
+            names,
+            len(resolved),
+            "baskets",
+            max_structures=max_structures,
             transformation_expression=transformation_expression,
-            N_alloc=len(names) if N_alloc is None else N_alloc,
+            N_alloc=N_alloc,
             unmap_policy=unmap_policy,
             child_factories=child_factories,
             child_rotations=child_rotations,
             trace_sink=trace_sink,
             **parameters,
         )
-        self._instruments = names
         self._columns = columns_of(resolved)
-
-    @property
-    def instruments(self) -> tuple[str, ...]:
-        """The names of the input's columns, in column order."""
-        return self._instruments
 
     @property
     def keys(self) -> tuple[tuple[Hashable, ...], ...]:

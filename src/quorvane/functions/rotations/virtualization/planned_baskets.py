@@ -7,15 +7,14 @@ from typing import Any
 
 from quorvane.functions.rotations.virtualization._named_baskets import (
     Baskets,
+    NamedBaskets,
     columns_of,
     instrument_names,
-    require_capacity,
     resolve_baskets,
 )
-from quorvane.functions.rotations.virtualization.planned import PlannedStructures
 
 
-class PlannedBaskets(PlannedStructures):
+class PlannedBaskets(NamedBaskets):
     """Baskets of which others hold from some days on: a rebalancing that is known beforehand.
 
     The day is the context's ``current_day_index``: ``batch_reference`` counts from 0, a call
@@ -61,7 +60,6 @@ class PlannedBaskets(PlannedStructures):
     """
 
     _name = "planned_baskets"
-    arity = 1
 
     def __init__(
         self,
@@ -83,26 +81,21 @@ class PlannedBaskets(PlannedStructures):
             day: resolve_baskets(baskets, by_name) for day, baskets in _days_of(plan).items()
         }
         keys = tuple(dict.fromkeys(key for baskets in resolved.values() for key in baskets))
-        require_capacity("max_structures", max_structures, len(keys), "keys")
-        require_capacity("N_alloc", N_alloc, len(names), "instruments")
         super().__init__(
-            max_structures=len(keys) if max_structures is None else max_structures,
+            names,
+            len(keys),
+            "keys",
+            max_structures=max_structures,
             transformation_expression=transformation_expression,
-            N_alloc=len(names) if N_alloc is None else N_alloc,
+            N_alloc=N_alloc,
             unmap_policy=unmap_policy,
             child_factories=child_factories,
             child_rotations=child_rotations,
             trace_sink=trace_sink,
             **parameters,
         )
-        self._instruments = names
         self._keys = keys
         self._columns = tuple((day, columns_of(baskets)) for day, baskets in resolved.items())
-
-    @property
-    def instruments(self) -> tuple[str, ...]:
-        """The names of the input's columns, in column order."""
-        return self._instruments
 
     @property
     def keys(self) -> tuple[tuple[Hashable, ...], ...]:
