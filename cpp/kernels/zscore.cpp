@@ -13,6 +13,7 @@
 #include <limits>
 
 #include "kernels/lanes.hpp"
+#include "kernels/row_sums.hpp"
 
 namespace quorvane::kernels {
 namespace {
@@ -22,20 +23,6 @@ constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 
 // Sums of one block are plain, sums of blocks compensated: the error does not grow with the length.
 constexpr std::size_t kBlock = 128 * kLanes;
-
-class CompensatedSum {
-public:
-    void add(double term) {
-        const double next = sum_ + term;
-        lost_ += std::abs(sum_) >= std::abs(term) ? (sum_ - next) + term : (term - next) + sum_;
-        sum_ = next;
-    }
-    [[nodiscard]] double value() const { return sum_ + lost_; }
-
-private:
-    double sum_ = 0.0;
-    double lost_ = 0.0;
-};
 
 struct BlockSums {
     double count;    // finite values
@@ -105,15 +92,6 @@ QUORVANE_SIMD void standardise(const double* __restrict values, double* __restri
         const double usable = finite ? values[i] : kNan;
         out[i] = (usable * scale - mean) / deviation;
     }
-}
-
-// 1 where squares and sums of the values stay well inside the double range, else the power of two
-// that brings the largest value near 1.
-double safe_scale(double largest) {
-    constexpr double low = 0x1p-400, high = 0x1p400;
-    if (largest == 0.0 || (largest >= low && largest <= high)) return 1.0;
-    // Two's exponent of the smallest subnormal would overflow when negated.
-    return std::ldexp(1.0, std::min(-std::ilogb(largest), 1023));
 }
 
 }  // namespace

@@ -53,6 +53,9 @@ public:
 
     [[nodiscard]] virtual kernels::BlockKernel& kernel() noexcept = 0;
 
+    // How many bytes its part took, and gives back, besides what each slot has of anything.
+    [[nodiscard]] virtual std::size_t memory() const noexcept { return 0; }
+
     // Whether the child still has the objects that the kernel was made from.
     [[nodiscard]] virtual bool holds() const = 0;
 

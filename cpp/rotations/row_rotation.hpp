@@ -6,6 +6,7 @@
 #include "capi/module.hpp"
 #include "capi/threads.hpp"
 #include "kernels/history/row_block.hpp"
+#include "rotations/arguments.hpp"
 #include "rotations/history_child.hpp"
 #include "rotations/row_day.hpp"
 
@@ -63,14 +64,14 @@ private:
         });
     }
 
-    // Parameters are exact strings and ints, or a history goes day by day.
+    // Parameters are plain objects, or a history goes day by day.
     static std::unique_ptr<HistoryChild> take_part(void* state, const ChildRequest& request) {
         RowRotation& module = *static_cast<RowRotation*>(state);
         PlainChild child(request.child, module.framework_day_);
         if (!child.has_plain_days(request)) return nullptr;
         [[maybe_unused]] std::array<PyObject*, own_count> current{
             child.seen().look(module.names_[own])...};
-        if (!(is_plain(current[own]) && ...)) return nullptr;
+        if (!(is_plain_parameter(current[own]) && ...)) return nullptr;
         auto kernel = Rotation::kernel(current[own]...);
         using Block = kernels::RowBlock<decltype(kernel), typename Rotation::Workspace>;
         return std::make_unique<ForgetfulChild>(
@@ -78,10 +79,6 @@ private:
             std::make_unique<Block>(std::move(kernel), request.slots, request.workers));
     }
 
-    static bool is_plain(PyObject* parameter) noexcept {
-        return parameter != nullptr &&
-               (PyUnicode_CheckExact(parameter) || PyLong_CheckExact(parameter));
-    }
     static constexpr ChildOpener opener = take_part;
 
     static constexpr ChildClass child_class{

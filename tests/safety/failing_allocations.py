@@ -57,10 +57,16 @@ def fail_one_by_one(name, operation, *, once, after=lambda result: None):
     return failures
 
 
-# Some recoveries answer False whatever happens. When memory runs out, NumPy's indexing with a mask
-# and its broadcasting fail without setting an error, which the interpreter reports as SystemError;
-# and pickle says that a class cannot be imported.
-OUT_OF_REACH = ("recover_", "unmap_step_by_step", "mask_indexing", "columns_pickled")
+# Some recoveries answer False whatever happens. When memory runs out, NumPy's indexing with a mask,
+# its broadcasting and its text of an array fail without setting an error, which the interpreter
+# reports as SystemError; and pickle says that a class cannot be imported.
+OUT_OF_REACH = (
+    "recover_",
+    "unmap_step_by_step",
+    "mask_indexing",
+    "columns_pickled",
+    "represent of within groups",
+)
 # Interpreters that crash by themselves: one in the frames of copy.deepcopy, one in its warnings.
 if sys.version_info >= (3, 12):
     OUT_OF_REACH += ("columns_copied", "columns_made_of_no_legs")

@@ -7,20 +7,24 @@ that sets the operation up.
 
 import contextlib
 import copy
+import functools
 import pickle
 
 import numpy as np
 
 from quorvane.functions.rotations._boilerplate import RotationBase
+from quorvane.functions.rotations.latitudinal.cross_section import Winsorize, WithinGroups
 from quorvane.functions.rotations.latitudinal.normalize import ZScore
 from quorvane.functions.rotations.latitudinal.rank import Rank
 from quorvane.functions.rotations.longitudinal.ewma import Ewma
+from quorvane.functions.rotations.longitudinal.rolling import RollingMean
 from quorvane.functions.rotations.numerical.transcendental import Transcendental
 from quorvane.functions.rotations.virtualization import base
 from quorvane.functions.rotations.virtualization.attendance import Attendance, Gate
 from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
 from quorvane.functions.rotations.virtualization.history import replay_history
+from support import functions
 
 N = 6
 CHAIN = "ewma(3);rank;zscore;sigmoid"
@@ -200,6 +204,10 @@ MAKERS = {
     "transcendental": make_transcendental,
     "attendance": make_attendance,
     "gate": make_gate,
+    **{
+        name: functools.partial(make, N)
+        for name, make in {**functions.OVER_TIME, **functions.ACROSS}.items()
+    },
 }
 
 
@@ -328,6 +336,18 @@ def history_with_gates():
     return lambda: (replay_history(rotation, values, level="structure"), children[1].forget([0]))
 
 
+def history_of_functions():
+    makers = {**functions.OVER_TIME, **functions.ACROSS}
+    children = [make(N) for make in makers.values()]
+    names = [f"i{column}" for column in range(N)]
+    singles = {name: {name: 1.0} for name in names}
+    rotation = FixedBaskets(
+        singles, names, transformation_expression="none", child_rotations=children
+    )
+    values = np.arange(40.0 * N).reshape(40, N)
+    return lambda: (replay_history(rotation, values), children[0].forget([0]))
+
+
 def unmap_step_by_step_of_a_history():
     """Every product underflows, of which NumPy may warn: days are computed one by one."""
     names = [f"i{column}" for column in range(N)]
@@ -425,6 +445,7 @@ VIRTUALIZATION = [
     history,
     history_of_threads_with_a_universe,
     history_with_gates,
+    history_of_functions,
     unmap_step_by_step_of_a_history,
     set_state_of_lists,
     new_structures_every_day,
@@ -646,6 +667,14 @@ rejected_arguments(TypeError, Attendance, hold=1.5, N_alloc=N)
 rejected_arguments(ValueError, Attendance, hold=-(10**400), N_alloc=N)
 rejected_arguments(TypeError, Attendance, hold=1)
 rejected_arguments(TypeError, Gate)
+rejected_arguments(TypeError, RollingMean, window=1.5, N_alloc=N)
+rejected_arguments(TypeError, RollingMean, window=3)
+rejected_arguments(ValueError, RollingMean, window=3, min_periods=4, N_alloc=N)
+rejected_arguments(ValueError, RollingMean, window=10**400, N_alloc=N)
+rejected_arguments(TypeError, Winsorize, fraction="x")
+rejected_arguments(ValueError, Winsorize, fraction=10**400)
+rejected_arguments(TypeError, WithinGroups, function="rank", groups=[0])
+rejected_arguments(ValueError, WithinGroups, function="none", groups=np.zeros(1, np.int64))
 rejected_arguments(TypeError, Rank, other=1)
 rejected_arguments(TypeError, Transcendental, function=3)
 rejected_arguments(ValueError, Transcendental, function="nothing")
@@ -1076,6 +1105,26 @@ def slot_that_is_not_there_to_be_forgotten():
 def slots_that_are_no_numbers():
     ewma = used(make_ewma)
     return lambda: ewma.forget(["x"])
+
+
+@failing(ValueError)
+def memory_without_room():
+    rotation = used(MAKERS["rolling mean"])
+    rotation._memory = np.zeros(1)
+    return lambda: rotation(ONES)
+
+
+@failing(ValueError)
+def groups_by_no_known_function():
+    rotation = used(MAKERS["within groups"])
+    rotation.function = "median"
+    return lambda: rotation(ONES)
+
+
+@failing(IndexError)
+def column_that_is_not_there_to_be_forgotten():
+    rotation = used(MAKERS["delay"])
+    return lambda: rotation.forget([N])
 
 
 @failing(ValueError)

@@ -33,9 +33,13 @@ void AttendanceBlock::take_back() noexcept { std::ranges::copy(kept_, now_.begin
 
 void GateBlock::run(const DayBlock& block, std::size_t first, std::size_t last,
                     std::size_t /*worker*/) {
-    if (!attendance_.shuts_out()) return;
     for (std::size_t day = first; day < last; ++day) {
-        shut_out(attendance_.open(block, day), {block.row(day), block.slots});
+        const std::span row(block.row(day), block.slots);
+        if (attendance_.shuts_out()) {
+            shut_out(attendance_.open(block, day), row);
+        } else {
+            let_through(row, row);
+        }
     }
 }
 

@@ -36,7 +36,8 @@ private:
     std::vector<std::uint8_t> open_;
 };
 
-// Makes missing what does not speak, by the attendance that went before in the same block.
+// Makes missing what is not finite or does not speak, by the attendance that went before in the
+// same block.
 class GateBlock final : public BlockKernel {
 public:
     explicit GateBlock(const AttendanceBlock& attendance) : attendance_(attendance) {}

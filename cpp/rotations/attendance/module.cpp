@@ -155,7 +155,7 @@ Ref let_through(State& state, PyObject* const* values) {
         kernels::let_through(day.values(), head_of(silent_days.get(), day.size()), *hold,
                              day.out());
     } else {
-        std::ranges::copy(day.values(), day.out().begin());
+        kernels::let_through(day.values(), day.out());
     }
     day.deliver();
     return state.count.zero.share();
@@ -224,7 +224,7 @@ _silent_days : ndarray of float64
 
 constexpr ChildClass gate_class{
     .class_name = "Gate",
-    .doc = R"(Lets through what speaks, and makes the other columns missing.
+    .doc = R"(Lets through what is finite and speaks, and makes the other columns missing.
 
 Parameters
 ----------

@@ -13,8 +13,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// How long Python's own work, a signal's handler above all, may have to wait.
-constexpr auto moment = std::chrono::milliseconds(50);
+// How long Python's own work, a signal's handler above all, may have to wait: longer where much is
+// copied before and after, so that most of the time goes into days.
+std::chrono::nanoseconds moment_for(std::size_t copied_bytes) {
+    constexpr std::size_t nanoseconds_a_byte = 4;
+    return std::chrono::milliseconds(50) +
+           std::chrono::nanoseconds(copied_bytes * nanoseconds_a_byte);
+}
 
 // What it costs to begin is worth it from here on.
 constexpr std::size_t fewest_days = 2 * kernels::kDays;
@@ -80,8 +85,8 @@ std::size_t BatchHistory::compute(const BatchInput& input, std::size_t day, Batc
     kernels::HistoryProgress progress{day, 0};
     try {
         const ReleasedLock released;
-        progress =
-            kernels::run_history(history, day, end, planned->workers(), Clock::now() + moment);
+        progress = kernels::run_history(history, day, end, planned->workers(),
+                                        Clock::now() + moment_for(planned->copied()));
     } catch (const std::bad_alloc&) {
         not_before_ = never;
         return day;

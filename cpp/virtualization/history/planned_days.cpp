@@ -268,6 +268,12 @@ void PlannedDays::lay_out() {
                                                         input_.instruments, equal_split_);
 }
 
+std::size_t PlannedDays::copied() const noexcept {
+    std::size_t bytes = 0;
+    for (const auto& child : children_) bytes += child->memory();
+    return bytes;
+}
+
 kernels::History PlannedDays::history(double* output, bool ends_with_children) const {
     return {input_, structures_, *legs_, kernels_, slots(), output, ends_with_children};
 }

@@ -39,6 +39,9 @@ public:
         return static_cast<std::size_t>(guard_.max_structures());
     }
 
+    // How many bytes of the children's memory are copied, at the beginning and at the end.
+    [[nodiscard]] std::size_t copied() const noexcept;
+
     [[nodiscard]] kernels::History history(double* output, bool ends_with_children) const;
 
     // Whether all is as it was when this was made, after the interpreter ran other threads.
