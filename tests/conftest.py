@@ -38,3 +38,14 @@ def real_base(kind):
     """The base module on the package's real siblings, importable during the test."""
     with installed_real_base(kind) as module:
         yield module
+
+
+@pytest.fixture
+def register():
+    """`quorvane.register`, whose names are gone after the test."""
+    from quorvane.expressions import registered
+
+    before = dict(registered.FUNCTIONS)
+    yield registered.register
+    registered.FUNCTIONS.clear()
+    registered.FUNCTIONS.update(before)

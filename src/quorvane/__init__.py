@@ -18,6 +18,9 @@ __version__ = "0.1.0"
 
 if TYPE_CHECKING:
     from quorvane.baskets import Baskets, SlotUsage, StateMismatch
+    from quorvane.evaluation import Evaluation, evaluate
+    from quorvane.expressions import catalogue, register
+    from quorvane.functions.rotations.own_state import OwnState
     from quorvane.functions.rotations.virtualization.base import (
         VirtualizationBase,
         VirtualStructure,
@@ -32,8 +35,10 @@ if TYPE_CHECKING:
 __all__ = [
     "Baskets",
     "DirectoryStore",
+    "Evaluation",
     "FixedBaskets",
     "MemoryStore",
+    "OwnState",
     "PlannedBaskets",
     "SlotUsage",
     "SqliteStore",
@@ -42,6 +47,9 @@ __all__ = [
     "VirtualStructure",
     "VirtualizationBase",
     "__version__",
+    "catalogue",
+    "evaluate",
+    "register",
     "replay_history",
     "run",
 ]
@@ -50,8 +58,10 @@ _ROTATIONS = "quorvane.functions.rotations.virtualization"
 _MODULE_OF = {
     "Baskets": "quorvane.baskets",
     "DirectoryStore": "quorvane.stores",
+    "Evaluation": "quorvane.evaluation",
     "FixedBaskets": f"{_ROTATIONS}.baskets",
     "MemoryStore": "quorvane.stores",
+    "OwnState": "quorvane.functions.rotations.own_state",
     "PlannedBaskets": f"{_ROTATIONS}.planned_baskets",
     "SlotUsage": "quorvane.baskets",
     "SqliteStore": "quorvane.stores",
@@ -59,6 +69,9 @@ _MODULE_OF = {
     "StructureColumns": f"{_ROTATIONS}.columns",
     "VirtualStructure": f"{_ROTATIONS}.base",
     "VirtualizationBase": f"{_ROTATIONS}.base",
+    "catalogue": "quorvane.expressions",
+    "evaluate": "quorvane.evaluation",
+    "register": "quorvane.expressions",
     "replay_history": f"{_ROTATIONS}.history",
     "run": "quorvane.running",
 }

@@ -277,3 +277,28 @@ def test_rows_that_are_not_later_are_refused():
 def test_only_dated_baskets_are_extended():
     with pytest.raises(TypeError, match="dated"):
         qv.Baskets({"a": {"A": 1.0}}, "none").extend(None)
+
+
+@pytest.mark.parametrize("complete", [True, False])
+def test_later_rows_are_read_as_if_they_had_been_there_from_the_first(complete, store):
+    rows = [
+        (0, "c", "C", 1.0),
+        (2, "e", "E", 1.0),
+        (2, "c", "C", 2.0),
+        (4, "a", "A", 1.0),
+        (4, "c", "C", 1.0),
+        (4, "e", "E", 2.0),
+    ]
+    values, days = numbers(8, missing=0), START + np.arange(8)
+
+    def make(rows):
+        table = pandas.DataFrame(long_columns(rows))
+        return qv.Baskets.from_long(table, "zscore", complete=complete, instruments=NAMES)
+
+    whole, made = make(rows), make(rows[:1])
+    for first, last in ((1, 3), (3, 6)):
+        made.extend(pandas.DataFrame(long_columns(rows[first:last])))
+    same_bits(made.run(values[:6], date=days[:6]), whole.run(values[:6], date=days[:6]))
+    made.save(store)
+    whole.load(store)
+    same_bits(whole.update(values[6:], date=days[6:]), made.update(values[6:], date=days[6:]))

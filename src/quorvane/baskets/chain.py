@@ -2,41 +2,46 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterable
 from dataclasses import dataclass
 from typing import Any
 
 import numpy as np
 from numpy.typing import NDArray
 
-from quorvane.functions.rotations.virtualization import base
+from quorvane.expressions import Made, Places, Recipe
 from quorvane.functions.rotations.virtualization.attendance import Attendance, Gate
-
-READY_MADE = "quorvane.functions."
 
 
 @dataclass(frozen=True)
 class Chain:
     """What a day's values go through: ``rotations`` in order, of which ``functions`` are named.
 
-    Each function has a gate behind it, so that what a structure that is silent gets from it
-    reaches nothing that comes after.
+    Each function has a gate behind it, so that what a structure that is silent gets from it, or a
+    result that is not finite, reaches nothing that comes after.
     """
 
-    texts: tuple[str, ...]
-    functions: tuple[Any, ...]
+    functions: tuple[Made, ...]
+    places: Places
     attendance: Attendance
     gates: tuple[Gate, ...]
 
     @property
     def rotations(self) -> list[Any]:
         """The attendance, then each function and its gate."""
-        behind = (r for pair in zip(self.functions, self.gates, strict=True) for r in pair)
+        made = [function.rotation for function in self.functions]
+        behind = (r for pair in zip(made, self.gates, strict=True) for r in pair)
         return [self.attendance, *behind]
+
+    @property
+    def texts(self) -> tuple[str, ...]:
+        """The functions as the expression has them."""
+        return tuple(function.text for function in self.functions)
 
     @property
     def only_ready_made(self) -> bool:
         """Whether all functions are the package's own, whose days do not fail half-way."""
-        return all(type(f).__module__.startswith(READY_MADE) for f in self.functions)
+        return all(function.is_ready_made for function in self.functions)
 
     def left(self) -> list[NDArray[np.float64]]:
         """What left each function on the last day, by slot; copies."""
@@ -45,33 +50,46 @@ class Chain:
 
     def forget(self, slots: list[int]) -> None:
         """Take every function's memory of the slots away."""
-        for rotation in (self.attendance, *self.functions):
-            if not getattr(rotation, "stateful", False):
-                continue
-            if not hasattr(rotation, "forget"):
-                raise TypeError(f"{rotation!r} has no forget(slots), so no slot can be reclaimed")
-            rotation.forget(slots)
+        self.require("forget")
+        self.attendance.forget(slots)
+        for function in self.functions:
+            if _remembers(function.rotation):
+                function.rotation.forget(slots)
+
+    def resize(self, capacity: int) -> None:
+        """Let every function have so many slots."""
+        self.require("get_state", "set_state", "resize")
+        for rotation in self.rotations:
+            if hasattr(rotation, "resize"):
+                rotation.resize(capacity)
+
+    def require(self, *methods: str) -> None:
+        """Raise TypeError for a function that remembers days and lacks one of the methods."""
+        lacking = self.lacking(*methods)
+        if lacking is not None:
+            function, names = lacking
+            raise TypeError(
+                f"{function.text!r} of the expression has no {', '.join(names)}; one that "
+                f"remembers nothing from day to day says stateful = False"
+            )
+
+    def lacking(self, *methods: str) -> tuple[Made, list[str]] | None:
+        """The first function that remembers days and lacks some of the methods, and which."""
+        for function in self.functions:
+            names = [name for name in methods if not hasattr(function.rotation, name)]
+            if names and _remembers(function.rotation):
+                return function, names
+        return None
 
 
-def make_chain(expression: str, hold: int | None, capacity: int) -> Chain:
-    """New functions for so many slots; the errors of the expression are the base class's own."""
-    functions = _Parser(
-        max_structures=capacity, transformation_expression=expression, N_alloc=1
-    ).child_rotations
-    attendance = Attendance(hold, N_alloc=capacity)
-    gates = tuple(Gate(attendance, N_alloc=capacity) for _ in functions)
-    return Chain(_texts(expression), tuple(functions), attendance, gates)
+def _remembers(rotation: Any) -> bool:
+    # Who says nothing may remember: losing that would give wrong numbers without a word.
+    return bool(getattr(rotation, "stateful", True))
 
 
-class _Parser(base.VirtualizationBase):
-    """Only to have an expression read."""
-
-    _name = "baskets"
-
-
-def _texts(expression: str) -> tuple[str, ...]:
-    tokens = (token.strip() for token in expression.split(";"))
-    identities = base._IDENTITY_EXPRESSIONS
-    return tuple(
-        token for token in tokens if token and token.removesuffix("()").lower() not in identities
-    )
+def make_chain(recipes: Iterable[Recipe], hold: int | None, places: Places) -> Chain:
+    """New functions for so many slots; ValueError or TypeError for what cannot be made."""
+    functions = tuple(recipe.make(places) for recipe in recipes)
+    attendance = Attendance(hold, N_alloc=places.count)
+    gates = tuple(Gate(attendance, N_alloc=places.count) for _ in functions)
+    return Chain(functions, places, attendance, gates)

@@ -38,6 +38,8 @@ class Course:
         self.reclaim = reclaim
         self._keeper = SlotKeeper(rotation, may_reclaim=reclaim)
         self._in_force: Listing | None = None
+        # Why nobody knows what the functions remember since a day failed.
+        self._spoilt: str | None = None
         # A day of such functions happens as a whole or not at all.
         self._is_safe = rotation.chain.only_ready_made
         # Whether the next day of a plain row is nothing but the rotation's own call.
@@ -54,6 +56,7 @@ class Course:
         """
         if len(matrix) == 0:
             return np.empty((0, self._width(request.level)))
+        self.refuse_spoilt()
         is_one_safe_day = len(matrix) == 1 and self._is_safe and not self.reclaim
         before = None if is_one_safe_day else self._snapshot()
         try:
@@ -65,6 +68,7 @@ class Course:
 
     def day(self, row: NDArray[np.float64], dates: Dates | None) -> NDArray[np.float64]:
         """The output of the next day alone."""
+        self.refuse_spoilt()
         number = int(self.book.in_force(dates, 1)[0])
         listing = self.book.listing(number)
         changes = listing is not self._in_force
@@ -133,6 +137,7 @@ class Course:
                 ]
             )
         self._hold_to(plan[-1][1])
+        self.rotation.expect(key for _, listing in plan for key in listing.keys)
         if len(plan) > 1:
             self.rotation._columns = tuple((day, listing.columns) for day, listing in plan)
         outputs = self._replayed(matrix[first:last], request, first, len(matrix))
@@ -168,10 +173,13 @@ class Course:
     ) -> NDArray[np.float64]:
         if listing is self._in_force or self._keeper_has_room(listing):
             self._hold_to(listing)
-            return self._computed(row, level)
+            return self._computed(row, listing, level)
         return self._tight_day(row, listing, date, level)
 
-    def _computed(self, row: NDArray[np.float64], level: Level) -> NDArray[np.float64]:
+    def _computed(
+        self, row: NDArray[np.float64], listing: Listing, level: Level
+    ) -> NDArray[np.float64]:
+        self.rotation.expect(listing.keys)
         output = np.array(self.rotation(row))
         return (
             output if level == "instrument" else self._by_basket(self.rotation._txi_output[None])[0]
@@ -194,8 +202,9 @@ class Course:
         for key, slot in zip(homeless, slots, strict=False):
             self.rotation.give_slot(slot, key)
         reported = [key in speaks or key in known for key in listing.keys]
-        self._hold_to(listing.part(np.array(reported, dtype=bool)))
-        output = self._computed(row, level)
+        part = listing.part(np.array(reported, dtype=bool))
+        self._hold_to(part)
+        output = self._computed(row, part, level)
         # What was reported is not all that is listed: the next day has to look again.
         self._hold_to(None)
         return output
@@ -222,6 +231,14 @@ class Course:
         result[:, chosen < 0] = np.nan
         return result
 
+    def refuse_spoilt(self) -> None:
+        """Raise RuntimeError where a day failed that could not be taken back."""
+        if self._spoilt is not None:
+            raise RuntimeError(
+                f"{self._spoilt}, so what the functions remember since a day failed is unknown: "
+                f"begin anew with run() or reset()"
+            )
+
     # ---- taking back ----------------------------------------------------------------------------
 
     def _snapshot(self) -> Any:
@@ -229,7 +246,14 @@ class Course:
 
     def _return_to(self, snapshot: Any) -> None:
         state, columns, in_force = snapshot
-        self.rotation.set_state(state)
+        lost = self.rotation.chain.lacking("get_state", "set_state")
+        self._spoilt = "a function of the expression did not take its state back"
+        try:
+            self.rotation.set_state(state)
+        except Exception as error:
+            self._spoilt += f" ({error})"
+            return
+        self._spoilt = lost and f"{lost[0].text!r} of the expression has no {', '.join(lost[1])}"
         self._hold_to(in_force)
         self.rotation._columns = columns
 

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Hashable, Iterable
+from collections.abc import Hashable, Iterable, Sequence
 from dataclasses import dataclass
 from itertools import pairwise
 from typing import Any
@@ -57,7 +57,7 @@ def extended(book: Book, table: Any, columns: LongColumns, *, complete: bool) ->
     TypeError, ValueError
         As long_book does; and a date is not after those of the book.
     """
-    legs = _Legs.of(table, columns)
+    legs = _Legs.of(table, columns, book.baskets)
     own = book.dates
     assert own is not None
     if legs.is_utc != book.is_utc:
@@ -78,18 +78,21 @@ class _Legs:
     """The rows in the order of dates, within a date by baskets as they first come in the table."""
 
     @classmethod
-    def of(cls, table: Any, columns: LongColumns) -> _Legs:
+    def of(cls, table: Any, columns: LongColumns, before: Sequence[Hashable] = ()) -> _Legs:
         keys = [columns.basket, columns.instrument]
         rows = read_long(table, date=columns.date, keys=keys, number=columns.weight)
-        return cls(rows, columns.basket, columns.instrument)
+        return cls(rows, columns.basket, columns.instrument, before)
 
-    def __init__(self, rows: LongTable, basket: str, instrument: str) -> None:
+    def __init__(
+        self, rows: LongTable, basket: str, instrument: str, before: Sequence[Hashable]
+    ) -> None:
         self.is_utc = rows.is_utc
         day_of_row = np.zeros(len(rows.numbers), np.int64)
         self.dates = np.empty(0, "datetime64[ns]")
         if rows.dates is not None:
             self.dates, day_of_row = np.unique(rows.dates, return_inverse=True)
-        order = np.lexsort((_ranks(rows.codes[basket], day_of_row), day_of_row))
+        ranks = _ranks(rows.codes[basket], day_of_row, rows.values_of[basket], before)
+        order = np.lexsort((ranks, day_of_row))
         self._day = day_of_row[order]
         self._basket = np.asarray(rows.codes[basket], np.int64)[order]
         self._instrument = np.asarray(rows.codes[instrument], np.int64)[order]
@@ -159,15 +162,24 @@ class _Legs:
         raise ValueError(f"table: a leg is given more than once: {where}")
 
 
-def _ranks(codes: NDArray[np.intp], day_of_row: Integers) -> NDArray[np.intp]:
+def _ranks(
+    codes: NDArray[np.intp],
+    day_of_row: Integers,
+    values: Sequence[Hashable],
+    before: Sequence[Hashable],
+) -> NDArray[np.intp]:
     """The place of each row's code among all, in the order in which they first come by date.
 
+    Those of the values that came ``before`` have their places already, in front of all others.
     What stands at later dates, or where in the table they stand, changes nothing of it.
     """
     by_date = np.argsort(day_of_row, kind="stable")
     distinct, first = np.unique(np.asarray(codes)[by_date], return_index=True)
     ranks = np.empty(int(distinct[-1]) + 1 if len(distinct) else 0, dtype=np.intp)
-    ranks[distinct[np.argsort(first)]] = np.arange(len(distinct))
+    ranks[distinct[np.argsort(first)]] = np.arange(len(distinct)) + len(before)
+    if before:
+        place = {value: i for i, value in enumerate(before)}
+        ranks[distinct] = [place.get(values[code], ranks[code]) for code in distinct.tolist()]
     return ranks[np.asarray(codes)]
 
 

@@ -23,6 +23,7 @@ from quorvane.baskets.settings import Labels, Policy, Settings, settings_of, who
 from quorvane.baskets.slots import SlotUsage, usage
 from quorvane.baskets.standing import Standing
 from quorvane.baskets.weights import fixed_book, given_names, single_book
+from quorvane.expressions import Places
 from quorvane.tables import Row, Table, read_row, read_table
 
 # The same kind of table or row comes back.
@@ -47,7 +48,8 @@ class Baskets:
         ``{basket: {instrument: weight}}``, or a frame of instruments x baskets; with None each
         column of the first table is a basket of its own. A weight that is missing or 0 is no leg.
     expression : str
-        The functions, one after the other, such as ``"ewma(20);zscore"``; ``"none"`` for none.
+        The functions, one after the other, such as ``'ewma(20);zscore(by="sector")'``; ``"none"``
+        for none. `quorvane.catalogue` lists them, `quorvane.register` adds one's own.
     policy : {"proportional", "equal_split"}
         What an instrument gets from a basket: its value times the weight, or its value divided by
         the number of legs, with the weight's sign.
@@ -56,7 +58,7 @@ class Baskets:
     instruments : iterable of names, optional
         The columns of arrays, in order; by default as the weights first mention them.
     labels : mapping, optional
-        ``{name: {basket: label}}``, groups of baskets for functions that go by them.
+        ``{name: {basket: label}}``, groups of baskets for functions that go ``by`` a name.
     capacity : int, optional
         Slots; as many as there are baskets by default.
     reclaim : bool
@@ -88,6 +90,7 @@ class Baskets:
     _standing: Standing
     _is_open: bool
     _was_warned: bool
+    _is_computing: bool = False
     _columns: LongColumns | None = None
     _complete: bool = True
 
@@ -195,6 +198,7 @@ class Baskets:
             An instrument is missing or twice there, a number is infinite, the dates are not sorted
             and distinct, or more baskets speak than there are slots. Nothing has happened then.
         """
+        self._refuse_meanwhile()
         table = read_table(returns, date=date, argument="returns")
         book = self._book_for(table)
         return cast(T, self._advance(self._new_course(book), Standing(), table, level))
@@ -207,6 +211,7 @@ class Baskets:
         ValueError
             As `run`; and the first date is not after the last one that was computed.
         """
+        self._refuse_meanwhile()
         table = read_table(rows, date=date, argument="rows")
         course = self._course or self._new_course(self._book_for(table))
         return cast(T, self._advance(course, self._standing, table, level))
@@ -233,6 +238,7 @@ class Baskets:
 
     def reset(self) -> None:
         """Forget all days: as it was made, but for `grow` and `extend`."""
+        self._refuse_meanwhile()
         self._standing = Standing()
         if self._is_open:
             self._book = self._course = None
@@ -296,6 +302,7 @@ class Baskets:
 
     def save(self, store: Any, name: str = "baskets") -> None:
         """Write the state to a store, such as `quorvane.SqliteStore`, under a name."""
+        self._refuse_meanwhile()
         store.write(name, saved.contents(self))
 
     def load(self, store: Any, name: str = "baskets") -> None:
@@ -308,6 +315,7 @@ class Baskets:
         StateMismatch
             It is of other baskets or other arguments; the text says what differs. Nothing changes.
         """
+        self._refuse_meanwhile()
         saved.restore(self, saved.read(store, name))
 
     def grow(self, capacity: int) -> None:
@@ -320,6 +328,7 @@ class Baskets:
         TypeError
             A function of one's own cannot be resized.
         """
+        self._refuse_meanwhile()
         now = self.slots.capacity
         wanted = whole_number("capacity", capacity, now + 1)
         if self._course is not None:
@@ -336,11 +345,14 @@ class Baskets:
         ValueError
             A date is not after those that the baskets had, or there are too few slots.
         """
+        self._refuse_meanwhile()
         if self._book is None or self._columns is None or not self._book.is_dated:
             raise TypeError("extend() is of dated baskets, made with from_long(..., date=...)")
         book = extended(self._book, table, self._columns, complete=self._complete)
         self._standing.refuse_past(book, since=self._book)
         self._refuse_shortage(book, "call grow() before")
+        if self._course is not None:
+            self._course.rotation.chain.places.require_labels(book.baskets)
         self._move(book, max(self.slots.capacity, self._capacity_of(book)))
 
     def __repr__(self) -> str:
@@ -359,9 +371,10 @@ class Baskets:
         self._was_warned = False
         self._standing = Standing()
         self._course = None
-        if book is None:
-            make_chain(settings.expression, settings.hold, 1)
-        else:
+        chain = make_chain(settings.recipes, settings.hold, Places(1, settings.labels))
+        if settings.reclaim:
+            chain.require("forget")
+        if book is not None:
             self._refuse_shortage(book, "give more")
             self._course = self._new_course(book)
 
@@ -369,19 +382,18 @@ class Baskets:
         return self._settings.capacity or max(len(book.baskets), 1)
 
     def _new_course(self, book: Book) -> Course:
-        settings = self._settings
         rotation = BasketRotation(
-            settings.expression,
-            hold=settings.hold,
-            policy=settings.policy,
+            self._settings,
             capacity=self._capacity_of(book),
             instruments=len(book.instruments),
         )
-        return Course(rotation, book, reclaim=settings.reclaim)
+        rotation.chain.places.require_labels(book.baskets)
+        return Course(rotation, book, reclaim=self._settings.reclaim)
 
     def _move(self, book: Book, capacity: int) -> None:
         """Let the rotation go on with another book or more room."""
         assert self._course is not None
+        self._course.refuse_spoilt()
         rotation = self._course.rotation
         if (capacity, len(book.instruments)) != (
             rotation.max_structures,
@@ -415,6 +427,14 @@ class Baskets:
                 stacklevel=_frames_inside(),
             )
 
+    def _refuse_meanwhile(self) -> None:
+        """Raise RuntimeError while days are computed: half-way there is nothing to go on from."""
+        if self._is_computing:
+            raise RuntimeError(
+                "these baskets compute a day just now: a function of the expression, or another "
+                "thread, can do nothing with them until it is over"
+            )
+
     def _book_for(self, table: Table) -> Book:
         """The book for a fresh start; where nobody has said, each column is a basket."""
         if self._book is not None and not self._is_open:
@@ -430,15 +450,20 @@ class Baskets:
         book = course.book
         matrix = table.matrix(book.instruments, used=book.used)
         after = standing.after(table, book)
-        with progress_bar("quorvane") as progress:
-            request = Request(level, self._settings.threads, progress)
-            outputs = course.advance(matrix, table.dates, request)
+        self._is_computing = True
+        try:
+            with progress_bar("quorvane") as progress:
+                request = Request(level, self._settings.threads, progress)
+                outputs = course.advance(matrix, table.dates, request)
+        finally:
+            self._is_computing = False
         self._book, self._course, self._standing = book, course, after
         if level == "basket":
             return table.of_columns(outputs, book.baskets)
         return table.fill(outputs, book.instruments)
 
     def _labelled_step(self, row: Row) -> Any:
+        self._refuse_meanwhile()
         course = self._course
         if course is None:
             raise ValueError(
@@ -448,7 +473,11 @@ class Baskets:
         vector = row.vector(book.instruments, used=book.used)
         after = self._standing.after_row(row, book)
         dates = None if row.date is None else np.array([row.date])
-        output = course.day(vector, dates)
+        self._is_computing = True
+        try:
+            output = course.day(vector, dates)
+        finally:
+            self._is_computing = False
         self._standing = after
         return row.fill(output, book.instruments)
 

@@ -2,14 +2,17 @@
 
 from __future__ import annotations
 
-from collections.abc import Sequence
+import copy
+from collections.abc import Iterable, Sequence
 from typing import Any
 
 import numpy as np
 from numpy.typing import NDArray
 
 from quorvane.baskets.chain import Chain, make_chain
-from quorvane.baskets.listing import NO_BASKETS
+from quorvane.baskets.listing import NO_BASKETS, Key
+from quorvane.baskets.settings import Settings
+from quorvane.expressions import Places
 from quorvane.functions.rotations.virtualization.planned import PlannedStructures
 
 
@@ -18,18 +21,17 @@ class BasketRotation(PlannedStructures):
 
     _name = "baskets"
 
-    def __init__(
-        self, expression: str, *, hold: int | None, policy: str, capacity: int, instruments: int
-    ) -> None:
-        self.chain: Chain = make_chain(expression, hold, capacity)
+    def __init__(self, settings: Settings, *, capacity: int, instruments: int) -> None:
+        places = Places(capacity, settings.labels)
+        self.chain: Chain = make_chain(settings.recipes, settings.hold, places)
         super().__init__(
             max_structures=capacity,
             transformation_expression="none",
             N_alloc=max(instruments, 1),
-            unmap_policy=policy,
+            unmap_policy=settings.policy,
             child_rotations=self.chain.rotations,
         )
-        self._expression, self._hold = expression, hold
+        self._settings = settings
         self._instruments = tuple(map(str, range(instruments)))
         self._columns = NO_BASKETS.columns
 
@@ -38,9 +40,7 @@ class BasketRotation(PlannedStructures):
     ) -> BasketRotation:
         """One that has seen nothing, with room for as much or for what is asked."""
         return BasketRotation(
-            self._expression,
-            hold=self._hold,
-            policy=self.unmap_policy,
+            self._settings,
             capacity=self.max_structures if capacity is None else capacity,
             instruments=len(self._instruments) if instruments is None else instruments,
         )
@@ -52,10 +52,10 @@ class BasketRotation(PlannedStructures):
 
         A function that cannot be resized says so.
         """
+        self.chain.require("get_state", "set_state", "resize")
         smaller = self.fresh()
         smaller.set_state(self.get_state())
-        for child in smaller.child_rotations:
-            child.resize(capacity)
+        smaller.chain.resize(capacity)
         state = smaller.get_state()
         larger = self.fresh(capacity=capacity, instruments=instruments)
         state["constructor"] = larger.get_state()["constructor"]
@@ -81,12 +81,40 @@ class BasketRotation(PlannedStructures):
             shown[:] = np.nan
             shown[: len(row)] = row
 
+    def get_state(self) -> dict[str, Any]:
+        """Return a state, as the base class does; nothing in it changes any more."""
+        state = super().get_state()
+        if not self.chain.only_ready_made:
+            # A function of one's own may hand out the very arrays that its next day writes to.
+            state["child_states"] = copy.deepcopy(state["child_states"])
+        return state
+
+    def set_state(self, state: Any) -> None:
+        """Install a state, as the base class does; groups follow from who has which slot."""
+        super().set_state(state)
+        self.label_slots()
+
+    def label_slots(self) -> None:
+        """Tell the functions that go by groups whose each slot is."""
+        if self.chain.places.has_groups:
+            for (basket,), slot in self.slot_by_key.items():
+                self.chain.places.assign(slot, basket)
+
+    def expect(self, keys: Iterable[Key]) -> None:
+        """Tell those functions whose slots will be next, as they are given to new structures."""
+        if not self.chain.places.has_groups:
+            return
+        new = dict.fromkeys(key for key in keys if key not in self.slot_by_key)
+        for slot, (basket,) in enumerate(new, start=len(self.slot_by_key)):
+            self.chain.places.assign(slot, basket)
+
     def give_slot(self, slot: int, key: tuple[Any, ...]) -> None:
         """The slot is another structure's from now on, and nothing of the old one is left."""
         del self.slot_by_key[self.key_by_slot[slot]]
         self.slot_by_key[key] = slot
         self.key_by_slot[slot] = key
         self.chain.forget([slot])
+        self.chain.places.assign(slot, key[0])
 
 
 def _renumber(state: dict[str, Any], places: Sequence[int]) -> None:

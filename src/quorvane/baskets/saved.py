@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Hashable
 from typing import TYPE_CHECKING, Any
 
 import numpy as np
@@ -9,6 +10,7 @@ import numpy as np
 from quorvane.baskets.chain import make_chain
 from quorvane.baskets.listing import Book
 from quorvane.baskets.standing import Standing
+from quorvane.expressions import Places
 from quorvane.tables import date_text
 
 if TYPE_CHECKING:
@@ -26,6 +28,8 @@ def contents(baskets: Baskets) -> dict[str, Any]:
     course = baskets._course
     if course is None:
         raise ValueError("there is nothing to save: no day was computed, and no baskets are known")
+    course.refuse_spoilt()
+    course.rotation.chain.require("get_state", "set_state")
     standing = baskets._standing
     return {
         "format": FORMAT,
@@ -57,8 +61,9 @@ def restore(baskets: Baskets, stored: Any) -> None:
 
         book = single_book(stored["instruments"])
     assert book is not None
-    own = _arguments(baskets)
-    theirs = stored["arguments"]
+    met = {key[0] for key in stored["rotation"]["slot_by_key"]}
+    own = _with_labels_of(met, _arguments(baskets))
+    theirs = _with_labels_of(met, stored["arguments"])
     differences = [
         f"{name}: {theirs.get(name)!r} stored, {own[name]!r} here"
         for name in own
@@ -81,17 +86,26 @@ def _arguments(baskets: Baskets) -> dict[str, Any]:
     settings = baskets._settings
     course = baskets._course
     chain = (
-        make_chain(settings.expression, settings.hold, 1)
+        make_chain(settings.recipes, settings.hold, Places(1, settings.labels))
         if course is None
         else course.rotation.chain
     )
     return {
         "expression": settings.expression,
-        "functions": [f"{type(f).__module__}.{type(f).__qualname__}" for f in chain.functions],
+        "functions": [function.identity for function in chain.functions],
         "hold": settings.hold,
         "policy": settings.policy,
         "labels": settings.labels,
     }
+
+
+def _with_labels_of(met: set[Hashable], arguments: dict[str, Any]) -> dict[str, Any]:
+    """The arguments with the labels of those baskets alone: others were in no group yet."""
+    kept = {
+        name: {basket: label for basket, label in of_basket.items() if basket in met}
+        for name, of_basket in arguments["labels"].items()
+    }
+    return {**arguments, "labels": {name: labels for name, labels in kept.items() if labels}}
 
 
 def _listings_until(book: Book, last: np.datetime64 | None) -> list[list[Any]]:

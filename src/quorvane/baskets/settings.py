@@ -8,6 +8,8 @@ from dataclasses import dataclass
 from typing import Any, Literal, cast, get_args
 
 from quorvane.baskets.listing import Book
+from quorvane.expressions import Recipe, recipes_of
+from quorvane.tables.missing import is_missing
 
 Policy = Literal["proportional", "equal_split"]
 Labels = Mapping[str, Mapping[Hashable, Any]]
@@ -19,11 +21,14 @@ class Settings:
 
     Attributes
     ----------
+    recipes : tuple of Recipe
+        What the expression's functions are made by.
     capacity : int or None
         None for as many slots as there are baskets.
     """
 
     expression: str
+    recipes: tuple[Recipe, ...]
     policy: Policy
     hold: int | None
     labels: dict[str, dict[Hashable, Any]]
@@ -54,6 +59,7 @@ def settings_of(
         raise ValueError("reclaim=True needs a hold: with hold=None no structure ever falls silent")
     return Settings(
         expression=expression,
+        recipes=recipes_of(expression),
         policy=cast(Policy, policy),
         hold=days,
         labels=_checked_labels(labels, book),
@@ -82,13 +88,23 @@ def _checked_labels(labels: Labels | None, book: Book | None) -> dict[str, dict[
         return {}
     if not isinstance(labels, Mapping):
         raise TypeError(f"labels must be a mapping {{name: {{basket: label}}}}, got {labels!r}")
-    known = None if book is None else set(book.baskets)
+    # To dated baskets others may still come.
+    known = None if book is None or book.is_dated else set(book.baskets)
     checked: dict[str, dict[Hashable, Any]] = {}
     for name, of_basket in labels.items():
+        if not isinstance(name, str):
+            raise TypeError(f"labels must be a mapping with names that are str, got {name!r}")
         if not isinstance(of_basket, Mapping):
             raise TypeError(f"labels: {name!r} must be a mapping {{basket: label}}")
         unknown = [b for b in of_basket if known is not None and b not in known]
         if unknown:
             raise ValueError(f"labels: {name!r} names baskets that are not there: {unknown[:10]}")
-        checked[name] = dict(of_basket)
+        for basket, label in of_basket.items():
+            if not isinstance(label, Hashable):
+                raise TypeError(
+                    f"labels: {name!r} must have labels that can be compared by hash, "
+                    f"got {label!r} for {basket!r}"
+                )
+        # A label that is missing is none, so that it makes no group.
+        checked[name] = {b: label for b, label in of_basket.items() if not is_missing(label)}
     return checked

@@ -47,8 +47,13 @@ def fixed_book(weights: Any, instruments: Iterable[Hashable] | None) -> Book:
 
 
 def single_book(instruments: Sequence[Hashable]) -> Book:
-    """The book in which each instrument is a basket of its own."""
-    return fixed_book({name: {name: 1.0} for name in instruments}, instruments)
+    """The book in which each instrument is a basket of its own; ValueError where there is none."""
+    names = given_names(instruments)
+    if not names:
+        raise ValueError("weights must hold at least one basket")
+    columns = np.arange(len(names), dtype=np.int64)
+    offsets = np.arange(len(names) + 1, dtype=np.int64)
+    return Book(names, (Listing(names, offsets, columns, np.ones(len(names))),))
 
 
 def given_names(instruments: Any) -> tuple[Hashable, ...] | None:
