@@ -1,0 +1,268 @@
+"""Is a signal any good? Its correlation with what follows, by horizon, and what it would earn."""
+
+from __future__ import annotations
+
+import importlib
+import operator
+from collections.abc import Iterable
+from dataclasses import dataclass
+from functools import cached_property
+from typing import Any
+
+import numpy as np
+from numpy.typing import NDArray
+
+from quorvane.evaluation import statistics
+from quorvane.evaluation.aligned import Aligned, align
+
+Floats = NDArray[np.float64]
+
+
+def evaluate(
+    signal: Any,
+    returns: Any,
+    horizons: Iterable[int] = (1, 5, 20),
+    quantiles: int = 5,
+    lag: int = 1,
+    cost: float = 0.0,
+) -> Evaluation:
+    """Judge a signal by the returns that follow it.
+
+    The signal of day t meets the compound returns of days t + lag to t + lag + h - 1, for each
+    horizon h. Days are those of the returns, whose columns are found by name.
+
+    Parameters
+    ----------
+    signal : frame of pandas, polars or pyarrow, or array_like of days x instruments
+        As `Baskets.run` gives it. What is not finite is missing.
+    returns : the same
+        Each day's return as a fraction, for all days and instruments of the signal at least.
+    horizons : iterable of int
+        Days, each at least 1.
+    quantiles : int
+        Into how many parts each day's instruments are divided, at least 2.
+    lag : int
+        Days between a signal and the first return that it can earn, at least 1: with 0 it would
+        know that return.
+    cost : float
+        Of a turnover of 1, as a fraction; taken off the profit.
+
+    Returns
+    -------
+    Evaluation
+
+    Raises
+    ------
+    TypeError, ValueError
+        An argument is of the wrong type or out of range, or the tables do not fit together.
+    ImportError
+        pandas is not there.
+
+    Examples
+    --------
+    >>> import numpy as np
+    >>> import quorvane as qv
+    >>> returns = np.random.default_rng(0).normal(size=(250, 30))
+    >>> tomorrow = np.roll(returns, -1, axis=0)
+    >>> round(float(qv.evaluate(tomorrow, returns, horizons=[1]).ic.iloc[0, 0]), 3)
+    1.0
+    """
+    return Evaluation(
+        _aligned=align(signal, returns),
+        horizons=_horizons(horizons),
+        quantiles=_whole("quantiles", quantiles, 2),
+        lag=_whole("lag", lag, 1),
+        cost=_cost(cost),
+    )
+
+
+@dataclass(frozen=True)
+class Evaluation:
+    """What `evaluate` found, as frames of pandas, each computed when it is first looked at.
+
+    Attributes
+    ----------
+    horizons, quantiles, lag, cost
+        As given.
+    """
+
+    _aligned: Aligned
+    horizons: tuple[int, ...]
+    quantiles: int
+    lag: int
+    cost: float
+
+    @cached_property
+    def ic(self) -> Any:
+        """Days x horizons: Spearman's correlation of the signal with the returns that follow.
+
+        Across the instruments that have both; missing where fewer than three do.
+        """
+        columns = [
+            statistics.rank_correlation(self._aligned.signal, self._forward(horizon))
+            for horizon in self.horizons
+        ]
+        return self._frame(np.column_stack(columns), list(self.horizons), "horizon")
+
+    @cached_property
+    def quantile_returns(self) -> Any:
+        """Days x (horizon, quantile): the mean return that follows, by quantile of the signal.
+
+        Quantile 1 has the lowest signals. An instrument of rank r among n (the average of equal
+        ones) is in quantile 1 + floor(quantiles (r - 1/2) / n).
+        """
+        quantile = statistics.quantile_of(self._aligned.signal, self.quantiles)
+        parts = [
+            statistics.mean_by_quantile(quantile, self._forward(horizon), self.quantiles)
+            for horizon in self.horizons
+        ]
+        names = [(h, q) for h in self.horizons for q in range(1, self.quantiles + 1)]
+        columns = _pandas().MultiIndex.from_tuples(names, names=["horizon", "quantile"])
+        return self._frame(np.hstack(parts), columns)
+
+    @cached_property
+    def turnover(self) -> Any:
+        """By day: the sum of the absolute changes of `weights`; missing for the first day."""
+        return self._series(statistics.turnover(self._weights), "turnover")
+
+    @cached_property
+    def coverage(self) -> Any:
+        """By day: the share of the instruments that have a signal."""
+        there = np.isfinite(self._aligned.signal)
+        return self._series(there.sum(axis=1) / max(there.shape[1], 1), "coverage")
+
+    @cached_property
+    def weights(self) -> Any:
+        """Days x instruments: the signal with absolute sum 1 on each day, missing as 0."""
+        return self._frame(self._weights, list(self._aligned.instruments))
+
+    @cached_property
+    def profit(self) -> Any:
+        """Days x horizons: what the weights earn before costs, the sum of weight x forward return.
+
+        A missing return counts as 0 where others are known.
+        """
+        columns = [
+            statistics.profit(self._weights, self._forward(horizon)) for horizon in self.horizons
+        ]
+        return self._frame(np.column_stack(columns), list(self.horizons), "horizon")
+
+    @cached_property
+    def summary(self) -> Any:
+        """A row for each horizon.
+
+        ``ic_mean``, ``ic_std`` (ddof 1), ``ic_t`` (with the correction of Newey and West, Bartlett
+        weights and h - 1 lags), ``ic_positive`` (share of days above 0), ``days`` (with a
+        correlation); ``profit_mean``, ``profit_std``, ``profit_ratio`` (the one over the other, not
+        annualised), ``profit_t``; ``net_mean``, the mean of the profit less cost times turnover;
+        and the means of ``turnover`` and ``coverage``.
+        """
+        rows = {
+            horizon: self._summary_of(
+                self.ic[horizon].to_numpy(), self.profit[horizon].to_numpy(), horizon
+            )
+            for horizon in self.horizons
+        }
+        frame = _pandas().DataFrame.from_dict(rows, orient="index")
+        frame.index.name = "horizon"
+        return frame
+
+    def to_long(self) -> Any:
+        """The signal as a table of day, instrument and signal, without what is missing."""
+        signal = self._frame(self._aligned.signal, list(self._aligned.instruments))
+        long = signal.rename_axis(index="date").reset_index()
+        long = long.melt(id_vars="date", var_name="instrument", value_name="signal")
+        return long[np.isfinite(long["signal"])].reset_index(drop=True)
+
+    def __repr__(self) -> str:
+        days, instruments = self._aligned.signal.shape
+        return f"<Evaluation of {days} days x {instruments} instruments>\n{self.summary}"
+
+    def _repr_html_(self) -> str:
+        text: str = self.summary._repr_html_()
+        return text
+
+    @cached_property
+    def _weights(self) -> Floats:
+        return statistics.gross_one(self._aligned.signal)
+
+    def _forward(self, horizon: int) -> Floats:
+        aligned = self._aligned
+        return statistics.forward_returns(aligned.returns, aligned.rows, horizon, self.lag)
+
+    def _summary_of(self, ic: Floats, profit: Floats, horizon: int) -> dict[str, float]:
+        turnover = self.turnover.to_numpy()
+        # Nothing is known of what came before the first day.
+        net = profit - self.cost * np.where(np.isfinite(turnover), turnover, 0.0)
+        return {
+            "ic_mean": _mean(ic),
+            "ic_std": _deviation(ic),
+            "ic_t": statistics.t_statistic(ic, horizon),
+            "ic_positive": _mean(np.where(np.isfinite(ic), ic > 0.0, np.nan)),
+            "days": int(np.isfinite(ic).sum()),
+            "profit_mean": _mean(profit),
+            "profit_std": _deviation(profit),
+            "profit_ratio": _ratio(_mean(profit), _deviation(profit)),
+            "profit_t": statistics.t_statistic(profit, horizon),
+            "net_mean": _mean(net),
+            "turnover": _mean(turnover),
+            "coverage": _mean(self.coverage.to_numpy()),
+        }
+
+    def _frame(self, values: Floats, columns: Any, axis: str | None = None) -> Any:
+        frame = _pandas().DataFrame(values, index=self._index, columns=columns)
+        return frame if axis is None else frame.rename_axis(columns=axis)
+
+    def _series(self, values: Floats, name: str) -> Any:
+        return _pandas().Series(values, index=self._index, name=name)
+
+    @cached_property
+    def _index(self) -> Any:
+        return _pandas().Index(self._aligned.days, name="date")
+
+
+def _mean(numbers: Floats) -> float:
+    known = numbers[np.isfinite(numbers)]
+    return float(known.mean()) if len(known) else float("nan")
+
+
+def _deviation(numbers: Floats) -> float:
+    known = numbers[np.isfinite(numbers)]
+    return float(known.std(ddof=1)) if len(known) > 1 else float("nan")
+
+
+def _ratio(mean: float, deviation: float) -> float:
+    return mean / deviation if deviation > 0.0 else float("nan")
+
+
+def _pandas() -> Any:
+    try:
+        return importlib.import_module("pandas")
+    except ImportError as error:
+        raise ImportError("evaluate() gives frames of pandas: pip install pandas") from error
+
+
+def _horizons(horizons: Any) -> tuple[int, ...]:
+    if isinstance(horizons, (str, bytes)) or not isinstance(horizons, Iterable):
+        raise TypeError(f"horizons must be several ints, got {horizons!r}")
+    days = tuple(_whole("horizons", horizon, 1) for horizon in horizons)
+    if not days or len(set(days)) < len(days):
+        raise ValueError(f"horizons must be at least one, each once, got {days}")
+    return days
+
+
+def _whole(argument: str, value: Any, least: int) -> int:
+    if isinstance(value, bool) or not hasattr(value, "__index__"):
+        raise TypeError(f"{argument} must be an int, got {value!r}")
+    number = operator.index(value)
+    if number < least:
+        raise ValueError(f"{argument} must be at least {least}, got {number}")
+    return number
+
+
+def _cost(cost: Any) -> float:
+    if isinstance(cost, bool) or not isinstance(cost, (int, float)):
+        raise TypeError(f"cost must be a number, got {cost!r}")
+    if not (np.isfinite(cost) and cost >= 0.0):
+        raise ValueError(f"cost must be finite and at least 0, got {cost!r}")
+    return float(cost)

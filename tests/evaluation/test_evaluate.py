@@ -1,0 +1,160 @@
+"""evaluate(): tables aligned by name and date, no look-ahead, frames and their summary."""
+
+import numpy as np
+import pytest
+
+import quorvane as qv
+
+pandas = pytest.importorskip("pandas")
+NAMES = [f"I{i}" for i in range(20)]
+
+
+def made(days=300, seed=3):
+    index = pandas.bdate_range("2023-01-02", periods=days, name="day")
+    draw = np.random.default_rng(seed).normal(scale=0.01, size=(days, len(NAMES)))
+    return pandas.DataFrame(draw, index=index, columns=NAMES)
+
+
+def test_a_signal_that_knows_tomorrow_is_perfect():
+    returns = made()
+    found = qv.evaluate(returns.shift(-1), returns, horizons=[1])
+    assert found.ic[1].dropna().eq(1.0).all()
+    assert found.quantile_returns[1].dropna().diff(axis=1).iloc[:, 1:].gt(0.0).all().all()
+
+
+def test_a_signal_that_is_today_s_return_has_no_advantage():
+    returns = made(days=2_000)
+    found = qv.evaluate(returns, returns, horizons=[1, 5])
+    assert found.summary["ic_t"].abs().lt(4.0).all()
+    assert found.summary["ic_mean"].abs().lt(0.03).all()
+
+
+def test_what_comes_later_changes_no_earlier_figure():
+    returns = made()
+    signal = made(seed=4)
+    changed = returns.copy()
+    changed.iloc[200:] = 0.5
+    before, after = (qv.evaluate(signal, each, horizons=[1, 5]) for each in (returns, changed))
+    for name in ("ic", "profit", "quantile_returns"):
+        a, b = getattr(before, name), getattr(after, name)
+        pandas.testing.assert_frame_equal(a.iloc[:195], b.iloc[:195])
+        assert not a.iloc[199:].equals(b.iloc[199:])
+
+
+def test_a_lag_leaves_days_out():
+    returns = made()
+    late = qv.evaluate(returns.shift(-3), returns, horizons=[1], lag=3)
+    assert late.ic[1].dropna().eq(1.0).all()
+    assert qv.evaluate(returns.shift(-3), returns, horizons=[1]).ic[1].abs().mean() < 0.3
+
+
+def test_columns_and_days_are_found_by_name():
+    returns, signal = made(), made(seed=4).iloc[50:250]
+    shuffled = returns[NAMES[::-1]].assign(other=1.0)
+    expected = qv.evaluate(signal, returns)
+    found = qv.evaluate(signal[[*NAMES[5:], *NAMES[:5]]], shuffled)
+    pandas.testing.assert_frame_equal(found.ic, expected.ic)
+    pandas.testing.assert_frame_equal(found.summary, expected.summary, rtol=1e-12)
+
+
+def test_what_is_not_in_the_returns_is_named():
+    returns = made()
+    with pytest.raises(ValueError, match=r"returns: no instrument 'GE'"):
+        qv.evaluate(returns.assign(GE=1.0), returns)
+    with pytest.raises(ValueError, match=r"no rows for days of the signal: '2023-01-04'"):
+        qv.evaluate(returns, returns.drop(pandas.Timestamp("2023-01-04")))
+    with pytest.raises(ValueError, match="as many rows, got 300 and 299"):
+        qv.evaluate(returns.to_numpy(), returns.to_numpy()[1:])
+    with pytest.raises(ValueError, match="one of them is an array"):
+        qv.evaluate(returns.to_numpy(), returns)
+
+
+def test_tables_of_every_kind_give_the_same():
+    polars = pytest.importorskip("polars")
+    pytest.importorskip("narwhals")
+    returns, signal = made(), made(seed=4)
+    expected = qv.evaluate(signal, returns).summary
+    arrays = qv.evaluate(signal.to_numpy(), returns.to_numpy()).summary
+    pandas.testing.assert_frame_equal(arrays, expected)
+    frames = [
+        polars.DataFrame({"day": each.index.to_numpy(), **{n: each[n].to_numpy() for n in NAMES}})
+        for each in (signal, returns)
+    ]
+    pandas.testing.assert_frame_equal(qv.evaluate(*frames).summary, expected)
+
+
+def test_the_summary_says_what_the_frames_say():
+    returns, signal = made(), made(seed=4)
+    signal.iloc[::7, 3:9] = np.nan
+    found = qv.evaluate(signal, returns, horizons=(1, 5), cost=0.001)
+    row = found.summary.loc[5]
+    assert row["ic_mean"] == pytest.approx(found.ic[5].mean())
+    assert row["ic_std"] == pytest.approx(found.ic[5].std())
+    assert row["ic_positive"] == pytest.approx((found.ic[5].dropna() > 0.0).mean())
+    assert row["days"] == found.ic[5].count()
+    assert row["turnover"] == pytest.approx(found.turnover.mean())
+    assert row["coverage"] == pytest.approx(signal.notna().mean(axis=1).mean())
+    assert row["profit_ratio"] == pytest.approx(found.profit[5].mean() / found.profit[5].std())
+    net = found.profit[5] - 0.001 * found.turnover.fillna(0.0)
+    assert row["net_mean"] == pytest.approx(net.mean())
+    assert "ic_mean" in repr(found)
+    assert "<table" in found._repr_html_()
+
+
+def test_weights_turnover_and_profit_are_those_of_pandas():
+    returns, signal = made(), made(seed=4)
+    signal.iloc[10] = np.nan
+    found = qv.evaluate(signal, returns, horizons=[1])
+    weights = signal.div(signal.abs().sum(axis=1), axis=0).fillna(0.0)
+    pandas.testing.assert_frame_equal(
+        found.weights,
+        weights,
+        check_freq=False,
+        check_names=False,
+        check_index_type=False,
+        rtol=1e-12,
+    )
+    turnover = weights.diff().abs().sum(axis=1, min_count=1)
+    np.testing.assert_allclose(found.turnover, turnover, rtol=1e-12)
+    profit = (weights * returns.shift(-1)).sum(axis=1, min_count=1)
+    np.testing.assert_allclose(found.profit[1], profit, rtol=1e-9, atol=1e-18)
+
+
+def test_a_long_table_has_a_row_for_each_signal():
+    signal = made(days=3).iloc[:, :2]
+    signal.iloc[1, 0] = np.nan
+    long = qv.evaluate(signal, made(days=3)).to_long()
+    assert long.columns.tolist() == ["date", "instrument", "signal"]
+    assert len(long) == 5
+    wide = long.pivot(index="date", columns="instrument", values="signal")
+    np.testing.assert_array_equal(wide.to_numpy(), signal.to_numpy())
+
+
+@pytest.mark.parametrize(
+    ("options", "error", "text"),
+    [
+        ({"horizons": 5}, TypeError, "horizons must be several ints"),
+        ({"horizons": []}, ValueError, "horizons must be at least one"),
+        ({"horizons": [1, 1]}, ValueError, "each once"),
+        ({"horizons": [0]}, ValueError, "horizons must be at least 1, got 0"),
+        ({"horizons": [1.5]}, TypeError, "horizons must be an int, got 1.5"),
+        ({"quantiles": 1}, ValueError, "quantiles must be at least 2, got 1"),
+        ({"lag": 0}, ValueError, "lag must be at least 1, got 0"),
+        ({"cost": -0.1}, ValueError, "cost must be finite and at least 0"),
+        ({"cost": "1"}, TypeError, "cost must be a number"),
+        ({"cost": float("nan")}, ValueError, "cost must be finite"),
+    ],
+)
+def test_an_argument_that_makes_no_sense_is_refused(options, error, text):
+    returns = made(days=5)
+    with pytest.raises(error, match=text):
+        qv.evaluate(returns, returns, **options)
+
+
+def test_a_signal_without_a_number_has_no_figures():
+    returns = made(days=10)
+    found = qv.evaluate(returns * np.nan, returns, horizons=[1])
+    assert found.summary.loc[1, "days"] == 0
+    assert np.isnan(found.summary.loc[1, "ic_mean"])
+    assert found.summary.loc[1, "coverage"] == 0.0
+    assert len(found.to_long()) == 0
