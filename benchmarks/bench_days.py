@@ -25,6 +25,7 @@ sys.path[:0] = [str(_HERE), str(_HERE.parent / "tests")]
 from daybench import (  # noqa: E402
     batch,
     fixed_cost,
+    functions,
     garbage,
     histories,
     kernels,
@@ -45,8 +46,8 @@ from daybench.peers import PeerAbsent  # noqa: E402
 from daybench.timing import CLOCKS, Settings  # noqa: E402
 
 GROUPS = [
-    "module", "fixed", "day", "styles", "variations", "kernels", "batch", "histories", "tables",
-    "memory",
+    "module", "fixed", "day", "styles", "variations", "kernels", "functions", "batch", "histories",
+    "tables", "memory",
 ]  # fmt: skip
 _VARIED = [variations, sparse_days, snapshots, garbage]
 
@@ -96,6 +97,8 @@ def _measure(group, options, settings):
         return itertools.chain.from_iterable(runs)
     if group == "kernels":
         return kernels.run(_chosen(kernels.SIZES, options), settings)
+    if group == "functions":
+        return functions.run(_chosen(functions.CASES, options), settings)
     if group == "batch":
         return batch.run(settings, days=1_000 if options.quick else batch.DAYS)
     if group == "histories":
@@ -122,7 +125,7 @@ def _settings(options):
 def _parse():
     parts = (
         module_alone.CASES, module_alone.VARIANTS, ours.BASKETS, styles.CASES, histories.CASES,
-        tables.SHAPES,
+        tables.SHAPES, functions.CASES,
     )  # fmt: skip
     known = [name for cases in (*parts, *(part.CASES for part in _VARIED)) for name in cases]
     parser = argparse.ArgumentParser(
