@@ -60,13 +60,21 @@ def expected(run):
     pairs = list(demo.same_sector_pairs())
     values = pandas.DataFrame({pair: returns[pair[0]] - returns[pair[1]] for pair in pairs})
     smooth = values.ewm(span=20, adjust=True, ignore_na=False, min_periods=1).mean()
-    scores = smooth.where(values.notna())
-    scores = scores.sub(scores.mean(axis=1), axis=0).div(scores.std(axis=1, ddof=0), axis=0)
+    ranks = smooth.where(values.notna()).rank(axis=1)
+    count = values.notna().sum(axis=1)
+    scores = ranks.mul(2.0).sub(count + 1, axis=0).div(count, axis=0)
     signal = pandas.DataFrame(np.nan, index=prices.index, columns=prices.columns)
     for a, b in pairs:
         signal[a] = signal[a].add(scores[(a, b)], fill_value=0.0)
         signal[b] = signal[b].sub(scores[(a, b)], fill_value=0.0)
     return signal
+
+
+def test_no_stock_is_long_or_short_because_of_its_name(run):
+    output = read_table(run[0] / "output.csv").values
+    paired = output[:, ~np.isnan(output).all(axis=0)]
+    days_long = np.count_nonzero(paired > 0.0, axis=0) / np.count_nonzero(~np.isnan(paired), axis=0)
+    assert np.all((days_long > 0.4) & (days_long < 0.6))
 
 
 def test_it_leaves_the_output_and_the_picture(run):

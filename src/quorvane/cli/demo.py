@@ -24,7 +24,7 @@ from quorvane.cli.table_io import read_table, write_table
 
 PACKAGE = "skfolio"
 PRICES = "datasets/data/sp500_dataset.csv.gz"
-EXPRESSION = "ewma(20);zscore"
+EXPRESSION = "ewma(20);centered_rank"
 
 SECTORS = {
     "Information technology": ("AAPL", "AMD", "MSFT"),
@@ -163,9 +163,9 @@ def _introduction() -> str:
     version = importlib.metadata.version(PACKAGE)
     return f"""\
 Daily prices of 20 large US stocks, 1990 to 2022, go through all same-sector pairs. Each
-day a pair's value is the difference of its two stocks' returns; {EXPRESSION} smooths
-it over 20 days and says how far each pair is from the others' mean; that comes back onto
-the stocks: above zero where a stock has done better than its peers of late.
+day a pair's value is the difference of its two stocks' returns; {EXPRESSION}
+smooths it over 20 days and gives each pair its place among the others, from -1 to 1; that
+comes back onto the stocks: above zero where a stock has done better than its peers of late.
 
 The prices are the file {PRICES}
 of the installed package {PACKAGE} {version} (BSD 3-Clause License, copyright the skfolio
@@ -181,7 +181,7 @@ The demo's prices are not here: they come with the Python package {PACKAGE}. Ins
     python -m pip install --no-deps {PACKAGE}
 and run the demo again, or run the same on a table of your own, with a column of dates and a
 column of prices per instrument, and a file that says what to pair:
-    quorvane replay prices.csv --structures pairs.toml --expression "{EXPRESSION}" \\
+    quorvane replay prices.csv --structures pairs.toml --expression "ewma(20);zscore" \\
         --output output.csv --plot picture.png"""
 
 
