@@ -86,7 +86,7 @@ COVERED = $(sort $(filter-out tests/fuzz/% tests/cli/% tests/stores/% tests/powe
     tests/safety/test_soak.py tests/safety/test_process_end.py tests/safety/test_objects_at_exit.py \
     tests/safety/test_interrupts.py tests/safety/test_forks.py tests/safety/test_import_at_exit.py \
     tests/test_trust_table.py tests/test_newest_python.py tests/test_instruction_gate.py \
-    tests/benchmarks/% tests/baskets/% tests/tables/% tests/docs/%, \
+    tests/benchmarks/% tests/baskets/% tests/tables/% tests/expressions/% tests/evaluation/% tests/docs/%, \
     $(shell find tests -name 'test_*.py')))
 
 coverage: $(TEST_READY)
@@ -123,7 +123,7 @@ matrix:
 # What a new interpreter or a new library can break: the compiled code, how it lives with the
 # interpreter, and tables. Tests that run on the plain twin alone say nothing of any.
 NEWEST_TESTS = tests/virtualization tests/rotations tests/fuzz tests/safety tests/baskets \
-    tests/tables tests/test_abstract_hooks.py
+    tests/tables tests/expressions tests/evaluation tests/test_abstract_hooks.py
 
 newest:
 	JOBS=2 MATRIX_TESTS="$(NEWEST_TESTS)" MATRIX_MARK="not plain_python" tools/newest.sh
