@@ -5,7 +5,7 @@ import pytest
 
 import quorvane as qv
 from quorvane.expressions import Places, make_functions
-from quorvane.expressions.making import did_you_mean, known_names
+from quorvane.expressions.making import known_names
 from quorvane.functions.rotations.longitudinal.ewma import Ewma
 from quorvane.functions.rotations.longitudinal.exponential import ExponentialMean
 
@@ -125,9 +125,3 @@ def test_a_long_name_makes_no_long_error():
     assert len(refusal("e" * 9000)) < 1000
     assert len(refusal(f"ewma({'s' * 9000}=3)")) < 500
     assert len(refusal(f"rank({'1,' * 4000}1)")) < 500
-
-
-def test_the_nearest_name_is_a_question():
-    assert did_you_mean("RNAK", ["rank", "ewma"]) == "did you mean 'rank'?"
-    assert did_you_mean("x", ["rank", "ewma"]) == ""
-    assert did_you_mean("x", []) == ""

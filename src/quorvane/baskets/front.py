@@ -10,6 +10,7 @@ from typing import Any, TypeVar, cast, get_args
 
 import numpy as np
 
+from quorvane.arguments import whole_number
 from quorvane.baskets import explained, saved, shown
 from quorvane.baskets._plain_row import is_plain_row
 from quorvane.baskets.chain import make_chain
@@ -19,7 +20,7 @@ from quorvane.baskets.listing import Book
 from quorvane.baskets.misspelt import refusing_misspelt
 from quorvane.baskets.progress import progress_bar
 from quorvane.baskets.rotation import BasketRotation
-from quorvane.baskets.settings import Labels, Policy, Settings, settings_of, whole_number
+from quorvane.baskets.settings import Labels, Policy, Settings, settings_of
 from quorvane.baskets.slots import SlotUsage, usage
 from quorvane.baskets.standing import Standing
 from quorvane.baskets.weights import fixed_book, given_names, single_book

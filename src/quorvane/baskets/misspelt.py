@@ -2,11 +2,12 @@
 
 from __future__ import annotations
 
-import difflib
 import functools
 import inspect
 from collections.abc import Callable
 from typing import Any, ParamSpec, TypeVar
+
+from quorvane.hints import did_you_mean
 
 P = ParamSpec("P")
 R = TypeVar("R")
@@ -21,8 +22,7 @@ def refusing_misspelt(function: Callable[P, R]) -> Callable[P, R]:
     @functools.wraps(function)
     def checked(*args: P.args, **keywords: P.kwargs) -> R:
         for name in keywords.keys() - allowed:
-            near = difflib.get_close_matches(name, known, n=1, cutoff=0.4)
-            hint = f"did you mean {near[0]!r}?" if near else f"known are {', '.join(known)}"
+            hint = did_you_mean(name, known, cutoff=0.4) or f"known are {', '.join(known)}"
             raise TypeError(f"{_shown(function)}() has no argument {name!r}; {hint}")
         return function(*args, **keywords)
 

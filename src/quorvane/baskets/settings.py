@@ -2,11 +2,11 @@
 
 from __future__ import annotations
 
-import operator
 from collections.abc import Hashable, Mapping
 from dataclasses import dataclass
 from typing import Any, Literal, cast, get_args
 
+from quorvane.arguments import whole_number
 from quorvane.baskets.listing import Book
 from quorvane.expressions import Recipe, recipes_of
 from quorvane.tables.missing import is_missing
@@ -67,16 +67,6 @@ def settings_of(
         reclaim=reclaim,
         threads=_none_or_whole("threads", threads, 1),
     )
-
-
-def whole_number(argument: str, value: Any, least: int, also: str = "") -> int:
-    """The value as an int of at least so much; TypeError or ValueError otherwise."""
-    if isinstance(value, bool) or not hasattr(value, "__index__"):
-        raise TypeError(f"{argument} must be {also}an int, got {value!r}")
-    number = operator.index(value)
-    if number < least:
-        raise ValueError(f"{argument} must be {also}at least {least}, got {number}")
-    return number
 
 
 def _none_or_whole(argument: str, value: Any, least: int) -> int | None:

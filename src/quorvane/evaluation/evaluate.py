@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import importlib
-import operator
 from collections.abc import Iterable
 from dataclasses import dataclass
 from functools import cached_property
@@ -12,6 +11,7 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
+from quorvane.arguments import whole_number
 from quorvane.evaluation import statistics
 from quorvane.evaluation.aligned import Aligned, align
 
@@ -70,8 +70,8 @@ def evaluate(
     return Evaluation(
         _aligned=align(signal, returns),
         horizons=_horizons(horizons),
-        quantiles=_whole("quantiles", quantiles, 2),
-        lag=_whole("lag", lag, 1),
+        quantiles=whole_number("quantiles", quantiles, 2),
+        lag=whole_number("lag", lag, 1),
         cost=_cost(cost),
     )
 
@@ -245,19 +245,10 @@ def _pandas() -> Any:
 def _horizons(horizons: Any) -> tuple[int, ...]:
     if isinstance(horizons, (str, bytes)) or not isinstance(horizons, Iterable):
         raise TypeError(f"horizons must be several ints, got {horizons!r}")
-    days = tuple(_whole("horizons", horizon, 1) for horizon in horizons)
+    days = tuple(whole_number("horizons", horizon, 1) for horizon in horizons)
     if not days or len(set(days)) < len(days):
         raise ValueError(f"horizons must be at least one, each once, got {days}")
     return days
-
-
-def _whole(argument: str, value: Any, least: int) -> int:
-    if isinstance(value, bool) or not hasattr(value, "__index__"):
-        raise TypeError(f"{argument} must be an int, got {value!r}")
-    number = operator.index(value)
-    if number < least:
-        raise ValueError(f"{argument} must be at least {least}, got {number}")
-    return number
 
 
 def _cost(cost: Any) -> float:

@@ -2,9 +2,8 @@
 
 from __future__ import annotations
 
-import difflib
 import inspect
-from collections.abc import Callable, Iterable
+from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any
 
@@ -12,6 +11,7 @@ from quorvane.expressions import registered
 from quorvane.expressions.grammar import Call, calls_of, short
 from quorvane.expressions.places import Places
 from quorvane.expressions.ready_made import ALIASES, READY_MADE
+from quorvane.hints import did_you_mean
 
 
 @dataclass(frozen=True)
@@ -107,7 +107,7 @@ def _bound(call: Call, name: str) -> dict[str, Any]:
     takes_any = any(p.kind is p.VAR_KEYWORD for p in signature.parameters.values())
     for keyword in call.keywords:
         if keyword not in signature.parameters and not takes_any:
-            hint = did_you_mean(keyword, signature.parameters) or f"it is {name}{signature}"
+            hint = did_you_mean(keyword.lower(), signature.parameters) or f"it is {name}{signature}"
             text = f"expression: {short(call.text)} has no argument {short(keyword)}; {hint}"
             raise ValueError(text)
     try:
@@ -120,9 +120,3 @@ def _bound(call: Call, name: str) -> dict[str, Any]:
         if parameter.kind is parameter.VAR_KEYWORD:
             arguments.update(arguments.pop(parameter.name, {}))
     return arguments
-
-
-def did_you_mean(name: str, known: Iterable[str]) -> str:
-    """The nearest known name as a question, empty where none is near."""
-    near = difflib.get_close_matches(name.lower(), list(known), n=1)
-    return f"did you mean {near[0]!r}?" if near else ""

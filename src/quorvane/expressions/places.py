@@ -2,13 +2,13 @@
 
 from __future__ import annotations
 
-import difflib
 from collections.abc import Hashable, Iterable, Mapping
 from typing import Any
 
 import numpy as np
 from numpy.typing import NDArray
 
+from quorvane.hints import did_you_mean
 from quorvane.tables.names import listed
 
 Labels = Mapping[str, Mapping[Hashable, Any]]
@@ -44,9 +44,8 @@ class Places:
         if not isinstance(by, str):
             raise TypeError(f"by must be the name of a label, got {by!r}")
         if by not in self._labels:
-            near = difflib.get_close_matches(by, self._labels, n=1)
             known = f"known are {listed(self._labels)}" if self._labels else "none are given"
-            hint = f"did you mean {near[0]!r}?" if near else known
+            hint = did_you_mean(by, self._labels) or known
             raise ValueError(f"labels: there is no {by!r}; {hint}")
         if by not in self._groups:
             numbers: dict[Any, int] = {}
