@@ -6,15 +6,13 @@ A table is computed in two ways: by the function alone, called for each day, and
 ``Baskets(None, expression, hold=None).run(table)``, which reads the table and gives a new one.
 """
 
-import itertools
-
 import numpy as np
 
 from daybench.function_peers import GROUPS, ROWS, TABLES
 from daybench.goals import Line
 from daybench.ours import rows
-from daybench.peers import PeerAbsent
-from daybench.timing import Side, compare
+from daybench.peers import or_absent
+from daybench.timing import Side, compare, over_days
 from quorvane.baskets import Baskets
 from quorvane.expressions import Places, make_functions
 
@@ -28,17 +26,10 @@ def run(names, settings):
     """Yield a line for each function at each chosen size, or why it is left out."""
     for name in names:
         for expression in ROWS if name in SIZES else ():
-            yield _or_absent(_compare_rows, name, expression, settings)
+            yield or_absent(_compare_rows, name, expression, settings)
         for expression in TABLES if name in SHAPES else ():
-            yield _or_absent(_compare_days, name, expression, settings)
-            yield _or_absent(_compare_tables, name, expression, settings)
-
-
-def _or_absent(measure, *arguments):
-    try:
-        return measure(*arguments)
-    except PeerAbsent as absent:
-        return absent
+            yield or_absent(_compare_days, name, expression, settings)
+            yield or_absent(_compare_tables, name, expression, settings)
 
 
 def _function(expression, slots):
@@ -60,7 +51,7 @@ def _compare_rows(name, expression, settings):
         np.testing.assert_allclose(
             np.where(np.isfinite(found), found, np.nan), peer(), rtol=1e-9, atol=1e-9
         )
-    sides = _over(days, ours), _over(peers, lambda peer: peer())
+    sides = over_days(days, ours), over_days(peers, lambda peer: peer())
     what = f"{expression} / {library}"
     return Line("functions", f"{name} slots", what, compare(*sides, settings), goal, slots)
 
@@ -99,15 +90,3 @@ def _table(days, columns):
     table = draw.standard_normal((days, columns))
     table[draw.random(table.shape) < 0.1] = np.nan
     return table
-
-
-def _over(days, call):
-    """A side that goes through the days again and again."""
-    following = itertools.cycle(days)
-    day = days[0]
-
-    def prepare():
-        nonlocal day
-        day = next(following)
-
-    return Side(lambda: call(day), prepare)

@@ -1,14 +1,12 @@
 """The child rotations through their `__call__`, one tenth of the slots NaN, against their peers."""
 
-import itertools
-
 import numpy as np
 
 from daybench.goals import Line
 from daybench.kernel_peers import HISTORY_PEERS, ROW_PEERS
 from daybench.ours import WINDOW, children, rows
-from daybench.peers import PeerAbsent
-from daybench.timing import Side, compare
+from daybench.peers import or_absent
+from daybench.timing import Side, compare, over_days
 from quorvane.functions.rotations.longitudinal.ewma import Ewma
 
 SIZES = {"1k": 1_000, "10k": 10_000, "100k": 100_000, "1m": 1_000_000}
@@ -21,16 +19,9 @@ def run(names, settings):
     for name in names:
         for child, peers in ROW_PEERS.items():
             for library, goal, make in peers:
-                yield _or_absent(_compare_rows, name, child, library, goal, make, settings)
+                yield or_absent(_compare_rows, name, child, library, goal, make, settings)
         for library, missing, make in HISTORY_PEERS if name in HISTORIES else ():
-            yield _or_absent(_compare_histories, name, library, missing, make, settings)
-
-
-def _or_absent(measure, *arguments):
-    try:
-        return measure(*arguments)
-    except PeerAbsent as absent:
-        return absent
+            yield or_absent(_compare_histories, name, library, missing, make, settings)
 
 
 def _compare_rows(name, child, library, goal, make, settings):
@@ -41,7 +32,7 @@ def _compare_rows(name, child, library, goal, make, settings):
     for row, form in zip(days, forms, strict=True):
         found = peer.ours(peer.timed(form), row)
         np.testing.assert_allclose(ours(row), found, rtol=1e-9, atol=1e-12)
-    sides = _over(days, ours), _over(forms, peer.timed)
+    sides = over_days(days, ours), over_days(forms, peer.timed)
     what = f"{child} / {library}"
     return Line("kernels", f"{name} slots", what, compare(*sides, settings), goal, slots)
 
@@ -71,15 +62,3 @@ def _table(slots, missing):
     if missing:
         table[random_numbers.random(table.shape) < 0.1] = np.nan
     return table
-
-
-def _over(days, child):
-    """A side that goes through the days again and again."""
-    following = itertools.cycle(days)
-    row = days[0]
-
-    def prepare():
-        nonlocal row
-        row = next(following)
-
-    return Side(lambda: child(row), prepare)

@@ -20,3 +20,11 @@ def load(name, member=None):
         version = getattr(module, "__version__", "of unknown version")
         raise PeerAbsent(f"{name} {version} has no {member}")
     return getattr(module, member)
+
+
+def or_absent(measure, *arguments):
+    """What is measured, or which peer is not there for it."""
+    try:
+        return measure(*arguments)
+    except PeerAbsent as absent:
+        return absent

@@ -9,6 +9,7 @@ and the fast side would not.
 import concurrent.futures
 import contextlib
 import gc
+import itertools
 import multiprocessing
 import statistics
 import time
@@ -44,6 +45,18 @@ class Side:
 
     call: Callable[[], object]
     prepare: Callable[[], object] = lambda: None
+
+
+def over_days(days, call):
+    """A side that goes through the days again and again."""
+    following = itertools.cycle(days)
+    day = days[0]
+
+    def prepare():
+        nonlocal day
+        day = next(following)
+
+    return Side(lambda: call(day), prepare)
 
 
 @dataclass
