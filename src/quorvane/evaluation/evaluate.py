@@ -239,7 +239,9 @@ def _pandas() -> Any:
     try:
         return importlib.import_module("pandas")
     except ImportError as error:
-        raise ImportError("evaluate() gives frames of pandas: pip install pandas") from error
+        raise ImportError(
+            "evaluate() gives frames of pandas: pip install 'quorvane[evaluation]'"
+        ) from error
 
 
 def _horizons(horizons: Any) -> tuple[int, ...]:
