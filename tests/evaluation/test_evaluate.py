@@ -1,5 +1,7 @@
 """evaluate(): tables aligned by name and date, no look-ahead, frames and their summary."""
 
+import sys
+
 import numpy as np
 import pytest
 
@@ -158,3 +160,11 @@ def test_a_signal_without_a_number_has_no_figures():
     assert np.isnan(found.summary.loc[1, "ic_mean"])
     assert found.summary.loc[1, "coverage"] == 0.0
     assert len(found.to_long()) == 0
+
+
+def test_without_pandas_it_says_what_to_install(monkeypatch):
+    returns = made(days=10).to_numpy()
+    monkeypatch.setitem(sys.modules, "pandas", None)
+    found = qv.evaluate(returns, returns)
+    with pytest.raises(ImportError, match=r"pip install 'quorvane\[evaluation\]'"):
+        found.ic  # noqa: B018
