@@ -97,8 +97,9 @@ def test_the_summary_says_what_the_frames_say():
     assert row["turnover"] == pytest.approx(found.turnover.mean())
     assert row["coverage"] == pytest.approx(signal.notna().mean(axis=1).mean())
     assert row["profit_ratio"] == pytest.approx(found.profit[5].mean() / found.profit[5].std())
-    net = found.profit[5] - 0.001 * found.turnover.fillna(0.0)
-    assert row["net_mean"] == pytest.approx(net.mean())
+    traded = found.weights.diff(5).abs().sum(axis=1)
+    assert row["net_mean"] == pytest.approx((found.profit[5] - 0.001 * traded).mean())
+    assert row["profit_days"] == found.profit[5].count()
     assert "ic_mean" in repr(found)
     assert "<table" in found._repr_html_()
 
@@ -119,7 +120,77 @@ def test_weights_turnover_and_profit_are_those_of_pandas():
     turnover = weights.diff().abs().sum(axis=1, min_count=1)
     np.testing.assert_allclose(found.turnover, turnover, rtol=1e-12)
     profit = (weights * returns.shift(-1)).sum(axis=1, min_count=1)
+    profit.iloc[10] = np.nan
     np.testing.assert_allclose(found.profit[1], profit, rtol=1e-9, atol=1e-18)
+
+
+def test_days_before_the_first_signal_change_no_figure():
+    returns, signal = made(), made(seed=4)
+    late = signal.copy()
+    late.iloc[:100] = np.nan
+    whole = qv.evaluate(late, returns).summary.drop(columns="coverage")
+    part = qv.evaluate(signal.iloc[100:], returns).summary.drop(columns="coverage")
+    pandas.testing.assert_frame_equal(whole, part)
+
+
+def test_days_that_are_named_are_found_by_name():
+    returns = made().rename_axis(None)
+    numbered = returns.set_axis(returns.index.strftime("%Y%m%d").astype(int))
+    signal = numbered.shift(1)
+    expected = qv.evaluate(returns.shift(1), returns).summary
+    found = qv.evaluate(signal.iloc[2:], numbered)
+    assert found.ic.index.equals(numbered.index[2:])
+    assert found.summary["ic_mean"].to_numpy() == pytest.approx(
+        expected["ic_mean"].to_numpy(), abs=0.02
+    )
+    with pytest.raises(ValueError, match="no rows for days of the signal: 20230102"):
+        qv.evaluate(numbered, numbered.iloc[1:])
+    with pytest.raises(ValueError, match="their days descend"):
+        qv.evaluate(numbered.iloc[::-1], numbered.iloc[::-1])
+    with pytest.raises(ValueError, match="in the order of those of the returns"):
+        qv.evaluate(numbered.iloc[[0, 2, 1]], numbered)
+    with pytest.raises(ValueError, match="must name each day once"):
+        qv.evaluate(numbered, numbered.iloc[[0, 0, 1]])
+    with pytest.raises(ValueError, match="must name each day once"):
+        qv.evaluate(numbered, returns.reset_index(drop=True))
+
+
+def test_frames_have_the_signal_s_own_days():
+    returns = made().tz_localize("America/New_York")
+    found = qv.evaluate(returns, returns)
+    assert found.ic.index.equals(returns.index)
+    assert found.turnover.index.name == "date"
+    polars = pytest.importorskip("polars")
+    pytest.importorskip("narwhals")
+    frame = polars.from_pandas(returns.reset_index())
+    assert qv.evaluate(frame, frame).ic.index.equals(returns.index.tz_convert("UTC"))
+
+
+def test_a_column_of_days_that_is_not_of_dates_is_to_be_named():
+    polars = pytest.importorskip("polars")
+    pytest.importorskip("narwhals")
+    texts = made().reset_index().astype({"day": str})
+    frame = polars.from_pandas(texts)
+    with pytest.raises((ValueError, TypeError)):
+        qv.evaluate(frame, frame)
+    numbers = polars.from_pandas(texts.drop(columns="day").assign(day=range(300)))
+    with pytest.raises(ValueError, match="name the one that says the days with date="):
+        qv.evaluate(numbers, numbers)
+    named = qv.evaluate(frame, frame, date="day").summary
+    pandas.testing.assert_frame_equal(named, qv.evaluate(made(), made()).summary)
+
+
+def test_instruments_may_be_named_as_the_columns_of_the_long_table():
+    frame = made(days=3).iloc[:, :2].set_axis(["date", "signal"], axis=1)
+    assert (
+        qv.evaluate(frame, frame).to_long()["instrument"].tolist() == ["date"] * 3 + ["signal"] * 3
+    )
+
+
+def test_a_horizon_beyond_the_end_has_no_figures():
+    returns = made(days=10)
+    found = qv.evaluate(returns, returns, horizons=[10**9], lag=10**12)
+    assert found.summary["days"].tolist() == [0]
 
 
 def test_a_long_table_has_a_row_for_each_signal():

@@ -74,13 +74,34 @@ def test_weights_have_absolute_sum_one_and_none_where_there_is_no_signal():
 
 def test_turnover_is_the_sum_of_absolute_changes():
     weights = np.array([[0.5, -0.5], [0.5, 0.5], [0.0, 0.0]])
-    np.testing.assert_array_equal(statistics.turnover(weights), [NAN, 1.0, 1.0])
+    np.testing.assert_array_equal(
+        statistics.turnover(weights, np.array([-1, 0, 1])), [NAN, 1.0, 1.0]
+    )
+
+
+def test_the_row_before_is_the_last_that_lies_so_many_days_back():
+    rows = np.array([0, 1, 2, 5, 6, 9])
+    np.testing.assert_array_equal(statistics.rows_before(rows, 1, 0), [-1, 0, 1, 2, 3, 4])
+    np.testing.assert_array_equal(statistics.rows_before(rows, 3, 0), [-1, -1, -1, 2, 2, 4])
+    np.testing.assert_array_equal(statistics.rows_before(rows, 1, 3), [-1, -1, -1, -1, 3, 4])
 
 
 def test_profit_takes_a_missing_return_for_nothing():
     weights = np.array([[0.5, -0.5], [0.5, -0.5]])
     forward = np.array([[0.1, NAN], [NAN, NAN]])
-    np.testing.assert_array_equal(statistics.profit(weights, forward), [0.05, NAN])
+    both = np.array([True, True])
+    np.testing.assert_array_equal(statistics.profit(weights, forward, both), [0.05, NAN])
+
+
+def test_a_day_without_a_signal_has_no_profit():
+    weights, forward = np.array([[0.0, 0.0], [0.0, 0.0]]), np.ones((2, 2))
+    found = statistics.profit(weights, forward, np.array([False, True]))
+    np.testing.assert_array_equal(found, [NAN, 0.0])
+
+
+def test_weights_of_huge_numbers_have_absolute_sum_one_too():
+    found = statistics.gross_one(np.array([[1e308, -1e308, 1e308, 1e308]]))
+    np.testing.assert_array_equal(found, [[0.25, -0.25, 0.25, 0.25]])
 
 
 @pytest.mark.parametrize("horizon", [1, 2, 5])
@@ -88,14 +109,24 @@ def test_the_t_statistic_by_hand(horizon):
     series = np.array([0.3, NAN, -0.1, 0.4, 0.2, -0.3, 0.5])
     known = series[~np.isnan(series)]
     apart = known - known.mean()
+    rows = np.arange(len(series))
+    # The missing day lies between its neighbours, which are two days apart.
+    places = rows[~np.isnan(series)]
     total = 0.0
-    for s, a in enumerate(apart):
-        for t, b in enumerate(apart):
+    for s, a in zip(places, apart, strict=True):
+        for t, b in zip(places, apart, strict=True):
             total += max(0.0, 1.0 - abs(s - t) / horizon) * a * b
     expected = known.mean() / np.sqrt(total / len(known) ** 2)
-    assert statistics.t_statistic(series, horizon) == pytest.approx(expected, rel=1e-12)
+    assert statistics.t_statistic(series, rows, horizon) == pytest.approx(expected, rel=1e-12)
+
+
+def test_days_that_are_a_horizon_apart_have_nothing_in_common():
+    series = np.random.default_rng(3).normal(0.2, size=40)
+    far = statistics.t_statistic(series, 5 * np.arange(40), 5)
+    assert far == pytest.approx(statistics.t_statistic(series, np.arange(40), 1), rel=1e-12)
+    assert far != pytest.approx(statistics.t_statistic(series, np.arange(40), 5), rel=1e-3)
 
 
 def test_the_t_statistic_of_what_does_not_vary_is_missing():
-    assert np.isnan(statistics.t_statistic(np.ones(5), 1))
-    assert np.isnan(statistics.t_statistic(np.array([1.0, NAN]), 1))
+    assert np.isnan(statistics.t_statistic(np.ones(5), np.arange(5), 1))
+    assert np.isnan(statistics.t_statistic(np.array([1.0, NAN]), np.arange(2), 1))

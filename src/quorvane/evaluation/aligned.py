@@ -24,9 +24,11 @@ class Aligned:
     signal, returns : ndarray
         Of the same instruments; the returns on all days that they are known for.
     rows : ndarray of int
-        The row of the returns that is each day of the signal.
-    days : ndarray
-        The dates of the signal, or its numbers of rows.
+        The row of the returns that is each day of the signal; ascending.
+    days : index of pandas, or ndarray
+        The signal's own labels of its days: its index, else its dates, else the numbers of rows.
+    is_utc : bool
+        Whether the days are dates in UTC that have lost their word for it.
     instruments : tuple
         The columns' names.
     """
@@ -34,48 +36,59 @@ class Aligned:
     signal: Floats
     returns: Floats
     rows: NDArray[np.intp]
-    days: NDArray[Any]
+    days: Any
+    is_utc: bool
     instruments: tuple[Hashable, ...]
 
 
-def align(signal: Any, returns: Any) -> Aligned:
-    """Read both tables.
+def align(signal: Any, returns: Any, date: Any) -> Aligned:
+    """Read both tables; ``date`` is the column of dates where it cannot be told by its type.
 
     Raises
     ------
     ValueError
-        An instrument or a day of the signal is not in the returns, or one of the two has dates and
-        the other has none.
+        An instrument or a day of the signal is not in the returns, the two are of different sorts,
+        or their days are in no order.
     """
-    judged = read_table(signal, argument="signal")
-    known = read_table(returns, argument="returns")
+    judged = read_table(signal, date=date, argument="signal")
+    known = read_table(returns, date=date, argument="returns")
     names: tuple[Hashable, ...]
-    if judged.names is None and known.names is None:
-        names = tuple(range(judged.width))
-    elif judged.names is None or known.names is None:
+    if (judged.names is None) != (known.names is None):
         raise ValueError(
             "signal and returns: one of them is an array and the other a table with names; "
             "both must be of one sort, to be aligned"
         )
+    names = tuple(range(judged.width)) if judged.names is None else judged.names
+    labels = _labels(judged, signal)
+    if judged.dates is not None or known.dates is not None:
+        rows = _rows_by_date(judged, known)
+    elif labels is not None:
+        rows = _rows_by_label(labels, _labels(known, returns))
     else:
-        names = judged.names
+        rows = _rows_in_order(judged, known)
+    days = labels
+    if days is None:
+        days = np.arange(judged.rows) if judged.dates is None else judged.dates
     return Aligned(
         signal=judged.matrix(names, used=np.zeros(len(names), dtype=bool)),
         returns=known.matrix(names),
-        rows=_rows(judged, known),
-        days=np.arange(judged.rows) if judged.dates is None else judged.dates,
+        rows=rows,
+        days=days,
+        is_utc=labels is None and judged.is_utc,
         instruments=names,
     )
 
 
-def _rows(judged: Table, known: Table) -> NDArray[np.intp]:
-    if judged.dates is None and known.dates is None:
-        if judged.rows != known.rows:
-            raise ValueError(
-                f"signal and returns: without dates both must have as many rows, "
-                f"got {judged.rows} and {known.rows}"
-            )
-        return np.arange(judged.rows)
+def _labels(table: Table, native: Any) -> Any:
+    """The index of a pandas frame that says something of its days, None for any other."""
+    if table.kind != "pandas":
+        return None
+    index = native.index
+    is_plain = type(index).__name__ == "RangeIndex"
+    return None if is_plain else index
+
+
+def _rows_by_date(judged: Table, known: Table) -> NDArray[np.intp]:
     if judged.dates is None or known.dates is None or judged.is_utc != known.is_utc:
         raise ValueError(
             "signal and returns: both must have dates of the same sort, with a time zone or without"
@@ -83,7 +96,36 @@ def _rows(judged: Table, known: Table) -> NDArray[np.intp]:
     rows = np.searchsorted(known.dates, judged.dates)
     found = rows < len(known.dates)
     found[found] = known.dates[rows[found]] == judged.dates[found]
-    if not found.all():
-        missing = [judged.label(int(row)) for row in np.flatnonzero(~found)]
-        raise ValueError(f"returns: no rows for days of the signal: {listed(missing, most=10)}")
+    _refuse_missing([judged.label(int(row)) for row in np.flatnonzero(~found)])
     return np.asarray(rows, dtype=np.intp)
+
+
+def _rows_by_label(labels: Any, known: Any) -> NDArray[np.intp]:
+    """Days that have names but no dates: found by name, and in the order of the returns."""
+    if known is None or not known.is_unique or not labels.is_unique:
+        raise ValueError("signal and returns: the index of both must name each day once")
+    if len(labels) > 1 and (labels.is_monotonic_decreasing or known.is_monotonic_decreasing):
+        raise ValueError("signal and returns: their days descend; allowed is the order of time")
+    rows = np.asarray(known.get_indexer(labels), dtype=np.intp)
+    _refuse_missing(labels[rows < 0].tolist())
+    if np.count_nonzero(np.diff(rows) < 0):
+        raise ValueError("signal: its days must be in the order of those of the returns")
+    return rows
+
+
+def _rows_in_order(judged: Table, known: Table) -> NDArray[np.intp]:
+    if "polars" in (judged.kind, known.kind) or "pyarrow" in (judged.kind, known.kind):
+        raise ValueError(
+            "signal and returns: no column holds dates, name the one that says the days with date="
+        )
+    if judged.rows != known.rows:
+        raise ValueError(
+            f"signal and returns: without dates both must have as many rows, "
+            f"got {judged.rows} and {known.rows}"
+        )
+    return np.arange(judged.rows)
+
+
+def _refuse_missing(days: list[Any]) -> None:
+    if days:
+        raise ValueError(f"returns: no rows for days of the signal: {listed(days, most=10)}")

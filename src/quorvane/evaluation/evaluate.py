@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import importlib
+import numbers
 from collections.abc import Iterable
 from dataclasses import dataclass
 from functools import cached_property
@@ -25,11 +26,14 @@ def evaluate(
     quantiles: int = 5,
     lag: int = 1,
     cost: float = 0.0,
+    *,
+    date: str | None = None,
 ) -> Evaluation:
     """Judge a signal by the returns that follow it.
 
     The signal of day t meets the compound returns of days t + lag to t + lag + h - 1, for each
-    horizon h. Days are those of the returns, whose columns are found by name.
+    horizon h. Days are the rows of the returns. Columns and days are found by name; only those of
+    arrays, and of frames of pandas with a plain index and no dates, by their order.
 
     Parameters
     ----------
@@ -46,6 +50,8 @@ def evaluate(
         know that return.
     cost : float
         Of a turnover of 1, as a fraction; taken off the profit.
+    date : str, optional
+        The column of dates of both tables, where it cannot be told by its type.
 
     Returns
     -------
@@ -68,7 +74,7 @@ def evaluate(
     1.0
     """
     return Evaluation(
-        _aligned=align(signal, returns),
+        _aligned=align(signal, returns, date),
         horizons=_horizons(horizons),
         quantiles=whole_number("quantiles", quantiles, 2),
         lag=whole_number("lag", lag, 1),
@@ -122,8 +128,13 @@ class Evaluation:
 
     @cached_property
     def turnover(self) -> Any:
-        """By day: the sum of the absolute changes of `weights`; missing for the first day."""
-        return self._series(statistics.turnover(self._weights), "turnover")
+        """By day: the sum of the absolute changes of `weights`.
+
+        Missing up to the first day with a signal: nothing is known of what came before.
+        """
+        before = np.arange(len(self._weights)) - 1
+        before[before < self._first] = -1
+        return self._series(statistics.turnover(self._weights, before), "turnover")
 
     @cached_property
     def coverage(self) -> Any:
@@ -140,10 +151,11 @@ class Evaluation:
     def profit(self) -> Any:
         """Days x horizons: what the weights earn before costs, the sum of weight x forward return.
 
-        A missing return counts as 0 where others are known.
+        A missing return counts as 0 where others are known. Missing on days without any signal.
         """
         columns = [
-            statistics.profit(self._weights, self._forward(horizon)) for horizon in self.horizons
+            statistics.profit(self._weights, self._forward(horizon), self._has_signal)
+            for horizon in self.horizons
         ]
         return self._frame(np.column_stack(columns), list(self.horizons), "horizon")
 
@@ -154,8 +166,9 @@ class Evaluation:
         ``ic_mean``, ``ic_std`` (ddof 1), ``ic_t`` (with the correction of Newey and West, Bartlett
         weights and h - 1 lags), ``ic_positive`` (share of days above 0), ``days`` (with a
         correlation); ``profit_mean``, ``profit_std``, ``profit_ratio`` (the one over the other, not
-        annualised), ``profit_t``; ``net_mean``, the mean of the profit less cost times turnover;
-        and the means of ``turnover`` and ``coverage``.
+        annualised), ``profit_t``, ``profit_days`` (with a profit); ``net_mean``, the mean of the
+        profit less cost times what is traded after h days, the absolute changes of the weights
+        since then; and the means of ``turnover`` and ``coverage``.
         """
         rows = {
             horizon: self._summary_of(
@@ -169,10 +182,15 @@ class Evaluation:
 
     def to_long(self) -> Any:
         """The signal as a table of day, instrument and signal, without what is missing."""
-        signal = self._frame(self._aligned.signal, list(self._aligned.instruments))
-        long = signal.rename_axis(index="date").reset_index()
-        long = long.melt(id_vars="date", var_name="instrument", value_name="signal")
-        return long[np.isfinite(long["signal"])].reset_index(drop=True)
+        signal, names = self._aligned.signal.T, self._aligned.instruments
+        column, day = np.nonzero(np.isfinite(signal))
+        return _pandas().DataFrame(
+            {
+                "date": self._index[day],
+                "instrument": [names[number] for number in column.tolist()],
+                "signal": signal[column, day],
+            }
+        )
 
     def __repr__(self) -> str:
         days, instruments = self._aligned.signal.shape
@@ -186,26 +204,40 @@ class Evaluation:
     def _weights(self) -> Floats:
         return statistics.gross_one(self._aligned.signal)
 
+    @cached_property
+    def _has_signal(self) -> NDArray[np.bool_]:
+        return np.asarray(np.isfinite(self._aligned.signal).any(axis=1))
+
+    @property
+    def _first(self) -> int:
+        """The number of the first day with a signal."""
+        return int(np.argmax(self._has_signal)) if self._has_signal.any() else len(self._weights)
+
+    def _traded(self, horizon: int) -> Floats:
+        """What is traded on each day when weights are held for so many; 0 where it is unknown."""
+        before = statistics.rows_before(self._aligned.rows, horizon, self._first)
+        return np.nan_to_num(statistics.turnover(self._weights, before))
+
     def _forward(self, horizon: int) -> Floats:
         aligned = self._aligned
         return statistics.forward_returns(aligned.returns, aligned.rows, horizon, self.lag)
 
     def _summary_of(self, ic: Floats, profit: Floats, horizon: int) -> dict[str, float]:
-        turnover = self.turnover.to_numpy()
-        # Nothing is known of what came before the first day.
-        net = profit - self.cost * np.where(np.isfinite(turnover), turnover, 0.0)
+        rows = self._aligned.rows
+        net = profit - self.cost * self._traded(horizon)
         return {
             "ic_mean": _mean(ic),
             "ic_std": _deviation(ic),
-            "ic_t": statistics.t_statistic(ic, horizon),
+            "ic_t": statistics.t_statistic(ic, rows, horizon),
             "ic_positive": _mean(np.where(np.isfinite(ic), ic > 0.0, np.nan)),
             "days": int(np.isfinite(ic).sum()),
             "profit_mean": _mean(profit),
             "profit_std": _deviation(profit),
             "profit_ratio": _ratio(_mean(profit), _deviation(profit)),
-            "profit_t": statistics.t_statistic(profit, horizon),
+            "profit_t": statistics.t_statistic(profit, rows, horizon),
+            "profit_days": int(np.isfinite(profit).sum()),
             "net_mean": _mean(net),
-            "turnover": _mean(turnover),
+            "turnover": _mean(self.turnover.to_numpy()),
             "coverage": _mean(self.coverage.to_numpy()),
         }
 
@@ -218,7 +250,10 @@ class Evaluation:
 
     @cached_property
     def _index(self) -> Any:
-        return _pandas().Index(self._aligned.days, name="date")
+        aligned, pandas = self._aligned, _pandas()
+        if aligned.is_utc:
+            return pandas.DatetimeIndex(aligned.days, tz="UTC", name="date")
+        return pandas.Index(aligned.days).rename("date")
 
 
 def _mean(numbers: Floats) -> float:
@@ -254,8 +289,9 @@ def _horizons(horizons: Any) -> tuple[int, ...]:
 
 
 def _cost(cost: Any) -> float:
-    if isinstance(cost, bool) or not isinstance(cost, (int, float)):
+    if isinstance(cost, bool) or not isinstance(cost, numbers.Real):
         raise TypeError(f"cost must be a number, got {cost!r}")
-    if not (np.isfinite(cost) and cost >= 0.0):
+    number = float(cost)
+    if not (np.isfinite(number) and number >= 0.0):
         raise ValueError(f"cost must be finite and at least 0, got {cost!r}")
-    return float(cost)
+    return number

@@ -17,11 +17,13 @@ def forward_returns(returns: Floats, rows: NDArray[np.intp], horizon: int, lag: 
     lies beyond the end.
     """
     days, columns = returns.shape
-    growth = np.full((days + lag + horizon, columns), np.nan)
-    growth[:days] = 1.0 + returns
-    compound = np.ones((len(rows), columns))
-    for day in range(lag, lag + horizon):
-        compound *= growth[rows + day]
+    compound = np.full((len(rows), columns), np.nan)
+    # Beyond the last day nothing is known.
+    whole = rows <= days - lag - horizon
+    growth = 1.0 + returns
+    for day in range(horizon if whole.any() else 0):
+        factor = growth[rows[whole] + lag + day]
+        compound[whole] = factor if day == 0 else compound[whole] * factor
     return compound - 1.0
 
 
@@ -82,44 +84,55 @@ def mean_by_quantile(quantile: Floats, forward: Floats, quantiles: int) -> Float
 def gross_one(signal: Floats) -> Floats:
     """The signal with absolute sum 1 in each row, missing numbers as 0; zeros where all are."""
     known = np.where(np.isfinite(signal), signal, 0.0)
-    gross = np.abs(known).sum(axis=1, keepdims=True)
-    weights: Floats = np.divide(known, gross, out=np.zeros_like(known), where=gross > 0.0)
-    return weights
+    # Divided by the largest before, so that the sum cannot overflow.
+    for divisor in (np.max, np.sum):
+        size = divisor(np.abs(known), axis=1, keepdims=True, initial=0.0)
+        known = np.divide(known, size, out=np.zeros_like(known), where=size > 0.0)
+    return known
 
 
-def turnover(weights: Floats) -> Floats:
-    """The sum of the absolute changes from row to row; NaN for the first."""
-    changes = np.full(len(weights), np.nan)
-    changes[1:] = np.abs(np.diff(weights, axis=0)).sum(axis=1)
-    return changes
+def turnover(weights: Floats, before: NDArray[np.intp]) -> Floats:
+    """The sum of the absolute changes since the row ``before`` each; NaN where that is negative."""
+    changes = np.abs(weights - weights[np.maximum(before, 0)]).sum(axis=1)
+    known: Floats = np.where(before >= 0, changes, np.nan)
+    return known
 
 
-def profit(weights: Floats, forward: Floats) -> Floats:
+def rows_before(rows: NDArray[np.intp], days: int, first: int) -> NDArray[np.intp]:
+    """The number of the last row at least so many days before each; -1 before the ``first``."""
+    before = np.searchsorted(rows, rows - days, side="right") - 1
+    return np.where(before >= first, before, -1)
+
+
+def profit(weights: Floats, forward: Floats, has_signal: NDArray[np.bool_]) -> Floats:
     """What the weights earn: the sum of weight times forward return.
 
-    A missing return counts as 0 where others are known, and as missing where none is.
+    A missing return counts as 0 where others are known. Missing where none is, and where no
+    instrument has a signal.
     """
     known = np.isfinite(forward)
     earned: Floats = (weights * np.where(known, forward, 0.0)).sum(axis=1)
-    earned[~known.any(axis=1)] = np.nan
+    earned[~known.any(axis=1) | ~has_signal] = np.nan
     return earned
 
 
-def t_statistic(series: Floats, horizon: int) -> float:
+def t_statistic(series: Floats, rows: NDArray[np.intp], horizon: int) -> float:
     """The mean over its standard error, with the correction of Newey and West (1987).
 
-    mean / sqrt(S / n), S = g(0) + 2 sum_{l=1}^{h-1} (1 - l / h) g(l), with the autocovariances
-    g(l) = sum_t (x(t) - mean) (x(t - l) - mean) / n: returns over h days that begin on each day
-    overlap h - 1 others. NaN with fewer than two numbers, or where S is not above zero.
+    mean / sqrt(S / n), S = (1 / n) sum_{s,t} max(0, 1 - |row(s) - row(t)| / h) (x(s) - mean)
+    (x(t) - mean): Bartlett weights by the days that lie between, since returns over h days that
+    begin d days apart have h - d days in common. NaN with fewer than two numbers, or where S is not
+    above zero.
     """
-    numbers = series[np.isfinite(series)]
+    there = np.isfinite(series)
+    numbers, places = series[there], rows[there]
     count = len(numbers)
     if count < 2:
         return float("nan")
     mean = numbers.mean()
     apart = numbers - mean
-    spread = apart @ apart / count
-    for distance in range(1, min(horizon, count)):
-        weight = 1.0 - distance / horizon
-        spread += 2.0 * weight * (apart[distance:] @ apart[:-distance]) / count
-    return float(mean / np.sqrt(spread / count)) if spread > 0.0 else float("nan")
+    spread = apart @ apart
+    for step in range(1, min(horizon, count)):
+        weight = 1.0 - (places[step:] - places[:-step]) / horizon
+        spread += 2.0 * (np.maximum(weight, 0.0) * apart[step:]) @ apart[:-step]
+    return float(mean / (np.sqrt(spread) / count)) if spread > 0.0 else float("nan")
