@@ -36,13 +36,13 @@ QUORVANE_SIMD void divide(const double* __restrict values, double scale, double 
 }  // namespace
 
 void demean(std::span<const double> values, std::span<double> out) {
-    const RowSum total = sum_of_values(values);
+    const RowMean row = mean_of(values);
     // The mean lies between the values, so it is in range again.
-    subtract(values.data(), total.sum / total.count / total.scale, out.data(), values.size());
+    subtract(values.data(), row.mean / row.scale, out.data(), values.size());
 }
 
 void scale_to_one(std::span<const double> values, std::span<double> out) {
-    const RowSum total = sum_of_magnitudes(values);
+    const GrossSum total = gross_sum_of(values);
     divide(values.data(), total.scale, total.sum == 0.0 ? kNan : total.sum, out.data(),
            values.size());
 }

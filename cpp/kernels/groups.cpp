@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <numeric>
+#include <utility>
 
 namespace quorvane::kernels {
 
@@ -14,7 +15,8 @@ void GroupOrder::refresh(std::span<const std::int64_t> groups, std::size_t count
     std::iota(slots.begin(), slots.end(), 0U);
     const auto group_of = [&](std::uint32_t slot) { return groups_[slot]; };
     std::erase_if(slots, [&](std::uint32_t slot) { return group_of(slot) < 0; });
-    std::ranges::stable_sort(slots, {}, group_of);
+    std::ranges::sort(slots, {},
+                      [&](std::uint32_t slot) { return std::pair(group_of(slot), slot); });
 
     place_of_.assign(groups.size(), static_cast<std::uint32_t>(slots.size()));
     starts_.clear();

@@ -27,9 +27,10 @@ struct BlockSum {
     double count, sum;
 };
 
+// The sum of value * scale - center, or of the magnitudes.
 template <bool of_magnitudes>
 [[gnu::always_inline]] inline void sum_lanes(const double* values, std::size_t size, double scale,
-                                             BlockSum& total) {
+                                             double center, BlockSum& total) {
     constexpr std::int64_t kWithoutSign = std::numeric_limits<std::int64_t>::max();
     VectorBits count[kParts]{};
     Vector sum[kParts]{};
@@ -40,13 +41,16 @@ template <bool of_magnitudes>
             VectorBits bits;
             std::memcpy(&bits, row + part * kWidth, sizeof bits);
             const VectorBits magnitude_bits = bits & kWithoutSign;
-            Vector magnitude, term;
+            Vector value, magnitude, term;
+            std::memcpy(&value, &bits, sizeof value);
             std::memcpy(&magnitude, &magnitude_bits, sizeof magnitude);
             const VectorBits finite = magnitude <= kLargest;
-            bits = (of_magnitudes ? magnitude_bits : bits) & finite;
+            term = of_magnitudes ? magnitude * scale : value * scale - center;
+            std::memcpy(&bits, &term, sizeof bits);
+            bits &= finite;
             std::memcpy(&term, &bits, sizeof term);
             count[part] -= finite;
-            sum[part] += term * scale;
+            sum[part] += term;
         }
     }
     total = {};
@@ -57,36 +61,40 @@ template <bool of_magnitudes>
     }
 }
 
-QUORVANE_SIMD void sum_block(const double* values, std::size_t size, double scale,
+QUORVANE_SIMD void sum_block(const double* values, std::size_t size, double scale, double center,
                              BlockSum& total) {
-    sum_lanes<false>(values, size, scale, total);
+    sum_lanes<false>(values, size, scale, center, total);
 }
 
 QUORVANE_SIMD void magnitudes_block(const double* values, std::size_t size, double scale,
-                                    BlockSum& total) {
-    sum_lanes<true>(values, size, scale, total);
+                                    double center, BlockSum& total) {
+    sum_lanes<true>(values, size, scale, center, total);
 }
 
 template <auto block>
-RowSum sum_scaled(std::span<const double> values, double scale) {
+BlockSum sum_all(std::span<const double> values, double scale, double center) {
     double count = 0.0;
     CompensatedSum sum;
     for (std::size_t start = 0; start < values.size(); start += kBlock) {
         BlockSum part;
-        block(values.data() + start, std::min(kBlock, values.size() - start), scale, part);
+        block(values.data() + start, std::min(kBlock, values.size() - start), scale, center, part);
         count += part.count;
         sum.add(part.sum);
     }
-    return {count, sum.value(), scale};
+    return {count, sum.value()};
 }
 
 // So many doubles of that size cannot overflow together.
 constexpr double kSmall = 0x1p-64;
 
-template <auto block>
-RowSum sum_safely(std::span<const double> values) {
-    const RowSum plain = sum_scaled<block>(values, 1.0);
-    return std::abs(plain.sum) <= kLargest ? plain : sum_scaled<block>(values, kSmall);
+bool is_finite(double value) { return std::abs(value) <= kLargest; }
+
+RowMean scaled_mean(std::span<const double> values, double scale) {
+    const BlockSum plain = sum_all<sum_block>(values, scale, 0.0);
+    const double estimate = plain.sum / plain.count;
+    // Sums around the first estimate give what that estimate lost to rounding.
+    const BlockSum centered = sum_all<sum_block>(values, scale, estimate);
+    return {plain.count, estimate + centered.sum / centered.count, scale};
 }
 
 }  // namespace
@@ -98,10 +106,16 @@ double safe_scale(double largest) {
     return std::ldexp(1.0, std::min(-std::ilogb(largest), 1023));
 }
 
-RowSum sum_of_values(std::span<const double> values) { return sum_safely<sum_block>(values); }
+RowMean mean_of(std::span<const double> values) {
+    const RowMean plain = scaled_mean(values, 1.0);
+    const bool is_known = plain.count == 0.0 || is_finite(plain.mean);
+    return is_known ? plain : scaled_mean(values, kSmall);
+}
 
-RowSum sum_of_magnitudes(std::span<const double> values) {
-    return sum_safely<magnitudes_block>(values);
+GrossSum gross_sum_of(std::span<const double> values) {
+    const double plain = sum_all<magnitudes_block>(values, 1.0, 0.0).sum;
+    if (is_finite(plain)) return {plain, 1.0};
+    return {sum_all<magnitudes_block>(values, kSmall, 0.0).sum, kSmall};
 }
 
 }  // namespace quorvane::kernels

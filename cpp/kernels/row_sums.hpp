@@ -25,14 +25,22 @@ private:
 [[nodiscard]] double safe_scale(double largest);
 
 // Of the finite values of a row.
-struct RowSum {
+struct RowMean {
     double count;
-    double sum;    // of the values, each multiplied by `scale`
-    double scale;  // 1 unless the sum would overflow
+    double mean;   // of the values, each multiplied by `scale`
+    double scale;  // 1 unless a sum would overflow
 };
 
-// The sum's error is at most 48 * eps times the sum of the magnitudes.
-[[nodiscard]] RowSum sum_of_values(std::span<const double> values);
-[[nodiscard]] RowSum sum_of_magnitudes(std::span<const double> values);
+// The mean of equal numbers is that number. The error is at most an eps of the mean, and 48 * eps
+// squared times the mean of the magnitudes.
+[[nodiscard]] RowMean mean_of(std::span<const double> values);
+
+struct GrossSum {
+    double sum;  // of the magnitudes, each multiplied by `scale`
+    double scale;
+};
+
+// The error is at most 48 * eps times the sum.
+[[nodiscard]] GrossSum gross_sum_of(std::span<const double> values);
 
 }  // namespace quorvane::kernels

@@ -20,3 +20,11 @@
 #else
 #define QUORVANE_SIMD
 #endif
+
+// Before a loop whose rounds do nothing to one another, though the compiler cannot know it: rows
+// that may be one and the same are read and written at the same place only.
+#if defined(__GNUC__) && !defined(__clang__)
+#define QUORVANE_IN_ANY_ORDER _Pragma("GCC ivdep")
+#else
+#define QUORVANE_IN_ANY_ORDER
+#endif

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <limits>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -82,6 +84,19 @@ std::optional<MemoryView> view_of_memory(const Kernel& kernel, PyObject* kept, P
         return {};
     }
     return view;
+}
+
+// Whether two of the arrays have memory in common.
+inline bool overlaps_itself(const MemoryView& view) noexcept {
+    const std::span position(view.position, 1);
+    return overlap(view.kept, view.derived) || overlap(view.kept, position) ||
+           overlap(view.derived, position);
+}
+
+// Whether a row has memory in common with any of them.
+inline bool lies_in(std::span<const std::byte> row, const MemoryView& view) noexcept {
+    return overlap(row, std::as_bytes(view.kept)) || overlap(row, std::as_bytes(view.derived)) ||
+           overlap(row, std::as_bytes(std::span(view.position, 1)));
 }
 
 // So many numbers for each column; MemoryError where no array could hold them.
@@ -206,15 +221,9 @@ private:
     // The kernel writes to its memory while it reads and writes the day.
     static void separate(const MemoryRotation& module, PyObject* self, RowDay& day,
                          const MemoryView& view) {
-        const std::span position(view.position, 1);
-        if (overlap(view.kept, view.derived) || overlap(view.kept, position) ||
-            overlap(view.derived, position)) {
-            raise_unusable(module, self);
-        }
-        const auto shares = [&](auto row) {
-            return overlap(row, view.kept) || overlap(row, view.derived) || overlap(row, position);
-        };
-        const bool shares_input = shares(day.values()), shares_output = shares(day.out());
+        if (overlaps_itself(view)) raise_unusable(module, self);
+        const bool shares_input = lies_in(std::as_bytes(day.values()), view);
+        const bool shares_output = lies_in(std::as_bytes(day.out()), view);
         if (shares_input) day.separate_input();
         if (shares_output) day.separate_output();
     }

@@ -1,8 +1,9 @@
 // Blocks of days leave the memory that their days leave, to the bit, and take back what they did.
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
-#include <cstring>
+#include <cstdint>
 #include <limits>
 #include <random>
 #include <thread>
@@ -25,7 +26,8 @@ using Rows = std::vector<double>;
 
 bool same_bits(std::span<const double> left, std::span<const double> right) {
     return std::ranges::equal(left, right, [](double one, double other) {
-        return (one != one && other != other) || std::memcmp(&one, &other, sizeof one) == 0;
+        return (one != one && other != other) ||
+               std::bit_cast<std::uint64_t>(one) == std::bit_cast<std::uint64_t>(other);
     });
 }
 
@@ -68,6 +70,7 @@ void run_block(MemoryBlock<Kernel>& block, Rows& rows, std::size_t days, std::si
                std::size_t workers) {
     const DayBlock all{rows.data(), slots, days, slots};
     std::vector<std::thread> team;
+    team.reserve(workers);
     for (std::size_t worker = 0; worker < workers; ++worker) {
         team.emplace_back([&, worker] {
             block.run(all, slots * worker / workers, slots * (worker + 1) / workers, worker);

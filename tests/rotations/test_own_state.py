@@ -105,6 +105,13 @@ def test_a_child_rotation_can_have_it_too():
     assert new.note == "here"
 
 
+def test_standing_behind_the_rotation_s_class_is_refused():
+    with pytest.raises(TypeError, match="Late: OwnState must stand before"):
+
+        class Late(qv.FixedBaskets, qv.OwnState):
+            pass
+
+
 def test_hooks_that_are_missing_are_named():
     class Bare(qv.OwnState, Ewma):
         pass

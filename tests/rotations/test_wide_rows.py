@@ -8,6 +8,7 @@ from quorvane.functions.rotations.latitudinal.rank import Rank
 from quorvane.functions.rotations.longitudinal.ewma import Ewma
 from quorvane.functions.rotations.numerical.transcendental import Transcendental
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
+from support import functions
 
 WIDTHS = [99_999, 100_000, 100_001, 131_077]
 CHILDREN = {
@@ -16,6 +17,8 @@ CHILDREN = {
     "zscore": lambda width: ZScore(N_alloc=width),
     "sigmoid": lambda width: Transcendental(N_alloc=width),
     "log": lambda width: Transcendental(function="log", N_alloc=width),
+    **functions.OVER_TIME,
+    **functions.ACROSS,
 }
 VALUES = {
     "numbers": lambda rng, width: rng.normal(size=width),

@@ -23,8 +23,7 @@ constexpr double kLargest = std::numeric_limits<double>::max();
 
 QUORVANE_SIMD void mean_day(const double* values, double decay, double* means, double* weights,
                             double* out, std::size_t size) {
-#pragma GCC ivdep
-    for (std::size_t i = 0; i < size; ++i) {
+    QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) {
         const double value = values[i], held = means[i];
         const bool has_mean = held == held;
         const bool observed = std::abs(value) <= kLargest;
@@ -44,8 +43,7 @@ struct Rows {
 QUORVANE_SIMD void deviation_day(const double* values, double decay, const Rows& rows, double* out,
                                  std::size_t size) {
     const auto [means, weights, squared_weights, variances] = rows;
-#pragma GCC ivdep
-    for (std::size_t i = 0; i < size; ++i) {
+    QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) {
         const double value = values[i], held = means[i];
         const bool has_mean = held == held;
         const bool observed = std::abs(value) <= kLargest;

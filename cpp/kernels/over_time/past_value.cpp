@@ -10,8 +10,7 @@ namespace quorvane::kernels {
 namespace {
 
 QUORVANE_SIMD void value_day(const double* values, double* past, double* out, std::size_t size) {
-#pragma GCC ivdep
-    for (std::size_t i = 0; i < size; ++i) {
+    QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) {
         const double value = values[i];
         out[i] = past[i];
         past[i] = value;
@@ -20,8 +19,7 @@ QUORVANE_SIMD void value_day(const double* values, double* past, double* out, st
 
 QUORVANE_SIMD void difference_day(const double* values, double* past, double* out,
                                   std::size_t size) {
-#pragma GCC ivdep
-    for (std::size_t i = 0; i < size; ++i) {
+    QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) {
         const double value = values[i];
         out[i] = value - past[i];
         past[i] = value;

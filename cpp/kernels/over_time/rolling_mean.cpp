@@ -18,8 +18,7 @@ constexpr double kLargest = std::numeric_limits<double>::max();
 
 QUORVANE_SIMD void mean_day(const double* values, double* past, const double* tail, double* head,
                             double* count, double* out, std::size_t size, double least) {
-#pragma GCC ivdep
-    for (std::size_t i = 0; i < size; ++i) {
+    QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) {
         const bool present = std::abs(values[i]) <= kLargest;
         const double value = present ? values[i] : kMissing;
         const double had = past[i] == past[i] ? 1.0 : 0.0;
@@ -36,15 +35,14 @@ QUORVANE_SIMD void mean_day(const double* values, double* past, const double* ta
 // to = from + values, where there is a value.
 QUORVANE_SIMD void add_present(const double* values, const double* from, double* to,
                                std::size_t size) {
-#pragma GCC ivdep
-    for (std::size_t i = 0; i < size; ++i) {
+    QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) {
         to[i] = from[i] + (values[i] == values[i] ? values[i] : 0.0);
     }
 }
 
 QUORVANE_SIMD void count_present(const double* values, double* count, std::size_t size) {
-#pragma GCC ivdep
-    for (std::size_t i = 0; i < size; ++i) count[i] += values[i] == values[i] ? 1.0 : 0.0;
+    QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) count[i] +=
+        values[i] == values[i] ? 1.0 : 0.0;
 }
 
 }  // namespace

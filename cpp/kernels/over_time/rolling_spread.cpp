@@ -64,8 +64,7 @@ template <bool gives_zscore>
 [[gnu::always_inline]] inline void spread_day(const Day& day, std::size_t size, double least) {
     const auto [values, past, tail_mean, tail_squares, head_mean, head_squares, head_count, count,
                 out] = day;
-#pragma GCC ivdep
-    for (std::size_t i = 0; i < size; ++i) {
+    QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) {
         const bool present = std::abs(values[i]) <= kLargest;
         const double value = present ? values[i] : kMissing;
         const double had = past[i] == past[i] ? 1.0 : 0.0;
@@ -78,7 +77,9 @@ template <bool gives_zscore>
         head_squares[i] = head.squares;
         head_count[i] = head.count;
         const double deviation = std::sqrt(all.squares / (numbers - 1.0));
-        const double distance = (value - all.mean) / (deviation > 0.0 ? deviation : kMissing);
+        // Squares that overflow leave no deviation to divide by.
+        const bool is_spread = deviation > 0.0 && deviation <= kLargest;
+        const double distance = (value - all.mean) / (is_spread ? deviation : kMissing);
         const double result = gives_zscore ? distance : deviation;
         out[i] = numbers >= least ? result : kMissing;
     }
@@ -95,8 +96,7 @@ QUORVANE_SIMD void zscore_day(const Day& day, std::size_t size, double least) {
 // The moments with a row of values more; `count` is brought up to date in place.
 QUORVANE_SIMD void add_row(const double* values, const double* mean, const double* squares,
                            double* count, double* new_mean, double* new_squares, std::size_t size) {
-#pragma GCC ivdep
-    for (std::size_t i = 0; i < size; ++i) {
+    QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) {
         const Moments all =
             with({mean[i], squares[i], count[i]}, values[i], values[i] == values[i]);
         new_mean[i] = all.mean;
@@ -106,8 +106,8 @@ QUORVANE_SIMD void add_row(const double* values, const double* mean, const doubl
 }
 
 QUORVANE_SIMD void count_present(const double* values, double* count, std::size_t size) {
-#pragma GCC ivdep
-    for (std::size_t i = 0; i < size; ++i) count[i] += values[i] == values[i] ? 1.0 : 0.0;
+    QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) count[i] +=
+        values[i] == values[i] ? 1.0 : 0.0;
 }
 
 }  // namespace

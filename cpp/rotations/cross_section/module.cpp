@@ -56,8 +56,9 @@ struct Demean : OneThread {
     static constexpr auto name = "demean";
     static constexpr auto doc = R"(Each column's distance from the day's mean.
 
-x - mean(x) over the finite columns; the others give NaN. As ``x - np.nanmean(x)``; the mean's error
-is at most 50 eps times the mean of the magnitudes, and half the smallest denormal.
+x - mean(x) over the finite columns; the others give NaN, and equal numbers zeros. As
+``x - np.nanmean(x)``; the mean's error is at most 2 eps of it, 50 eps squared times the mean of the
+magnitudes, and half the smallest denormal.
 
 Parameters
 ----------

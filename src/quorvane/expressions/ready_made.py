@@ -150,8 +150,8 @@ def zscore(*, by: str | None = None, places: Places) -> Any:
 def demean(*, by: str | None = None, places: Places) -> Any:
     """Distance from the day's mean.
 
-    x - mean(x), as ``x - np.nanmean(x)`` with an error of at most 50 eps times the mean of the
-    magnitudes; within each group with ``by``.
+    x - mean(x), as ``x - np.nanmean(x)`` with an error of the mean of at most 2 eps of it; equal
+    numbers give zeros; within each group with ``by``.
     """
     return Demean(N_alloc=places.count) if by is None else _within("demean", by, places)
 

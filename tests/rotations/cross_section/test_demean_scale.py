@@ -131,3 +131,11 @@ def test_has_no_state_and_no_parameters(cls):
     assert cls().get_state() == {}
     assert repr(cls(N_alloc=2)) == f"{cls.__name__}(N_alloc=2)"
     assert (cls._name, cls.arity) == (cls.__name__.lower(), 1)
+
+
+@pytest.mark.parametrize("number", [0.1, -0.7, 1e300, 5e-324, 1.7e308, 3.0])
+@pytest.mark.parametrize("count", [1, 2, 3, 7, 300, 1000])
+def test_equal_numbers_are_at_no_distance_from_their_mean(count, number):
+    row = np.full(count + 1, number)
+    row[-1] = np.nan
+    assert Demean(N_alloc=count + 1)(row)[:-1].tolist() == [0.0] * count

@@ -253,3 +253,10 @@ def test_shows_its_arguments(cls, name):
     assert repr(cls(20, N_alloc=5)) == f"{cls.__name__}(window=20, min_periods=None, N_alloc=5)"
     assert cls(20, 3, N_alloc=5).parameters == {"window": 20, "min_periods": 3}
     assert (cls._name, cls.arity) == (f"rolling_{name}", 1)
+
+
+def test_squares_that_overflow_leave_no_zscore():
+    rotation = RollingZScore(3, N_alloc=2)
+    rows = [rotation(np.array(row)).copy() for row in ([1e200, 1.0], [2e200, 2.0], [5e200, 6.0])]
+    assert np.isnan(rows[-1][0])
+    assert rows[-1][1] > 1.0
