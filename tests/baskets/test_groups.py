@@ -158,7 +158,7 @@ def test_a_label_that_cannot_be_hashed_is_named():
 def test_a_name_without_labels_gets_a_hint(labels, text):
     with pytest.raises(ValueError, match="labels") as caught:
         qv.Baskets(WEIGHTS, "rank(by='sectr')", labels=labels)
-    assert str(caught.value) == text
+    assert str(caught.value) == f"expression: \"rank(by='sectr')\": {text}"
 
 
 def test_baskets_that_are_not_there_are_refused_where_none_can_come():

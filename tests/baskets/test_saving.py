@@ -51,7 +51,8 @@ def test_another_argument_is_named_with_both_values(store, name):
     stored(store)
     text = refuses(make(**OTHERS[name]), store, name)
     for value in OTHERS[name].values():
-        assert repr(value) in text
+        # Of labels, which may be thousands, those that differ are named.
+        assert repr(value) in text or (name == "labels" and "'e' is" in text)
     others = set(OTHERS) - {name}
     # Another expression may be of other functions, no argument is named besides.
     assert not any(f"{other}:" in text for other in others)

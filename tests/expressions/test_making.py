@@ -17,13 +17,13 @@ def made(expression):
 
 
 def refusal(expression, error=ValueError):
-    """What is said of an expression when it is checked, with the notes."""
+    """What is said of an expression when it is checked."""
     with pytest.raises(error) as caught:
         made(expression)
     with pytest.raises(error):
         qv.Baskets(None, expression, labels={"sector": {}})
     assert "\n" not in str(caught.value)
-    return "; ".join([str(caught.value), *getattr(caught.value, "__notes__", [])])
+    return str(caught.value)
 
 
 def test_functions_are_made_new_for_so_many_slots():
@@ -71,8 +71,11 @@ def test_a_whole_window_is_the_base_s_own_average():
         ("ewma(3, window=3)", "multiple values for argument 'window'"),
         ("winsorize", "missing a required argument: 'fraction'; it is winsorize(fraction)"),
         ("ewma", "exactly one of window, span and halflife is wanted, got none of them"),
-        ("ewma(3, span=3)", "is wanted, got window, span; in 'ewma(3, span=3)'"),
-        ("ewma(0)", "window must be a positive int, got 0; in 'ewma(0)' of the expression"),
+        (
+            "ewma(3, span=3)",
+            "'ewma(3, span=3)': exactly one of window, span and halflife is wanted, got",
+        ),
+        ("ewma(0)", "expression: 'ewma(0)': window must be a positive int, got 0"),
         ("ewma(0.5)", "window must be at least 1 and at most 2**53, got 0.5"),
         ("ewma(inf)", "window must be at least 1 and at most 2**53, got inf"),
         ("ewma(nan)", "window must be at least 1 and at most 2**53, got nan"),
@@ -100,12 +103,12 @@ def test_what_makes_no_sense_is_refused_when_the_baskets_are_made(expression, sa
         ("ewma(True)", "window must be"),
         ("ewma('3')", "window must be a number, got '3'"),
         ("ewma(span=False)", "span must be a number, got False"),
-        ("ewm_std(None, span='x')", "span must be a number, got 'x'; in \"ewm_std(None"),
+        ("ewm_std(None, span='x')", "span='x')\": span must be a number, got 'x'"),
         ("delay(2.0)", "days must be"),
         ("rolling_mean(1e3)", "window must be"),
         ("clip('a', 1)", "low must be a number"),
         ("winsorize('a')", "fraction must be"),
-        ("rank(by=3)", "by must be the name of a label, got 3; in 'rank(by=3)' of the expression"),
+        ("rank(by=3)", "expression: 'rank(by=3)': by must be the name of a label, got 3"),
     ],
 )
 def test_an_argument_of_the_wrong_type_is_refused(expression, said):

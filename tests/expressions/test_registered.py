@@ -1,6 +1,7 @@
 """What may be registered by which name, and what expressions may give it."""
 
 import functools
+import re
 
 import numpy as np
 import pytest
@@ -193,9 +194,9 @@ def test_what_is_given_already_cannot_be_given_by_the_expression(register, funct
         with pytest.raises(KeyError, match="w"):
             run(expression)
         return
-    with pytest.raises(TypeError, match="multiple values") as caught:
+    text = f"expression: {expression!r}: "
+    with pytest.raises(TypeError, match=f"^{re.escape(text)}.*multiple values"):
         qv.Baskets(None, expression)
-    assert caught.value.__notes__ == [f"in {expression!r} of the expression"]
 
 
 @pytest.mark.parametrize(
@@ -232,6 +233,5 @@ def test_what_a_class_says_of_its_arguments_comes_with_the_text(register):
             raise ValueError("w must be odd")
 
     register("own", Own)
-    with pytest.raises(ValueError, match="w must be odd") as caught:
+    with pytest.raises(ValueError, match=r"^expression: 'own\(2\)': w must be odd$"):
         qv.Baskets(None, "ewma(3);own(2)")
-    assert caught.value.__notes__ == ["in 'own(2)' of the expression"]

@@ -18,6 +18,9 @@ if TYPE_CHECKING:
 
 FORMAT = 1
 
+# Of labels that differ, in a message.
+_LABELS_SHOWN = 5
+
 
 class StateMismatch(ValueError):
     """What is stored is of other baskets, or of the same with other arguments."""
@@ -65,7 +68,9 @@ def restore(baskets: Baskets, stored: Any) -> None:
     own = _with_labels_of(met, _arguments(baskets))
     theirs = _with_labels_of(met, stored["arguments"])
     differences = [
-        f"{name}: {theirs.get(name)!r} stored, {own[name]!r} here"
+        _labels_that_differ(theirs.get(name, {}), own[name])
+        if name == "labels"
+        else f"{name}: {theirs.get(name)!r} stored, {own[name]!r} here"
         for name in own
         if theirs.get(name) != own[name]
         # Another expression has other functions.
@@ -106,6 +111,21 @@ def _with_labels_of(met: set[Hashable], arguments: dict[str, Any]) -> dict[str, 
         for name, of_basket in arguments["labels"].items()
     }
     return {**arguments, "labels": {name: labels for name, labels in kept.items() if labels}}
+
+
+def _labels_that_differ(theirs: dict[str, Any], own: dict[str, Any]) -> str:
+    """The first of them, with both labels."""
+    missing: dict[Hashable, Any] = {}
+    texts = [
+        f"{name!r} of {basket!r} is {stored.get(basket)!r} stored, {here.get(basket)!r} here"
+        for name in {**theirs, **own}
+        for stored, here in [(theirs.get(name, missing), own.get(name, missing))]
+        for basket in {**stored, **here}
+        if stored.get(basket) != here.get(basket)
+    ]
+    more = len(texts) - _LABELS_SHOWN
+    shown = ", ".join(texts[:_LABELS_SHOWN])
+    return f"labels: {shown}" + (f" and {more} more" if more > 0 else "")
 
 
 def _listings_until(book: Book, last: np.datetime64 | None) -> list[list[Any]]:

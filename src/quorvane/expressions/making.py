@@ -58,8 +58,8 @@ class Recipe:
             else:
                 rotation = registered.make(self.name, self.function, self.arguments, places.count)
         except (TypeError, ValueError) as error:
-            error.add_note(f"in {short(self.text)} of the expression")
-            raise
+            kind = TypeError if isinstance(error, TypeError) else ValueError
+            raise kind(f"expression: {short(self.text)}: {error}") from error
         identity = registered.path_of(type(rotation) if is_ready_made else self.function)
         return Made(self.text, rotation, identity, is_ready_made)
 

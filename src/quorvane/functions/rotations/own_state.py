@@ -40,6 +40,16 @@ class OwnState(_Base):
     {'days': 1}
     """
 
+    def __init_subclass__(cls, **keywords: Any) -> None:
+        """Refuse a class in which the rotation's class stands before this one.
+
+        Its methods would be found first, and what is one's own would be lost without a word.
+        """
+        super().__init_subclass__(**keywords)
+        for each in cls.__mro__[: cls.__mro__.index(OwnState)]:
+            if not issubclass(each, OwnState) and "get_state" in vars(each):
+                raise TypeError(f"{cls.__name__}: OwnState must stand before {each.__name__}")
+
     def get_own_state(self) -> Any:
         """Return what is to be saved: plain Python objects and arrays."""
         raise NotImplementedError(f"{type(self).__name__} must define get_own_state()")
