@@ -99,13 +99,6 @@ RowMean scaled_mean(std::span<const double> values, double scale) {
 
 }  // namespace
 
-double safe_scale(double largest) {
-    constexpr double low = 0x1p-400, high = 0x1p400;
-    if (largest == 0.0 || (largest >= low && largest <= high)) return 1.0;
-    // Two's exponent of the smallest subnormal would overflow when negated.
-    return std::ldexp(1.0, std::min(-std::ilogb(largest), 1023));
-}
-
 RowMean mean_of(std::span<const double> values) {
     const RowMean plain = scaled_mean(values, 1.0);
     const bool is_known = plain.count == 0.0 || is_finite(plain.mean);

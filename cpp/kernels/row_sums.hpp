@@ -20,10 +20,6 @@ private:
     double lost_ = 0.0;
 };
 
-// 1 where squares and sums of the values stay well inside the double range, else the power of two
-// that brings the largest value near 1.
-[[nodiscard]] double safe_scale(double largest);
-
 // Of the finite values of a row.
 struct RowMean {
     double count;

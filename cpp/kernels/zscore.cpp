@@ -94,6 +94,15 @@ QUORVANE_SIMD void standardise(const double* __restrict values, double* __restri
     }
 }
 
+// 1 where squares and sums of the values stay well inside the double range, else the power of two
+// that brings the largest value near 1.
+double safe_scale(double largest) {
+    constexpr double low = 0x1p-400, high = 0x1p400;
+    if (largest == 0.0 || (largest >= low && largest <= high)) return 1.0;
+    // Two's exponent of the smallest subnormal would overflow when negated.
+    return std::ldexp(1.0, std::min(-std::ilogb(largest), 1023));
+}
+
 }  // namespace
 
 void zscore(std::span<const double> values, std::span<double> out) {

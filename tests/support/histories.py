@@ -1,5 +1,6 @@
 """Whole histories, computed at once and day by day, and all that they leave behind."""
 
+import tracemalloc
 import warnings
 
 import numpy as np
@@ -54,3 +55,14 @@ def both(make, *matrices, context=None):
     rotation = make(ByDays)
     by_days = replayed(rotation, *matrices, context=context)
     return at_once, by_days
+
+
+def traced_peak(rotation, matrix):
+    """How much more than its output a history needs: day by day it is twice as much."""
+    rotation.batch_reference(matrix[:30])
+    tracemalloc.start()
+    try:
+        output = rotation.batch_reference(matrix)
+        return tracemalloc.get_traced_memory()[1] / output.nbytes
+    finally:
+        tracemalloc.stop()

@@ -9,6 +9,8 @@
 #include <cmath>
 #include <limits>
 
+#include "kernels/over_time/present.hpp"
+
 namespace quorvane::kernels {
 
 namespace {
@@ -38,11 +40,6 @@ QUORVANE_SIMD void add_present(const double* values, const double* from, double*
     QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) {
         to[i] = from[i] + (values[i] == values[i] ? values[i] : 0.0);
     }
-}
-
-QUORVANE_SIMD void count_present(const double* values, double* count, std::size_t size) {
-    QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) count[i] +=
-        values[i] == values[i] ? 1.0 : 0.0;
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include <cmath>
 #include <limits>
 
+#include "kernels/over_time/present.hpp"
+
 namespace quorvane::kernels {
 
 namespace {
@@ -103,11 +105,6 @@ QUORVANE_SIMD void add_row(const double* values, const double* mean, const doubl
         new_squares[i] = all.squares;
         count[i] = all.count;
     }
-}
-
-QUORVANE_SIMD void count_present(const double* values, double* count, std::size_t size) {
-    QUORVANE_IN_ANY_ORDER for (std::size_t i = 0; i < size; ++i) count[i] +=
-        values[i] == values[i] ? 1.0 : 0.0;
 }
 
 }  // namespace

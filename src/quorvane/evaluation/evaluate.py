@@ -105,7 +105,7 @@ class Evaluation:
         Across the instruments that have both; missing where fewer than three do.
         """
         columns = [
-            statistics.rank_correlation(self._aligned.signal, self._forward(horizon))
+            statistics.rank_correlation(self._aligned.signal, self._forward[horizon])
             for horizon in self.horizons
         ]
         return self._frame(np.column_stack(columns), list(self.horizons), "horizon")
@@ -119,7 +119,7 @@ class Evaluation:
         """
         quantile = statistics.quantile_of(self._aligned.signal, self.quantiles)
         parts = [
-            statistics.mean_by_quantile(quantile, self._forward(horizon), self.quantiles)
+            statistics.mean_by_quantile(quantile, self._forward[horizon], self.quantiles)
             for horizon in self.horizons
         ]
         names = [(h, q) for h in self.horizons for q in range(1, self.quantiles + 1)]
@@ -154,7 +154,7 @@ class Evaluation:
         A missing return counts as 0 where others are known. Missing on days without any signal.
         """
         columns = [
-            statistics.profit(self._weights, self._forward(horizon), self._has_signal)
+            statistics.profit(self._weights, self._forward[horizon], self._has_signal)
             for horizon in self.horizons
         ]
         return self._frame(np.column_stack(columns), list(self.horizons), "horizon")
@@ -218,9 +218,14 @@ class Evaluation:
         before = statistics.rows_before(self._aligned.rows, horizon, self._first)
         return np.nan_to_num(statistics.turnover(self._weights, before))
 
-    def _forward(self, horizon: int) -> Floats:
-        aligned = self._aligned
-        return statistics.forward_returns(aligned.returns, aligned.rows, horizon, self.lag)
+    @cached_property
+    def _forward(self) -> dict[int, Floats]:
+        """The returns that follow, by horizon: several frames are made from them."""
+        returns, rows = self._aligned.returns, self._aligned.rows
+        return {
+            horizon: statistics.forward_returns(returns, rows, horizon, self.lag)
+            for horizon in self.horizons
+        }
 
     def _summary_of(self, ic: Floats, profit: Floats, horizon: int) -> dict[str, float]:
         rows = self._aligned.rows

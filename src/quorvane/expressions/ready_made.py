@@ -124,7 +124,7 @@ def rank(*, by: str | None = None, places: Places) -> Any:
     r / n with the average rank r of n: to the bit ``pandas.Series.rank(pct=True)``; within each
     group with ``by``, the name of a label.
     """
-    return Rank(N_alloc=places.count) if by is None else _within("rank", by, places)
+    return _across(Rank, "rank", by, places)
 
 
 def centered_rank(*, by: str | None = None, places: Places) -> Any:
@@ -133,9 +133,7 @@ def centered_rank(*, by: str | None = None, places: Places) -> Any:
     (2 r - n - 1) / n with the average rank r of n, to the bit as ``scipy.stats.rankdata`` gives it;
     within each group with ``by``. Values of the opposite sign give the opposite sign.
     """
-    if by is None:
-        return CenteredRank(N_alloc=places.count)
-    return _within("centered_rank", by, places)
+    return _across(CenteredRank, "centered_rank", by, places)
 
 
 def zscore(*, by: str | None = None, places: Places) -> Any:
@@ -144,7 +142,7 @@ def zscore(*, by: str | None = None, places: Places) -> Any:
     (x - mean) / std with ddof 0, as ``scipy.stats.zscore``; missing where the deviation is zero;
     within each group with ``by``.
     """
-    return ZScore(N_alloc=places.count) if by is None else _within("zscore", by, places)
+    return _across(ZScore, "zscore", by, places)
 
 
 def demean(*, by: str | None = None, places: Places) -> Any:
@@ -153,7 +151,7 @@ def demean(*, by: str | None = None, places: Places) -> Any:
     x - mean(x), as ``x - np.nanmean(x)`` with an error of the mean of at most 2 eps of it; equal
     numbers give zeros; within each group with ``by``.
     """
-    return Demean(N_alloc=places.count) if by is None else _within("demean", by, places)
+    return _across(Demean, "demean", by, places)
 
 
 def scale(*, places: Places) -> Any:
@@ -259,7 +257,10 @@ ALIASES = {
 _LONGEST = 2**53
 
 
-def _within(function: str, by: str, places: Places) -> WithinGroups:
+def _across(rotation: Callable[..., Any], function: str, by: str | None, places: Places) -> Any:
+    """A rotation over all slots, or the function of that name within each group."""
+    if by is None:
+        return rotation(N_alloc=places.count)
     return WithinGroups(function, places.groups(by), N_alloc=places.count)
 
 

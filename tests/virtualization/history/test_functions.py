@@ -1,6 +1,5 @@
 """Histories of functions over time and across columns are their days, to the bit."""
 
-import tracemalloc
 import types
 
 import numpy as np
@@ -22,7 +21,7 @@ from quorvane.functions.rotations.longitudinal.rolling import RollingMean, Rolli
 from quorvane.functions.rotations.numerical.clip import Clip
 from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 from quorvane.functions.rotations.virtualization.history import replay_history
-from support.histories import ByDays, both, leftovers, random_baskets
+from support.histories import ByDays, both, leftovers, random_baskets, traced_peak
 from support.series import same_bits
 
 SLOTS, INSTRUMENTS = 70, 13
@@ -200,17 +199,6 @@ def test_a_history_stops_on_the_day_on_which_numpy_raises(name):
 
 
 # ---- whether a history is computed at once ------------------------------------------------------
-
-
-def traced_peak(rotation, matrix):
-    """How much more than its output a history needs: day by day it is twice as much."""
-    rotation.batch_reference(matrix[:30])
-    tracemalloc.start()
-    try:
-        output = rotation.batch_reference(matrix)
-        return tracemalloc.get_traced_memory()[1] / output.nbytes
-    finally:
-        tracemalloc.stop()
 
 
 def restore(rotation):

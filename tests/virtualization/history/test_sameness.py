@@ -1,6 +1,5 @@
 """A history that is computed at once is, to the bit, the one that is computed day by day."""
 
-import tracemalloc
 import types
 
 import numpy as np
@@ -16,7 +15,7 @@ from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
 from quorvane.functions.rotations.virtualization.history import replay_history
 from quorvane.functions.rotations.virtualization.planned import PlannedStructures
-from support.histories import ByDays, both, leftovers, random_baskets, replayed
+from support.histories import ByDays, both, leftovers, random_baskets, replayed, traced_peak
 
 EXPRESSIONS = [
     "none", "ewma(20)", "rank", "zscore", "sigmoid", "ewma(20);rank", "rank;ewma(3)",
@@ -166,16 +165,6 @@ def test_a_history_stops_on_the_day_on_which_numpy_raises():
         )
     assert at_once[0][0] == "raised"
     assert at_once == by_days
-
-
-def traced_peak(rotation, matrix):
-    rotation.batch_reference(matrix[:30])
-    tracemalloc.start()
-    try:
-        output = rotation.batch_reference(matrix)
-        return tracemalloc.get_traced_memory()[1] / output.nbytes
-    finally:
-        tracemalloc.stop()
 
 
 class NothingOverridden(FixedBaskets):
