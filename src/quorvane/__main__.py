@@ -1,6 +1,6 @@
 """``python -m quorvane`` is the command ``quorvane``."""
 
-from quorvane.cli import main
+from quorvane.cli import program
 
 if __name__ == "__main__":
-    raise SystemExit(main())
+    raise SystemExit(program())

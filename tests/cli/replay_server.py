@@ -5,7 +5,7 @@ import random
 import sys
 import time
 
-from quorvane.cli import main, replay_command
+from quorvane.cli import program, replay_command
 from quorvane.stores import MemoryStore
 from support.exit_server import serve
 
@@ -15,7 +15,8 @@ def replay(folder, seed, *, arguments, numbers, longest_wait):
     generator = random.Random(seed)
     waits = [generator.uniform(0.0, longest_wait / len(numbers)) for _ in numbers]
     _send_from_another_process(os.getpid(), list(zip(waits, numbers, strict=True)))
-    sys.exit(main([argument.format(folder=folder) for argument in arguments]))
+    sys.argv[1:] = [argument.format(folder=folder) for argument in arguments]
+    sys.exit(program())
 
 
 def _send_from_another_process(target, signals):

@@ -121,7 +121,7 @@ def test_a_run_ends_cleanly_and_can_go_on(runs, tmp_path, arguments, whole, name
 
 
 # The interpreter's own start is over, and the command's begins.
-PROGRAM = "import sys; from quorvane.cli import main; print(flush=True); sys.exit(main())"
+PROGRAM = "import sys; from quorvane.cli import program; print(flush=True); sys.exit(program())"
 
 
 def start(arguments, folder):
@@ -178,3 +178,23 @@ def test_a_signal_while_the_command_is_loaded_ends_it_without_a_word(tmp_path, n
     with ThreadPoolExecutor(2) as two:
         for end in two.map(ended, range(STARTS)):
             assert end in possible
+
+
+# A function of the interpreter's end, in which somebody presses Ctrl-C.
+INTERRUPTED_AT_THE_END = """
+import atexit, signal, sys
+from quorvane.cli import program
+atexit.register(signal.raise_signal, signal.SIGINT)
+sys.argv[1:] = ["--version"]
+sys.exit(program())
+"""
+
+
+def test_an_interrupt_after_the_run_ends_the_process_without_a_word():
+    end = subprocess.run(
+        [sys.executable, "-c", INTERRUPTED_AT_THE_END],
+        capture_output=True,
+        env=environment(),
+        preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL),
+    )
+    assert (end.returncode, end.stderr) == (-signal.SIGINT, b"")

@@ -20,3 +20,23 @@ def main(argv: Sequence[str] | None = None) -> int:
         return run(argv)
     except KeyboardInterrupt:
         return INTERRUPTED
+
+
+def program() -> int:
+    """What the script ``quorvane`` runs: `main`, and after it Ctrl-C ends the process in silence.
+
+    The interpreter's own end has no place for KeyboardInterrupt: it would print where it came.
+    """
+    try:
+        status = main()
+        _let_interrupts_end_the_process()
+    except KeyboardInterrupt:
+        status = INTERRUPTED
+        _let_interrupts_end_the_process()
+    return status
+
+
+def _let_interrupts_end_the_process() -> None:
+    import signal
+
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
