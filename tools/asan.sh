@@ -81,13 +81,18 @@ run_tests() {
         sanitized "$options" -m pytest -q -p no:cacheprovider -m "not plain_python" "$@"
 }
 
+# The command and the pages run no compiled code that the others do not.
 suite() {
+    first="tests/virtualization tests/rotations tests/baskets"
+    left_out="--ignore=tests/cli --ignore=tests/docs --ignore=tests/benchmarks"
+    # shellcheck disable=SC2086 # several folders
     if [ "$jobs" -gt 1 ]; then
-        run_tests "$FAST_STACKS" tests/virtualization &
-        run_tests "$FAST_STACKS" tests --ignore=tests/virtualization
+        run_tests "$FAST_STACKS" $first &
+        run_tests "$FAST_STACKS" tests $left_out \
+            --ignore=tests/virtualization --ignore=tests/rotations --ignore=tests/baskets
         wait
     else
-        run_tests "$FAST_STACKS" tests
+        run_tests "$FAST_STACKS" tests $left_out
     fi
     keep_ours
 }
