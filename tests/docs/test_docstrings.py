@@ -9,7 +9,7 @@ from quorvane.expressions import registered
 
 # Module, and what its examples need.
 EXAMPLES = {
-    "quorvane.evaluation.evaluate": ("pandas",),
+    "quorvane.evaluation.evaluation": ("pandas",),
     "quorvane.expressions.catalogue": (),
     "quorvane.expressions.registered": (),
     "quorvane.functions.rotations.own_state": (),

@@ -33,6 +33,13 @@ def explain(baskets: Baskets, instrument: Hashable, date: Any, returns: Any) -> 
     return frame_of_kind(kind, columns)
 
 
+def columns_of_last_day(baskets: Baskets, instrument: Hashable) -> dict[str, Any]:
+    """The columns of that frame for the last computed day."""
+    course = baskets._course
+    assert course is not None
+    return _columns(course, _column_of(course, instrument))
+
+
 def _columns(course: Course, column: int) -> dict[str, Any]:
     rotation = course.rotation
     chain = rotation.chain

@@ -1,5 +1,5 @@
 """What a signal is worth: how it goes with the returns that follow it."""
 
-from quorvane.evaluation.evaluate import Evaluation, evaluate
+from quorvane.evaluation.evaluation import Evaluation, evaluate
 
 __all__ = ["Evaluation", "evaluate"]

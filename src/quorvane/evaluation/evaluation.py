@@ -4,10 +4,12 @@ from __future__ import annotations
 
 import importlib
 import numbers
-from collections.abc import Iterable
+import os
+from collections.abc import Hashable, Iterable, Mapping
 from dataclasses import dataclass
 from functools import cached_property
-from typing import Any
+from pathlib import Path
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 from numpy.typing import NDArray
@@ -15,6 +17,11 @@ from numpy.typing import NDArray
 from quorvane.arguments import whole_number
 from quorvane.evaluation import statistics
 from quorvane.evaluation.aligned import Aligned, align
+from quorvane.stores._files import replace_file
+from quorvane.tables.names import listed
+
+if TYPE_CHECKING:
+    from quorvane.baskets import Baskets
 
 Floats = NDArray[np.float64]
 
@@ -192,6 +199,46 @@ class Evaluation:
             }
         )
 
+    def to_html(
+        self,
+        path: str | os.PathLike[str],
+        baskets: Baskets | None = None,
+        *,
+        title: str = "What the signal does",
+        groups: Mapping[Hashable, Hashable] | None = None,
+    ) -> None:
+        """Write a report: one file for a browser, which loads nothing from elsewhere.
+
+        It shows what to hold by the last signal, the growth of 1 by quantile, the correlations by
+        horizon and through time, turnover and coverage, and the signal through time.
+
+        Parameters
+        ----------
+        path : path
+            Written in one step, in the place of what is there.
+        baskets : Baskets, optional
+            Those that gave the signal, as they stand after its last day: the report then takes the
+            largest holding apart by structure and tells of their births, ends and slots.
+        title : str
+        groups : mapping of instrument to group, optional
+            The order of the instruments in the last chart, by group; otherwise by their mean.
+
+        Raises
+        ------
+        TypeError, ValueError
+            An argument is of the wrong type, the baskets stand at another day than the signal, or
+            an instrument has no group.
+        OSError
+            The file cannot be written.
+        ImportError
+            pandas or matplotlib is not there.
+        """
+        from quorvane.evaluation import report
+
+        structures = None if baskets is None else report.structure_figures(self, baskets)
+        page = report.write_page(self, structures, str(title), self._checked_groups(groups))
+        replace_file(Path(path), page.encode())
+
     def __repr__(self) -> str:
         days, instruments = self._aligned.signal.shape
         return f"<Evaluation of {days} days x {instruments} instruments>\n{self.summary}"
@@ -199,6 +246,16 @@ class Evaluation:
     def _repr_html_(self) -> str:
         text: str = self.summary._repr_html_()
         return text
+
+    def _checked_groups(self, groups: Any) -> Mapping[Hashable, Hashable] | None:
+        if groups is None:
+            return None
+        if not isinstance(groups, Mapping):
+            raise TypeError(f"groups must be a mapping of instrument to group, got {groups!r}")
+        without = [name for name in self._aligned.instruments if name not in groups]
+        if without:
+            raise ValueError(f"groups: instruments without one: {listed(without, most=10)}")
+        return groups
 
     @cached_property
     def _weights(self) -> Floats:
@@ -252,6 +309,15 @@ class Evaluation:
 
     def _series(self, values: Floats, name: str) -> Any:
         return _pandas().Series(values, index=self._index, name=name)
+
+    @cached_property
+    def _dates(self) -> NDArray[np.datetime64] | None:
+        """The days as dates, in UTC where they have a time zone; None where they are none."""
+        index = self._index
+        if not isinstance(index, _pandas().DatetimeIndex):
+            return None
+        dates: NDArray[np.datetime64] = index.to_numpy(dtype=f"datetime64[{index.unit}]")
+        return dates
 
     @cached_property
     def _index(self) -> Any:
