@@ -81,10 +81,11 @@ run_tests() {
         sanitized "$options" -m pytest -q -p no:cacheprovider -m "not plain_python" "$@"
 }
 
-# The command and the pages run no compiled code that the others do not.
+# The command, pages and reports run no compiled code that the others do not.
 suite() {
     first="tests/virtualization tests/rotations tests/baskets"
     left_out="--ignore=tests/cli --ignore=tests/docs --ignore=tests/benchmarks"
+    left_out="$left_out --ignore=tests/evaluation/report"
     # shellcheck disable=SC2086 # several folders
     if [ "$jobs" -gt 1 ]; then
         run_tests "$FAST_STACKS" $first &

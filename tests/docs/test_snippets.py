@@ -19,7 +19,7 @@ ROOT = Path(__file__).parents[2]
 NEEDS = {
     "README.md": ("pandas", "msgpack"),
     "docs/functions.md": ("pandas",),
-    "docs/evaluation.md": ("pandas",),
+    "docs/evaluation.md": ("pandas", "matplotlib"),
     "docs/baskets.md": ("pandas", "polars", "narwhals", "msgpack"),
 }
 
