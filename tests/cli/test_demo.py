@@ -7,6 +7,7 @@ import io
 import numpy as np
 import pytest
 
+import quorvane as qv
 from quorvane.cli import demo
 from quorvane.cli.table_io import read_table
 
@@ -44,6 +45,7 @@ def run(tmp_path_factory):
     if demo.find_prices() is None:
         pytest.skip("the demo's prices are not installed")
     pytest.importorskip("matplotlib")
+    pytest.importorskip("pandas")
     folder = tmp_path_factory.mktemp("demo")
     said = io.StringIO()
     with contextlib.redirect_stdout(said):
@@ -77,12 +79,15 @@ def test_no_stock_is_long_or_short_because_of_its_name(run):
     assert np.all((days_long > 0.4) & (days_long < 0.6))
 
 
-def test_it_leaves_the_output_and_the_picture(run):
+def test_it_leaves_the_output_the_picture_and_the_report(run):
     folder, said = run
-    assert sorted(path.name for path in folder.iterdir()) == ["output.csv", "picture.png"]
+    names = ["output.csv", "picture.png", "report.html"]
+    assert sorted(path.name for path in folder.iterdir()) == names
     assert (folder / "picture.png").read_bytes().startswith(b"\x89PNG")
     assert f"{folder / 'output.csv'}: " in said
     assert str(folder / "picture.png") in said
+    assert str(folder / "report.html") in said
+    assert "Health care" in (folder / "report.html").read_text("utf-8")
     output = read_table(folder / "output.csv")
     assert output.values.shape == (8313, 20)
     assert output.dates.text[0] == "1990-01-02"
@@ -114,10 +119,25 @@ def test_it_says_where_the_highest_signal_of_the_last_day_comes_from(run, expect
     assert abs(sum(float(row[-1]) for row in rows) - last[highest]) < 1e-3
 
 
+def test_it_ends_with_three_lines_that_judge_the_signal(run, expected):
+    pandas = pytest.importorskip("pandas")
+    returns = pandas.read_csv(demo.find_prices(), index_col=0).pct_change(fill_method=None)
+    judged = qv.evaluate(expected, returns).summary
+    lines = run[1].splitlines()[-3:]
+    for line, days in zip(lines, [" ", " 5 ", "20 "], strict=True):
+        horizon = int(days.strip() or 1)
+        assert line.startswith("Over the next ")
+        assert f"{days}day" in line
+        row = judged.loc[horizon]
+        assert f"IC {row['ic_mean']:+.3f} (t {row['ic_t']:+.1f})" in line
+        assert f"profit {100.0 * row['profit_mean']:+.3f} %" in line
+
+
 def test_a_place_that_cannot_be_written_is_one_line(tmp_path, capsys):
     if demo.find_prices() is None:
         pytest.skip("the demo's prices are not installed")
     pytest.importorskip("matplotlib")
+    pytest.importorskip("pandas")
     (tmp_path / "output.csv").mkdir()
     assert demo.main(["--output-dir", str(tmp_path)]) == 1
     said = capsys.readouterr().err

@@ -8,6 +8,7 @@ import time
 from collections.abc import Iterator, Sequence
 from itertools import combinations
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 from numpy.typing import NDArray
@@ -17,14 +18,19 @@ from quorvane.cli import INTERRUPTED, summary
 from quorvane.cli.errors import CommandError
 from quorvane.cli.files import WholeOutputs
 from quorvane.cli.inputs import structure_input
-from quorvane.cli.plot import Picture, draw_picture
+from quorvane.cli.libraries import require_library
+from quorvane.cli.picture import draw_picture
 from quorvane.cli.saying import note, say
 from quorvane.cli.table import Table
 from quorvane.cli.table_io import read_table, write_table
+from quorvane.evaluation.report import structure_figures
 
 PACKAGE = "skfolio"
 PRICES = "datasets/data/sp500_dataset.csv.gz"
 EXPRESSION = "ewma(20);centered_rank"
+TITLE = "Same-sector pairs of large US stocks"
+COST = 0.0005
+"""Of what is traded; half of a tenth of a percent."""
 
 SECTORS = {
     "Information technology": ("AAPL", "AMD", "MSFT"),
@@ -65,7 +71,7 @@ def main(argv: Sequence[str] | None = None) -> int:
 
 def _run(path: Path, folder: Path) -> None:
     folder.mkdir(parents=True, exist_ok=True)
-    output, picture = folder / "output.csv", folder / "picture.png"
+    output, picture, report = (folder / f for f in ("output.csv", "picture.png", "report.html"))
     say(_introduction())
     prices = read_table(path)
     returns = structure_input(prices.values, "returns")
@@ -75,11 +81,16 @@ def _run(path: Path, folder: Path) -> None:
     signal = pairs.run(returns, date=dates)
     seconds = time.perf_counter() - start
     result = Table(signal, prices.instruments, prices.dates)
+    judged = qv.evaluate(_frame(signal, prices), _frame(returns, prices), cost=COST)
+    groups = {stock: sector for sector, members in SECTORS.items() for stock in members}
     with WholeOutputs() as outputs:
         with outputs.making(output, "the table") as part:
             write_table(part, result)
         with outputs.making(picture, "the picture") as part:
-            draw_picture(part, _picture(prices, returns, signal))
+            figures = structure_figures(judged, pairs)
+            draw_picture(part, judged, figures, TITLE, summary.describe_table(prices), groups)
+        with outputs.making(report, "the report") as part:
+            judged.to_html(part, pairs, title=TITLE, groups=groups)
         outputs.take_places()
     rows = [
         ("table", summary.describe_table(prices)),
@@ -87,9 +98,17 @@ def _run(path: Path, folder: Path) -> None:
         ("expression", EXPRESSION),
         ("output", f"{output}: {summary.describe_output(result)}"),
         ("picture", str(picture)),
+        ("report", str(report)),
         ("time", summary.describe_time(len(signal), seconds)),
     ]
-    say(f"{summary.format_rows(rows)}\n\n{_last_day(pairs, result)}")
+    say(f"{summary.format_rows(rows)}\n\n{_last_day(pairs, result)}\n\n{_judgement(judged)}")
+
+
+def _frame(values: NDArray[np.float64], prices: Table) -> Any:
+    """A frame of pandas with the days and the names of the prices."""
+    pandas = require_library("pandas", "judging the signal")
+    days = None if prices.dates is None else pandas.DatetimeIndex(prices.dates.text)
+    return pandas.DataFrame(values, index=days, columns=prices.instruments)
 
 
 def pair_weights() -> dict[str, dict[str, float]]:
@@ -113,25 +132,17 @@ def same_sector_pairs() -> Iterator[tuple[str, str]]:
         yield from combinations(members, 2)
 
 
-def _picture(prices: Table, returns: NDArray[np.float64], signal: NDArray[np.float64]) -> Picture:
-    weights = pair_weights()
-
-    def by_pair(expression: str) -> NDArray[np.float64]:
-        pairs = qv.Baskets(weights, expression, hold=0, instruments=prices.instruments)
-        return pairs.run(returns, level="basket")
-
-    return Picture(
-        title="Same-sector pairs of large US stocks",
-        table=prices,
-        input_kind="returns",
-        expression=EXPRESSION,
-        policy="proportional",
-        structures=weights,
-        shown_keys=list(weights),
-        entered=by_pair("none"),
-        left=by_pair(EXPRESSION),
-        output=signal,
+def _judgement(judged: qv.Evaluation) -> str:
+    """A line for each horizon."""
+    return "\n".join(
+        f"Over the next {_days(horizon):>7}: IC {row['ic_mean']:+.3f} (t {row['ic_t']:+.1f}), "
+        f"profit {100.0 * row['profit_mean']:+.3f} %, {100.0 * row['net_mean']:+.3f} % after costs"
+        for horizon, row in judged.summary.iterrows()
     )
+
+
+def _days(number: int) -> str:
+    return "day" if number == 1 else f"{number} days"
 
 
 def _last_day(pairs: qv.Baskets, result: Table) -> str:

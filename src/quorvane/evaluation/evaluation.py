@@ -5,7 +5,7 @@ from __future__ import annotations
 import importlib
 import numbers
 import os
-from collections.abc import Hashable, Iterable, Mapping
+from collections.abc import Iterable, Mapping
 from dataclasses import dataclass
 from functools import cached_property
 from pathlib import Path
@@ -205,7 +205,7 @@ class Evaluation:
         baskets: Baskets | None = None,
         *,
         title: str = "What the signal does",
-        groups: Mapping[Hashable, Hashable] | None = None,
+        groups: Mapping[Any, Any] | None = None,
     ) -> None:
         """Write a report: one file for a browser, which loads nothing from elsewhere.
 
@@ -247,7 +247,7 @@ class Evaluation:
         text: str = self.summary._repr_html_()
         return text
 
-    def _checked_groups(self, groups: Any) -> Mapping[Hashable, Hashable] | None:
+    def _checked_groups(self, groups: Any) -> Mapping[Any, Any] | None:
         if groups is None:
             return None
         if not isinstance(groups, Mapping):

@@ -145,7 +145,7 @@ class HeatMap:
     left_out: int
 
 
-def heat_map(evaluation: Evaluation, groups: Mapping[Hashable, Hashable] | None = None) -> HeatMap:
+def heat_map(evaluation: Evaluation, groups: Mapping[Any, Any] | None = None) -> HeatMap:
     """The signal, the highest mean above; by group where each instrument has one."""
     aligned = evaluation._aligned
     means, starts = means_over_runs(aligned.signal, MOST_BINS)

@@ -5,7 +5,7 @@ from __future__ import annotations
 import html
 from collections.abc import Hashable, Iterable, Mapping
 from importlib import resources
-from typing import TYPE_CHECKING
+from typing import TYPE_CHECKING, Any
 
 from quorvane.evaluation.report import charts, figures
 from quorvane.evaluation.report.drawing import DayAxis, as_svg
@@ -25,7 +25,7 @@ def write_page(
     evaluation: Evaluation,
     structures: StructureFigures | None,
     title: str,
-    groups: Mapping[Hashable, Hashable] | None,
+    groups: Mapping[Any, Any] | None,
 ) -> str:
     """The text of the page."""
     days = DayAxis(evaluation._index, evaluation._dates)
@@ -250,9 +250,7 @@ def _births(census: Census, days: DayAxis) -> str:
     return _chart(as_svg("births", _WIDTH, _HEIGHT * 1.1, draw), "Births and ends of structures")
 
 
-def _heat_map(
-    evaluation: Evaluation, days: DayAxis, groups: Mapping[Hashable, Hashable] | None
-) -> str:
+def _heat_map(evaluation: Evaluation, days: DayAxis, groups: Mapping[Any, Any] | None) -> str:
     cells = figures.heat_map(evaluation, groups)
     height = 0.9 + 0.16 * max(len(cells.names), 4)
     left = 0.13 if cells.groups is None else 0.2

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Hashable, Mapping
+from collections.abc import Mapping
 from typing import TYPE_CHECKING, Any
 
 from quorvane.evaluation.report import charts, figures
@@ -24,7 +24,7 @@ def draw_sheet(
     structures: StructureFigures | None,
     title: str,
     subtitle: str,
-    groups: Mapping[Hashable, Hashable] | None = None,
+    groups: Mapping[Any, Any] | None = None,
 ) -> Any:
     """A figure of matplotlib; to be called within `drawing.style`."""
     days = DayAxis(evaluation._index, evaluation._dates)

@@ -70,7 +70,7 @@ class StructureFigures:
     slots: SlotUsage
     parts: Parts | None
     census: Census | None
-    groups: Mapping[Hashable, Hashable] | None
+    groups: Mapping[Any, Any] | None
 
 
 def structure_figures(evaluation: Evaluation, baskets: Any) -> StructureFigures:
@@ -150,7 +150,7 @@ def _census(book: Book, last: np.datetime64 | None) -> Census | None:
     return Census(book.dates[:known], listed, born, ended)
 
 
-def _groups(evaluation: Evaluation, baskets: Baskets) -> Mapping[Hashable, Hashable] | None:
+def _groups(evaluation: Evaluation, baskets: Baskets) -> Mapping[Any, Any] | None:
     """The first of the labels that all instruments have, where each is a basket of its own."""
     names = evaluation._aligned.instruments
     for by_basket in (baskets._settings.labels or {}).values():
