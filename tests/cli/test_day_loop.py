@@ -5,9 +5,8 @@ import pytest
 
 from quorvane.cli.basket_days import BasketDays, Choices
 from quorvane.cli.day_loop import Progress, replay
-from quorvane.cli.recording import OutputRecorder, StructureRecorder
+from quorvane.cli.recording import OutputRecorder
 from quorvane.cli.structures import fixed_book
-from quorvane.cli.trace import TraceRecorder
 from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 
 NAMES = ["A", "B", "C"]
@@ -85,13 +84,3 @@ def test_days_are_computed_many_at_once_where_no_answer_is_due(most, threads):
 
 def test_nothing_is_left_to_do_after_the_last_day(inputs):
     assert replay(days_of(inputs), [], first_day=30) == Progress(30, 30, 0.0)
-
-
-def test_chosen_structures_are_recorded_before_and_after_the_functions(inputs):
-    days = days_of(inputs)
-    chosen, slots = StructureRecorder(days, ["mix"]), TraceRecorder(days)
-    replay(days, [chosen, slots])
-    assert same(chosen.entered[:, 0], slots.txi_input[:, 1])
-    assert same(chosen.left[:, 0], slots.txi_output[:, 1])
-    assert np.isnan(chosen.entered[5, 0])
-    assert np.isfinite(chosen.left[5, 0])

@@ -8,6 +8,7 @@ from typing import TYPE_CHECKING, Any
 import numpy as np
 
 from quorvane.baskets.course import Course
+from quorvane.baskets.rotation import BasketRotation
 from quorvane.baskets.standing import Standing
 from quorvane.tables import Table, as_date, frame_of_kind, read_table
 
@@ -29,19 +30,12 @@ def explain(baskets: Baskets, instrument: Hashable, date: Any, returns: Any) -> 
         table = read_table(returns, argument="returns")
         course = _run_until(baskets, table, _row_of(table, date))
         kind = table.kind
-    columns = _columns(course, _column_of(course, instrument))
+    columns = last_day(course.rotation, _column_of(course, instrument))
     return frame_of_kind(kind, columns)
 
 
-def columns_of_last_day(baskets: Baskets, instrument: Hashable) -> dict[str, Any]:
-    """The columns of that frame for the last computed day."""
-    course = baskets._course
-    assert course is not None
-    return _columns(course, _column_of(course, instrument))
-
-
-def _columns(course: Course, column: int) -> dict[str, Any]:
-    rotation = course.rotation
+def last_day(rotation: BasketRotation, column: int) -> dict[str, Any]:
+    """The columns of that frame for an instrument's number, on the rotation's last day."""
     chain = rotation.chain
     entered, left = rotation._txi_input, rotation._txi_output
     by_function = chain.left()

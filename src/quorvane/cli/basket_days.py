@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Mapping, Sequence
+from collections.abc import Mapping
 from dataclasses import dataclass
 from typing import Any, Literal
 
@@ -10,7 +10,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from quorvane.baskets.course import Course, Request
-from quorvane.baskets.listing import Book, key_of
+from quorvane.baskets.listing import Book
 from quorvane.baskets.rotation import BasketRotation
 from quorvane.baskets.settings import Settings, settings_of
 from quorvane.cli.errors import DataError, UsageError, reason
@@ -117,17 +117,6 @@ class BasketDays:
                 f"{days}: a function of the expression failed: "
                 f"{type(error).__name__}: {reason(error)}"
             ) from error
-
-    def structure_values(self, keys: Sequence[str]) -> tuple[Matrix, Matrix]:
-        """What entered and what left the expression on the last day, by structure; copies.
-
-        NaN for a structure that had no value, or that has had no slot yet.
-        """
-        known = self.rotation.slot_by_key
-        slots = np.array([known.get(key_of(key), -1) for key in keys], dtype=np.intp)
-        entered, left = self.rotation._txi_input[slots], self.rotation._txi_output[slots]
-        entered[slots < 0] = left[slots < 0] = np.nan
-        return entered, left
 
     @property
     def slot_of(self) -> dict[str, int]:

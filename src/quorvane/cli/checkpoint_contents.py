@@ -17,8 +17,16 @@ IDENTITY_FIELDS = frozenset({"instruments", "structures", "values", "dates", "la
 """What a run is known by besides its options, each as a digest."""
 
 IDENTITY_OPTIONS = frozenset(
-    {"input", "expression", "functions", "policy", "hold", "changes-only", "max-structures"}
-    | {"plot", "trace"}
+    [
+        "input",
+        "expression",
+        "functions",
+        "policy",
+        "hold",
+        "changes-only",
+        "max-structures",
+        "trace",
+    ]
 )
 """The options that change what a run computes or keeps."""
 

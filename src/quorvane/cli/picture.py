@@ -7,13 +7,10 @@ from collections.abc import Mapping
 from pathlib import Path
 from typing import Any
 
-from quorvane.cli.files import ending_of
 from quorvane.cli.libraries import require_library
 from quorvane.evaluation import Evaluation
 from quorvane.evaluation.report import StructureFigures, draw_sheet
 from quorvane.evaluation.report.drawing import style
-
-PICTURE_ENDINGS = (".png", ".pdf", ".svg")
 
 
 def draw_picture(
@@ -24,9 +21,9 @@ def draw_picture(
     subtitle: str,
     groups: Mapping[Any, Any] | None = None,
 ) -> None:
-    """Draw the picture in the format of the file's ending; the same run gives the same bytes."""
+    """Draw the picture as PNG, PDF or SVG, by the file's ending; the same run, the same bytes."""
     require_library("matplotlib", "drawing a picture")
-    ending = ending_of(path, PICTURE_ENDINGS, "a picture")
+    ending = path.suffix.lower()
     # Drawn in memory first: on a full disk some formats fail while they clean up.
     drawn = io.BytesIO()
     metadata = {".png": {"Software": None}, ".pdf": {"CreationDate": None}}.get(

@@ -2,13 +2,10 @@
 
 from __future__ import annotations
 
-from collections.abc import Sequence
 from typing import Any, Protocol
 
 import numpy as np
 from numpy.typing import NDArray
-
-from quorvane.cli.basket_days import BasketDays
 
 FloatArray = NDArray[np.float64]
 
@@ -47,24 +44,3 @@ class OutputRecorder:
     def record(self, day: int, output: FloatArray) -> None:
         """Keep the days' outputs."""
         self.output[day : day + len(output)] = output
-
-
-class StructureRecorder:
-    """What entered and what left the expression, for some of the structures."""
-
-    sees_each_day = True
-
-    def __init__(self, days: BasketDays, keys: Sequence[str]) -> None:
-        self._days = days
-        self.keys = list(keys)
-        self.entered = np.full((len(days.inputs), len(self.keys)), np.nan)
-        self.left = np.full((len(days.inputs), len(self.keys)), np.nan)
-
-    @property
-    def arrays(self) -> dict[str, NDArray[Any]]:
-        """The structures' values before and after the child chain."""
-        return {"structures_entered": self.entered, "structures_left": self.left}
-
-    def record(self, day: int, output: FloatArray) -> None:
-        """Keep the chosen structures' values."""
-        self.entered[day], self.left[day] = self._days.structure_values(self.keys)

@@ -114,6 +114,37 @@ def test_a_picture_is_drawn(replay, tmp_path):
     assert f"picture         {tmp_path / 'p.png'}" in outcome.out
 
 
+def test_a_report_tells_of_the_run(replay, tmp_path):
+    pytest.importorskip("matplotlib")
+    pytest.importorskip("pandas")
+    path = tmp_path / "r.html"
+    outcome = replay(expression="rank", report=path, title="Drinks & <oil>")
+    assert outcome.status == 0, outcome.err
+    text = path.read_text("utf-8")
+    assert "<h1>Drinks &amp; &lt;oil&gt;</h1>" in text
+    assert "taken apart" in text
+    assert "Returns are those of the table&#x27;s prices from row to row." in text
+    assert f"report          {path}" in outcome.out
+
+
+def test_prices_taken_as_levels_have_a_picture_but_no_report(replay, tmp_path):
+    pytest.importorskip("matplotlib")
+    pytest.importorskip("pandas")
+    path = tmp_path / "r.html"
+    text = error_of(replay(input="levels", report=path), 1)
+    assert text.endswith("these numbers are none; for a table of prices leave --input levels out")
+    assert not path.exists()
+    assert replay(input="levels", plot=tmp_path / "p.png").status == 0
+
+
+def test_a_picture_changes_no_number(replay, tmp_path):
+    pytest.importorskip("matplotlib")
+    pytest.importorskip("pandas")
+    assert replay(output=tmp_path / "a.npy", plot=tmp_path / "p.png").status == 0
+    assert replay(output=tmp_path / "b.npy").status == 0
+    assert (tmp_path / "a.npy").read_bytes() == (tmp_path / "b.npy").read_bytes()
+
+
 @pytest.mark.parametrize(
     ("options", "text"),
     [
@@ -130,6 +161,7 @@ def test_a_picture_is_drawn(replay, tmp_path):
         ({"table": "t.txt"}, "t.txt: unsupported ending for a table, expected .csv, .csv.gz, "),
         ({"structures": "s.yaml"}, "s.yaml: unsupported ending for a structures file, "),
         ({"plot": "p.gif"}, "p.gif: unsupported ending for a picture, expected .png, .pdf or "),
+        ({"report": "r.pdf"}, "r.pdf: unsupported ending for a report, expected .html or .htm"),
         ({"trace": "t.csv"}, "t.csv: unsupported ending for a trace, expected .npz or .jsonl"),
         ({"stop_after": 2}, "--stop-after needs --checkpoint FILE"),
     ],
@@ -213,12 +245,13 @@ def test_a_folder_that_is_not_there_is_noticed_before_the_run(replay, tmp_path):
     assert error_of(replay(output=path), 1) == expected
 
 
-@pytest.mark.parametrize("option", ["output", "trace", "plot", "checkpoint"])
+@pytest.mark.parametrize("option", ["output", "trace", "plot", "report", "checkpoint"])
 def test_no_output_overwrites_an_input(replay, prices, tmp_path, option):
-    path = {"trace": "t.npz", "plot": "p.png"}.get(option, "prices.csv")
+    names = {"trace": "t.npz", "plot": "p.png", "report": "r.html"}
+    path = names.get(option, "prices.csv")
     prices.rename(tmp_path / "moved.csv")
     (tmp_path / path).symlink_to(tmp_path / "moved.csv")
-    if option == "plot":
+    if option in ("plot", "report"):
         pytest.importorskip("matplotlib")
     before = (tmp_path / "moved.csv").read_text()
     outcome = replay(table=tmp_path / "moved.csv", **{option: tmp_path / path})
@@ -238,6 +271,8 @@ def test_two_outputs_need_two_files(replay, tmp_path):
         ("pyarrow", {"output": "o.parquet"}, "writing a Parquet table"),
         ("pyarrow", {"table": "t.parquet"}, "reading a Parquet table"),
         ("matplotlib", {"plot": "p.png"}, "drawing a picture"),
+        ("pandas", {"plot": "p.png"}, "drawing a picture"),
+        ("matplotlib", {"report": "r.html"}, "making a report"),
     ],
 )
 def test_a_library_that_is_absent_is_named_with_its_extra(
@@ -259,7 +294,7 @@ def forget(monkeypatch, library):
 
 
 def test_csv_and_npy_need_no_library(replay, tmp_path, monkeypatch):
-    for library in ("pyarrow", "matplotlib", "tqdm", "msgpack"):
+    for library in ("pyarrow", "matplotlib", "pandas", "tqdm", "msgpack"):
         forget(monkeypatch, library)
         monkeypatch.setitem(sys.modules, library, None)
     assert not csv_table.has_library("pyarrow")
@@ -317,10 +352,11 @@ def test_a_link_at_a_name_that_can_be_guessed_is_not_written_through(replay, wri
         ("trace", "T.NPZ"),
         ("trace", "T.JSONL"),
         ("plot", "P.PNG"),
+        ("report", "R.HTML"),
     ],
 )
 def test_an_ending_in_capitals_is_the_same_format(replay, tmp_path, option, name):
-    needed = {"plot": "matplotlib", "O.Parquet": "pyarrow"}
+    needed = {"plot": "matplotlib", "report": "matplotlib", "O.Parquet": "pyarrow"}
     for library in {option, name} & needed.keys():
         pytest.importorskip(needed[library])
     before = {*os.listdir(tmp_path), "output.csv"}
@@ -359,6 +395,7 @@ def full_disk(monkeypatch):
         ("plot", "p.png", "matplotlib"),
         ("plot", "p.pdf", "matplotlib"),
         ("plot", "p.svg", "matplotlib"),
+        ("report", "r.html", "matplotlib"),
     ],
 )
 def test_a_full_disk_says_so_and_leaves_all_outputs_as_they_were(

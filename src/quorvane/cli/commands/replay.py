@@ -16,7 +16,7 @@ from numpy.typing import NDArray
 from quorvane.cli import summary
 from quorvane.cli.basket_days import BasketDays, Choices
 from quorvane.cli.checkpoint import Checkpoint
-from quorvane.cli.commands.replay_options import FOREVER
+from quorvane.cli.commands.replay_options import FOREVER, PICTURE_ENDINGS, REPORT_ENDINGS
 from quorvane.cli.day_labels import Moments, in_order, table_moments
 from quorvane.cli.day_loop import Progress, replay
 from quorvane.cli.errors import DataError, UsageError
@@ -26,17 +26,14 @@ from quorvane.cli.labels import LABEL_ENDINGS, Labels, read_labels
 from quorvane.cli.libraries import require_library
 from quorvane.cli.limits import MAX_CELLS, MAX_STRUCTURES
 from quorvane.cli.own_functions import import_functions
-from quorvane.cli.plot import PICTURE_ENDINGS, Picture, choose_evenly, draw_picture
-from quorvane.cli.recording import OutputRecorder, Recorder, StructureRecorder
+from quorvane.cli.recording import OutputRecorder, Recorder
 from quorvane.cli.run_identity import RunIdentity
 from quorvane.cli.saying import note, say
-from quorvane.cli.stopping import StopRequest
+from quorvane.cli.stopping import StopRequest, signals_held
 from quorvane.cli.structures import STRUCTURE_ENDINGS, StructureBook, read_structures
 from quorvane.cli.table import Table
 from quorvane.cli.table_io import TABLE_ENDINGS, place_of, read_table, write_table
 from quorvane.cli.trace import TRACE_ENDINGS, Trace, TraceRecorder, legs_by_day, write_trace
-
-PLOTTED_STRUCTURES = 48
 
 
 @dataclass
@@ -49,14 +46,13 @@ class Run:
     labels: Labels
     days: BasketDays
     output: OutputRecorder
-    plotted: StructureRecorder | None
     trace: TraceRecorder | None
+    moments: Moments | None
 
     @property
     def recorders(self) -> list[Recorder]:
         """All recorders of the run."""
-        optional: list[Recorder | None] = [self.plotted, self.trace]
-        return [self.output, *(recorder for recorder in optional if recorder is not None)]
+        return [self.output] if self.trace is None else [self.output, self.trace]
 
 
 def execute(options: argparse.Namespace) -> int:
@@ -87,7 +83,10 @@ def _check_options(options: argparse.Namespace) -> None:
     ending_of(options.output, TABLE_ENDINGS, "a table")
     if options.plot is not None:
         ending_of(options.plot, PICTURE_ENDINGS, "a picture")
-        require_library("matplotlib", "drawing a picture")
+        _require_drawing("drawing a picture")
+    if options.report is not None:
+        ending_of(options.report, REPORT_ENDINGS, "a report")
+        _require_drawing("making a report")
     if options.trace is not None:
         ending_of(options.trace, TRACE_ENDINGS, "a trace")
     if options.labels is not None:
@@ -108,10 +107,16 @@ def _check_options(options: argparse.Namespace) -> None:
     _choices(options).settings(None, {})
 
 
+def _require_drawing(purpose: str) -> None:
+    for library in ("matplotlib", "pandas"):
+        require_library(library, purpose)
+
+
 def _outputs(options: argparse.Namespace) -> list[tuple[Path, str]]:
     named = [
         (options.output, "the table"),
         (options.plot, "the picture"),
+        (options.report, "the report"),
         (options.trace, "the trace"),
     ]
     return [(path, what) for path, what in named if path is not None]
@@ -163,12 +168,8 @@ def _prepare(options: argparse.Namespace) -> Run:
                 f"{cells} cells, at most {MAX_CELLS} are allowed"
             )
         trace = TraceRecorder(days)
-    plotted = None
-    if options.plot is not None:
-        chosen = choose_evenly(len(structures.keys), PLOTTED_STRUCTURES)
-        plotted = StructureRecorder(days, [structures.keys[position] for position in chosen])
     output = OutputRecorder(*table.values.shape)
-    return Run(options, table, structures, labels, days, output, plotted, trace)
+    return Run(options, table, structures, labels, days, output, trace, moments)
 
 
 def _dated_table(options: argparse.Namespace) -> tuple[Table, Moments | None]:
@@ -233,7 +234,6 @@ def _checkpoint(run: Run) -> Checkpoint | None:
             "hold": _hold_text(options),
             "changes-only": options.changes_only,
             "max-structures": run.days.slots,
-            "plot": run.plotted is not None,
             "trace": run.trace is not None,
         },
         moments=run.days.dates,
@@ -321,27 +321,36 @@ def _write(run: Run, result: Table, checkpoint: Checkpoint | None) -> None:
             slots, legs = run.days.slot_of, legs_by_day(run.days)
             with outputs.making(options.trace, "the trace") as part:
                 write_trace(part, Trace(run.trace, slots, legs, options.policy, result))
-        if run.plotted is not None:
-            with outputs.making(options.plot, "the picture") as part:
-                draw_picture(part, _picture(run, run.plotted, result))
+        _make_drawings(run, result, outputs)
         with nullcontext() if checkpoint is None else checkpoint.held():
             outputs.take_places()
 
 
-def _picture(run: Run, plotted: StructureRecorder, result: Table) -> Picture:
+def _make_drawings(run: Run, result: Table, outputs: WholeOutputs) -> None:
     options = run.options
-    return Picture(
-        title=options.title or options.table.name,
-        table=run.table,
-        input_kind=options.input,
-        expression=options.expression,
-        policy=options.policy,
-        structures=run.structures.latest,
-        shown_keys=plotted.keys,
-        entered=plotted.entered,
-        left=plotted.left,
-        output=result.values,
-    )
+    if options.plot is None and options.report is None:
+        return
+    with signals_held():
+        # What judges and draws takes its time to load, which a replay without it need not.
+        from quorvane.cli.judged import judge
+        from quorvane.cli.picture import draw_picture
+        from quorvane.evaluation.report import write_page
+
+    judged = judge(run.days, result, run.moments, options.input)
+    title = options.title or options.table.name
+    if options.plot is not None:
+        with outputs.making(options.plot, "the picture") as part:
+            subtitle = f"{summary.describe_table(run.table)}  \N{MIDDLE DOT}  {options.expression}"
+            draw_picture(part, judged.evaluation, judged.structures, title, subtitle)
+    if options.report is not None:
+        if not judged.has_returns:
+            raise DataError(
+                f"{options.table}: --report needs daily returns to judge the output by, and these "
+                "numbers are none; for a table of prices leave --input levels out"
+            )
+        with outputs.making(options.report, "the report") as part:
+            page = write_page(judged.evaluation, judged.structures, title, note=judged.note)
+            part.write_text(page, "utf-8")
 
 
 def _summary(run: Run, result: Table, progress: Progress, times: list[float]) -> str:
@@ -361,6 +370,7 @@ def _summary(run: Run, result: Table, progress: Progress, times: list[float]) ->
         (label, "" if place is None else str(place))
         for label, place in [
             ("picture", options.plot),
+            ("report", options.report),
             ("trace", options.trace),
             ("checkpoint", options.checkpoint),
         ]

@@ -8,13 +8,14 @@ from pathlib import Path
 from quorvane.cli.checkpoint_place import CheckpointPlace
 from quorvane.cli.labels import LABEL_ENDINGS
 from quorvane.cli.limits import MAX_CELLS, MAX_INSTRUMENTS, MAX_STRUCTURES
-from quorvane.cli.plot import PICTURE_ENDINGS
 from quorvane.cli.structures import STRUCTURE_ENDINGS
 from quorvane.cli.table_io import TABLE_ENDINGS
 from quorvane.cli.trace import TRACE_ENDINGS
 from quorvane.functions.rotations.virtualization.history import MOST_THREADS
 
 FOREVER = "forever"
+PICTURE_ENDINGS = (".png", ".pdf", ".svg")
+REPORT_ENDINGS = (".html", ".htm")
 
 _TEXT = """\
 Replay a table of days by instruments through structures: weighted baskets of instruments.
@@ -147,7 +148,15 @@ def _add_outputs(replay: argparse.ArgumentParser) -> None:
         "--plot", type=Path, metavar="FILE", help=f"a picture ({', '.join(PICTURE_ENDINGS)})"
     )
     group.add_argument(
-        "--title", metavar="TEXT", help="the picture's title (default: the table's file name)"
+        "--report",
+        type=Path,
+        metavar="FILE",
+        help="a report for a browser, of what the output would have earned (.html)",
+    )
+    group.add_argument(
+        "--title",
+        metavar="TEXT",
+        help="the title of the picture and the report (default: the table's file name)",
     )
     group.add_argument(
         "--trace",

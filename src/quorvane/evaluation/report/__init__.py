@@ -2,6 +2,10 @@
 
 from quorvane.evaluation.report.page import write_page
 from quorvane.evaluation.report.sheet import draw_sheet
-from quorvane.evaluation.report.structures import StructureFigures, structure_figures
+from quorvane.evaluation.report.structures import (
+    StructureFigures,
+    figures_of,
+    structure_figures,
+)
 
-__all__ = ["StructureFigures", "draw_sheet", "structure_figures", "write_page"]
+__all__ = ["StructureFigures", "draw_sheet", "figures_of", "structure_figures", "write_page"]

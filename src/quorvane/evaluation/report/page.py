@@ -25,9 +25,10 @@ def write_page(
     evaluation: Evaluation,
     structures: StructureFigures | None,
     title: str,
-    groups: Mapping[Any, Any] | None,
+    groups: Mapping[Any, Any] | None = None,
+    note: str = "",
 ) -> str:
-    """The text of the page."""
+    """The text of the page; the note, of what was assumed, stands at its end."""
     days = DayAxis(evaluation._index, evaluation._dates)
     cards = [
         _held(evaluation),
@@ -45,7 +46,7 @@ def write_page(
         style=resources.files(__package__).joinpath("style.css").read_text("utf-8"),
         cards="\n".join(filter(None, cards)),
         below=_heat_map(evaluation, days, groups),
-        notes=_notes(evaluation),
+        notes=_notes(evaluation, note),
     )
 
 
@@ -313,13 +314,14 @@ def _subtitle(evaluation: Evaluation) -> str:
     return f"{days:,} days{span} &middot; {instruments:,} instruments"
 
 
-def _notes(evaluation: Evaluation) -> str:
+def _notes(evaluation: Evaluation, note: str) -> str:
     from quorvane import __version__
 
     lag = "the next day" if evaluation.lag == 1 else f"{evaluation.lag} days later"
+    assumed = f"<p>{_escaped(note)}</p>\n" if note else ""
     return (
-        f"<p>The signal of a day meets returns from {lag} on. Weights are the signal with an "
-        "absolute sum of 1 on each day. What is earned is before costs but for what is called net, "
+        f"{assumed}<p>The signal of a day meets returns from {lag} on. Weights are the signal with "
+        "an absolute sum of 1 on each day. What is earned is before costs but for what is called net, "
         "and nothing is annualised. The past says little of what comes.</p>\n"
         f"<p>quorvane {_escaped(__version__)}</p>"
     )

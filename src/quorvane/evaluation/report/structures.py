@@ -9,10 +9,11 @@ from typing import TYPE_CHECKING, Any
 import numpy as np
 from numpy.typing import NDArray
 
-from quorvane.baskets.explained import columns_of_last_day
+from quorvane.baskets.explained import last_day
 from quorvane.baskets.front import Baskets
 from quorvane.baskets.listing import Book
-from quorvane.baskets.slots import SlotUsage
+from quorvane.baskets.rotation import BasketRotation
+from quorvane.baskets.slots import SlotUsage, usage
 from quorvane.evaluation.report.figures import holdings
 
 if TYPE_CHECKING:
@@ -86,13 +87,26 @@ def structure_figures(evaluation: Evaluation, baskets: Any) -> StructureFigures:
     if not isinstance(baskets, Baskets):
         raise TypeError(f"baskets must be Baskets, got {type(baskets).__name__}")
     _require_same_day(evaluation, baskets)
-    book = baskets._book
+    book, course = baskets._book, baskets._course
     assert book is not None
+    assert course is not None
+    groups = _groups(evaluation, baskets)
+    return figures_of(evaluation, course.rotation, book, baskets.last_date, groups)
+
+
+def figures_of(
+    evaluation: Evaluation,
+    rotation: BasketRotation,
+    book: Book,
+    last: np.datetime64 | None,
+    groups: Mapping[Any, Any] | None = None,
+) -> StructureFigures:
+    """The same of a rotation that has computed the days up to the last one."""
     return StructureFigures(
-        slots=baskets.slots,
-        parts=_largest_taken_apart(evaluation, baskets),
-        census=_census(book, baskets.last_date),
-        groups=_groups(evaluation, baskets),
+        slots=usage(rotation),
+        parts=_largest_taken_apart(evaluation, rotation, book),
+        census=_census(book, last),
+        groups=groups,
     )
 
 
@@ -110,16 +124,18 @@ def _require_same_day(evaluation: Evaluation, baskets: Baskets) -> None:
         )
 
 
-def _largest_taken_apart(evaluation: Evaluation, baskets: Baskets) -> Parts | None:
+def _largest_taken_apart(
+    evaluation: Evaluation, rotation: BasketRotation, book: Book
+) -> Parts | None:
     """The instrument of the largest weight, where the last day has a signal of these baskets."""
     held = holdings(evaluation)
     sides = [side[0] for side in (held.longs, held.shorts) if side]
     if held.day != len(evaluation._aligned.signal) - 1 or not sides:
         return None
     instrument = max(sides, key=lambda one: abs(one[1]))[0]
-    if instrument not in baskets.instruments:
+    if instrument not in book.instruments:
         return None
-    columns = columns_of_last_day(baskets, instrument)
+    columns = last_day(rotation, book.instruments.index(instrument))
     contributions = columns["contribution"]
     order = np.argsort(-np.abs(contributions), kind="stable").tolist()
     rest = [float(contributions[i]) for i in order[MOST_CONTRIBUTIONS:]]
