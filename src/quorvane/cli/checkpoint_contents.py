@@ -17,7 +17,7 @@ IDENTITY_FIELDS = frozenset({"instruments", "structures", "values", "dates", "la
 """What a run is known by besides its options, each as a digest."""
 
 IDENTITY_OPTIONS = frozenset(
-    [
+    {
         "input",
         "expression",
         "functions",
@@ -26,7 +26,7 @@ IDENTITY_OPTIONS = frozenset(
         "changes-only",
         "max-structures",
         "trace",
-    ]
+    }
 )
 """The options that change what a run computes or keeps."""
 
