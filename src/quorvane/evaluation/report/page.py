@@ -321,8 +321,8 @@ def _notes(evaluation: Evaluation, note: str) -> str:
     assumed = f"<p>{_escaped(note)}</p>\n" if note else ""
     return (
         f"{assumed}<p>The signal of a day meets returns from {lag} on. Weights are the signal with "
-        "an absolute sum of 1 on each day. What is earned is before costs but for what is called net, "
-        "and nothing is annualised. The past says little of what comes.</p>\n"
+        "an absolute sum of 1 on each day. What is earned is before costs but for what is called "
+        "net, and nothing is annualised. The past says little of what comes.</p>\n"
         f"<p>quorvane {_escaped(__version__)}</p>"
     )
 
