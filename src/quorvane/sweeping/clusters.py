@@ -5,6 +5,7 @@ from __future__ import annotations
 import importlib
 import sys
 from collections.abc import Iterator, Sequence
+from concurrent.futures import CancelledError
 from typing import Any
 
 from quorvane.sweeping.bench import compute_shared
@@ -12,8 +13,7 @@ from quorvane.sweeping.outcome import Outcome, error_text
 from quorvane.sweeping.processes import Numbered
 from quorvane.sweeping.shared import Shared
 
-# So often all workers may be lost at once, and with them the data that only they had.
-MOST_LOSSES = 5
+ALL_LOST = "WorkerEnded: all workers of the cluster ended in this configuration"
 
 
 def is_client(executor: Any) -> bool:
@@ -28,42 +28,49 @@ def in_cluster(
     """The outcomes of jobs as they come.
 
     The data goes to all workers before the first job, so that any may end: the scheduler gives its
-    jobs to others, and workers that come later have the data from those. Where none is left that
-    had them they are sent again.
+    jobs to others, and workers that come later have the data from those. Where all end at once the
+    data are sent again, for the jobs that are left, in two halves: one job that ends all workers is
+    alone in the end, and is the only one that fails.
 
     Raises
     ------
     TypeError
         The client is asynchronous.
-    RuntimeError
-        The data were lost time and again.
     """
     if client.asynchronous:
         raise TypeError("executor: an asynchronous client cannot be waited for, make a plain one")
-    left = dict(jobs)
-    for _ in range(MOST_LOSSES):
-        for number, outcome in _with_data(client, shared, left):
+    parts = [list(jobs)]
+    while parts:
+        part = parts.pop()
+        left = dict(part)
+        for number, outcome in _with_data(client, shared, part):
             del left[number]
             yield number, outcome
-        if not left:
-            return
-    raise RuntimeError(f"executor: all workers of the cluster were lost {MOST_LOSSES} times")
+        if len(part) == len(left) == 1:
+            yield part[0][0], Outcome({}, 0.0, ALL_LOST)
+        elif left:
+            again, half = list(left.items()), (len(left) + 1) // 2
+            parts += [each for each in (again[half:], again[:half]) if each]
 
 
-def _with_data(client: Any, shared: Shared, jobs: dict[int, Any]) -> Iterator[tuple[int, Outcome]]:
+def _with_data(
+    client: Any, shared: Shared, jobs: Sequence[Numbered]
+) -> Iterator[tuple[int, Outcome]]:
     """The outcomes of jobs, of all unless the data are lost meanwhile."""
     distributed = importlib.import_module("distributed")
-    numbers = list(jobs)
     data = client.scatter(shared, broadcast=True, hash=False)
-    futures = client.map(
-        compute_shared, [jobs[number] for number in numbers], shared=data, pure=False
-    )
-    by_key = {future.key: number for future, number in zip(futures, numbers, strict=True)}
+    futures = client.map(compute_shared, [job for _, job in jobs], shared=data, pure=False)
+    by_key = {future.key: number for future, (number, _) in zip(futures, jobs, strict=True)}
     try:
         for future in distributed.as_completed(futures):
             status = future.status
             if status == "finished":
-                yield by_key[future.key], future.result()
+                try:
+                    outcome = future.result()
+                except CancelledError:
+                    # Its worker has ended since, and all data with it.
+                    continue
+                yield by_key[future.key], outcome
             elif status == "error":
                 # Of the cluster, such as that too many workers ended with this job.
                 outcome = Outcome({}, 0.0, error_text(future.exception()))

@@ -55,6 +55,7 @@ def digest(*parts: Any) -> str:
     """Forty hexadecimal digits that stand for plain values and bytes, different ones for others."""
     found = hashlib.blake2b(digest_size=20)
     for part in parts:
-        data = part if isinstance(part, bytes) else json.dumps(spelled(part)).encode()
-        found.update(f"{len(data)}:".encode() + data)
+        is_raw = isinstance(part, bytes)
+        data = part if is_raw else json.dumps(spelled(part)).encode()
+        found.update(f"{'bytes' if is_raw else 'value'} {len(data)}:".encode() + data)
     return found.hexdigest()
