@@ -7,6 +7,7 @@ from collections.abc import Sequence
 from pathlib import Path
 
 from quorvane import __version__
+from quorvane.cli.commands import sweep_options
 from quorvane.cli.errors import CommandError
 from quorvane.cli.limits import MAX_CELLS, MAX_INSTRUMENTS, MAX_STRUCTURES
 from quorvane.cli.plot import PICTURE_ENDINGS
@@ -54,16 +55,19 @@ def run(argv: Sequence[str] | None = None) -> int:
         with termination_raised():
             with signals_held():
                 # Imported after parsing, so that --help does not wait for it.
-                from quorvane.cli.replay_command import replay_command
+                if options.command == "sweep":
+                    from quorvane.cli.commands.sweep import execute
+                else:
+                    from quorvane.cli.replay_command import replay_command as execute
 
-            return replay_command(options)
+            return execute(options)
     except Terminated:
         return TERMINATED
     except CommandError as error:
-        note(f"quorvane replay: error: {error}")
+        note(f"quorvane {options.command}: error: {error}")
         return error.exit_status
     except MemoryError:
-        note("quorvane replay: error: not enough memory for these tables")
+        note(f"quorvane {options.command}: error: not enough memory for these tables")
         return 1
 
 
@@ -81,6 +85,12 @@ def _parser() -> argparse.ArgumentParser:
     _add_inputs(replay)
     _add_outputs(replay)
     _add_checkpoints(replay)
+    sweep = commands.add_parser(
+        "sweep",
+        help="run baskets over a table in every configuration of a grid",
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
+    sweep_options.add_options(sweep)
     return parser
 
 
