@@ -106,7 +106,9 @@ def test_a_task_carries_less_than_20_kb_however_large_the_grid(client):
         assert function is compute_shared
         assert isinstance(keywords["shared"], distributed.Future)
         futures = real(function, items, **keywords)
-        sizes.extend(client.run_on_scheduler(_sizes_of_tasks).values())
+        end = time.monotonic() + 10.0
+        while len(sizes) < len(jobs) and time.monotonic() < end:
+            sizes[:] = client.run_on_scheduler(_sizes_of_tasks).values()
         return futures
 
     client.map = measured
@@ -115,7 +117,7 @@ def test_a_task_carries_less_than_20_kb_however_large_the_grid(client):
     finally:
         del client.map
     assert len(found) == len(jobs) == 30
-    assert sizes
+    assert len(sizes) == len(jobs)
     assert max(sizes) < 20_000
     assert max(len(pickle.dumps((compute_shared, job))) for _, job in jobs) < 1_000
 
@@ -138,9 +140,22 @@ def test_a_configuration_that_ends_all_its_workers_fails_alone(client, workers, 
     assert found["error"].tolist() == ["", clusters.ALL_LOST, "", ""]
 
 
+def test_a_configuration_that_the_scheduler_gives_up_fails_alone(client, workers, register):
+    assert workers
+    register("ending_in_a_test", sweeping.ending)
+    grid = {"weights": [None], "expression": ["rank", "ending_in_a_test", "zscore"]}
+    before = client.run_on_scheduler(_allow_failures, number=0)
+    try:
+        found = qv.sweep(returns(), grid, score=sweeping.mean_of_signal, executor=client)
+    finally:
+        client.run_on_scheduler(_allow_failures, number=before)
+    assert found["error"].tolist()[::2] == ["", ""]
+    assert found["error"].tolist()[1].startswith("KilledWorker: ")
+
+
 def _sweep_and_after(client, rows, action, monkeypatch):
     """A sweep of `MANY`, in which something happens when so many rows are there."""
-    module = sys.modules["quorvane.sweeping.sweep"]
+    module = sys.modules["quorvane.sweeping.front"]
     real, happened = module.in_cluster, []
 
     def counting(*arguments):
@@ -154,6 +169,12 @@ def _sweep_and_after(client, rows, action, monkeypatch):
         found = qv.sweep(returns(), MANY, score=sweeping.sleeps_a_little, executor=client)
     assert len(happened) == 1
     return found
+
+
+def _allow_failures(dask_scheduler, number):
+    before = dask_scheduler.allowed_failures
+    dask_scheduler.allowed_failures = number
+    return before
 
 
 def _sizes_of_tasks(dask_scheduler):

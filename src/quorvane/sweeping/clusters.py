@@ -62,7 +62,7 @@ def _with_data(
     futures = client.map(compute_shared, [job for _, job in jobs], shared=data, pure=False)
     by_key = {future.key: number for future, (number, _) in zip(futures, jobs, strict=True)}
     try:
-        for future in distributed.as_completed(futures):
+        for future in distributed.as_completed(futures, loop=client.loop):
             status = future.status
             if status == "finished":
                 try:
