@@ -5,7 +5,6 @@ from __future__ import annotations
 import importlib
 import sys
 from collections.abc import Iterator, Sequence
-from concurrent.futures import CancelledError
 from typing import Any
 
 from quorvane.sweeping.bench import compute_shared
@@ -62,19 +61,24 @@ def _with_data(
     futures = client.map(compute_shared, [job for _, job in jobs], shared=data, pure=False)
     by_key = {future.key: number for future, (number, _) in zip(futures, jobs, strict=True)}
     try:
-        for future in distributed.as_completed(futures, loop=client.loop):
-            status = future.status
-            if status == "finished":
-                try:
-                    outcome = future.result()
-                except CancelledError:
-                    # Its worker has ended since, and all data with it.
-                    continue
-                yield by_key[future.key], outcome
-            elif status == "error":
-                # Of the cluster, such as that too many workers ended with this job.
-                outcome = Outcome({}, 0.0, error_text(future.exception()))
-                yield by_key[future.key], outcome
-            future.release()
+        # What is there is fetched in one go: each on its own would cost more than a small job.
+        for batch in distributed.as_completed(futures, loop=client.loop).batches():
+            done = [future for future in batch if future.status == "finished"]
+            for future in batch:
+                if future.status == "error":
+                    # Of the cluster, such as that too many workers ended with this job.
+                    outcome = Outcome({}, 0.0, error_text(future.exception()))
+                    yield by_key[future.key], outcome
+            yield from _fetched(client, done, by_key)
+            for future in batch:
+                future.release()
     finally:
         client.cancel(futures)
+
+
+def _fetched(client: Any, done: list[Any], by_key: dict[Any, int]) -> Iterator[tuple[int, Outcome]]:
+    """The outcomes of finished jobs, without those whose workers have ended since."""
+    found = client.gather({future.key: future for future in done}, errors="skip")
+    for key, outcome in found.items():
+        if outcome is not None:
+            yield by_key[key], outcome
