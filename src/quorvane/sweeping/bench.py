@@ -16,7 +16,7 @@ from quorvane.expressions import calls_of
 from quorvane.sweeping.outcome import Outcome, error_text
 from quorvane.sweeping.own_functions import OwnFunction, registered_here
 from quorvane.sweeping.scores import figures
-from quorvane.sweeping.shared import Job, Shared, from_files
+from quorvane.sweeping.shared import Job, Shared, from_folder
 
 
 class Bench:
@@ -78,7 +78,7 @@ def compute_from_files(folder: str, job: Job) -> Outcome:
     with _FINDING:
         bench = _BY_FOLDER.get(folder)
         if bench is None:
-            bench = Bench(from_files(Path(folder)))
+            bench = Bench(from_folder(Path(folder)))
             while len(_BY_FOLDER) >= _MOST_FOLDERS:
                 del _BY_FOLDER[next(iter(_BY_FOLDER))]
             _BY_FOLDER[folder] = bench

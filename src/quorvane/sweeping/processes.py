@@ -17,18 +17,18 @@ import threading
 from collections import deque
 from collections.abc import Iterator, Sequence
 from multiprocessing.spawn import get_executable
-from pathlib import Path
 
 from quorvane.sweeping.outcome import Outcome, of_json
-from quorvane.sweeping.shared import Job, Shared, as_files
+from quorvane.sweeping.shared import Job, Shared, as_open_files
 
 Numbered = tuple[int, Job]
+Files = tuple[int, int]
 
 # A configuration at which so many processes ended is not tried on another.
 MOST_ENDS = 3
 
 _PROGRAM = "import json, sys; sys.path[:] = json.loads(sys.argv[1]); {}".format(
-    "from quorvane.sweeping.worker import work; work(sys.argv[2])"
+    "from quorvane.sweeping.worker import work; work(*map(int, sys.argv[2:]))"
 )
 _THREADS = ("OMP", "OPENBLAS", "MKL", "BLIS", "NUMEXPR", "QUORVANE")
 
@@ -48,8 +48,8 @@ def in_processes(
     RuntimeError
         A worker could not begin.
     """
-    with as_files(shared) as folder:
-        crew = _Crew(folder, jobs)
+    with as_open_files(shared) as files:
+        crew = _Crew(files, jobs)
         try:
             crew.start(min(count or cores(), len(jobs)))
             for _ in jobs:
@@ -61,8 +61,8 @@ def in_processes(
 class _Crew:
     """Threads, each of which asks a process of its own; all have the same list of jobs."""
 
-    def __init__(self, folder: Path, jobs: Sequence[Numbered]) -> None:
-        self._folder = folder
+    def __init__(self, files: Files, jobs: Sequence[Numbered]) -> None:
+        self._files = files
         self._jobs = deque(jobs)
         self._found: queue.SimpleQueue[tuple[int, Outcome] | Exception] = queue.SimpleQueue()
         self._threads: list[threading.Thread] = []
@@ -129,7 +129,7 @@ class _Crew:
         with self._lock:
             if self._is_over:
                 raise _OverError
-            process = _Process(self._folder)
+            process = _Process(self._files)
             self._running.add(process)
         if not process.is_ready():
             status = self._ended(process)
@@ -154,15 +154,16 @@ class _OverError(Exception):
 class _Process:
     """A worker in a process of its own, and the two pipes to it."""
 
-    def __init__(self, folder: Path) -> None:
+    def __init__(self, files: Files) -> None:
         path = [os.fspath(entry) for entry in sys.path]
         # In a group of its own: Ctrl-C is for whoever waits for the outcomes, and it ends when
         # the pipe to it does.
         self._process = subprocess.Popen(
-            [os.fsdecode(get_executable()), "-c", _PROGRAM, json.dumps(path), str(folder)],
+            [os.fsdecode(get_executable()), "-c", _PROGRAM, json.dumps(path), *map(str, files)],
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             env={**os.environ, **{f"{each}_NUM_THREADS": "1" for each in _THREADS}},
+            pass_fds=files,
             process_group=0,
         )
 

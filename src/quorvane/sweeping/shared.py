@@ -3,10 +3,11 @@
 from __future__ import annotations
 
 import importlib
+import os
 import pickle
 import tempfile
 from collections.abc import Hashable, Iterator
-from contextlib import contextmanager
+from contextlib import ExitStack, contextmanager
 from dataclasses import dataclass, replace
 from pathlib import Path
 from typing import Any
@@ -112,10 +113,33 @@ def as_files(shared: Shared) -> Iterator[Path]:
         yield path
 
 
-def from_files(folder: Path) -> Shared:
+@contextmanager
+def as_open_files(shared: Shared) -> Iterator[tuple[int, int]]:
+    """The descriptors of files with all of it, which have no name any more.
+
+    So nothing of them stays behind, however this process and those that inherit them end.
+    """
+    with ExitStack() as closing:
+        with as_files(shared) as folder:
+            opened = [os.open(folder / name, os.O_RDONLY) for name in (_NUMBERS, _REST)]
+            for descriptor in opened:
+                closing.callback(os.close, descriptor)
+        yield opened[0], opened[1]
+
+
+def from_folder(folder: Path) -> Shared:
     """What `as_files` wrote; the numbers are those of the file, and no copy."""
-    matrix = np.load(folder / _NUMBERS, mmap_mode="r")
-    rest: Shared = pickle.loads((folder / _REST).read_bytes())
+    return _from(folder / _NUMBERS, folder / _REST)
+
+
+def from_open_files(numbers: int, rest: int) -> Shared:
+    """What `as_open_files` wrote, in a process that has inherited the descriptors."""
+    return _from(Path(f"/dev/fd/{numbers}"), Path(f"/dev/fd/{rest}"))
+
+
+def _from(numbers: Path, others: Path) -> Shared:
+    matrix = np.load(numbers, mmap_mode="r")
+    rest: Shared = pickle.loads(others.read_bytes())
     return replace(rest, data=replace(rest.data, matrix=_unwritable(np.asarray(matrix))))
 
 

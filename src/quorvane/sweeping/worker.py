@@ -8,20 +8,19 @@ import queue
 import signal
 import sys
 import threading
-from pathlib import Path
 
 from quorvane.sweeping.bench import Bench
 from quorvane.sweeping.outcome import as_json
-from quorvane.sweeping.shared import from_files
+from quorvane.sweeping.shared import from_open_files
 
 
-def work(folder: str) -> None:
-    """Answer jobs of the sweep in a folder until the input ends."""
+def work(numbers: int, rest: int) -> None:
+    """Answer jobs of the sweep in two inherited files until the input ends."""
     signal.signal(signal.SIGINT, signal.SIG_IGN)
     # What functions of one's own print is no outcome.
     with os.fdopen(os.dup(1), "wb") as output:
         os.dup2(2, 1)
-        bench = Bench(from_files(Path(folder)))
+        bench = Bench(from_open_files(numbers, rest))
         output.write(b"ready\n")
         output.flush()
         jobs: queue.SimpleQueue[bytes] = queue.SimpleQueue()
