@@ -86,15 +86,33 @@ def test_what_follows_is_found_once_and_ranked_where_it_differs(monkeypatch):
     monkeypatch.setattr(
         statistics, "twice_ranks", lambda values: ranked.append(len(values)) or real_ranks(values)
     )
-    first, second = made(1, missing=0.0), made(2, missing=0.0)
+    first, second, third = made(1, missing=0.0), made(2, missing=0.0), made(3, missing=0.0)
     second.iloc[7, 3] = np.nan
-    for signal in (first, second):
+    third.iloc[:100] = np.nan
+    told = []
+    for signal in (first, second, third, first, second):
         forward.clear()
         ranked.clear()
         assert len(evaluate_aligned(align(signal, returns, None), known, horizons=[1]).ic) == 120
-    assert forward == []
-    # The signal's own, and of the returns the one day on which another instrument counts.
-    assert ranked == [120, 1]
+        told.append((len(forward), ranked[:]))
+    # The signal's own, and of the returns those days on which other instruments count.
+    assert told == [
+        (1, [120, 120]),
+        (0, [120, 1]),
+        (0, [120, 100]),
+        (0, [120]),
+        (0, [120]),
+    ]
+
+
+def test_of_large_tables_no_more_is_kept_than_the_last(monkeypatch):
+    monkeypatch.setattr(statistics.Ranked, "MOST_BYTES", 1)
+    ranked = statistics.Ranked(made(0).to_numpy())
+    expected = ranked.among(ranked.finite)
+    assert len(ranked._found) == 1
+    ranked.among(np.zeros_like(ranked.finite))
+    assert len(ranked._found) == 1
+    np.testing.assert_array_equal(ranked.among(ranked.finite), expected)
 
 
 def test_the_t_statistic_adds_without_a_library_of_vectors():

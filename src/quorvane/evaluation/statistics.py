@@ -48,31 +48,40 @@ def rank_correlation(left: Floats, right: Floats) -> Floats:
 
 
 class Ranked:
-    """Numbers of days by columns, and what was last found of their ranks.
+    """Numbers of days by columns, and what was lately found of their ranks.
 
     Ranks take most of an evaluation's time, and are asked for again among nearly the same columns:
     for each horizon of a signal's, for each signal of a return's. Only days whose columns differ
-    from those of the last time are ranked anew, so that no figure depends on what came before.
+    from those of a time before are ranked anew, so that no figure depends on what came before.
     """
+
+    # Of what was found before, so many bytes at most, but for the last.
+    MOST_BYTES = 1 << 26
 
     def __init__(self, values: Floats) -> None:
         self.values = values
         self.finite: NDArray[np.bool_] = np.isfinite(values)
-        # Replaced as a whole: several threads may ask at once.
-        self._last: tuple[NDArray[np.bool_], Floats] | None = None
+        each = max(values.nbytes + self.finite.nbytes, 1)
+        self._most = max(1, min(8, self.MOST_BYTES // each))
+        # The columns that were there, and the ranks; the last first. Replaced as a whole: several
+        # threads may ask at once.
+        self._found: tuple[tuple[NDArray[np.bool_], Floats], ...] = ()
 
     def among(self, there: NDArray[np.bool_]) -> Floats:
         """Twice the average ranks among the columns that are ``there``; not to be written to."""
-        last = self._last
-        if last is None:
+        found = self._found
+        differing = [(mask != there).any(axis=1) for mask, _ in found]
+        counts = [int(np.count_nonzero(days)) for days in differing]
+        nearest = int(np.argmin(counts)) if counts else -1
+        if nearest < 0:
             ranks = twice_ranks(np.where(there, self.values, np.nan))
+        elif counts[nearest] == 0:
+            _, ranks = found[nearest]
         else:
-            anew = (last[0] != there).any(axis=1)
-            if not anew.any():
-                return last[1]
-            ranks = last[1].copy()
+            anew, ranks = differing[nearest], found[nearest][1].copy()
             ranks[anew] = twice_ranks(np.where(there[anew], self.values[anew], np.nan))
-        self._last = there, ranks
+        same = nearest if counts and counts[nearest] == 0 else len(found)
+        self._found = ((there, ranks), *found[:same], *found[same + 1 :])[: self._most]
         return ranks
 
 
