@@ -1,6 +1,7 @@
 # Everything below sets itself up in $(VENV) on first use:
 #
 #   make demo        decades of daily prices through the package, with a picture
+#   make cluster-demo    200 configurations over these prices on a cluster of two processes
 #   make test        build, format, lint, type and stub checks, C++ tests, Python tests
 #   make format      rewrite the sources as `make test` wants to see them
 #   make coverage    branches of the C++ that no test takes, report in build/coverage/report
@@ -40,6 +41,7 @@ unexport PYTHONPATH
 TOOLS_READY := $(VENV)/.ready-tools
 WHEEL_READY := $(VENV)/.ready-wheel
 DEMO_READY := $(VENV)/.ready-demo
+CLUSTER_READY := $(VENV)/.ready-cluster
 TEST_READY := $(VENV)/.ready-test
 BENCH_READY := $(VENV)/.ready-bench
 
@@ -49,14 +51,17 @@ SOURCES := CMakeLists.txt README.md LICENSE \
 CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
 STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
 
-.PHONY: set-up demo test lint types check format coverage trust asan valgrind refleaks matrix newest \
-    long fuzz tidy bench bench-pythons bench-instructions dist-test clean distclean python-matches
+.PHONY: set-up demo cluster-demo test lint types check format coverage trust asan valgrind \
+    refleaks matrix newest long fuzz tidy bench bench-pythons bench-instructions dist-test clean distclean python-matches
 .DELETE_ON_ERROR:
 
 set-up: $(WHEEL_READY) $(TEST_READY)
 
 demo: $(WHEEL_READY) $(DEMO_READY)
 	$(PY) -m quorvane.cli.demo
+
+cluster-demo: $(WHEEL_READY) $(DEMO_READY) $(CLUSTER_READY)
+	$(PY) -m quorvane.cli.cluster_demo
 
 test: lint types check
 
@@ -200,6 +205,10 @@ $(WHEEL_READY): $(TOOLS_READY) $(SOURCES)
 $(DEMO_READY): pyproject.toml | $(WHEEL_READY)
 	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[demo]"
 	$(PY) -m pip install -qq --no-deps skfolio
+	@touch $@
+
+$(CLUSTER_READY): pyproject.toml | $(WHEEL_READY)
+	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[cluster]"
 	@touch $@
 
 $(TEST_READY): pyproject.toml | $(WHEEL_READY)

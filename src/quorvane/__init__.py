@@ -31,6 +31,7 @@ if TYPE_CHECKING:
     from quorvane.functions.rotations.virtualization.planned_baskets import PlannedBaskets
     from quorvane.running import run
     from quorvane.stores import DirectoryStore, MemoryStore, SqliteStore
+    from quorvane.sweeping import sweep
 
 __all__ = [
     "Baskets",
@@ -52,6 +53,7 @@ __all__ = [
     "register",
     "replay_history",
     "run",
+    "sweep",
 ]
 
 _ROTATIONS = "quorvane.functions.rotations.virtualization"
@@ -74,6 +76,7 @@ _MODULE_OF = {
     "register": "quorvane.expressions",
     "replay_history": f"{_ROTATIONS}.history",
     "run": "quorvane.running",
+    "sweep": "quorvane.sweeping",
 }
 
 

@@ -20,6 +20,7 @@ NEEDS = {
     "README.md": ("pandas", "msgpack"),
     "docs/functions.md": ("pandas",),
     "docs/evaluation.md": ("pandas", "matplotlib"),
+    "docs/sweeps.md": ("pandas", "distributed"),
     "docs/baskets.md": ("pandas", "polars", "narwhals", "msgpack"),
 }
 

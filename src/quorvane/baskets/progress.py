@@ -5,6 +5,7 @@ from __future__ import annotations
 import sys
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from contextvars import ContextVar
 from typing import Any
 
 Progress = Callable[[int, int], object]
@@ -13,13 +14,26 @@ Progress = Callable[[int, int], object]
 PATIENCE = 1.0
 
 
+_is_part = ContextVar("_is_part", default=False)
+
+
 @contextmanager
-def progress_bar(title: str) -> Iterator[Progress | None]:
+def without_bars() -> Iterator[None]:
+    """While entered, this thread shows no bar: what it does is part of what has one already."""
+    before = _is_part.set(True)
+    try:
+        yield
+    finally:
+        _is_part.reset(before)
+
+
+@contextmanager
+def progress_bar(title: str, unit: str = "day") -> Iterator[Progress | None]:
     """What a history tells its progress: tqdm's bar in terminals and notebooks, else None.
 
     It appears after a second. Without tqdm (``pip install 'quorvane[cli]'``) there is none.
     """
-    if not _has_watcher():
+    if _is_part.get() or not _has_watcher():
         yield None
         return
     try:
@@ -29,10 +43,10 @@ def progress_bar(title: str) -> Iterator[Progress | None]:
         return
     bar: Any = None
 
-    def tell(done: int, days: int) -> None:
+    def tell(done: int, total: int) -> None:
         nonlocal bar
         if bar is None:
-            bar = tqdm(total=days, desc=title, unit="day", delay=PATIENCE, leave=False)
+            bar = tqdm(total=total, desc=title, unit=unit, delay=PATIENCE, leave=False)
         bar.update(done - bar.n)
 
     try:

@@ -33,7 +33,7 @@ def fixed_book(weights: Any, instruments: Iterable[Hashable] | None) -> Book:
     ValueError
         There is no basket, one has no legs, a weight is infinite, or ``instruments`` lacks a leg.
     """
-    baskets = _of_mapping(weights) if isinstance(weights, Mapping) else _of_frame(weights)
+    baskets = _of_mapping(weights) if isinstance(weights, Mapping) else mapping_of_frame(weights)
     if not baskets:
         raise ValueError("weights must hold at least one basket")
     for basket, legs in baskets.items():
@@ -111,7 +111,7 @@ def _of_mapping(weights: Mapping[Any, Any]) -> dict[Hashable, Legs]:
     return baskets
 
 
-def _of_frame(weights: Any) -> dict[Hashable, Legs]:
+def mapping_of_frame(weights: Any) -> dict[Hashable, Legs]:
     """Rows are the index of a pandas frame, else the one column of text."""
     instruments, frame = _rows_and_columns(weights)
     table = read_table(frame, argument="weights")

@@ -8,7 +8,12 @@ from dataclasses import dataclass
 from importlib import import_module
 
 from quorvane import __version__
-from quorvane.cli.commands import checkpoint_options, explain_options, replay_options
+from quorvane.cli.commands import (
+    checkpoint_options,
+    explain_options,
+    replay_options,
+    sweep_options,
+)
 from quorvane.cli.errors import CommandError
 from quorvane.cli.saying import note
 from quorvane.cli.stopping import TERMINATED, Terminated, signals_held, termination_raised
@@ -37,11 +42,13 @@ class Subcommand:
 
 
 _REPLAY = "replay a table of days through structures"
+_SWEEP = "run baskets over a table in every configuration of a grid"
 _EXPLAIN = "say which structures make up an instrument's number on a day"
 _CHECKPOINT = "look at what a checkpoint holds"
 
 SUBCOMMANDS = (
     Subcommand("replay", _REPLAY, replay_options.add_options, "replay"),
+    Subcommand("sweep", _SWEEP, sweep_options.add_options, "sweep"),
     Subcommand("explain", _EXPLAIN, explain_options.add_options, "explain"),
     Subcommand("checkpoint", _CHECKPOINT, checkpoint_options.add_options, "checkpoint"),
 )

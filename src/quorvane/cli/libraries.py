@@ -18,14 +18,14 @@ def has_library(name: str) -> bool:
     return True
 
 
-def require_library(name: str, purpose: str) -> ModuleType:
-    """Import ``name``, or say that the extra ``cli`` brings it."""
+def require_library(name: str, purpose: str, *, extra: str = "cli") -> ModuleType:
+    """Import ``name``, or say which extra brings it."""
     try:
         return _loaded(name)
     except ImportError as error:
         raise DataError(
             f"{purpose} needs the library {name.partition('.')[0]}, which cannot be imported "
-            f'({error}); install it with: pip install "quorvane[cli]"'
+            f'({error}); install it with: pip install "quorvane[{extra}]"'
         ) from error
 
 

@@ -13,6 +13,7 @@ from quorvane.tables import Table, read_table
 from quorvane.tables.names import listed
 
 Floats = NDArray[np.float64]
+Rows = NDArray[np.intp]
 
 
 @dataclass(frozen=True)
@@ -35,7 +36,7 @@ class Aligned:
 
     signal: Floats
     returns: Floats
-    rows: NDArray[np.intp]
+    rows: Rows
     days: Any
     is_utc: bool
     instruments: tuple[Hashable, ...]
@@ -88,7 +89,7 @@ def _labels(table: Table, native: Any) -> Any:
     return None if is_plain else index
 
 
-def _rows_by_date(judged: Table, known: Table) -> NDArray[np.intp]:
+def _rows_by_date(judged: Table, known: Table) -> Rows:
     if judged.dates is None or known.dates is None or judged.is_utc != known.is_utc:
         raise ValueError(
             "signal and returns: both must have dates of the same sort, with a time zone or without"
@@ -100,7 +101,7 @@ def _rows_by_date(judged: Table, known: Table) -> NDArray[np.intp]:
     return np.asarray(rows, dtype=np.intp)
 
 
-def _rows_by_label(labels: Any, known: Any) -> NDArray[np.intp]:
+def _rows_by_label(labels: Any, known: Any) -> Rows:
     """Days that have names but no dates: found by name, and in the order of the returns."""
     if known is None or not known.is_unique or not labels.is_unique:
         raise ValueError("signal and returns: the index of both must name each day once")
@@ -113,7 +114,7 @@ def _rows_by_label(labels: Any, known: Any) -> NDArray[np.intp]:
     return rows
 
 
-def _rows_in_order(judged: Table, known: Table) -> NDArray[np.intp]:
+def _rows_in_order(judged: Table, known: Table) -> Rows:
     if "polars" in (judged.kind, known.kind) or "pyarrow" in (judged.kind, known.kind):
         raise ValueError(
             "signal and returns: no column holds dates, name the one that says the days with date="

@@ -17,6 +17,7 @@ from numpy.typing import NDArray
 from quorvane.arguments import whole_number
 from quorvane.evaluation import statistics
 from quorvane.evaluation.aligned import Aligned, align
+from quorvane.evaluation.following import FollowingReturns, KnownReturns
 from quorvane.stores._files import replace_file
 from quorvane.tables.names import listed
 
@@ -80,11 +81,26 @@ def evaluate(
     >>> round(float(qv.evaluate(tomorrow, returns, horizons=[1]).ic.iloc[0, 0]), 3)
     1.0
     """
+    aligned = align(signal, returns, date)
+    return evaluate_aligned(aligned, KnownReturns(), horizons, quantiles, lag, cost)
+
+
+def evaluate_aligned(
+    aligned: Aligned,
+    known: KnownReturns,
+    horizons: Iterable[int] = (1, 5, 20),
+    quantiles: int = 5,
+    lag: int = 1,
+    cost: float = 0.0,
+) -> Evaluation:
+    """`evaluate` of what is aligned; what is ``known`` of these very returns is not found again."""
+    days = whole_number("lag", lag, 1)
     return Evaluation(
-        _aligned=align(signal, returns, date),
+        _aligned=aligned,
+        _following=known.following(aligned, days),
         horizons=_horizons(horizons),
         quantiles=whole_number("quantiles", quantiles, 2),
-        lag=whole_number("lag", lag, 1),
+        lag=days,
         cost=_cost(cost),
     )
 
@@ -100,6 +116,7 @@ class Evaluation:
     """
 
     _aligned: Aligned
+    _following: FollowingReturns
     horizons: tuple[int, ...]
     quantiles: int
     lag: int
@@ -112,7 +129,7 @@ class Evaluation:
         Across the instruments that have both; missing where fewer than three do.
         """
         columns = [
-            statistics.rank_correlation(self._aligned.signal, self._forward[horizon])
+            statistics.correlation_of_ranked(self._ranked, self._following[horizon])
             for horizon in self.horizons
         ]
         return self._frame(np.column_stack(columns), list(self.horizons), "horizon")
@@ -126,7 +143,7 @@ class Evaluation:
         """
         quantile = statistics.quantile_of(self._aligned.signal, self.quantiles)
         parts = [
-            statistics.mean_by_quantile(quantile, self._forward[horizon], self.quantiles)
+            statistics.mean_by_quantile(quantile, self._following[horizon].values, self.quantiles)
             for horizon in self.horizons
         ]
         names = [(h, q) for h in self.horizons for q in range(1, self.quantiles + 1)]
@@ -161,7 +178,7 @@ class Evaluation:
         A missing return counts as 0 where others are known. Missing on days without any signal.
         """
         columns = [
-            statistics.profit(self._weights, self._forward[horizon], self._has_signal)
+            statistics.profit(self._weights, self._following[horizon].values, self._has_signal)
             for horizon in self.horizons
         ]
         return self._frame(np.column_stack(columns), list(self.horizons), "horizon")
@@ -276,13 +293,8 @@ class Evaluation:
         return np.nan_to_num(statistics.turnover(self._weights, before))
 
     @cached_property
-    def _forward(self) -> dict[int, Floats]:
-        """The returns that follow, by horizon: several frames are made from them."""
-        returns, rows = self._aligned.returns, self._aligned.rows
-        return {
-            horizon: statistics.forward_returns(returns, rows, horizon, self.lag)
-            for horizon in self.horizons
-        }
+    def _ranked(self) -> statistics.Ranked:
+        return statistics.Ranked(self._aligned.signal)
 
     def _summary_of(self, ic: Floats, profit: Floats, horizon: int) -> dict[str, float]:
         rows = self._aligned.rows

@@ -44,15 +44,57 @@ def rank_correlation(left: Floats, right: Floats) -> Floats:
     Over the columns in which both have a number; NaN where there are fewer than three, or where all
     of one are equal. Sums of whole numbers are exact, so that the order of columns does not matter.
     """
-    there = np.isfinite(left) & np.isfinite(right)
+    return correlation_of_ranked(Ranked(left), Ranked(right))
+
+
+class Ranked:
+    """Numbers of days by columns, and what was lately found of their ranks.
+
+    Ranks take most of an evaluation's time, and are asked for again among nearly the same columns:
+    for each horizon of a signal's, for each signal of a return's. Only days whose columns differ
+    from those of a time before are ranked anew, so that no figure depends on what came before.
+    """
+
+    # Of what was found before, so many bytes at most, but for the last.
+    MOST_BYTES = 1 << 26
+
+    def __init__(self, values: Floats) -> None:
+        self.values = values
+        self.finite: NDArray[np.bool_] = np.isfinite(values)
+        each = max(values.nbytes + self.finite.nbytes, 1)
+        self._most = max(1, min(8, self.MOST_BYTES // each))
+        # The columns that were there, and the ranks; the last first. Replaced as a whole: several
+        # threads may ask at once.
+        self._found: tuple[tuple[NDArray[np.bool_], Floats], ...] = ()
+
+    def among(self, there: NDArray[np.bool_]) -> Floats:
+        """Twice the average ranks among the columns that are ``there``; not to be written to."""
+        found = self._found
+        differing = [(mask != there).any(axis=1) for mask, _ in found]
+        counts = [int(np.count_nonzero(days)) for days in differing]
+        nearest = int(np.argmin(counts)) if counts else -1
+        if nearest < 0:
+            ranks = twice_ranks(np.where(there, self.values, np.nan))
+        elif counts[nearest] == 0:
+            _, ranks = found[nearest]
+        else:
+            anew, ranks = differing[nearest], found[nearest][1].copy()
+            ranks[anew] = twice_ranks(np.where(there[anew], self.values[anew], np.nan))
+        same = nearest if counts and counts[nearest] == 0 else len(found)
+        self._found = ((there, ranks), *found[:same], *found[same + 1 :])[: self._most]
+        return ranks
+
+
+def correlation_of_ranked(left: Ranked, right: Ranked) -> Floats:
+    """`rank_correlation` of two tables whose ranks may be known already."""
+    there = left.finite & right.finite
     count = np.count_nonzero(there, axis=1)
     left_ranks, right_ranks = (
-        np.where(there, twice_ranks(np.where(there, side, np.nan)) - (count + 1)[:, None], 0.0)
-        for side in (left, right)
+        np.where(there, side.among(there) - (count + 1)[:, None], 0.0) for side in (left, right)
     )
     norms = np.sqrt((left_ranks**2).sum(axis=1) * (right_ranks**2).sum(axis=1))
     usable = (count >= 3) & (norms > 0.0)
-    found = np.full(len(left), np.nan)
+    found = np.full(len(there), np.nan)
     found[usable] = (left_ranks * right_ranks).sum(axis=1)[usable] / norms[usable]
     clipped: Floats = np.clip(found, -1.0, 1.0)
     return clipped
@@ -131,8 +173,10 @@ def t_statistic(series: Floats, rows: NDArray[np.intp], horizon: int) -> float:
         return float("nan")
     mean = numbers.mean()
     apart = numbers - mean
-    spread = apart @ apart
+    # Not products of vectors: their libraries add in another order for each number of threads and
+    # for each processor.
+    spread = (apart * apart).sum()
     for step in range(1, min(horizon, count)):
         weight = 1.0 - (places[step:] - places[:-step]) / horizon
-        spread += 2.0 * (np.maximum(weight, 0.0) * apart[step:]) @ apart[:-step]
+        spread += 2.0 * (np.maximum(weight, 0.0) * apart[step:] * apart[:-step]).sum()
     return float(mean / (np.sqrt(spread) / count)) if spread > 0.0 else float("nan")

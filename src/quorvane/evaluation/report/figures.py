@@ -83,9 +83,8 @@ class Growth:
 
 def growth(evaluation: Evaluation) -> Growth:
     """The compound one-day returns of each quantile; a day without one leaves it as it is."""
-    aligned = evaluation._aligned
-    forward = statistics.forward_returns(aligned.returns, aligned.rows, 1, evaluation.lag)
-    quantile = statistics.quantile_of(aligned.signal, evaluation.quantiles)
+    forward = evaluation._following[1].values
+    quantile = statistics.quantile_of(evaluation._aligned.signal, evaluation.quantiles)
     means = statistics.mean_by_quantile(quantile, forward, evaluation.quantiles)
     days = chosen_evenly(len(means), MOST_POINTS)
     both = np.column_stack([means, means[:, -1] - means[:, 0]])
