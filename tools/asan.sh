@@ -83,14 +83,12 @@ run_tests() {
 
 # The command, pages and reports run no compiled code that the others do not.
 suite() {
-    first="tests/virtualization tests/rotations tests/baskets"
     left_out="--ignore=tests/cli --ignore=tests/docs --ignore=tests/benchmarks"
     left_out="$left_out --ignore=tests/evaluation/report"
     # shellcheck disable=SC2086 # several folders
     if [ "$jobs" -gt 1 ]; then
-        run_tests "$FAST_STACKS" $first &
-        run_tests "$FAST_STACKS" tests $left_out \
-            --ignore=tests/virtualization --ignore=tests/rotations --ignore=tests/baskets
+        run_tests "$FAST_STACKS" tests/virtualization &
+        run_tests "$FAST_STACKS" tests $left_out --ignore=tests/virtualization
         wait
     else
         run_tests "$FAST_STACKS" tests $left_out
