@@ -94,17 +94,16 @@ def labels_of(table: Table, native: Any) -> Labels | None:
         An index of numbers does not ascend, or one of names has a name twice.
     """
     if table.dates is not None:
-        sort: Sort = "dates with a time zone" if table.is_utc else "dates"
-        return Labels(sort, table.dates.astype(np.int64))
+        return _dates(table.dates, table.is_utc)
     if table.kind != "pandas":
         return None
     index = native.index
     if index.nlevels == 1 and index.dtype.kind in "iuf":
         return _numbers(index.to_numpy(), table)
-    dates = _dates_as_text(index)
-    if dates is not None:
-        _check_ascends(dates, table)
-        return Labels("dates", dates)
+    read = _dates_as_text(index)
+    if read is not None:
+        _check_ascends(read.keys, table)
+        return read
     if not index.is_unique:
         row = int(np.argmax(index.duplicated()))
         raise ValueError(f"X: its index has {table.label(row)} twice; each day needs a name")
@@ -117,7 +116,11 @@ def _numbers(keys: NDArray[Any], table: Table) -> Labels:
     return Labels("numbers", keys, is_plain)
 
 
-def _dates_as_text(index: Any) -> NDArray[np.int64] | None:
+def _dates(dates: NDArray[np.datetime64], is_utc: bool) -> Labels:
+    return Labels("dates with a time zone" if is_utc else "dates", dates.astype(np.int64))
+
+
+def _dates_as_text(index: Any) -> Labels | None:
     """Dates that were read from a file as text; None for anything else."""
     if index.nlevels > 1 or not len(index):
         return None
@@ -125,7 +128,7 @@ def _dates_as_text(index: Any) -> NDArray[np.int64] | None:
     if not all(isinstance(value, str) for value in values):
         return None
     try:
-        return dates_of(values, str)[0].astype(np.int64)
+        return _dates(*dates_of(values, str))
     except ValueError:
         return None
 

@@ -12,6 +12,8 @@ Positions = NDArray[np.intp]
 _RELATIVE = 1e-9
 # For those that are nearly zero by cancellation: of the column's usual magnitude.
 _ABSOLUTE = 1e-12
+# So many rows say what is usual.
+_LOOKED_AT = 32
 
 
 class TrainingRows:
@@ -25,6 +27,7 @@ class TrainingRows:
 
     def __init__(self, numbers: Floats) -> None:
         self.numbers = numbers
+        self._rounding = _ABSOLUTE * _magnitudes(numbers[:: len(numbers) // _LOOKED_AT + 1])
 
     def leading(self, rows: Floats) -> Positions:
         """The places of the leading rows that are rows of the training; the others come after.
@@ -39,12 +42,12 @@ class TrainingRows:
             Rows of the training are there in another order or place, or cannot be told from others.
         """
         size = len(self.numbers)
-        if len(rows) >= size and self.are_same(rows[:size], self.numbers).all():
+        if len(rows) >= size and self._fits(rows, 0):
             return np.arange(size)
         first = _first_telling(rows)
         if first is None:
             return np.arange(0)
-        starts = self._places(rows[first]) - first
+        starts = self._places(rows[first], self.numbers) - first
         aligned = [int(start) for start in starts if start >= 0 and self._fits(rows, int(start))]
         if not aligned:
             self._refuse_elsewhere(rows, first, bool(len(starts)))
@@ -57,28 +60,29 @@ class TrainingRows:
             )
         return places
 
-    def are_same(self, rows: Floats, others: Floats) -> NDArray[np.bool_]:
+    def are_same(
+        self, rows: Floats, others: Floats, columns: int | slice = slice(None)
+    ) -> NDArray[np.bool_]:
         """Whether each number of some rows is that of others, both missing or up to rounding."""
         same = (rows == others) | (np.isnan(rows) & np.isnan(others))
         if not same.all():
             with np.errstate(over="ignore", invalid="ignore"):
-                bound = _RELATIVE * np.abs(others) + _ABSOLUTE * self._magnitudes()
+                bound = _RELATIVE * np.abs(others) + self._rounding[columns]
                 same |= np.abs(rows - others) <= bound
         return np.asarray(same)
 
-    def _magnitudes(self) -> Floats:
-        """The usual magnitude of each column, 0 for one without numbers."""
-        sizes = np.abs(self.numbers)
-        sizes[:, np.isnan(sizes).all(axis=0)] = 0.0
-        return np.asarray(np.nanmedian(sizes, axis=0)) if len(sizes) else np.zeros(sizes.shape[1])
-
-    def _places(self, row: Floats) -> Positions:
-        return np.flatnonzero(self.are_same(row[None], self.numbers).all(axis=1))
+    def _places(self, row: Floats, rows: Floats) -> Positions:
+        """Where among some rows this one is, which has a telling number."""
+        # Most rows differ in one number already.
+        column = int(np.argmax(_telling(row)))
+        near = np.flatnonzero(self.are_same(rows[:, column], row[column], column))
+        return near[self.are_same(rows[near], row).all(axis=1)]
 
     def _fits(self, rows: Floats, start: int) -> bool:
         """Whether the rows are those of the training from there, up to the end of either."""
         there = self.numbers[start : start + len(rows)]
-        return bool(self.are_same(rows[: len(there)], there).all())
+        rows = rows[: len(there)]
+        return bool(self.are_same(rows[:1], there[:1]).all() and self.are_same(rows, there).all())
 
     def _tell(self, rows: Floats) -> bool:
         """Whether rows of the training with these numbers can be no others."""
@@ -93,11 +97,10 @@ class TrainingRows:
         last = len(rows) - 1 - (_first_telling(rows[::-1]) or 0)
         own = _first_telling(self.numbers)
         found = {first} if is_known else set()
-        if len(self._places(rows[last])):
+        if len(self._places(rows[last], self.numbers)):
             found.add(last)
         if own is not None:
-            same = self.are_same(rows, self.numbers[own][None]).all(axis=1)
-            found.update(np.flatnonzero(same).tolist())
+            found.update(self._places(self.numbers[own], rows).tolist())
         for row in sorted(found):
             if self._tell(rows[row : row + 1]):
                 raise ValueError(
@@ -108,6 +111,13 @@ class TrainingRows:
 
 
 _WAY_ON = "an index of dates would tell the days"
+
+
+def _magnitudes(rows: Floats) -> Floats:
+    """The median magnitude of each column's numbers, 0 for one without any."""
+    sizes = np.abs(rows)
+    sizes[:, np.isnan(sizes).all(axis=0)] = 0.0
+    return np.asarray(np.nanmedian(sizes, axis=0))
 
 
 def _telling(rows: Floats) -> NDArray[np.bool_]:

@@ -82,8 +82,7 @@ class Training:
             width=table.width,
             date_at=_date_at(table, native),
             labels=labels,
-            # A copy: the table's owner may write to it.
-            rows=TrainingRows(numbers[:, book.used]),
+            rows=TrainingRows(_kept(numbers, book.used)),
             outputs=outputs,
             end=Waypoint.of(baskets),
         )
@@ -104,7 +103,7 @@ class Training:
         numbers = self._numbers_of(table)
         book = self.end.apart._book
         assert book is not None
-        known = self._leading(table, native, numbers[:, book.used])
+        known = self._leading(table, native, _chosen(numbers, book.used))
         given = self.outputs[known]
         if len(known) < table.rows:
             days = _days(table, numbers, len(known))
@@ -171,6 +170,16 @@ class Training:
         if self.level == "basket":
             return outputs
         return spread(outputs, self.positions, self.width)
+
+
+def _chosen(numbers: Floats, used: NDArray[np.bool_]) -> Floats:
+    return numbers if used.all() else numbers[:, used]
+
+
+def _kept(numbers: Floats, used: NDArray[np.bool_]) -> Floats:
+    """The columns in use as an array of their own: the table's owner may write to the table's."""
+    chosen = _chosen(numbers, used)
+    return chosen.copy() if chosen is numbers else chosen
 
 
 def _date_at(table: Table, native: Any) -> int | None:
