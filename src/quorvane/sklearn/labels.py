@@ -70,10 +70,14 @@ class Labels:
             comes_before = comes_before or bool(self.keys[first] < training.keys[-1])
         if comes_before:
             raise ValueError(
-                f"X: {label(first)} is not among the days of the training, and comes before the "
+                f"X: {self.text(first, label)} is not among the days of the training, and comes before the "
                 f"last of them; allowed are days of the training and, behind them, later ones"
             )
         return places[:first]
+
+    def text(self, row: int, label: Callable[[int], str]) -> str:
+        """What messages call a day: a plain index has no label in tables."""
+        return f"day {self.keys[row]}" if self.sort == "numbers" else label(row)
 
     def _places(self, training: Labels) -> Positions:
         """The place of each day in the training, -1 for one that is not there."""
@@ -102,8 +106,7 @@ def labels_of(table: Table, native: Any) -> Labels | None:
         return _numbers(index.to_numpy(), table)
     read = _dates_as_text(index)
     if read is not None:
-        _check_ascends(read.keys, table)
-        return read
+        return _ascending(read, table)
     if not index.is_unique:
         row = int(np.argmax(index.duplicated()))
         raise ValueError(f"X: its index has {table.label(row)} twice; each day needs a name")
@@ -111,9 +114,8 @@ def labels_of(table: Table, native: Any) -> Labels | None:
 
 
 def _numbers(keys: NDArray[Any], table: Table) -> Labels:
-    _check_ascends(keys, table)
     is_plain = keys.dtype.kind in "iu" and np.array_equal(keys, np.arange(len(keys)))
-    return Labels("numbers", keys, is_plain)
+    return _ascending(Labels("numbers", keys, is_plain), table)
 
 
 def _dates(dates: NDArray[np.datetime64], is_utc: bool) -> Labels:
@@ -133,11 +135,15 @@ def _dates_as_text(index: Any) -> Labels | None:
         return None
 
 
-def _check_ascends(keys: NDArray[Any], table: Table) -> None:
-    late = ~(keys[1:] > keys[:-1])
+def _ascending(labels: Labels, table: Table) -> Labels:
+    """The labels, if each is later than the one before it."""
+    assert not isinstance(labels.keys, tuple)
+    late = ~(labels.keys[1:] > labels.keys[:-1])
     if late.any():
-        row = int(late.argmax()) + 1
+        row = int(late.argmax())
+        before, after = (labels.text(i, table.label) for i in (row, row + 1))
         raise ValueError(
-            f"X: row {row} has {table.label(row)} after {table.label(row - 1)}, days must be in "
-            f"the order of time: shuffle=False where they are split, and an index that ascends"
+            f"X: {after} stands behind {before}, days must be in the order of time: an index "
+            f"that ascends, and shuffle=False where days are split"
         )
+    return labels

@@ -27,6 +27,7 @@ class TrainingRows:
 
     def __init__(self, numbers: Floats) -> None:
         self.numbers = numbers
+        # What rounding makes of a zero, by column.
         self._rounding = _ABSOLUTE * _magnitudes(numbers[:: len(numbers) // _LOOKED_AT + 1])
 
     def leading(self, rows: Floats) -> Positions:
@@ -41,6 +42,12 @@ class TrainingRows:
         ValueError
             Rows of the training are there in another order or place, or cannot be told from others.
         """
+        places = self._begins_with(rows)
+        self._refuse_elsewhere(rows, len(places))
+        return places
+
+    def _begins_with(self, rows: Floats) -> Positions:
+        """The places of the leading rows; none where the first is no row of the training."""
         size = len(self.numbers)
         if len(rows) >= size and self._fits(rows, 0):
             return np.arange(size)
@@ -50,7 +57,6 @@ class TrainingRows:
         starts = self._places(rows[first], self.numbers) - first
         aligned = [int(start) for start in starts if start >= 0 and self._fits(rows, int(start))]
         if not aligned:
-            self._refuse_elsewhere(rows, first, bool(len(starts)))
             return np.arange(0)
         places = np.arange(aligned[0], min(aligned[0] + len(rows), size))
         if len(aligned) > 1 or not self._tell(self.numbers[places]):
@@ -92,20 +98,23 @@ class TrainingRows:
         telling[np.isnan(telling)] = np.nan
         return len({row.tobytes() for row in telling}) == len(telling)
 
-    def _refuse_elsewhere(self, rows: Floats, first: int, is_known: bool) -> None:
-        """Raise ValueError where rows of the training are there, but not where they can go on."""
-        last = len(rows) - 1 - (_first_telling(rows[::-1]) or 0)
-        own = _first_telling(self.numbers)
-        found = {first} if is_known else set()
-        if len(self._places(rows[last], self.numbers)):
-            found.add(last)
-        if own is not None:
-            found.update(self._places(self.numbers[own], rows).tolist())
+    def _refuse_elsewhere(self, rows: Floats, start: int) -> None:
+        """Raise ValueError where rows of the training are among those that are to be later ones.
+
+        Looked for are the first and the last of these in the training, and the training's first.
+        """
+        later = rows[start:]
+        first, own = _first_telling(later), _first_telling(self.numbers)
+        if first is None or own is None:
+            return
+        last = len(later) - 1 - (_first_telling(later[::-1]) or 0)
+        found = {row for row in (first, last) if len(self._places(later[row], self.numbers))}
+        found.update(self._places(self.numbers[own], later).tolist())
         for row in sorted(found):
-            if self._tell(rows[row : row + 1]):
+            if self._tell(later[row : row + 1]):
                 raise ValueError(
-                    f"X: row {row} is a row of the training, but the rows around it are others: "
-                    f"allowed are all rows of the training or a part in their order, and "
+                    f"X: row {start + row} is a row of the training, but the rows around it are "
+                    f"others: allowed are all rows of the training or a part in their order, and "
                     f"behind its last row later ones; {_WAY_ON}"
                 )
 
@@ -114,10 +123,11 @@ _WAY_ON = "an index of dates would tell the days"
 
 
 def _magnitudes(rows: Floats) -> Floats:
-    """The median magnitude of each column's numbers, 0 for one without any."""
-    sizes = np.abs(rows)
-    sizes[:, np.isnan(sizes).all(axis=0)] = 0.0
-    return np.asarray(np.nanmedian(sizes, axis=0))
+    """The (lower) median magnitude of each column's numbers, 0 for one without any."""
+    ordered = np.sort(np.abs(rows), axis=0)
+    counts = np.count_nonzero(~np.isnan(rows), axis=0)
+    middle = ordered[np.maximum(counts - 1, 0) // 2, np.arange(rows.shape[1])]
+    return np.where(counts > 0, middle, 0.0)
 
 
 def _telling(rows: Floats) -> NDArray[np.bool_]:
@@ -126,5 +136,9 @@ def _telling(rows: Floats) -> NDArray[np.bool_]:
 
 
 def _first_telling(rows: Floats) -> int | None:
-    found = np.flatnonzero(_telling(rows).any(axis=1))
-    return int(found[0]) if len(found) else None
+    """The first row with a telling number; nearly always one of the first."""
+    for some, start in ((rows[:_LOOKED_AT], 0), (rows[_LOOKED_AT:], _LOOKED_AT)):
+        found = np.flatnonzero(_telling(some).any(axis=1))
+        if len(found):
+            return start + int(found[0])
+    return None

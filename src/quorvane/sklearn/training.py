@@ -145,7 +145,9 @@ class Training:
         if labels is None or self.labels is None or not labels.says_what(self.labels):
             return self.rows.leading(numbers)
         places = labels.leading(self.labels, table.label)
-        self._refuse_other_numbers(numbers[: len(places)], places, table.label)
+        self._refuse_other_numbers(
+            numbers[: len(places)], places, lambda row: labels.text(row, table.label)
+        )
         return places
 
     def _refuse_other_numbers(
