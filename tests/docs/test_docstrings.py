@@ -13,6 +13,7 @@ EXAMPLES = {
     "quorvane.expressions.catalogue": (),
     "quorvane.expressions.registered": (),
     "quorvane.functions.rotations.own_state": (),
+    "quorvane.sklearn.transformer": ("sklearn",),
 }
 
 

@@ -20,6 +20,7 @@ NEEDS = {
     "README.md": ("pandas", "msgpack"),
     "docs/functions.md": ("pandas",),
     "docs/evaluation.md": ("pandas",),
+    "docs/scikit-learn.md": ("pandas", "sklearn"),
     "docs/baskets.md": ("pandas", "polars", "narwhals", "msgpack"),
 }
 

@@ -57,7 +57,9 @@ def fitted(make):
     return fitted
 
 
-@pytest.mark.parametrize(("start", "stop"), [(0, 20), (3, 9), (19, 20), (15, 33), (0, 40), (20, 31)])
+@pytest.mark.parametrize(
+    ("start", "stop"), [(0, 20), (3, 9), (19, 20), (15, 33), (0, 40), (20, 31)]
+)
 def test_parts_of_the_training_and_what_follows_give_what_they_gave(fitted, labels, start, stop):
     made, days, expected = fitted(labels, 0, 20)
     same_bits(made.transform(part(days, start, stop)), expected[start:stop])
@@ -140,7 +142,7 @@ def test_days_in_no_order_are_refused_afterwards(fitted, ordered):
 
 def test_a_shuffled_plain_index_is_refused(make):
     days = table("plain")
-    with pytest.raises(ValueError, match="X: day 3 stands behind day 5, .*shuffle=False"):
+    with pytest.raises(ValueError, match=r"X: day 3 stands behind day 5, .*shuffle=False"):
         make().fit(days.iloc[[5, 3, 9]])
 
 
@@ -176,7 +178,7 @@ def test_a_plain_index_is_no_name_where_a_new_table_has_it_too(make):
 def test_a_plain_index_of_a_table_before_the_training_is_a_name(make):
     days = table("plain")
     made = make(expression="ewma(3)").fit(days.iloc[20:])
-    with pytest.raises(ValueError, match="X: day 0 is not among .* comes before"):
+    with pytest.raises(ValueError, match=r"X: day 0 is not among .* comes before"):
         made.transform(days.iloc[:20])
 
 
@@ -278,7 +280,9 @@ def test_whatever_days_are_asked_for_is_right_or_refused(make, labels, seed):
             with pytest.raises(ValueError, match="training"):
                 made.transform(asked)
             continue
-        reached = list(range(start, max(stop, first))) if first <= stop else list(range(start, stop))
+        reached = (
+            list(range(start, max(stop, first))) if first <= stop else list(range(start, stop))
+        )
         whole = sorted({*reached, *range(first, last)})
         expected = make(expression="ewma(3);rank", hold=2).fit_transform(_rows(days, whole))
         same_bits(made.transform(asked), expected[[whole.index(i) for i in range(first, last)]])

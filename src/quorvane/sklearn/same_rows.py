@@ -132,7 +132,7 @@ def _magnitudes(rows: Floats) -> Floats:
 
 def _telling(rows: Floats) -> NDArray[np.bool_]:
     """Numbers that say something of a day: neither missing nor zero."""
-    return ~np.isnan(rows) & (rows != 0.0)
+    return np.asarray(~np.isnan(rows) & (rows != 0.0))
 
 
 def _first_telling(rows: Floats) -> int | None:

@@ -20,8 +20,10 @@ from quorvane.tables.arrays import ArrayTable, as_array
 from quorvane.tables.reading import frame_kind
 
 
-class StructureTransformer(  # type: ignore[misc]
-    OneToOneFeatureMixin, TransformerMixin, BaseEstimator
+class StructureTransformer(
+    OneToOneFeatureMixin,
+    TransformerMixin,
+    BaseEstimator,  # type: ignore[misc]
 ):
     """Baskets of instruments through an expression, and back, over days that are samples.
 
