@@ -70,8 +70,9 @@ class Labels:
             comes_before = comes_before or bool(self.keys[first] < training.keys[-1])
         if comes_before:
             raise ValueError(
-                f"X: {self.text(first, label)} is not among the days of the training, and comes before the "
-                f"last of them; allowed are days of the training and, behind them, later ones"
+                f"X: {self.text(first, label)} is not among the days of the training, and comes "
+                f"before the last of them; allowed are days of the training and, behind them, "
+                f"later ones"
             )
         return places[:first]
 

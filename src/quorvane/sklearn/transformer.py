@@ -21,8 +21,8 @@ from quorvane.tables.reading import frame_kind
 
 
 class StructureTransformer(
-    OneToOneFeatureMixin,
-    TransformerMixin,
+    OneToOneFeatureMixin,  # type: ignore[misc]
+    TransformerMixin,  # type: ignore[misc]
     BaseEstimator,  # type: ignore[misc]
 ):
     """Baskets of instruments through an expression, and back, over days that are samples.
@@ -183,6 +183,10 @@ class StructureTransformer(
         training = self._training
         if training.date_at is not None:
             names = np.delete(names, training.date_at)
+        own = training.names or (0,)
+        if all(isinstance(name, str) for name in own):
+            # Not every version of scikit-learn can read the names of every frame.
+            names = np.array(own, dtype=object)
         if training.level == "instrument":
             return names
         if training.end.apart._is_open:
