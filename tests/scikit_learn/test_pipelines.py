@@ -114,16 +114,18 @@ def test_weights_can_be_searched_over(make, returns):
     np.testing.assert_array_equal(scores[1], scores[3])
 
 
-def test_a_search_may_work_in_processes(make, returns):
+def test_a_search_may_work_on_several_threads(make, returns):
+    from joblib import parallel_config
     from sklearn.model_selection import GridSearchCV, TimeSeriesSplit
 
-    grid = {"expression": ["ewma(5);rank", "ewma(20);zscore"]}
-    found = [
-        GridSearchCV(make(threads=1), grid, scoring=_last, cv=TimeSeriesSplit(2), n_jobs=jobs)
-        .fit(returns)
-        .cv_results_["mean_test_score"]
-        for jobs in (None, 2)
-    ]
+    grid = {"expression": ["ewma(5);rank", "ewma(20);zscore"], "hold": [0, 3]}
+    with parallel_config(backend="threading"):
+        found = [
+            GridSearchCV(make(threads=1), grid, scoring=_last, cv=TimeSeriesSplit(2), n_jobs=jobs)
+            .fit(returns)
+            .cv_results_["mean_test_score"]
+            for jobs in (None, 2)
+        ]
     np.testing.assert_array_equal(*found)
 
 

@@ -237,6 +237,13 @@ def test_alike_rows_tell_no_day_and_are_refused(make):
     assert len(made.transform(np.array([[2.0, 3.0], [1.0, 1.0], [4.0, 5.0]]))) == 3
 
 
+def test_equal_rows_by_the_thousand_are_refused_at_once(make):
+    equal = np.ones((20_000, 2))
+    made = make(expression="ewma(3)").fit(equal)
+    with pytest.raises(ValueError, match="may be later days with the same numbers"):
+        made.transform(equal[:9000])
+
+
 def test_one_number_tells_no_day(make):
     values = numbers(30, 1, missing=0)
     values[:8] = np.arange(8)[:, None] / 8 + 1

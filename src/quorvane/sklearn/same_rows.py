@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from itertools import islice
+
 import numpy as np
 from numpy.typing import NDArray
 
@@ -54,8 +56,8 @@ class TrainingRows:
         first = _first_telling(rows)
         if first is None:
             return np.arange(0)
-        starts = self._places(rows[first], self.numbers) - first
-        aligned = [int(start) for start in starts if start >= 0 and self._fits(rows, int(start))]
+        fitting = (start for start in self._starts(rows, first) if self._fits(rows, start))
+        aligned = list(islice(fitting, 2))
         if not aligned:
             return np.arange(0)
         places = np.arange(aligned[0], min(aligned[0] + len(rows), size))
@@ -83,6 +85,20 @@ class TrainingRows:
         column = int(np.argmax(_telling(row)))
         near = np.flatnonzero(self.are_same(rows[:, column], row[column], column))
         return near[self.are_same(rows[near], row).all(axis=1)]
+
+    def _starts(self, rows: Floats, first: int) -> list[int]:
+        """Where in the training rows may begin, by some of them from the first telling one on."""
+        starts = self._places(rows[first], self.numbers) - first
+        starts = starts[starts >= 0]
+        for row in range(first + 1, min(first + _LOOKED_AT, len(rows))):
+            if len(starts) < 2:
+                break
+            # Behind the training's end there is nothing to differ from.
+            differs = starts + row < len(self.numbers)
+            there = self.numbers[starts[differs] + row]
+            differs[differs] = ~self.are_same(there, rows[row]).all(axis=1)
+            starts = starts[~differs]
+        return [int(start) for start in starts]
 
     def _fits(self, rows: Floats, start: int) -> bool:
         """Whether the rows are those of the training from there, up to the end of either."""

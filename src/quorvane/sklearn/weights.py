@@ -34,7 +34,7 @@ def make_baskets(weights: Any, complete: Any, settings: dict[str, Any]) -> Baske
     if not is_long:
         return Baskets(weights, **settings)
     if date is None:
-        _refuse_others(columns)
+        _refuse_others([*columns, *_index_names(weights)])
     return Baskets.from_long(weights, date=date, complete=complete, **settings)
 
 
@@ -47,13 +47,22 @@ def _columns(weights: Any) -> list[str]:
     return [name for name in names if isinstance(name, str)]
 
 
+def _index_names(weights: Any) -> list[str]:
+    """What the levels of an index say that they are; one of dates says it by its type."""
+    if frame_kind(weights, "weights") != "pandas":
+        return []
+    from quorvane.tables.pandas_columns import is_date_index
+
+    names = [str(name) for name in weights.index.names if name is not None]
+    return names or (["an index of dates"] if is_date_index(weights.index) else [])
+
+
 def _refuse_others(columns: list[str]) -> None:
-    """Without dates baskets never change, so a column that may be meant as one is an error."""
+    """Without dates baskets never change, so whatever may be meant as one is an error."""
     others = [name for name in columns if name not in _LONG]
     if others:
-        hints = [did_you_mean("date", [name.lower()]) and name for name in others]
-        near = next((name for name in hints if name), None)
-        meant = f"; is {near!r} meant as 'date'?" if near else ""
+        near = [name for name in others if did_you_mean("date", [name.lower()])]
+        meant = f"; is {near[0]!r} meant as 'date'?" if near else ""
         raise ValueError(
             f"weights: a long table without a column 'date' has the columns {listed(_LONG)} and "
             f"no other, got {listed(others)} as well{meant}"
