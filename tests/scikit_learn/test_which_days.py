@@ -14,12 +14,13 @@ LABELS = {
     "text of dates": [str(day) for day in START + np.arange(40)],
     "whole numbers": 20240000 + np.arange(40),
     "numbers": np.arange(40) / 8 + 3,
+    "elapsed times": pandas.timedelta_range("1h", periods=40, freq="h"),
     "names": [f"day {i}" for i in range(40)],
     "pairs": pandas.MultiIndex.from_product([["x", "y"], range(20)]),
     "plain": range(40),
     "none": None,
 }
-ORDERED = ["dates", "UTC", "periods", "text of dates", "whole numbers", "numbers"]
+ORDERED = ["dates", "UTC", "periods", "text of dates", "whole numbers", "numbers", "elapsed times"]
 
 
 @pytest.fixture(params=LABELS)

@@ -1,4 +1,4 @@
-"""Days by their names: dates, numbers that ascend, or any other index."""
+"""Days by their names: dates, numbers and times that ascend, or any other index."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ from quorvane.tables import Table
 from quorvane.tables.dates import dates_of
 
 Positions = NDArray[np.intp]
-Sort = Literal["dates", "dates with a time zone", "numbers", "names"]
+Sort = Literal["dates", "dates with a time zone", "elapsed times", "numbers", "names"]
 
 
 @dataclass(frozen=True)
@@ -25,7 +25,7 @@ class Labels:
     sort : str
         All but names ascend, which is the order of time.
     keys : ndarray or tuple
-        Nanoseconds, or numbers; names as they are.
+        Dates are nanoseconds.
     is_plain : bool
         Whether they are 0, 1, 2, ..., what an index is that nobody has given.
     """
@@ -103,6 +103,8 @@ def labels_of(table: Table, native: Any) -> Labels | None:
     if table.kind != "pandas":
         return None
     index = native.index
+    if index.dtype.kind == "m":
+        return _ascending(Labels("elapsed times", index.to_numpy()), table)
     if index.nlevels == 1 and index.dtype.kind in "iuf":
         return _numbers(index.to_numpy(), table)
     read = _dates_as_text(index)
