@@ -46,13 +46,31 @@ def test_what_can_be_asked_of_the_baskets_can_be_asked_of_others(make, store):
     assert made.last_date == DAYS[29]
 
 
-def test_baskets_that_were_given_more_room_keep_it():
+def test_a_day_of_one_changes_nothing_of_the_next():
+    values = numbers()
+    made = qv.Baskets(WEIGHTS, "ewma(3);rank")
+    made.run(values[:20])
+    point, before = Waypoint.of(made), repr(made)
+    other = point.baskets()
+    other.step(values[20])
+    other.step(values[21])
+    assert repr(other) != before
+    assert repr(point.baskets()) == repr(made) == before
+
+
+def test_baskets_that_were_given_more_room_keep_it(store):
     values = numbers()
     made = qv.Baskets(WEIGHTS, "ewma(3);rank")
     expected = made.run(values)
     made.run(values[:20])
     made.grow(11)
     other = Waypoint.of(made).baskets()
+    assert other.slots.capacity == 11
+    same_bits(other.update(values[20:]), expected[20:])
+    made.save(store)
+    loaded = qv.Baskets(WEIGHTS, "ewma(3);rank")
+    loaded.load(store)
+    other = Waypoint.of(loaded).baskets()
     assert other.slots.capacity == 11
     same_bits(other.update(values[20:]), expected[20:])
 

@@ -214,6 +214,18 @@ def test_a_column_of_dates_may_stand_anywhere(make, frame, at):
         make(date="wen").fit(table)
 
 
+@pytest.mark.parametrize("at", [0, 2, 5])
+def test_names_that_are_no_text_become_numbers_of_columns(make, frame, at):
+    table = frame.reset_index(drop=True)
+    table.insert(at, "when", frame.index)
+    table.columns = range(10, 16)
+    made = make(expression="ewma(3)").set_output(transform="pandas").fit(table[:20])
+    found = made.transform(table[20:])
+    names = [f"x{i}" for i in range(6) if i != at]
+    assert made.get_feature_names_out().tolist() == found.columns.tolist() == names
+    same_bits(found, make(expression="ewma(3)").fit_transform(frame)[20:])
+
+
 def test_columns_without_a_basket_come_out_missing(make, frame):
     found = make({"p": {"B": 1.0, "D": -1.0}}).set_output(transform="pandas").fit_transform(frame)
     assert found.columns.tolist() == list(NAMES)
@@ -287,8 +299,9 @@ def test_missing_numbers_are_numbers_and_infinite_ones_are_refused(make, frame):
 
     made = make(expression="ewma(3)")
     assert get_tags(made).input_tags.allow_nan
-    masked = np.ma.masked_invalid(frame.to_numpy())
-    same_bits(made.fit_transform(masked), made.fit_transform(frame.to_numpy()))
+    values = frame.to_numpy()
+    masked = np.ma.array(np.nan_to_num(values, nan=99.0), mask=np.isnan(values))
+    same_bits(made.fit_transform(masked), made.fit_transform(values))
     with pytest.raises(ValueError, match="X: 1 holds inf at row 2"):
         made.fit(np.array([[0.0, 1.0], [1.0, 2.0], [1.0, np.inf]]))
     frame.iloc[2, 0] = np.inf

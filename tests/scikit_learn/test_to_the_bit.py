@@ -4,7 +4,15 @@ import numpy as np
 import pytest
 
 import quorvane as qv
-from support.tables_of_baskets import EXPRESSIONS, NAMES, START, WEIGHTS, numbers, same_bits
+from support.tables_of_baskets import (
+    EXPRESSIONS,
+    NAMES,
+    START,
+    WEIGHTS,
+    numbers,
+    same_bits,
+    three_lists,
+)
 
 HOLDS = [0, 2, None]
 HARDEST = ["none", "ewma(3);rank;ewma(5);sigmoid", "rolling_zscore(5);winsorize(0.1);ewm_std(4)"]
@@ -56,6 +64,21 @@ def test_every_argument_reaches_the_baskets(make, frame):
     made = make(WEIGHTS, expression, **options).fit(frame[:20])
     same_bits(made.transform(frame[20:]), expected[20:])
     assert made.baskets_.slots.capacity == 9
+
+
+@pytest.mark.parametrize("zone", [None, "UTC", "Asia/Tokyo"])
+def test_dates_of_baskets_and_of_days_know_their_zone(make, frame, zone):
+    pandas = pytest.importorskip("pandas")
+    legs = pandas.DataFrame(three_lists())
+    legs["date"] = legs["date"].dt.tz_localize(zone)
+    days = frame.tz_localize(zone)
+    expected = qv.Baskets.from_long(legs, "ewma(3);rank", instruments=NAMES).run(days).to_numpy()
+    made = make(legs, "ewma(3);rank", instruments=NAMES).fit(days[:15])
+    same_bits(made.transform(days[15:]), expected[15:])
+    same_bits(made.transform(days[:15]), expected[:15])
+    assert made.baskets_.last_date == days.index[14].tz_localize(None) - (
+        days.index[14].utcoffset() or pandas.Timedelta(0)
+    )
 
 
 def test_slots_that_change_hands_go_on(make, frame):
@@ -133,11 +156,20 @@ def test_no_number_depends_on_a_later_day(make, sort, frame, expression):
 
 def test_a_function_of_ones_own_goes_on_and_is_not_changed(make, frame, register):
     @register("running_sum")
-    def running_sum(values, state):
-        total = np.zeros(len(values)) if state is None else state["total"]
-        # In place: whoever does so must not reach what others go on from.
-        total += np.nan_to_num(values)
-        return total.copy(), {"total": total}
+    class RunningSum:
+        def __init__(self, *, N_alloc):
+            self.total = np.zeros(N_alloc)
+
+        def __call__(self, values, context=None):
+            # In place: whoever does so must not reach what others go on from.
+            self.total += np.nan_to_num(values)
+            return self.total.copy()
+
+        def get_state(self):
+            return {"total": self.total}
+
+        def set_state(self, state):
+            self.total = state["total"]
 
     expected = qv.Baskets(WEIGHTS, "running_sum;rank").run(frame).to_numpy()
     made = make(WEIGHTS, "running_sum;rank").fit(frame[:20])

@@ -176,6 +176,14 @@ def test_a_plain_index_is_no_name_where_a_new_table_has_it_too(make):
     same_bits(make(expression="ewma(3)").fit_transform(days)[20:], expected)
 
 
+@pytest.mark.parametrize("later", ["dates", "names"])
+def test_a_plain_index_is_no_name_where_days_have_names_later(make, later):
+    made = make(expression="ewma(3)").fit(table("plain").iloc[:20])
+    expected = make(expression="ewma(3)").fit_transform(table("plain"))
+    same_bits(made.transform(table(later)), expected)
+    same_bits(made.transform(table(later).iloc[20:]), expected[20:])
+
+
 def test_a_plain_index_of_a_table_before_the_training_is_a_name(make):
     days = table("plain")
     made = make(expression="ewma(3)").fit(days.iloc[20:])
@@ -221,6 +229,10 @@ def test_rows_that_say_nothing_are_no_day(make):
         same_bits(found, expected[-1:])
     same_bits(made.transform(values), make(expression="ewma(3)", hold=None).fit_transform(values))
     same_bits(made.transform(values[8:13]), made.transform(values)[8:13])
+    for before in (1, 2, 30):
+        longer = np.concatenate([np.full((before, 5), np.nan), values])
+        with pytest.raises(ValueError, match=f"X: row {before} is a row of the training"):
+            made.transform(longer)
 
 
 def test_alike_rows_tell_no_day_and_are_refused(make):
@@ -267,6 +279,8 @@ def test_numbers_of_columns_without_a_basket_say_nothing(make):
     changed[["C", "D", "E"]] = np.inf
     same_bits(made.transform(changed), made.transform(days))
     same_bits(made.transform(changed.reset_index(drop=True)), made.transform(days))
+    with pytest.warns(UserWarning, match="valid feature names"):
+        same_bits(made.transform(changed.to_numpy()), made.transform(days))
 
 
 @pytest.mark.parametrize("seed", range(12))
