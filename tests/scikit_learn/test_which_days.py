@@ -218,7 +218,7 @@ def test_rows_of_the_training_in_another_order_are_refused(fitted, rows):
 
 def test_rows_that_say_nothing_are_no_day(make):
     values = numbers(30, missing=0)
-    values[[4, 9]] = np.nan
+    values[[4, 9, 19]] = np.nan
     values[[6, 12]] = 0.0
     made = make(expression="ewma(3)", hold=None).fit(values[:20])
     for row in (np.full((1, 5), np.nan), np.zeros((1, 5))):
