@@ -14,6 +14,7 @@ EXAMPLES = {
     "quorvane.expressions.registered": (),
     "quorvane.functions.rotations.own_state": (),
     "quorvane.sweeping.front": ("pandas",),
+    "quorvane.sklearn.transformer": ("sklearn",),
 }
 
 

@@ -21,6 +21,7 @@ NEEDS = {
     "docs/functions.md": ("pandas",),
     "docs/evaluation.md": ("pandas", "matplotlib"),
     "docs/sweeps.md": ("pandas", "distributed"),
+    "docs/scikit-learn.md": ("pandas", "sklearn"),
     "docs/baskets.md": ("pandas", "polars", "narwhals", "msgpack"),
 }
 
