@@ -1,6 +1,8 @@
 """sweep(): rows in the order of the grid, the same numbers from all workers, errors as rows."""
 
+import io
 import os
+import re
 import subprocess
 import sys
 from concurrent.futures import ProcessPoolExecutor, ThreadPoolExecutor
@@ -10,6 +12,7 @@ import numpy as np
 import pytest
 
 import quorvane as qv
+from quorvane.baskets import progress
 from support import sweeping
 from support.sweeping import NAMES, PAIRS, grid, in_a_loop, returns
 
@@ -170,7 +173,24 @@ def test_an_instrument_that_is_missing_is_an_error_of_its_rows_alone():
     assert found["error"].tolist()[1] == "ValueError: returns: no instrument 'GOLD'"
 
 
-def test_no_bar_and_no_pickle_of_code_is_needed_in_the_middle(capsys):
+class Terminal(io.StringIO):
+    def isatty(self):
+        return True
+
+
+def test_whoever_watches_sees_one_bar_with_the_time_left(monkeypatch):
+    pytest.importorskip("tqdm")
+    monkeypatch.setattr(progress, "PATIENCE", 0.0)
+    screen = Terminal()
+    monkeypatch.setattr(sys, "stderr", screen)
+    thread(returns(), {**ONE, "hold": [0, 1, 2, 3]}, score=sweeping.sleeps_longer)
+    shown = screen.getvalue()
+    assert re.search(r"sweep: +\d+%.* [1-4]/4 \[\d\d:\d\d<\d\d:\d\d, .*configuration", shown)
+    # Those of the baskets themselves would come in between.
+    assert "quorvane" not in shown
+
+
+def test_nobody_else_is_told_anything(capsys):
     thread(returns(), ONE)
     assert capsys.readouterr() == ("", "")
 
