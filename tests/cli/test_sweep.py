@@ -172,7 +172,7 @@ def test_a_cluster_that_is_not_there_is_one_line(command, grid, prices, tmp_path
 def test_a_cluster_computes_the_same(command, grid, prices, tmp_path):
     distributed = pytest.importorskip("distributed")
     with distributed.LocalCluster(
-        n_workers=1, threads_per_worker=1, processes=False, dashboard_address=None
+        n_workers=1, threads_per_worker=1, processes=False, dashboard_address=":0"
     ) as cluster:
         address = cluster.scheduler_address
         outcome = command("sweep", grid, prices, "--out", tmp_path / "a", "--cluster", address)

@@ -32,7 +32,7 @@ def client():
     logging.getLogger("distributed").setLevel(logging.CRITICAL)
     with (
         distributed.LocalCluster(
-            n_workers=3, threads_per_worker=1, processes=True, dashboard_address=None
+            n_workers=3, threads_per_worker=1, processes=True, dashboard_address=":0"
         ) as cluster,
         distributed.Client(cluster) as client,
     ):
