@@ -128,6 +128,26 @@ def test_a_grid_that_is_none_is_one_line(command, write, prices, tmp_path, text,
     assert said in outcome.err
 
 
+def test_dates_that_are_not_in_order_are_one_line(command, grid, write, tmp_path):
+    lines = ["Date,KO,PEP", "2020-01-03,1,2", "2020-01-02,2,3", "2020-01-06,3,4"]
+    table = write("table.csv", "\n".join(lines) + "\n")
+    outcome = command("sweep", grid, table, "--out", tmp_path / "out")
+    assert outcome.status == 1
+    assert "row 1 has the date 2020-01-02 after 2020-01-03" in outcome.err
+
+
+def test_days_may_be_other_than_dates(command, grid, write, tmp_path, prices):
+    lines = prices.read_text().splitlines()
+    named = [lines[0], *(f"day {i},{line.partition(',')[2]}" for i, line in enumerate(lines[1:]))]
+    table = write("named.csv", "\n".join(named) + "\n")
+    for name, path in (("a", table), ("b", prices)):
+        assert command("sweep", grid, path, "--out", tmp_path / name).status == 0
+    one, other = (pandas.read_csv(tmp_path / name / "table.csv") for name in "ab")
+    pandas.testing.assert_frame_equal(
+        one.drop(columns="seconds"), other.drop(columns="seconds"), check_exact=True
+    )
+
+
 def test_options_that_make_no_sense_are_one_line(command, grid, prices, tmp_path):
     for arguments, said in (
         ((prices, prices, "--out", tmp_path), "unsupported ending for a grid"),
@@ -152,7 +172,7 @@ def test_a_cluster_that_is_not_there_is_one_line(command, grid, prices, tmp_path
 def test_a_cluster_computes_the_same(command, grid, prices, tmp_path):
     distributed = pytest.importorskip("distributed")
     with distributed.LocalCluster(
-        n_workers=1, threads_per_worker=1, processes=False, dashboard_address=None
+        n_workers=1, threads_per_worker=1, processes=False, dashboard_address=":0"
     ) as cluster:
         address = cluster.scheduler_address
         outcome = command("sweep", grid, prices, "--out", tmp_path / "a", "--cluster", address)

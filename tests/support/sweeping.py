@@ -110,6 +110,11 @@ def sleeps_a_little(signal, data):
     return mean_of_signal(signal, data)
 
 
+def sleeps_longer(signal, data):
+    time.sleep(0.15)
+    return {"one": 1.0}
+
+
 def process(signal, data):
     return {"process": os.getpid(), "threads": int(os.environ.get("QUORVANE_NUM_THREADS", 0))}
 

@@ -7,6 +7,7 @@ import pickle
 import signal
 import sys
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
@@ -22,7 +23,7 @@ distributed = pytest.importorskip(
     "distributed", reason="dask.distributed is not installed, nothing is known of clusters"
 )
 
-MANY = {"weights": {"pairs": PAIRS}, "expression": ["rank"], "hold": list(range(60))}
+MANY = {"weights": {"pairs": PAIRS}, "expression": ["rank"], "hold": list(range(40))}
 
 
 @pytest.fixture(scope="module")
@@ -32,7 +33,7 @@ def client():
     logging.getLogger("distributed").setLevel(logging.CRITICAL)
     with (
         distributed.LocalCluster(
-            n_workers=3, threads_per_worker=1, processes=True, dashboard_address=None
+            n_workers=3, threads_per_worker=1, processes=True, dashboard_address=":0"
         ) as cluster,
         distributed.Client(cluster) as client,
     ):
@@ -42,30 +43,47 @@ def client():
 @pytest.fixture
 def workers(client):
     """The processes of the workers, all of them there."""
-    client.wait_for_workers(3, timeout=30)
+    client.wait_for_workers(3, timeout=60)
     return sorted(client.run(os.getpid).values())
+
+
+@pytest.fixture(scope="module")
+def expected():
+    """What the sweep of `MANY` finds where nothing happens."""
+    with ThreadPoolExecutor(8) as executor:
+        return qv.sweep(returns(), MANY, score=sweeping.sleeps_a_little, executor=executor)
 
 
 def test_the_rows_are_those_of_processes_to_the_bit(client, same):
     same(qv.sweep(returns(), grid(), executor=client), qv.sweep(returns(), grid()))
 
 
-def test_a_worker_that_is_killed_in_the_middle_changes_no_row(client, workers, same, monkeypatch):
-    expected = qv.sweep(returns(), MANY, score=sweeping.sleeps_a_little)
+def test_a_worker_that_is_killed_in_the_middle_changes_no_row(
+    client, workers, expected, same, monkeypatch
+):
     # Killed when a part of the rows is there, and of the others some are being computed.
     found = _sweep_and_after(client, 15, lambda: os.kill(workers[0], signal.SIGKILL), monkeypatch)
     same(found, expected)
     assert found["error"].eq("").all()
-    client.wait_for_workers(3, timeout=30)
+    client.wait_for_workers(3, timeout=60)
     assert workers[0] not in client.run(os.getpid).values()
 
 
-def test_all_workers_killed_at_once_have_the_data_sent_again(client, workers, same, monkeypatch):
-    expected = qv.sweep(returns(), MANY, score=sweeping.sleeps_a_little)
+def test_all_workers_killed_at_once_have_the_data_sent_again(
+    client, workers, expected, same, monkeypatch
+):
+    sent, real = [], client.scatter
+
+    def scatter(*arguments, **keywords):
+        sent.append(arguments)
+        return real(*arguments, **keywords)
+
+    monkeypatch.setattr(client, "scatter", scatter)
     found = _sweep_and_after(
         client, 15, lambda: [os.kill(each, signal.SIGKILL) for each in workers], monkeypatch
     )
     same(found, expected)
+    assert len(sent) >= 2
 
 
 def test_functions_travel_by_path_and_one_that_cannot_is_a_row(client, workers, register):

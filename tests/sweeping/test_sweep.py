@@ -1,6 +1,9 @@
 """sweep(): rows in the order of the grid, the same numbers from all workers, errors as rows."""
 
+import ast
+import io
 import os
+import re
 import subprocess
 import sys
 from concurrent.futures import ProcessPoolExecutor, ThreadPoolExecutor
@@ -10,6 +13,7 @@ import numpy as np
 import pytest
 
 import quorvane as qv
+from quorvane.baskets import progress
 from support import sweeping
 from support.sweeping import NAMES, PAIRS, grid, in_a_loop, returns
 
@@ -170,7 +174,24 @@ def test_an_instrument_that_is_missing_is_an_error_of_its_rows_alone():
     assert found["error"].tolist()[1] == "ValueError: returns: no instrument 'GOLD'"
 
 
-def test_no_bar_and_no_pickle_of_code_is_needed_in_the_middle(capsys):
+class Terminal(io.StringIO):
+    def isatty(self):
+        return True
+
+
+def test_whoever_watches_sees_one_bar_with_the_time_left(monkeypatch):
+    pytest.importorskip("tqdm")
+    monkeypatch.setattr(progress, "PATIENCE", 0.0)
+    screen = Terminal()
+    monkeypatch.setattr(sys, "stderr", screen)
+    thread(returns(), {**ONE, "hold": [0, 1, 2, 3]}, score=sweeping.sleeps_longer)
+    shown = screen.getvalue()
+    assert re.search(r"sweep: +\d+%.* [1-4]/4 \[\d\d:\d\d<\d\d:\d\d, .*configuration", shown)
+    # Those of the baskets themselves would come in between.
+    assert "quorvane" not in shown
+
+
+def test_nobody_else_is_told_anything(capsys):
     thread(returns(), ONE)
     assert capsys.readouterr() == ("", "")
 
@@ -181,29 +202,37 @@ def test_without_pandas_it_says_what_to_install(monkeypatch):
         qv.sweep(np.zeros((3, 2)), ONE)
 
 
-def test_a_program_needs_no_guard_and_a_failing_import_nobody_else(tmp_path):
-    root = qv.__file__.rpartition("/quorvane/")[0]
-    program = tmp_path / "program.py"
-    program.write_text(
-        "import numpy as np, quorvane as qv, sys\n"
-        "assert not {'pandas', 'dask', 'distributed'} & set(sys.modules)\n"
-        "@qv.register('own')\n"
-        "def own(values, state):\n    return values, state\n"
-        "grid = {'weights': [None], 'expression': ['rank', 'own;rank', 'ewma(3)']}\n"
-        "found = qv.sweep(np.random.default_rng(1).normal(size=(60, 5)), grid)\n"
-        "assert not {'dask', 'distributed'} & set(sys.modules)\n"
-        "print(found['error'].tolist())\n"
-    )
+PROGRAM = """
+import sys
+import numpy as np, quorvane as qv
+assert not {'pandas', 'dask', 'distributed'} & set(sys.modules)
+import mine
+qv.register('mine', mine.function)
+@qv.register('own')
+def own(values, state):
+    return values, state
+grid = {'weights': [None], 'expression': ['rank', 'own;rank', 'mine;rank']}
+found = qv.sweep(np.random.default_rng(1).normal(size=(60, 5)), grid)
+assert not {'dask', 'distributed'} & set(sys.modules)
+print(found['error'].tolist())
+"""
+
+
+@pytest.mark.parametrize("is_file", [True, False])
+def test_a_program_needs_no_guard_and_can_have_modules_beside_it(tmp_path, is_file):
+    (tmp_path / "program.py").write_text(PROGRAM)
+    (tmp_path / "mine.py").write_text("def function(values, state):\n    return values, state\n")
     done = subprocess.run(
-        [sys.executable, str(program)],
-        env={**os.environ, "PYTHONPATH": root},
+        [sys.executable, "program.py" if is_file else "-"],
+        env={**os.environ, "PYTHONPATH": qv.__file__.rpartition("/quorvane/")[0]},
         cwd=tmp_path,
+        input=None if is_file else PROGRAM,
         capture_output=True,
         text=True,
         check=True,
     )
-    first, own, last = eval(done.stdout)
-    assert (first, last) == ("", "")
+    first, own, beside = ast.literal_eval(done.stdout)
+    assert (first, beside) == ("", "")
     assert own.startswith("ImportError: '__main__:own' cannot be imported")
-    assert "a module of its own" in own
+    assert own.endswith("; put the function at the top of a module of its own")
     assert done.stderr == ""

@@ -82,7 +82,7 @@ def _swept(returns: Any, workers: int) -> tuple[Any, float]:
     distributed: Any = require_library("distributed", "a cluster", extra="cluster")
     with (
         distributed.LocalCluster(
-            n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=None
+            n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=":0"
         ) as cluster,
         distributed.Client(cluster) as client,
     ):

@@ -118,13 +118,12 @@ def _source_of(module: ModuleType, path: str) -> str:
     if known is not None and module.__spec__ is not None and known[0] is module.__spec__:
         return known[1]
     file = getattr(module, "__file__", None)
-    if file is not None:
-        try:
-            source = digest(Path(file).read_bytes())
-        except OSError as error:
-            raise ImportError(f"{path!r}: the file of its module cannot be read: {error}") from None
-        _SOURCES[module.__name__] = module.__spec__, source
-        return source
-    if module.__name__ in sys.builtin_module_names:
+    if file is None and module.__name__ in sys.builtin_module_names:
         return digest(sys.version)
-    raise ImportError(f"{path!r} cannot be imported elsewhere: its module is no file{_HINT}")
+    try:
+        source = digest(Path(file or "").read_bytes())
+    except OSError:
+        text = f"{path!r} cannot be imported elsewhere: its module is no file that can be read"
+        raise ImportError(f"{text}{_HINT}") from None
+    _SOURCES[module.__name__] = module.__spec__, source
+    return source

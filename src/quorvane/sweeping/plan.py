@@ -8,7 +8,7 @@ from typing import Any
 
 from quorvane.expressions import recipes_of, registered
 from quorvane.sweeping.bench import functions_in
-from quorvane.sweeping.grid import DEFAULTS, Grid, grid_of
+from quorvane.sweeping.grid import DEFAULTS, REQUIRED, Grid, grid_of
 from quorvane.sweeping.outcome import Outcome, error_text
 from quorvane.sweeping.own_functions import OwnFunction, own_function
 from quorvane.sweeping.plain_values import digest
@@ -45,13 +45,21 @@ class Plan:
 
     def name_of(self, job: Job) -> str:
         """What a configuration computes, as a name: another one for anything else."""
-        shared = self.shared
-        chosen = zip(shared.choices.items(), job, strict=True)
-        given = {name: values[number] for (name, values), number in chosen}
-        whole = {**DEFAULTS, **given}
-        own = functions_in(whole["expression"], shared.functions)
+        given = dict(zip(self.grid.choices, job, strict=True))
+        whole = {name: self._values[name][given.get(name, -1)] for name in sorted(self._values)}
+        expression = self.shared.choices["expression"][given["expression"]]
+        own = functions_in(expression, self.shared.functions)
         functions = sorted((name, each.path, each.source) for name, each in own.items())
-        return digest(self._common, [whole[name] for name in sorted(whole)], functions)
+        return digest(self._common, whole, functions)
+
+    @cached_property
+    def _values(self) -> dict[str, list[str]]:
+        """Digests of the choices of each argument of `Baskets`, its default behind them."""
+        given, defaults = self.shared.choices, DEFAULTS
+        return {
+            name: [digest(value) for value in (*given.get(name, ()), defaults.get(name))]
+            for name in (*REQUIRED, *defaults)
+        }
 
     @cached_property
     def _common(self) -> str:

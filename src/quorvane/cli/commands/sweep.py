@@ -15,12 +15,14 @@ from quorvane.cli.files import WholeOutputs, ending_of
 from quorvane.cli.inputs import structure_input
 from quorvane.cli.libraries import require_library
 from quorvane.cli.saying import say
+from quorvane.cli.stopping import signals_held
 from quorvane.cli.summary import describe_table, format_rows
 from quorvane.cli.sweep_grid import GRID_ENDINGS, read_grid
 from quorvane.cli.sweep_report import report_of
 from quorvane.cli.table import Table
 from quorvane.cli.table_io import TABLE_ENDINGS, read_table
 from quorvane.stores.errors import StoreError
+from quorvane.tables.dates import dates_of
 
 TABLE, REPORT = "table.csv", "report.html"
 
@@ -49,12 +51,24 @@ def _frame(table: Table, kind: Any) -> Any:
     """What the sweep is over, by name and day."""
     pandas = require_library("pandas", "a sweep", extra="evaluation")
     values = structure_input(table.values, kind)
-    index = None if table.dates is None else pandas.Index(table.dates.text, dtype=object)
-    return pandas.DataFrame(values, index=index, columns=list(table.instruments), copy=False)
+    columns = list(table.instruments)
+    return pandas.DataFrame(values, index=_days(table, pandas), columns=columns, copy=False)
+
+
+def _days(table: Table, pandas: Any) -> Any:
+    """The days as dates, whose order is then checked; as labels where they are none."""
+    if table.dates is None:
+        return None
+    try:
+        dates, is_utc = dates_of(table.dates.text, lambda row: f"row {row}")
+    except ValueError:
+        return pandas.Index(table.dates.text, dtype=object)
+    return pandas.DatetimeIndex(dates, tz="UTC" if is_utc else None)
 
 
 def _swept(frame: Any, grid: Any, score: Any, executor: Any, out: Path) -> Any:
-    from quorvane.sweeping import sweep
+    with signals_held():
+        from quorvane.sweeping import sweep
 
     try:
         return sweep(frame, grid, score=score, executor=executor, out=out)
