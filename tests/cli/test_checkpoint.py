@@ -8,8 +8,8 @@ import time
 import numpy as np
 import pytest
 
-from quorvane.cli import replay_command
 from quorvane.cli.checkpoint import Checkpoint, RunIdentity
+from quorvane.cli.commands import replay as replay_command
 from quorvane.cli.files import WholeOutputs
 from quorvane.cli.table import Dates, Table
 from quorvane.cli.table_io import write_table

@@ -8,7 +8,8 @@ import sys
 import numpy as np
 import pytest
 
-from quorvane.cli import csv_table, replay_command
+from quorvane.cli import csv_table
+from quorvane.cli.commands import replay as replay_command
 from quorvane.cli.table_io import read_table
 
 
@@ -271,7 +272,7 @@ def test_too_little_memory_is_one_line(replay, monkeypatch):
     def exhausted(path):
         raise MemoryError
 
-    monkeypatch.setattr("quorvane.cli.replay_command.read_table", exhausted)
+    monkeypatch.setattr("quorvane.cli.commands.replay.read_table", exhausted)
     assert error_of(replay(), 1) == "not enough memory for these tables"
 
 

@@ -1,4 +1,4 @@
-"""The replay loop: the rotation's days in order, many at once where nobody looks at each."""
+"""The loop over days: the rotation's days in order, many at once where nobody looks at each."""
 
 from __future__ import annotations
 

@@ -13,6 +13,7 @@ from numpy.typing import NDArray
 
 from quorvane.cli import summary
 from quorvane.cli.checkpoint import Checkpoint, RunIdentity
+from quorvane.cli.day_loop import Progress, replay
 from quorvane.cli.errors import DataError, UsageError
 from quorvane.cli.files import WholeOutputs, check_writable, ending_of
 from quorvane.cli.inputs import structure_input
@@ -20,7 +21,6 @@ from quorvane.cli.libraries import require_library
 from quorvane.cli.limits import MAX_CELLS, MAX_STRUCTURES
 from quorvane.cli.plot import PICTURE_ENDINGS, Picture, choose_evenly, draw_picture
 from quorvane.cli.recording import OutputRecorder, Recorder, StructureRecorder
-from quorvane.cli.replay import Progress, replay
 from quorvane.cli.saying import note, say
 from quorvane.cli.stopping import StopRequest
 from quorvane.cli.structures import Structures, read_structures

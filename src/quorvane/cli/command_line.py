@@ -54,7 +54,7 @@ def run(argv: Sequence[str] | None = None) -> int:
         with termination_raised():
             with signals_held():
                 # Imported after parsing, so that --help does not wait for it.
-                from quorvane.cli.replay_command import replay_command
+                from quorvane.cli.commands.replay import replay_command
 
             return replay_command(options)
     except Terminated:

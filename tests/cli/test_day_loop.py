@@ -3,8 +3,8 @@
 import numpy as np
 import pytest
 
+from quorvane.cli.day_loop import Progress, replay
 from quorvane.cli.recording import OutputRecorder, StructureRecorder
-from quorvane.cli.replay import Progress, replay
 from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 
 NAMES = ["A", "B", "C"]
