@@ -17,7 +17,7 @@ def records(prices, structures):
     table = read_table(prices)
     sink = []
     rotation = FixedBaskets(
-        read_structures(structures, table.instruments),
+        read_structures(structures, table.instruments).latest,
         table.instruments,
         transformation_expression="rank",
         max_structures=5,

@@ -4,43 +4,50 @@ from __future__ import annotations
 
 import argparse
 import os
+import time
 from contextlib import nullcontext
 from dataclasses import dataclass
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 from numpy.typing import NDArray
 
 from quorvane.cli import summary
-from quorvane.cli.checkpoint import Checkpoint, RunIdentity
+from quorvane.cli.basket_days import BasketDays, Choices
+from quorvane.cli.checkpoint import Checkpoint
+from quorvane.cli.commands.replay_options import FOREVER
+from quorvane.cli.day_labels import Moments, in_order, table_moments
 from quorvane.cli.day_loop import Progress, replay
 from quorvane.cli.errors import DataError, UsageError
 from quorvane.cli.files import WholeOutputs, check_writable, ending_of
 from quorvane.cli.inputs import structure_input
+from quorvane.cli.labels import LABEL_ENDINGS, Labels, read_labels
 from quorvane.cli.libraries import require_library
 from quorvane.cli.limits import MAX_CELLS, MAX_STRUCTURES
+from quorvane.cli.own_functions import import_functions
 from quorvane.cli.plot import PICTURE_ENDINGS, Picture, choose_evenly, draw_picture
 from quorvane.cli.recording import OutputRecorder, Recorder, StructureRecorder
+from quorvane.cli.run_identity import RunIdentity
 from quorvane.cli.saying import note, say
 from quorvane.cli.stopping import StopRequest
-from quorvane.cli.structures import Structures, read_structures
+from quorvane.cli.structures import STRUCTURE_ENDINGS, StructureBook, read_structures
 from quorvane.cli.table import Table
-from quorvane.cli.table_io import TABLE_ENDINGS, read_table, write_table
-from quorvane.cli.trace import TRACE_ENDINGS, TraceRecorder, write_trace
-from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
+from quorvane.cli.table_io import TABLE_ENDINGS, place_of, read_table, write_table
+from quorvane.cli.trace import TRACE_ENDINGS, Trace, TraceRecorder, legs_by_day, write_trace
 
 PLOTTED_STRUCTURES = 48
 
 
 @dataclass
 class Run:
-    """A replay that is ready to go: what was read, the rotation, and who records its days."""
+    """A replay that is ready to go: what was read, the days, and who records them."""
 
     options: argparse.Namespace
     table: Table
-    structures: Structures
-    inputs: NDArray[np.float64]
-    rotation: FixedBaskets
+    structures: StructureBook
+    labels: Labels
+    days: BasketDays
     output: OutputRecorder
     plotted: StructureRecorder | None
     trace: TraceRecorder | None
@@ -52,32 +59,39 @@ class Run:
         return [self.output, *(recorder for recorder in optional if recorder is not None)]
 
 
-def replay_command(options: argparse.Namespace) -> int:
+def execute(options: argparse.Namespace) -> int:
     """Read, replay, write, sum up; raises CommandError for whatever the user can mend."""
+    times = [time.perf_counter()]
     _check_options(options)
     run = _prepare(options)
+    times.append(time.perf_counter())
     checkpoint = _checkpoint(run)
     first_day = 0 if checkpoint is None else _first_day(checkpoint, options)
     with StopRequest() as stop:
         progress = _replay(run, checkpoint, first_day, stop)
-    if progress.next_day < run.inputs.shape[0]:
+    times.append(time.perf_counter())
+    if progress.next_day < len(run.days.inputs):
         return _stopped(run, progress, stop.signal_number)
     result = Table(run.output.output, run.table.instruments, run.table.dates)
     _write(run, result, checkpoint)
+    times.append(time.perf_counter())
     if not options.quiet:
-        say(_summary(run, result, progress))
+        say(_summary(run, result, progress, times))
     return 0
 
 
 def _check_options(options: argparse.Namespace) -> None:
     """Everything that can be refused before a file is read."""
     ending_of(options.table, TABLE_ENDINGS, "a table")
+    ending_of(options.structures, STRUCTURE_ENDINGS, "a structures file")
     ending_of(options.output, TABLE_ENDINGS, "a table")
     if options.plot is not None:
         ending_of(options.plot, PICTURE_ENDINGS, "a picture")
         require_library("matplotlib", "drawing a picture")
     if options.trace is not None:
         ending_of(options.trace, TRACE_ENDINGS, "a trace")
+    if options.labels is not None:
+        ending_of(options.labels, LABEL_ENDINGS, "a file of labels")
     if options.output.name.lower().endswith(".parquet"):
         require_library("pyarrow", "writing a Parquet table")
     if options.checkpoint is None and (options.resume or options.stop_after is not None):
@@ -86,6 +100,12 @@ def _check_options(options: argparse.Namespace) -> None:
     _check_distinct(options)
     for path, what in _outputs(options):
         check_writable(path, what)
+    if options.checkpoint is not None:
+        options.checkpoint.check()
+    if options.functions is not None:
+        import_functions(options.functions)
+    # Arguments that are out of range show when the functions are made.
+    _choices(options).settings(None, {})
 
 
 def _outputs(options: argparse.Namespace) -> list[tuple[Path, str]]:
@@ -93,7 +113,6 @@ def _outputs(options: argparse.Namespace) -> list[tuple[Path, str]]:
         (options.output, "the table"),
         (options.plot, "the picture"),
         (options.trace, "the trace"),
-        (options.checkpoint, "the checkpoint"),
     ]
     return [(path, what) for path, what in named if path is not None]
 
@@ -103,40 +122,87 @@ def _check_distinct(options: argparse.Namespace) -> None:
     # Of realpath, since Path.resolve fails for links in a circle before Python 3.13.
     real = os.path.realpath
     taken = {real(options.table): "the table read", real(options.structures): "structures"}
-    for path, what in _outputs(options):
-        other = taken.setdefault(real(path), what)
+    if options.labels is not None:
+        taken[real(options.labels)] = "labels"
+    written: list[tuple[Any, str, str]] = [
+        (path, real(path), what) for path, what in _outputs(options)
+    ]
+    if options.checkpoint is not None:
+        place = options.checkpoint
+        written.append((place, place.identity, "the checkpoint"))
+    for path, identity, what in written:
+        other = taken.setdefault(identity, what)
         if other != what:
             raise UsageError(f"{path}: cannot be both {other} and {what} to write")
 
 
 def _prepare(options: argparse.Namespace) -> Run:
-    table = read_table(options.table)
-    structures = read_structures(options.structures, table.instruments)
-    days = table.values.shape[0]
-    slots = _slots(options.max_structures, len(structures))
+    table, moments = _dated_table(options)
+    structures = read_structures(
+        options.structures, table.instruments, changes_only=options.changes_only
+    )
+    labels: Labels = {}
+    if options.labels is not None:
+        labels = read_labels(options.labels, structures.keys)
+    days = BasketDays(
+        structures.book,
+        _choices(options),
+        structure_input(table.values, options.input),
+        dates=_dates_for(structures, moments, options),
+        slots=_slots(options.max_structures, len(structures.keys)),
+        labels=labels,
+    )
+    if options.checkpoint is not None:
+        days.require_states()
     trace = None
     if options.trace is not None:
-        if days * slots > MAX_CELLS:
+        cells = len(days.inputs) * days.slots
+        if cells > MAX_CELLS:
             raise DataError(
-                f"{options.trace}: a trace of {days} days of {slots} slots is {days * slots} "
-                f"cells, at most {MAX_CELLS} are allowed"
+                f"{options.trace}: a trace of {len(days.inputs)} days of {days.slots} slots is "
+                f"{cells} cells, at most {MAX_CELLS} are allowed"
             )
-        trace = TraceRecorder(days, slots)
-    rotation = _rotation(options, structures, table.instruments, slots, trace)
+        trace = TraceRecorder(days)
     plotted = None
     if options.plot is not None:
-        chosen = choose_evenly(len(structures), PLOTTED_STRUCTURES)
-        plotted = StructureRecorder(rotation, chosen, days)
-    return Run(
-        options=options,
-        table=table,
-        structures=structures,
-        inputs=structure_input(table.values, options.input),
-        rotation=rotation,
-        output=OutputRecorder(*table.values.shape),
-        plotted=plotted,
-        trace=trace,
-    )
+        chosen = choose_evenly(len(structures.keys), PLOTTED_STRUCTURES)
+        plotted = StructureRecorder(days, [structures.keys[position] for position in chosen])
+    output = OutputRecorder(*table.values.shape)
+    return Run(options, table, structures, labels, days, output, plotted, trace)
+
+
+def _dated_table(options: argparse.Namespace) -> tuple[Table, Moments | None]:
+    """The table, whose days are in order if they have dates."""
+    table = read_table(options.table)
+
+    def place(row: int) -> str:
+        return place_of(options.table, row)
+
+    return in_order(table, table_moments(table, place), place, sort=options.sort)
+
+
+def _dates_for(
+    structures: StructureBook, moments: Moments | None, options: argparse.Namespace
+) -> NDArray[np.datetime64] | None:
+    """The days' dates for dated structures, None for others."""
+    if not structures.book.is_dated:
+        return None
+    if moments is None:
+        raise DataError(
+            f"{options.structures}: the structures have dates, but the days of {options.table} "
+            f"have none such as 2000-01-31"
+        )
+    if moments.is_utc != structures.book.is_utc:
+        knows = "know" if moments.is_utc else "do not know"
+        raise DataError(
+            f"{options.structures}: the dates of {options.table} {knows} their time zone, those of "
+            f"the structures {'do not' if moments.is_utc else 'do'}"
+        )
+    return moments.nanoseconds(lambda row: place_of(options.table, row))
+
+
+def _choices(options: argparse.Namespace) -> Choices:
+    return Choices(options.expression, options.policy, options.hold, options.threads)
 
 
 def _slots(wanted: int | None, structures: int) -> int:
@@ -152,44 +218,37 @@ def _slots(wanted: int | None, structures: int) -> int:
     return wanted
 
 
-def _rotation(
-    options: argparse.Namespace,
-    structures: Structures,
-    instruments: tuple[str, ...],
-    slots: int,
-    trace: TraceRecorder | None,
-) -> FixedBaskets:
-    try:
-        return FixedBaskets(
-            structures,
-            instruments,
-            transformation_expression=options.expression,
-            max_structures=slots,
-            unmap_policy=options.policy,
-            trace_sink=trace,
-        )
-    except (ValueError, TypeError, LookupError) as error:
-        # The baskets were checked with the file's lines at hand, so the expression is at fault.
-        raise UsageError(f"--expression {options.expression!r}: {error}") from error
-
-
 def _checkpoint(run: Run) -> Checkpoint | None:
     options = run.options
     if options.checkpoint is None:
         return None
     identity = RunIdentity(
         table=run.table,
-        structures=run.structures,
+        book=run.structures.book,
         options={
             "input": options.input,
             "expression": options.expression,
+            "functions": ", ".join(run.days.functions),
             "policy": options.policy,
-            "max-structures": run.rotation.max_structures,
+            "hold": _hold_text(options),
+            "changes-only": options.changes_only,
+            "max-structures": run.days.slots,
             "plot": run.plotted is not None,
             "trace": run.trace is not None,
         },
+        moments=run.days.dates,
+        labels=run.labels,
     )
-    return Checkpoint(options.checkpoint, identity, run.rotation, run.recorders)
+    about = {
+        "table": str(options.table),
+        "structures file": str(options.structures),
+        "output": str(options.output),
+    }
+    return Checkpoint(options.checkpoint, identity, run.days.rotation, run.recorders, about)
+
+
+def _hold_text(options: argparse.Namespace) -> str:
+    return FOREVER if options.hold is None else str(options.hold)
 
 
 def _first_day(checkpoint: Checkpoint, options: argparse.Namespace) -> int:
@@ -216,7 +275,7 @@ def _replay(run: Run, checkpoint: Checkpoint | None, first_day: int, stop: StopR
         return stopping
 
     def days_before_stop(day: int) -> int:
-        ends: list[int] = [run.inputs.shape[0]]
+        ends: list[int] = [len(run.days.inputs)]
         if options.stop_after is not None:
             ends.append(first_day + options.stop_after)
         if checkpoint is not None:
@@ -224,14 +283,12 @@ def _replay(run: Run, checkpoint: Checkpoint | None, first_day: int, stop: StopR
         return max(min(ends) - day, 1)
 
     progress = replay(
-        run.rotation,
-        run.inputs,
+        run.days,
         run.recorders,
         first_day=first_day,
         show_progress=not options.quiet,
         stop_before=stop_before,
         days_before_stop=days_before_stop,
-        threads=options.threads,
     )
     if checkpoint is not None and progress.next_day > checkpoint.saved_days:
         checkpoint.save(progress.next_day)
@@ -261,9 +318,9 @@ def _write(run: Run, result: Table, checkpoint: Checkpoint | None) -> None:
         with outputs.making(options.output, "the table") as part:
             write_table(part, result)
         if run.trace is not None:
-            slots = {key: run.rotation.slot_by_key[(key,)] for key in run.structures}
+            slots, legs = run.days.slot_of, legs_by_day(run.days)
             with outputs.making(options.trace, "the trace") as part:
-                write_trace(part, run.trace, slots, run.structures, result)
+                write_trace(part, Trace(run.trace, slots, legs, options.policy, result))
         if run.plotted is not None:
             with outputs.making(options.plot, "the picture") as part:
                 draw_picture(part, _picture(run, run.plotted, result))
@@ -272,42 +329,44 @@ def _write(run: Run, result: Table, checkpoint: Checkpoint | None) -> None:
 
 
 def _picture(run: Run, plotted: StructureRecorder, result: Table) -> Picture:
-    options, keys = run.options, list(run.structures)
+    options = run.options
     return Picture(
         title=options.title or options.table.name,
         table=run.table,
         input_kind=options.input,
         expression=options.expression,
         policy=options.policy,
-        structures=run.structures,
-        shown_keys=[keys[position] for position in plotted.baskets],
+        structures=run.structures.latest,
+        shown_keys=plotted.keys,
         entered=plotted.entered,
         left=plotted.left,
         output=result.values,
     )
 
 
-def _summary(run: Run, result: Table, progress: Progress) -> str:
+def _summary(run: Run, result: Table, progress: Progress, times: list[float]) -> str:
     options = run.options
     rows = [
         ("table", f"{options.table}: {summary.describe_table(run.table)}"),
-        ("structures", f"{options.structures}: {summary.describe_structures(run.structures)}"),
+        ("read as", "; ".join(run.table.taken)),
+        ("structures", f"{options.structures}: {summary.describe_book(run.structures.book)}"),
+        ("read as", "; ".join(run.structures.taken)),
         ("structures see", "daily returns" if options.input == "returns" else "levels"),
         ("expression", options.expression),
+        ("hold", summary.describe_hold(options.hold)),
         ("unmap policy", options.policy),
         ("output", f"{options.output}: {summary.describe_output(result)}"),
     ]
     rows += [
-        (label, str(path))
-        for label, path in [
+        (label, "" if place is None else str(place))
+        for label, place in [
             ("picture", options.plot),
             ("trace", options.trace),
             ("checkpoint", options.checkpoint),
         ]
-        if path is not None
     ]
     if progress.first_day:
         rows.append(("resumed", f"before day {progress.first_day:,}"))
     computed = progress.next_day - progress.first_day
-    rows.append(("time", summary.describe_time(computed, progress.seconds)))
-    return "quorvane replay\n" + summary.format_rows(rows)
+    rows.append(("time", summary.describe_times(computed, progress.seconds, times)))
+    return "quorvane replay\n" + summary.format_rows((label, text) for label, text in rows if text)
