@@ -74,7 +74,7 @@ def test_the_lines_hold_one_object_per_day(traced, records):
 
 
 def test_a_trace_beyond_the_limits_is_refused(replay, tmp_path, monkeypatch):
-    monkeypatch.setattr("quorvane.cli.commands.replay.MAX_CELLS", 20)
+    monkeypatch.setattr("quorvane.cli.prepared_run.MAX_CELLS", 20)
     outcome = replay(trace=tmp_path / "t.npz")
     assert outcome.status == 1
     assert "t.npz: a trace of 7 days of 3 slots is 21 cells, at most 20 are allowed" in outcome.err

@@ -87,6 +87,11 @@ class BasketDays:
         self._course = Course(self.rotation, book, reclaim=False)
 
     @property
+    def hold(self) -> int | None:
+        """For how many days a structure speaks without a value, None for ever."""
+        return self._choices.hold
+
+    @property
     def functions(self) -> list[str]:
         """Which class or function each of the expression is, for comparing runs."""
         return [function.identity for function in self.rotation.chain.functions]

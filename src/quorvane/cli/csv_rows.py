@@ -106,17 +106,19 @@ def place_of_row(rows: Rows, number: int) -> Rows:
     return rows
 
 
-def read_number(where: object, cell: str, column: str) -> float:
+def read_number(where: Rows, cell: str, column: str) -> float:
     """The number in a cell, NaN where it is missing; DataError for what is neither."""
     if cell.strip() in MISSING:
         return math.nan
     if is_plain_number(cell):
         return float(cell)
-    told = f"{where}, column {shown(column)}: expected a number or an empty cell, got {shown(cell)}"
+    told = [
+        f"{where}, column {shown(column)}: expected a number or an empty cell, got {shown(cell)}"
+    ]
     whole, comma, fraction = cell.strip().partition(",")
     if comma and is_plain_number(f"{whole}.{fraction}"):
-        told += "; decimal commas are not read, write a point"
-    raise DataError(told)
+        told.append("decimal commas are not read, write a point")
+    raise DataError("; ".join([*told, *where.notes]))
 
 
 def is_plain_number(cell: str) -> bool:

@@ -9,6 +9,7 @@ from dataclasses import dataclass, replace
 import numpy as np
 from numpy.typing import NDArray
 
+from quorvane.cli.counting import counted
 from quorvane.cli.errors import DataError, shown
 from quorvane.cli.table import Table
 from quorvane.tables.dates import dates_of, to_nanoseconds
@@ -124,7 +125,7 @@ def _taken(table: Table, order: NDArray[np.intp]) -> Table:
         table,
         values=table.values[order],
         dates=replace(dates, text=text, arrow=arrow),
-        taken=(*table.taken, f"sorted by date, {moved:,} days moved"),
+        taken=(*table.taken, f"sorted by date, {counted(moved, 'day')} moved"),
     )
 
 

@@ -20,7 +20,7 @@ MOMENT = 0.05
 
 @dataclass(frozen=True)
 class Progress:
-    """Days first_day to next_day - 1 were computed, in ``seconds``."""
+    """Days first_day to next_day - 1 were computed and recorded, in ``seconds``."""
 
     first_day: int
     next_day: int
@@ -54,11 +54,10 @@ def replay(
             most = 1 if one_by_one else min(at_once.days, count - day, days_before_stop(day))
             started = time.perf_counter()
             output = days.compute(day, day + most)
-            taken = time.perf_counter() - started
-            at_once.learn(taken)
-            seconds += taken
+            at_once.learn(time.perf_counter() - started)
             for recorder in recorders:
                 recorder.record(day, output)
+            seconds += time.perf_counter() - started
             day += most
             advance(most)
     return Progress(first_day, day, seconds)

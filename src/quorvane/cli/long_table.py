@@ -9,6 +9,7 @@ from pathlib import Path
 import numpy as np
 from numpy.typing import NDArray
 
+from quorvane.cli.counting import counted
 from quorvane.cli.day_labels import Place, moments_of
 from quorvane.cli.errors import DataError, shown
 from quorvane.cli.limits import check_dated_days, check_table_size
@@ -95,7 +96,7 @@ def table_of_rows(
     values.reshape(-1)[cells] = rows.values
     _refuse_repeated(rows, cells, values.size, place)
     text = tuple(rows.labels[number] for number in order.tolist())
-    told = (*taken, f"{columns.taken} ({len(cells):,} rows)")
+    told = (*taken, f"{columns.taken} ({counted(len(cells), 'row')})")
     return Table(values, tuple(rows.names), Dates(columns.header[columns.date], text), told)
 
 

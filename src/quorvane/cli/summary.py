@@ -8,6 +8,7 @@ from itertools import pairwise
 import numpy as np
 
 from quorvane.baskets.listing import Book
+from quorvane.cli.counting import counted
 from quorvane.cli.day_labels import looks_like_date
 from quorvane.cli.structures import Structures
 from quorvane.cli.table import Table
@@ -67,22 +68,20 @@ def describe_time(days: int, seconds: float) -> str:
     return f"{seconds:.2f} s for {counted(days, 'day')}, {_duration(seconds / days)} per day"
 
 
-def describe_times(days: int, computing: float, times: Sequence[float]) -> str:
+def describe_times(
+    days: int, computing: float, times: Sequence[float], *, has_checkpoint: bool
+) -> str:
     """The whole time and its parts; ``times`` are of the start and of the end of each step.
 
     The steps are reading, the days, and writing. What the second took besides computing is for
-    checkpoints, and for looking at each day.
+    checkpoints.
     """
     reading, between, writing = (after - before for before, after in pairwise(times))
-    return (
-        f"{times[-1] - times[0]:.2f} s: {reading:.2f} s reading, {describe_time(days, computing)}, "
-        f"{between - computing:.2f} s keeping, {writing:.2f} s writing"
-    )
-
-
-def counted(number: int, what: str) -> str:
-    """A number of things, one of which is no plural."""
-    return f"{number:,} {what}" if number == 1 else f"{number:,} {what}s"
+    parts = [f"{reading:.2f} s reading", describe_time(days, computing)]
+    if has_checkpoint:
+        parts.append(f"{between - computing:.2f} s keeping checkpoints")
+    parts.append(f"{writing:.2f} s writing")
+    return f"{times[-1] - times[0]:.2f} s: {', '.join(parts)}"
 
 
 def _share(part: int, whole: int) -> str:

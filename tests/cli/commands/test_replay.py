@@ -96,7 +96,7 @@ def test_the_summary_says_what_was_done(replay, tmp_path, prices, structures):
     seconds = r"\d+\.\d\d s"
     assert re.fullmatch(
         rf"{seconds}: {seconds} reading, {seconds} for 7 days, \S+ .?s per day, "
-        rf"{seconds} keeping, {seconds} writing",
+        rf"{seconds} writing",
         shown["time"],
     )
 
@@ -281,7 +281,7 @@ def test_too_little_memory_is_one_line(replay, monkeypatch):
     def exhausted(path):
         raise MemoryError
 
-    monkeypatch.setattr("quorvane.cli.commands.replay.read_table", exhausted)
+    monkeypatch.setattr("quorvane.cli.prepared_run.read_table", exhausted)
     assert error_of(replay(), 1) == "not enough memory for these tables"
 
 

@@ -4,8 +4,8 @@ from __future__ import annotations
 
 import argparse
 
+from quorvane.cli.counting import counted
 from quorvane.cli.saying import say
-from quorvane.cli.summary import counted
 from quorvane.cli.trace_reading import TracedNumber, read_number
 
 _COLUMNS = ("structure", "weight", "entered", "left", "contribution")

@@ -3,67 +3,31 @@
 from __future__ import annotations
 
 import argparse
-import os
 import time
 from contextlib import nullcontext
-from dataclasses import dataclass
-from pathlib import Path
-from typing import Any
-
-import numpy as np
-from numpy.typing import NDArray
 
 from quorvane.cli import summary
-from quorvane.cli.basket_days import BasketDays, Choices
 from quorvane.cli.checkpoint import Checkpoint
 from quorvane.cli.commands.replay_options import FOREVER
-from quorvane.cli.day_labels import Moments, in_order, table_moments
 from quorvane.cli.day_loop import Progress, replay
-from quorvane.cli.errors import DataError, UsageError
-from quorvane.cli.files import WholeOutputs, check_writable, ending_of
-from quorvane.cli.inputs import structure_input
-from quorvane.cli.labels import LABEL_ENDINGS, Labels, read_labels
-from quorvane.cli.libraries import require_library
-from quorvane.cli.limits import MAX_CELLS, MAX_STRUCTURES
-from quorvane.cli.own_functions import import_functions
-from quorvane.cli.plot import PICTURE_ENDINGS, Picture, choose_evenly, draw_picture
-from quorvane.cli.recording import OutputRecorder, Recorder, StructureRecorder
+from quorvane.cli.files import WholeOutputs
+from quorvane.cli.plot import Picture, draw_picture
+from quorvane.cli.prepared_run import Run, prepare
+from quorvane.cli.recording import StructureRecorder
+from quorvane.cli.replay_checks import check_options
 from quorvane.cli.run_identity import RunIdentity
 from quorvane.cli.saying import note, say
 from quorvane.cli.stopping import StopRequest
-from quorvane.cli.structures import STRUCTURE_ENDINGS, StructureBook, read_structures
 from quorvane.cli.table import Table
-from quorvane.cli.table_io import TABLE_ENDINGS, place_of, read_table, write_table
-from quorvane.cli.trace import TRACE_ENDINGS, Trace, TraceRecorder, legs_by_day, write_trace
-
-PLOTTED_STRUCTURES = 48
-
-
-@dataclass
-class Run:
-    """A replay that is ready to go: what was read, the days, and who records them."""
-
-    options: argparse.Namespace
-    table: Table
-    structures: StructureBook
-    labels: Labels
-    days: BasketDays
-    output: OutputRecorder
-    plotted: StructureRecorder | None
-    trace: TraceRecorder | None
-
-    @property
-    def recorders(self) -> list[Recorder]:
-        """All recorders of the run."""
-        optional: list[Recorder | None] = [self.plotted, self.trace]
-        return [self.output, *(recorder for recorder in optional if recorder is not None)]
+from quorvane.cli.table_io import write_table
+from quorvane.cli.trace import Trace, legs_by_day, write_trace
 
 
 def execute(options: argparse.Namespace) -> int:
     """Read, replay, write, sum up; raises CommandError for whatever the user can mend."""
     times = [time.perf_counter()]
-    _check_options(options)
-    run = _prepare(options)
+    check_options(options)
+    run = prepare(options)
     times.append(time.perf_counter())
     checkpoint = _checkpoint(run)
     first_day = 0 if checkpoint is None else _first_day(checkpoint, options)
@@ -80,144 +44,6 @@ def execute(options: argparse.Namespace) -> int:
     return 0
 
 
-def _check_options(options: argparse.Namespace) -> None:
-    """Everything that can be refused before a file is read."""
-    ending_of(options.table, TABLE_ENDINGS, "a table")
-    ending_of(options.structures, STRUCTURE_ENDINGS, "a structures file")
-    ending_of(options.output, TABLE_ENDINGS, "a table")
-    if options.plot is not None:
-        ending_of(options.plot, PICTURE_ENDINGS, "a picture")
-        require_library("matplotlib", "drawing a picture")
-    if options.trace is not None:
-        ending_of(options.trace, TRACE_ENDINGS, "a trace")
-    if options.labels is not None:
-        ending_of(options.labels, LABEL_ENDINGS, "a file of labels")
-    if options.output.name.lower().endswith(".parquet"):
-        require_library("pyarrow", "writing a Parquet table")
-    if options.checkpoint is None and (options.resume or options.stop_after is not None):
-        option = "--resume" if options.resume else "--stop-after"
-        raise UsageError(f"{option} needs --checkpoint FILE")
-    _check_distinct(options)
-    for path, what in _outputs(options):
-        check_writable(path, what)
-    if options.checkpoint is not None:
-        options.checkpoint.check()
-    if options.functions is not None:
-        import_functions(options.functions)
-    # Arguments that are out of range show when the functions are made.
-    _choices(options).settings(None, {})
-
-
-def _outputs(options: argparse.Namespace) -> list[tuple[Path, str]]:
-    named = [
-        (options.output, "the table"),
-        (options.plot, "the picture"),
-        (options.trace, "the trace"),
-    ]
-    return [(path, what) for path, what in named if path is not None]
-
-
-def _check_distinct(options: argparse.Namespace) -> None:
-    """No output may overwrite an input or another output."""
-    # Of realpath, since Path.resolve fails for links in a circle before Python 3.13.
-    real = os.path.realpath
-    taken = {real(options.table): "the table read", real(options.structures): "structures"}
-    if options.labels is not None:
-        taken[real(options.labels)] = "labels"
-    written: list[tuple[Any, str, str]] = [
-        (path, real(path), what) for path, what in _outputs(options)
-    ]
-    if options.checkpoint is not None:
-        place = options.checkpoint
-        written.append((place, place.identity, "the checkpoint"))
-    for path, identity, what in written:
-        other = taken.setdefault(identity, what)
-        if other != what:
-            raise UsageError(f"{path}: cannot be both {other} and {what} to write")
-
-
-def _prepare(options: argparse.Namespace) -> Run:
-    table, moments = _dated_table(options)
-    structures = read_structures(
-        options.structures, table.instruments, changes_only=options.changes_only
-    )
-    labels: Labels = {}
-    if options.labels is not None:
-        labels = read_labels(options.labels, structures.keys)
-    days = BasketDays(
-        structures.book,
-        _choices(options),
-        structure_input(table.values, options.input),
-        dates=_dates_for(structures, moments, options),
-        slots=_slots(options.max_structures, len(structures.keys)),
-        labels=labels,
-    )
-    if options.checkpoint is not None:
-        days.require_states()
-    trace = None
-    if options.trace is not None:
-        cells = len(days.inputs) * days.slots
-        if cells > MAX_CELLS:
-            raise DataError(
-                f"{options.trace}: a trace of {len(days.inputs)} days of {days.slots} slots is "
-                f"{cells} cells, at most {MAX_CELLS} are allowed"
-            )
-        trace = TraceRecorder(days)
-    plotted = None
-    if options.plot is not None:
-        chosen = choose_evenly(len(structures.keys), PLOTTED_STRUCTURES)
-        plotted = StructureRecorder(days, [structures.keys[position] for position in chosen])
-    output = OutputRecorder(*table.values.shape)
-    return Run(options, table, structures, labels, days, output, plotted, trace)
-
-
-def _dated_table(options: argparse.Namespace) -> tuple[Table, Moments | None]:
-    """The table, whose days are in order if they have dates."""
-    table = read_table(options.table)
-
-    def place(row: int) -> str:
-        return place_of(options.table, row)
-
-    return in_order(table, table_moments(table, place), place, sort=options.sort)
-
-
-def _dates_for(
-    structures: StructureBook, moments: Moments | None, options: argparse.Namespace
-) -> NDArray[np.datetime64] | None:
-    """The days' dates for dated structures, None for others."""
-    if not structures.book.is_dated:
-        return None
-    if moments is None:
-        raise DataError(
-            f"{options.structures}: the structures have dates, but the days of {options.table} "
-            f"have none such as 2000-01-31"
-        )
-    if moments.is_utc != structures.book.is_utc:
-        knows = "know" if moments.is_utc else "do not know"
-        raise DataError(
-            f"{options.structures}: the dates of {options.table} {knows} their time zone, those of "
-            f"the structures {'do not' if moments.is_utc else 'do'}"
-        )
-    return moments.nanoseconds(lambda row: place_of(options.table, row))
-
-
-def _choices(options: argparse.Namespace) -> Choices:
-    return Choices(options.expression, options.policy, options.hold, options.threads)
-
-
-def _slots(wanted: int | None, structures: int) -> int:
-    if wanted is None:
-        return structures
-    if wanted < structures:
-        raise UsageError(
-            f"--max-structures {wanted}: expected at least {structures}, "
-            f"the number of structures in the file"
-        )
-    if wanted > MAX_STRUCTURES:
-        raise UsageError(f"--max-structures {wanted}: expected at most {MAX_STRUCTURES}")
-    return wanted
-
-
 def _checkpoint(run: Run) -> Checkpoint | None:
     options = run.options
     if options.checkpoint is None:
@@ -230,7 +56,7 @@ def _checkpoint(run: Run) -> Checkpoint | None:
             "expression": options.expression,
             "functions": ", ".join(run.days.functions),
             "policy": options.policy,
-            "hold": _hold_text(options),
+            "hold": FOREVER if run.days.hold is None else str(run.days.hold),
             "changes-only": options.changes_only,
             "max-structures": run.days.slots,
             "plot": run.plotted is not None,
@@ -245,10 +71,6 @@ def _checkpoint(run: Run) -> Checkpoint | None:
         "output": str(options.output),
     }
     return Checkpoint(options.checkpoint, identity, run.days.rotation, run.recorders, about)
-
-
-def _hold_text(options: argparse.Namespace) -> str:
-    return FOREVER if options.hold is None else str(options.hold)
 
 
 def _first_day(checkpoint: Checkpoint, options: argparse.Namespace) -> int:
@@ -353,7 +175,7 @@ def _summary(run: Run, result: Table, progress: Progress, times: list[float]) ->
         ("read as", "; ".join(run.structures.taken)),
         ("structures see", "daily returns" if options.input == "returns" else "levels"),
         ("expression", options.expression),
-        ("hold", summary.describe_hold(options.hold)),
+        ("hold", summary.describe_hold(run.days.hold)),
         ("unmap policy", options.policy),
         ("output", f"{options.output}: {summary.describe_output(result)}"),
     ]
@@ -367,6 +189,11 @@ def _summary(run: Run, result: Table, progress: Progress, times: list[float]) ->
     ]
     if progress.first_day:
         rows.append(("resumed", f"before day {progress.first_day:,}"))
-    computed = progress.next_day - progress.first_day
-    rows.append(("time", summary.describe_times(computed, progress.seconds, times)))
+    times_text = summary.describe_times(
+        progress.next_day - progress.first_day,
+        progress.seconds,
+        times,
+        has_checkpoint=options.checkpoint is not None,
+    )
+    rows.append(("time", times_text))
     return "quorvane replay\n" + summary.format_rows((label, text) for label, text in rows if text)

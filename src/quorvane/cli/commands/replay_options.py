@@ -15,6 +15,7 @@ from quorvane.cli.trace import TRACE_ENDINGS
 from quorvane.functions.rotations.virtualization.history import MOST_THREADS
 
 FOREVER = "forever"
+"""What ``--hold`` may say instead of a number."""
 
 _TEXT = """\
 Replay a table of days by instruments through structures: weighted baskets of instruments.
@@ -110,7 +111,7 @@ def _add_inputs(replay: argparse.ArgumentParser) -> None:
         type=_hold,
         metavar="DAYS",
         help="for how many days a structure goes on speaking without a value, or "
-        f'"{FOREVER}" (default: {FOREVER})',
+        f'"{FOREVER}" (default: {FOREVER}, with dated structures 0)',
     )
     group.add_argument(
         "--policy",
@@ -190,9 +191,9 @@ def _add_checkpoints(replay: argparse.ArgumentParser) -> None:
     )
 
 
-def _hold(text: str) -> int | None:
+def _hold(text: str) -> int | str:
     if text == FOREVER:
-        return None
+        return FOREVER
     # Not int(), which takes 1_0 and digits of other scripts.
     if not (text.isascii() and text.isdigit()):
         raise argparse.ArgumentTypeError(
