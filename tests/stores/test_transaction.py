@@ -145,7 +145,7 @@ def test_others_write_while_a_state_is_packed(path, store, monkeypatch):
         hasty.write("b", 7)
         return pack(state)
 
-    monkeypatch.setattr("quorvane.stores.sqlite.pack", pack_while_another_writes)
+    monkeypatch.setattr("quorvane.stores.versioned.pack", pack_while_another_writes)
     store.write("a", 2)
     assert contents(store) == {"a": 2, "b": 7}
 

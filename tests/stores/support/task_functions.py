@@ -1,5 +1,6 @@
 """What the processes of the tests do."""
 
+import contextlib
 import os
 import resource
 import signal
@@ -13,7 +14,9 @@ NOBODY = 65534
 
 
 def warm_up():
-    """Use both stores once."""
+    """Use the stores that are files once, and load what the other one needs."""
+    with contextlib.suppress(ImportError):
+        import psycopg  # noqa: F401
     with tempfile.TemporaryDirectory() as folder:
         for kind in ("directory", "sqlite"):
             store = durable_store(kind, folder)
