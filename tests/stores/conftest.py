@@ -5,7 +5,7 @@ import importlib.util
 import pytest
 
 from quorvane.stores import MemoryStore
-from stores.support.samples import DURABLE_KINDS, durable_store
+from stores.support.samples import DURABLE_KINDS, VERSIONED_KINDS, durable_store
 from support.postgres import leave_address
 from support.tasks import TaskServer
 
@@ -25,6 +25,13 @@ def store(request, tmp_path):
 @pytest.fixture(params=DURABLE_KINDS)
 def durable_kind(request, tmp_path):
     """Each kind of store that outlives the process, at home in the test's folder."""
+    prepare(request, request.param, tmp_path)
+    return request.param
+
+
+@pytest.fixture(params=VERSIONED_KINDS)
+def versioned_kind(request, tmp_path):
+    """Each kind of store that keeps versions, at home in the test's folder."""
     prepare(request, request.param, tmp_path)
     return request.param
 

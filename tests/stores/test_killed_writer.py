@@ -1,7 +1,7 @@
 """A writer that is killed without warning loses nothing that it acknowledged.
 
-QUORVANE_KILLS sets how often each durable store's writer is killed, 200 times unless it does; that of
-a server a quarter as often, since a connection of its own for each operation takes its time.
+QUORVANE_KILLS sets how often each durable store's writer is killed, 200 times unless it does; that
+of a server a quarter as often, since each of its operations takes a connection of its own.
 """
 
 import os

@@ -5,8 +5,8 @@ import importlib.util
 import itertools
 import os
 import shutil
-import sys
 from pathlib import Path
+from urllib.parse import quote
 
 import pytest
 
@@ -62,8 +62,6 @@ class PostgresServer(ServerProcess):
 
     def url(self, database, user, password, port=None):
         """How to log in with a password, through the port or another one."""
-        from urllib.parse import quote
-
         login = f"{quote(user)}:{quote(password, safe='')}"
         return f"postgresql://{login}@127.0.0.1:{port or self.port}/{database}"
 
@@ -73,7 +71,7 @@ class PostgresServer(ServerProcess):
 
         with psycopg.connect(self.dsn(database), autocommit=True) as connection:
             cursor = connection.execute(statement, values or None)
-            return cursor.fetchall() if cursor.description else []
+            return [] if cursor.description is None else cursor.fetchall()
 
     def new_database(self, options=""):
         """Make an empty database and return its name."""
@@ -93,20 +91,34 @@ class PostgresServer(ServerProcess):
         self.sql("DROP SCHEMA IF EXISTS quorvane CASCADE", database=self._cleared)
         return self._cleared
 
+    def drop_database(self, name):
+        """Drop a database, whoever is connected to it."""
+        self.sql(f"DROP DATABASE {name} WITH (FORCE)")
+
     @contextlib.contextmanager
-    def user_with_password(self, options=""):
-        """A user who may make a store in any database, and must say `PASSWORD` at the port."""
+    def user_with_password(self, database):
+        """A user who may make a store in a database, and must say `PASSWORD` at the port."""
         from psycopg import sql
 
         name = f"u{next(self._numbers)}"
-        self.sql(
-            sql.SQL("CREATE ROLE {} SUPERUSER LOGIN PASSWORD {} " + options).format(
-                sql.Identifier(name), sql.Literal(PASSWORD)
-            )
-        )
+        password = sql.Literal(PASSWORD)
+        self.sql(sql.SQL("CREATE ROLE {} LOGIN PASSWORD {}").format(sql.Identifier(name), password))
+        self.sql(f"GRANT CREATE ON DATABASE {database} TO {name}")
         yield name
-        self.sql(f"DROP OWNED BY {name}")
+        self.sql(f"DROP OWNED BY {name} CASCADE", database=database)
         self.sql(f"DROP ROLE {name}")
+
+    @contextlib.contextmanager
+    def small_tablespace(self):
+        """A tablespace of two megabytes, whose disk can really be full; None without the rights."""
+        folder = self.ask("mount_small_disk")
+        if folder is None:
+            yield None
+            return
+        self.sql(f"CREATE TABLESPACE small LOCATION '{folder}'")
+        yield "small"
+        self.sql("DROP TABLESPACE small")
+        self.ask("unmount_small_disk")
 
 
 @pytest.fixture(scope="session")

@@ -42,6 +42,7 @@ class Keeper:
         self._folder = Path(folder)
         self._process = None
         self._port = None
+        self._small_disk = None
         # The server refuses the superuser's rights.
         self._user = {}
         if os.getuid() == 0:
@@ -87,6 +88,30 @@ class Keeper:
         if self._process is not None and self._process.poll() is None:
             self._process.send_signal(signal.SIGQUIT)
             self._process.wait()
+
+    def mount_small_disk(self):
+        """Mount a file system of two megabytes that is the server's, and say where, if allowed."""
+        place = self._folder / "small"
+        place.mkdir()
+        options = "size=2m,mode=700"
+        if self._user:
+            options += f",uid={self._user['user']},gid={self._user['group']}"
+        mounting = ["mount", "-t", "tmpfs", "-o", options, "tmpfs", place]
+        if (
+            shutil.which("mount") is None
+            or subprocess.run(mounting, capture_output=True).returncode
+        ):
+            place.rmdir()
+            return None
+        self._small_disk = place
+        return str(place)
+
+    def unmount_small_disk(self):
+        """Undo the mounting."""
+        if self._small_disk is not None:
+            subprocess.run(["umount", self._small_disk], check=True)
+            self._small_disk.rmdir()
+            self._small_disk = None
 
     def _is_up(self):
         note = self._folder / "data" / "postmaster.pid"
@@ -158,6 +183,7 @@ def main(programs):
     finally:
         if keeper is not None:
             keeper.stop()
+            keeper.unmount_small_disk()
         shutil.rmtree(folder)
 
 

@@ -159,6 +159,9 @@ def _parsed(dsn: str) -> dict[str, str]:
     psycopg = import_psycopg()
     if not dsn.strip():
         raise _refusal("it is empty")
+    if "\0" in dsn:
+        # libpq would take it for the end.
+        raise _refusal("it holds a NUL")
     if dsn.startswith(("postgresql://", "postgres://")):
         _refuse_odd_url(dsn)
     try:

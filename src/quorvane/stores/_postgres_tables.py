@@ -55,9 +55,9 @@ _LOOK = """
         (SELECT array_agg(attname || ' ' || format_type(atttypid, atttypmod) ORDER BY attnum)
             FROM pg_attribute
             WHERE attrelid = pg_class.oid AND attnum > 0 AND NOT attisdropped),
-        relkind = 'r' AND relpersistence = 'p'
+        relkind = 'r' AND NOT EXISTS (SELECT FROM pg_rewrite WHERE ev_class = pg_class.oid),
+        relpersistence = 'p'
             AND NOT EXISTS (SELECT FROM pg_inherits WHERE pg_class.oid IN (inhrelid, inhparent))
-            AND NOT EXISTS (SELECT FROM pg_rewrite WHERE ev_class = pg_class.oid)
             AND NOT EXISTS (SELECT FROM pg_trigger WHERE tgrelid = pg_class.oid)
             AND NOT EXISTS (SELECT FROM pg_attrdef WHERE adrelid = pg_class.oid)
             AND NOT EXISTS (SELECT FROM pg_constraint
@@ -85,11 +85,12 @@ def are_missing(connection: psycopg.Connection[Any], place: str) -> bool:
     StoreFormatError
         Something is there that is not a store, or is a newer one.
     """
-    found = {name: (columns, is_plain) for name, columns, is_plain in connection.execute(_LOOK)}
+    found = {name: seen for name, *seen in connection.execute(_LOOK)}
     if not found:
         return True
-    columns, is_plain = found.get("store", ([], False))
-    if not is_plain or "format integer" not in columns:
+    columns, is_table, _ = found.get("store", ([], False, False))
+    # A view would run whatever its owner likes.
+    if not is_table or "format integer" not in columns:
         raise StoreFormatError(f"the schema quorvane of {place} holds other tables than a store's")
     formats = [number for (number,) in connection.execute("SELECT format FROM quorvane.store")]
     if len(formats) == 1 and formats[0] > FORMAT:
@@ -97,7 +98,7 @@ def are_missing(connection: psycopg.Connection[Any], place: str) -> bool:
             f"{place} holds a store of format {formats[0]}, made by a newer version; "
             f"this one knows up to {FORMAT}"
         )
-    is_own = all(found.get(name) == (own, True) for name, own in _COLUMNS.items())
+    is_own = all(found.get(name) == [own, True, True] for name, own in _COLUMNS.items())
     if formats != [FORMAT] or not is_own:
         raise StoreFormatError(
             f"the schema quorvane of {place} is marked as a store and holds other tables than a "
@@ -108,7 +109,7 @@ def are_missing(connection: psycopg.Connection[Any], place: str) -> bool:
 
 def make(connection: psycopg.Connection[Any]) -> None:
     """Make the tables, and the schema unless somebody with more rights has made it before."""
-    schema = "SELECT FROM pg_namespace WHERE nspname = 'quorvane'"
+    schema = "SELECT 1 FROM pg_namespace WHERE nspname = 'quorvane'"
     if connection.execute(schema).fetchone() is None:
         connection.execute("CREATE SCHEMA quorvane")
     for statement in _SCHEMA:

@@ -88,12 +88,12 @@ class StoreTransaction:
 
     @contextlib.contextmanager
     def _whole(self, what: str) -> Iterator[None]:
-        self.require_whole(what)
         try:
+            self.require_whole(what)
             with self._place.writing(what):
                 yield
         except BaseException as error:
-            self._failure = error
+            self._failure = self._failure or error
             raise
 
 

@@ -49,9 +49,9 @@ def write_noted(kind, folder, acknowledged, first, last, **options):
         os.write(notes, b"x")
 
 
-def count_together(folder, acknowledged, times):
+def count_together(kind, folder, acknowledged, times):
     """Add one to both of two records in one transaction, again and again, noting each time."""
-    store = durable_store("sqlite", folder)
+    store = durable_store(kind, folder)
     notes = os.open(acknowledged, os.O_WRONLY | os.O_CREAT | os.O_APPEND)
     padding = pack(numbered_state(times))
     for _ in range(times):
@@ -63,17 +63,17 @@ def count_together(folder, acknowledged, times):
         os.write(notes, b"x")
 
 
-def die_in_a_transaction(folder):
+def die_in_a_transaction(kind, folder):
     """Write in a transaction and be killed before its end."""
-    with durable_store("sqlite", folder).transaction() as records:
+    with durable_store(kind, folder).transaction() as records:
         records.write("left", 2)
         records.write("right", numbered_state(500))
         os.kill(os.getpid(), signal.SIGKILL)
 
 
-def fork_in_a_transaction(folder):
+def fork_in_a_transaction(kind, folder):
     """Fork in a block, which the child leaves first; what it met, and what was there after it."""
-    store, child = durable_store("sqlite", folder), None
+    store, child = durable_store(kind, folder), None
     try:
         with store.transaction() as records:
             records.write("left", 2)
