@@ -8,6 +8,7 @@ import threading
 # What PostgreSQL sends while it starts: an error with severity, SQLSTATE and text.
 _FIELDS = b"SFATAL\0VFATAL\0C57P03\0Mthe database system is starting up\0\0"
 STARTING_UP = b"E" + struct.pack("!I", len(_FIELDS) + 4) + _FIELDS
+_ASKS_FOR_ENCRYPTION = (struct.pack("!I", 80877103), struct.pack("!I", 80877104))
 # Closing sends what a broken line looks like, instead of an orderly end.
 _ABORT = struct.pack("ii", 1, 0)
 
@@ -54,10 +55,7 @@ class Proxy:
 
     def cut(self):
         """Break all connections, as a line does that is cut."""
-        for one in self._open:
-            with contextlib.suppress(OSError):
-                one.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, _ABORT)
-                one.shutdown(socket.SHUT_RDWR)
+        _break(*self._open)
         self._open = []
 
     def _accept(self):
@@ -68,8 +66,10 @@ class Proxy:
                 return
             if self.refusals > 0:
                 self.refusals -= 1
-                with client:
-                    client.recv(4096)
+                with client, contextlib.suppress(OSError):
+                    # Clients ask first whether the line can be encrypted.
+                    while client.recv(4096)[4:8] in _ASKS_FOR_ENCRYPTION:
+                        client.sendall(b"N")
                     client.sendall(STARTING_UP)
                 continue
             server = socket.create_connection(("127.0.0.1", self._target))
@@ -85,7 +85,7 @@ class Proxy:
                 if limit is not None and passed + len(data) >= limit:
                     target.sendall(data[: limit - passed])
                     setattr(self, f"cut_to_{to}", None)
-                    self.cut()
+                    _break(source, target)
                     break
                 setattr(self, f"to_{to}", passed + len(data))
                 target.sendall(data)
@@ -93,3 +93,10 @@ class Proxy:
             with contextlib.suppress(OSError):
                 one.shutdown(socket.SHUT_RDWR)
         source.close()
+
+
+def _break(*sockets):
+    for one in sockets:
+        with contextlib.suppress(OSError):
+            one.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, _ABORT)
+            one.shutdown(socket.SHUT_RDWR)

@@ -138,12 +138,6 @@ class PostgresAddress:
         )
         return connection
 
-    def is_starting_or_stopping(self, seconds: float) -> bool:
-        """Tell whether a server is there that takes nobody for the moment."""
-        psycopg = import_psycopg()
-        text = psycopg.conninfo.make_conninfo(**self._parameters(seconds))
-        return bool(psycopg.pq.PGconn.ping(text.encode()) == psycopg.pq.Ping.REJECT)
-
     def _parameters(self, seconds: float) -> dict[str, str]:
         patience = str(max(math.ceil(seconds), _SHORTEST_CONNECT_SECONDS))
         # Names are text of any language, whatever the server or the address would rather have.

@@ -21,8 +21,10 @@ _BUSY = frozenset({"40001", "40P01", "55P03"})
 _OTHER_TABLES = frozenset({"3F000", "42703", "42804", "42883", "42P01"})
 # Damaged data, a damaged index, and a key that is there twice.
 _DAMAGE = frozenset({"XX001", "XX002", "23505"})
-# What a server says that has no place for one more connection.
+# What a server says that takes nobody more, or nobody for the moment. Why a connection failed libpq
+# says by text only; in another language it is an error like any other, and nobody waits.
 _SIGNS_OF_CROWD = ("too many connections", "too many clients", "connection slots are reserved")
+_SIGNS_OF_A_MOMENT = ("the database system is",)
 
 
 class NoConnectionError(Exception):
@@ -34,24 +36,26 @@ class NoConnectionError(Exception):
     ----------
     number : int
         The system's number for it.
-    is_crowded : bool
-        The server takes no more connections.
     """
 
-    def __init__(self, text: str, number: int, *, is_crowded: bool = False) -> None:
+    def __init__(self, text: str, number: int) -> None:
         super().__init__(text)
         self.number = number
-        self.is_crowded = is_crowded
 
+    @property
+    def is_crowded(self) -> bool:
+        """Whether the server refused because it has too many connections."""
+        return any(sign in str(self) for sign in _SIGNS_OF_CROWD)
 
-def is_crowded(error: Exception) -> bool:
-    """Tell whether a server refused a connection because it has too many."""
-    return any(sign in str(error) for sign in _SIGNS_OF_CROWD)
+    @property
+    def may_pass(self) -> bool:
+        """Whether the server may let in before long: it starts, stops, or has too many."""
+        return self.is_crowded or any(sign in str(self) for sign in _SIGNS_OF_A_MOMENT)
 
 
 def is_busy(error: Exception) -> bool:
     """Tell whether another one held what was needed for too long."""
-    return _state(error) in _BUSY or (isinstance(error, NoConnectionError) and error.is_crowded)
+    return _state(error) in _BUSY
 
 
 def is_of_other_tables(error: Exception) -> bool:

@@ -15,7 +15,6 @@ from quorvane.stores._postgres_address import PostgresAddress, import_psycopg
 from quorvane.stores._postgres_errors import (
     NoConnectionError,
     is_busy,
-    is_crowded,
     is_damage,
     is_of_other_tables,
     number_of,
@@ -177,8 +176,7 @@ class PostgresServer:
             outcome = self._attempt()
             if not isinstance(outcome, NoConnectionError):
                 return outcome
-            may_pass = outcome.is_crowded or outcome.number == errno.EAGAIN
-            if not may_pass or time.monotonic() > deadline:
+            if not outcome.may_pass or time.monotonic() > deadline:
                 # Not where psycopg's own error is at hand: its frames hold the password.
                 raise outcome
             time.sleep(_RETRY_SECONDS)
@@ -188,7 +186,7 @@ class PostgresServer:
         try:
             return self.address.open(self._busy_timeout)
         except psycopg.Error as error:
-            text, crowded = text_of(error), is_crowded(error)
+            text = text_of(error)
             has_timed_out = isinstance(error, psycopg.errors.ConnectionTimeout)
             is_locked_out = error.pgconn is not None and (
                 error.pgconn.used_password or error.pgconn.needs_password
@@ -200,10 +198,7 @@ class PostgresServer:
             )
         if has_timed_out:
             return NoConnectionError(text, errno.ETIMEDOUT)
-        if self.address.is_starting_or_stopping(self._busy_timeout):
-            return NoConnectionError(text, errno.EAGAIN)
-        number = errno.EACCES if is_locked_out else errno.ENOTCONN
-        return NoConnectionError(text, number, is_crowded=crowded)
+        return NoConnectionError(text, errno.EACCES if is_locked_out else errno.ENOTCONN)
 
     def _begin_reading(self, connection: psycopg.Connection[Any]) -> None:
         connection.execute(f"BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY; {_SETTINGS}")
@@ -251,7 +246,7 @@ def _commit(connection: psycopg.Connection[Any]) -> None:
     state = result.error_field(psycopg.pq.DiagnosticField.SQLSTATE)
     if state is None or connection.pgconn.status != psycopg.pq.ConnStatus.OK:
         said = (
-            f"the connection was lost just then, so that it may have happened all the same: {said}"
+            f"the connection was lost at its end, so that it may have happened all the same: {said}"
         )
     kind = psycopg.OperationalError
     with contextlib.suppress(KeyError):

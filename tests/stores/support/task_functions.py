@@ -118,3 +118,16 @@ def _attempt(action):
     except StoreError as error:
         return {"error": type(error).__name__, "message": str(error), "number": error.errno}
     return None
+
+
+def write_until_it_fails(kind, folder, acknowledged, first):
+    """Write states first, first + 1, ..., noting each, until one fails; say how it did."""
+    notes = os.open(acknowledged, os.O_WRONLY | os.O_CREAT | os.O_APPEND)
+
+    def write_on():
+        store = durable_store(kind, folder, busy_timeout=1.0)
+        for number in count(first):
+            store.write("rotation", numbered_state(number))
+            os.write(notes, number.to_bytes(8, "little"))
+
+    return _attempt(write_on)
