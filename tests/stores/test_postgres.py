@@ -1,5 +1,6 @@
 """The store in a PostgreSQL database: its tables, who may do what, and damage to what it holds."""
 
+import errno
 import os
 import random
 import tracemalloc
@@ -82,7 +83,7 @@ def test_who_may_not_make_the_tables_is_told(postgres, database, sql):
         sql(f"REVOKE CREATE ON DATABASE {database} FROM {user}")
         with pytest.raises(StoreWriteError, match="permission denied for database") as caught:
             PostgresStore(postgres.dsn(database, user))
-        assert caught.value.errno == 13
+        assert caught.value.errno == errno.EACCES
         sql("CREATE SCHEMA quorvane")
         with pytest.raises(StoreWriteError, match="permission denied for schema quorvane"):
             PostgresStore(postgres.dsn(database, user))
@@ -100,7 +101,7 @@ def test_who_may_only_read_reads(postgres, database, store, sql):
         assert reader.read("rotation") == {"a": 1}
         with pytest.raises(StoreWriteError, match="permission denied for table records") as caught:
             reader.write("rotation", {"a": 2})
-        assert caught.value.errno == 13
+        assert caught.value.errno == errno.EACCES
         sql(f"REVOKE SELECT ON quorvane.records FROM {user}")
         with pytest.raises(StoreReadError, match="permission denied for table records"):
             reader.read("rotation")
@@ -222,7 +223,7 @@ def test_a_record_larger_than_the_server_keeps_is_said(store, monkeypatch):
     monkeypatch.setattr(records_module, "_LARGEST_RECORD", 10_000)
     with pytest.raises(StoreWriteError, match=r"too big with 20,\d+ bytes") as caught:
         store.write("rotation", {"a": b"x" * 20_000})
-    assert caught.value.errno == 27
+    assert caught.value.errno == errno.EFBIG
     assert store.read("rotation") == {"a": 1}
 
 
@@ -476,6 +477,28 @@ STATES = {
     "XX000": StoreReadError,
     "58P01": StoreReadError,
 }
+
+
+NUMBERS = {
+    "0A000": errno.EROFS,  # a server that only follows another one, asked for a write
+    "25006": errno.EROFS,
+    "28P01": errno.EACCES,
+    "42501": errno.EACCES,
+    "53100": errno.ENOSPC,
+    "53200": errno.ENOMEM,
+    "57P02": errno.ECONNRESET,
+    "58030": errno.EIO,
+}
+
+
+@pytest.mark.parametrize(("state", "number"), NUMBERS.items())
+def test_a_write_that_fails_has_the_number_of_the_system_for_it(store, state, number):
+    import psycopg
+
+    with pytest.raises(StoreWriteError) as caught, store._server.writing("write a record"):
+        raise psycopg.errors.lookup(state)("something\nin two lines")
+    assert caught.value.errno == number
+    assert caught.value.strerror == "cannot write a record: something in two lines"
 
 
 @pytest.mark.parametrize(("state", "kind"), STATES.items())

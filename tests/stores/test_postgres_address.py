@@ -1,6 +1,7 @@
 """How a PostgresStore finds its server, and that no password is shown on the way."""
 
 import copy
+import errno
 import logging
 import os
 import pickle
@@ -158,7 +159,7 @@ def test_a_wrong_password_is_one_clear_line_without_it(postgres, database, user,
     error = caught.value
     assert "\n" not in str(error)
     assert str(error).count("cannot open PostgresStore('postgresql://") == 1
-    assert error.errno == 13
+    assert error.errno == errno.EACCES
     said = [*everything_said_by(error), *frames_of(error), repr(pickle.dumps(error)), caplog.text]
     assert PART not in "".join(said)
 
@@ -176,7 +177,7 @@ def test_a_password_that_has_changed_is_said_by_reads_and_writes(postgres, datab
 def test_no_password_at_all_is_said(postgres, database, user):
     with pytest.raises(StoreWriteError, match="no password supplied") as caught:
         PostgresStore(f"postgresql://{user}@127.0.0.1:{postgres.port}/{database}")
-    assert caught.value.errno == 13
+    assert caught.value.errno == errno.EACCES
 
 
 def test_a_pickled_store_has_no_password_and_asks_for_it(

@@ -5,8 +5,10 @@ went wrong is one line of one of the stores' own errors.
 """
 
 import errno
+import os
 import random
 import signal
+import socket
 import threading
 import time
 
@@ -281,6 +283,22 @@ def test_nobody_waits_long_for_a_writer_whose_line_was_cut(postgres, database, f
     with pytest.raises(StoreWriteError):
         cut_in_a_transaction()
     assert [near.load("rotation", version)["number"] for version in (1, 2)] == [1, 3]
+
+
+def test_both_sides_look_after_a_line_on_which_nothing_comes(far):
+    with far._server.write_transaction("look") as connection:
+        shown = [
+            connection.execute(f"SHOW tcp_keepalives_{name}").fetchone()
+            for name in ("idle", "interval", "count")
+        ]
+        line = socket.socket(fileno=os.dup(connection.fileno()))
+        with line:
+            own = [
+                line.getsockopt(socket.IPPROTO_TCP, option)
+                for option in (socket.TCP_KEEPIDLE, socket.TCP_KEEPINTVL, socket.TCP_KEEPCNT)
+            ]
+    assert shown == [("30",), ("10",), ("3",)]
+    assert own == [30, 10, 3]
 
 
 # ---- the server has no room, or no time

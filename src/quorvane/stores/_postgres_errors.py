@@ -4,9 +4,11 @@ from __future__ import annotations
 
 import errno
 
-# By SQLSTATE, or by its class of two characters.
+# By SQLSTATE, or by the characters that it begins with. The one feature that a server can lack is
+# writing, when it only follows another one.
 _NUMBERS = {
     "08": errno.ECONNRESET,
+    "0A000": errno.EROFS,
     "25006": errno.EROFS,
     "28": errno.EACCES,
     "42501": errno.EACCES,
