@@ -5,7 +5,8 @@ import random
 import sys
 import time
 
-from quorvane.cli import program, replay_command
+from quorvane.cli import program
+from quorvane.cli.commands import replay as replay_command
 from quorvane.stores import MemoryStore
 from support.exit_server import serve
 

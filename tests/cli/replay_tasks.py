@@ -9,7 +9,8 @@ from pathlib import Path
 
 import numpy as np
 
-from quorvane.cli import checkpoint, main, replay_command
+from quorvane.cli import checkpoint, main
+from quorvane.cli.commands import replay as replay_command
 
 
 def warm_up():

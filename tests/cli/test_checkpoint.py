@@ -8,9 +8,11 @@ import time
 import numpy as np
 import pytest
 
-from quorvane.cli import replay_command
-from quorvane.cli.checkpoint import Checkpoint, RunIdentity
+from quorvane.cli.checkpoint import Checkpoint
+from quorvane.cli.commands import replay as replay_command
 from quorvane.cli.files import WholeOutputs
+from quorvane.cli.run_identity import RunIdentity
+from quorvane.cli.structures import fixed_book
 from quorvane.cli.table import Dates, Table
 from quorvane.cli.table_io import write_table
 from quorvane.cli.trace import write_trace
@@ -161,7 +163,7 @@ def test_other_options_are_refused(go, files, options, text):
         ("structures.toml", "0.3", "0.30000000000000004", "other structures, or in another order"),
         ("structures.toml", "[mix]", "[mixed]", "other structures, or in another order"),
         ("prices.csv", "Date,A,B,C,D", "Date,B,A,C,D", "other instruments, or in another order"),
-        ("prices.csv", "2020-01-03", "2020-01-03x", "other dates before day 9"),
+        ("prices.csv", "2020-01-03", "2020-01-03T01:00", "other dates before day 9"),
         ("prices.csv", "\n2020-01-03,", "\n2020-01-03,1", "other values before day 9"),
     ],
 )
@@ -463,12 +465,12 @@ def test_others_need_not_wait_while_the_state_of_the_rotation_is_packed(
 
     def pack_while_another_writes(state):
         stores.SqliteStore(files / "c.db").write("else", len(packed))
-        packed.append(state["next_day"])
+        packed.append(state.get("next_day"))
         return pack(state)
 
     monkeypatch.setattr(stores, "pack", pack_while_another_writes)
     assert go("first", checkpoint=files / "c.db", checkpoint_every=15).status == 0
-    assert packed == [0, 15, 30, DAYS]
+    assert packed == [None, 0, 15, 30, DAYS]
 
 
 def test_a_save_that_fails_half_way_leaves_the_one_before(go, files, whole, monkeypatch):
@@ -505,8 +507,8 @@ HEADS = {
     "no dict": (lambda head: [1], "its head has no format"),
     "empty": (lambda head: {}, "its head has no format"),
     "a format that is no number": (lambda head: {**head, "format": "x"}, "has no format"),
-    "an older format": (lambda head: {"format": 1}, "has format 1, expected 2"),
-    "a field too few": (lambda head: {"format": 2}, "its head has other fields"),
+    "an older format": (lambda head: {"format": 2}, "has format 2, expected 3: it was made by"),
+    "a field too few": (lambda head: {"format": 3}, "its head has other fields"),
     "a run without token": (lambda head: {**head, "run": None}, "its run has no token"),
     "another run": (lambda head: {**head, "run": "x"}, "rows are of another run"),
     "a day that is text": (lambda head: {**head, "next_day": "a"}, "its day is no day number"),
@@ -572,7 +574,7 @@ def test_rows_that_make_no_sense_are_refused(go, files, alter, text):
 
 def test_the_identity_does_not_depend_on_where_a_run_was_stopped():
     def identity():
-        return RunIdentity(walk(), {"x": {"A": 1.0}}, {})
+        return RunIdentity(walk(), fixed_book({"x": {"A": 1.0}}, "ABCD"), {})
 
     stepwise = identity()
     for day in (0, 3, 4, 17):

@@ -149,7 +149,9 @@ def seconds_of_a_start(arguments, folder):
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
 def test_a_signal_while_the_command_is_loaded_ends_it_without_a_word(tmp_path, number):
     """A table and structures as text: the libraries that read them are loaded while it runs."""
-    (tmp_path / "prices.csv").write_text("Date,A,B\n" + "2020-01-01,1.5,2.5\n" * DAYS)
+    days = np.datetime_as_string(np.datetime64("2000-01-01") + np.arange(DAYS))
+    rows = "".join(f"{day},1.5,2.5\n" for day in days)
+    (tmp_path / "prices.csv").write_text(f"Date,A,B\n{rows}")
     (tmp_path / "s.toml").write_text("[a]\nA = 1.0\nB = -1.0\n")
     (tmp_path / "o.csv").write_text("old")
     arguments = ["replay", "prices.csv", "--structures", "s.toml", "--output", "o.csv"]

@@ -8,8 +8,8 @@ from pathlib import Path
 
 import pytest
 
-from quorvane.cli import replay as cli_replay
-from quorvane.cli import replay_command
+from quorvane.cli import day_loop
+from quorvane.cli.commands import replay as replay_command
 from quorvane.cli.libraries import require_library
 from quorvane.cli.recording import OutputRecorder
 from quorvane.cli.stopping import StopRequest, Terminated, termination_raised
@@ -47,7 +47,7 @@ def signalled_on_day_3(monkeypatch):
             record(self, day, output)
 
         monkeypatch.setattr(OutputRecorder, "record", signalling)
-        monkeypatch.setattr(cli_replay, "FIRST_DAYS", 2)
+        monkeypatch.setattr(day_loop, "FIRST_DAYS", 2)
 
     return signalled
 

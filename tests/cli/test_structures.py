@@ -34,14 +34,17 @@ oil.3,BRK.B,2e-1
 @pytest.mark.parametrize(("name", "text"), [("s.toml", TOML), ("s.csv", CSV)])
 def test_both_formats_say_the_same(write, name, text):
     structures = read_structures(write(name, text), NAMES)
-    assert structures == {"KO/PEP": {"KO": 1.0, "PEP": -1.0}, "oil.3": {"XOM": 0.5, "BRK.B": 0.2}}
-    assert list(structures) == ["KO/PEP", "oil.3"]
-    assert all(type(w) is float for legs in structures.values() for w in legs.values())
+    assert structures.latest == {
+        "KO/PEP": {"KO": 1.0, "PEP": -1.0},
+        "oil.3": {"XOM": 0.5, "BRK.B": 0.2},
+    }
+    assert structures.keys == ("KO/PEP", "oil.3")
+    assert not structures.book.is_dated
 
 
 def test_a_structure_may_be_an_inline_table(write):
     path = write("s.toml", 'a = { KO = 1, PEP = -1 }\n"" = { KO = 1 }\n'.replace('""', '"b c"'))
-    assert list(read_structures(path, NAMES)) == ["a", "b c"]
+    assert read_structures(path, NAMES).keys == ("a", "b c")
 
 
 @pytest.mark.parametrize(
@@ -119,7 +122,7 @@ def test_a_missing_file_and_another_ending_are_refused(tmp_path):
     with pytest.raises(DataError, match=r"none\.toml: no such file, expected a structures file"):
         read_structures(tmp_path / "none.toml", NAMES)
     with pytest.raises(UsageError, match=r"unsupported ending for a structures file, expected "
-                       r"\.toml or \.csv"):  # fmt: skip
+                       r"\.toml, \.csv or \.parquet"):  # fmt: skip
         read_structures(tmp_path / "s.yaml", NAMES)
 
 
@@ -132,14 +135,15 @@ def test_a_missing_file_and_another_ending_are_refused(tmp_path):
     ],
 )
 def test_files_beyond_the_limits_are_refused(write, monkeypatch, limit, message):
-    monkeypatch.setattr(f"quorvane.cli.structures.{limit}", 1)
+    place = "named_rows" if limit.endswith("BYTES") else "structures"
+    monkeypatch.setattr(f"quorvane.cli.{place}.{limit}", 1)
     with pytest.raises(DataError, match=message):
         read_structures(write("s.toml", TOML), NAMES)
 
 
 @pytest.mark.parametrize(("name", "text"), [("s.toml", TOML), ("s.csv", CSV)])
 def test_a_byte_order_mark_does_not_matter(write, name, text):
-    assert list(read_structures(write(name, "\ufeff" + text), NAMES)) == ["KO/PEP", "oil.3"]
+    assert read_structures(write(name, "\ufeff" + text), NAMES).keys == ("KO/PEP", "oil.3")
 
 
 @pytest.mark.parametrize(
@@ -184,7 +188,7 @@ def test_a_weight_has_the_digits_of_a_table_s_numbers(write, weight):
 )
 def test_a_key_has_a_longest_length(write, name, text):
     key = "a" * 1000
-    assert list(read_structures(write(name, text.format(key)), NAMES)) == [key]
+    assert read_structures(write(name, text.format(key)), NAMES).keys == (key,)
     with pytest.raises(DataError, match="a key of 1001 characters, at most 1000 are allowed"):
         read_structures(write(name, text.format(key + "a")), NAMES)
 

@@ -17,7 +17,7 @@ def records(prices, structures):
     table = read_table(prices)
     sink = []
     rotation = FixedBaskets(
-        read_structures(structures, table.instruments),
+        read_structures(structures, table.instruments).latest,
         table.instruments,
         transformation_expression="rank",
         max_structures=5,
@@ -74,7 +74,7 @@ def test_the_lines_hold_one_object_per_day(traced, records):
 
 
 def test_a_trace_beyond_the_limits_is_refused(replay, tmp_path, monkeypatch):
-    monkeypatch.setattr("quorvane.cli.replay_command.MAX_CELLS", 20)
+    monkeypatch.setattr("quorvane.cli.prepared_run.MAX_CELLS", 20)
     outcome = replay(trace=tmp_path / "t.npz")
     assert outcome.status == 1
     assert "t.npz: a trace of 7 days of 3 slots is 21 cells, at most 20 are allowed" in outcome.err

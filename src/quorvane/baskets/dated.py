@@ -39,12 +39,32 @@ def long_book(
     ValueError
         A column is missing, a (date, basket, instrument) comes twice, or there is no basket.
     """
-    legs = _Legs.of(table, columns)
+    keys = [columns.basket, columns.instrument]
+    rows = read_long(table, date=columns.date, keys=keys, number=columns.weight)
+    return book_of_rows(rows, *keys, complete=complete, instruments=instruments)
+
+
+def book_of_rows(
+    rows: LongTable,
+    basket: str,
+    instrument: str,
+    *,
+    complete: bool,
+    instruments: Iterable[Hashable] | None,
+) -> Book:
+    """The book of rows that were read, whose keys are ``basket`` and ``instrument``.
+
+    Raises
+    ------
+    ValueError
+        A (date, basket, instrument) comes twice, or there is no basket.
+    """
+    legs = _Legs(rows, basket, instrument, ())
     names = instrument_names(instruments, legs.mentioned())
-    listings = legs.listings(names, complete=complete or columns.date is None)
+    listings = legs.listings(names, complete=complete or rows.dates is None)
     if not any(listing.baskets for listing in listings):
         raise ValueError("table must hold at least one basket with a weight that is not 0")
-    if columns.date is None:
+    if rows.dates is None:
         return Book(names, (listings[0],))
     return Book(names, tuple(listings), legs.dates, legs.is_utc)
 

@@ -15,7 +15,7 @@ def main(argv: Sequence[str] | None = None) -> int:
         from quorvane.cli.stopping import signals_held
 
         with signals_held():
-            from quorvane.cli.command import run
+            from quorvane.cli.command_line import run
 
         return run(argv)
     except KeyboardInterrupt:

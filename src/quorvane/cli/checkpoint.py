@@ -2,17 +2,12 @@
 
 from __future__ import annotations
 
-import hashlib
-import json
 import secrets
 from collections.abc import Iterator, Mapping, Sequence
 from contextlib import contextmanager
-from dataclasses import dataclass, field
-from pathlib import Path
 from typing import Any
 
-import numpy as np
-
+from quorvane.baskets.rotation import BasketRotation
 from quorvane.cli.checkpoint_contents import (
     ContentsError,
     Head,
@@ -21,56 +16,15 @@ from quorvane.cli.checkpoint_contents import (
     require_all_rows,
     rows_from,
 )
+from quorvane.cli.checkpoint_place import CheckpointPlace
 from quorvane.cli.errors import DataError
-from quorvane.cli.libraries import require_library
 from quorvane.cli.recording import Recorder
-from quorvane.cli.structures import Structures
-from quorvane.cli.table import Table
-from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
+from quorvane.cli.run_identity import RunIdentity
 
-_FORMAT = 2
-_NAMESPACE = "quorvane replay"
-_HEAD = "head"
+FORMAT = 3
+HEAD = "head"
 _WRITER = "writer"
 _RECORD_BYTES = 1 << 26
-
-
-@dataclass
-class RunIdentity:
-    """What must be the same when a replay is resumed: options, structures, and days so far.
-
-    Later days may have been added to the table, so the days are identified up to a given one.
-    """
-
-    table: Table
-    structures: Structures
-    options: Mapping[str, Any]
-    _values: Any = field(default_factory=hashlib.sha256)
-    _dates: Any = field(default_factory=hashlib.sha256)
-    _hashed_days: int = 0
-
-    def upto(self, day: int) -> dict[str, Any]:
-        """The identity of a run over the days before ``day``; asked for rising days."""
-        dates = self.table.dates
-        fresh = slice(self._hashed_days, day)
-        rows = np.array(self.table.values[fresh])
-        # One NaN for all: which bits a missing cell gets depends on the reader.
-        rows[np.isnan(rows)] = np.nan
-        self._values.update(rows.tobytes())
-        if dates is not None:
-            self._dates.update("".join(json.dumps(date) for date in dates.text[fresh]).encode())
-        self._hashed_days = day
-        return {
-            "options": dict(self.options),
-            "instruments": _digest(self.table.instruments),
-            "structures": _digest([[key, list(legs.items())] for key, legs in self._legs()]),
-            "values": self._values.hexdigest(),
-            "dates": self._dates.hexdigest(),
-        }
-
-    def _legs(self) -> Iterator[tuple[str, dict[str, str]]]:
-        for key, legs in self.structures.items():
-            yield key, {name: weight.hex() for name, weight in legs.items()}
 
 
 class Checkpoint:
@@ -88,16 +42,18 @@ class Checkpoint:
 
     def __init__(
         self,
-        path: Path,
+        place: CheckpointPlace,
         identity: RunIdentity,
-        rotation: FixedBaskets,
+        rotation: BasketRotation,
         recorders: Sequence[Recorder],
+        about: Mapping[str, str],
     ) -> None:
-        self._stores = require_library("quorvane.stores", "keeping a checkpoint")
-        self.path = path
+        self._stores = place.stores
+        self.place = place
         self.saved_days = 0
         self._identity = identity
         self._rotation = rotation
+        self._about = about
         self._recorders = recorders
         self._records = 0
         self._run = secrets.token_hex(16)
@@ -132,7 +88,7 @@ class Checkpoint:
             # Rows are packed one record at a time, lest all of them be in memory twice.
             for number, (first, last) in enumerate(spans, start=self._records):
                 records.write(_rows_name(number), self._rows(first, last))
-            records.write(_HEAD, head)
+            records.write(HEAD, head)
         self._records += len(spans)
         self.saved_days = day
 
@@ -152,7 +108,7 @@ class Checkpoint:
         """
         with self._transaction() as records:
             try:
-                record = records.load(_HEAD)
+                record = records.load(HEAD)
             except self._stores.RecordNotFoundError:
                 self._begin(records, self._packed_head(0, 0))
                 return None
@@ -162,7 +118,7 @@ class Checkpoint:
             try:
                 self._rotation.set_state(head.rotation)
             except (ValueError, TypeError) as error:
-                raise DataError(f"{self.path}: the rotation refuses its state: {error}") from error
+                raise DataError(f"{self.place}: the rotation refuses its state: {error}") from error
             records.write(_WRITER, self._writer)
         self._run, self._records, self.saved_days = head.run, head.records, head.next_day
         return head.next_day
@@ -182,24 +138,23 @@ class Checkpoint:
 
     @contextmanager
     def _transaction(self) -> Iterator[Any]:
-        with self._reporting():
-            store = self._stores.SqliteStore(self.path, namespace=_NAMESPACE, keep=1)
-            with store.transaction() as records:
-                yield records
+        with self._reporting(), self.place.open().transaction() as records:
+            yield records
 
     def _begin(self, records: Any, head: Any) -> None:
         records.write(_WRITER, self._writer)
-        records.write(_HEAD, head)
+        records.write(HEAD, head)
 
     def _packed_head(self, day: int, records: int) -> Any:
         """The head after ``day`` days, packed: a large rotation's state takes a while."""
         head = {
-            "format": _FORMAT,
+            "format": FORMAT,
             "run": self._run,
             "next_day": day,
             "identity": self._identity.upto(day),
             "records": records,
             "rotation": self._rotation.get_state(),
+            "about": self._identity.about(day, self._about),
         }
         return self._stores.pack(head)
 
@@ -213,15 +168,18 @@ class Checkpoint:
         try:
             writer = records.load(_WRITER)
         except self._stores.RecordNotFoundError:
-            raise DataError(f"{self.path}: the checkpoint of this run has been removed") from None
+            raise DataError(f"{self.place}: the checkpoint of this run has been removed") from None
         if type(writer) is not str or writer != self._writer:
-            raise DataError(f"{self.path}: another replay has taken the checkpoint over")
+            raise DataError(f"{self.place}: another replay has taken the checkpoint over")
 
     def _head(self, record: Any) -> Head:
         number = format_of(record)
-        if number != _FORMAT:
-            raise DataError(f"{self.path}: the checkpoint has format {number}, expected {_FORMAT}")
-        return head_from(record, self._identity.upto(0))
+        if number != FORMAT:
+            raise DataError(
+                f"{self.place}: the checkpoint has format {number}, expected {FORMAT}: it was made "
+                f"by another version and cannot be resumed; without --resume the run begins anew"
+            )
+        return head_from(record)
 
     def _spans(self, first_day: int, day: int) -> Iterator[tuple[int, int]]:
         """The days from ``first_day`` to ``day`` in runs that make records of moderate size."""
@@ -249,45 +207,21 @@ class Checkpoint:
         days = self._identity.table.values.shape[0]
         if day > days:
             raise DataError(
-                f"{self.path}: the checkpoint was made after {day} days, the table has only {days}"
+                f"{self.place}: the checkpoint was made after {day} days, the table has only {days}"
             )
-        now = self._identity.upto(day)
-        for option, value in now["options"].items():
-            before = made_with["options"][option]
-            if before != value:
-                raise DataError(
-                    f"{self.path}: the checkpoint was made with --{option} "
-                    f"{_shown(before)}, not {_shown(value)}"
-                )
-        for what, text in [
-            ("instruments", "other instruments, or in another order"),
-            ("structures", "other structures, or in another order"),
-            ("values", f"other values before day {day}"),
-            ("dates", f"other dates before day {day}"),
-        ]:
-            if made_with[what] != now[what]:
-                raise DataError(f"{self.path}: the checkpoint was made with {text}")
+        difference = self._identity.difference(day, made_with)
+        if difference:
+            raise DataError(f"{self.place}: the checkpoint was made with {difference}")
 
     @contextmanager
     def _reporting(self) -> Iterator[None]:
         """Turn the store's errors, and contents without sense, into one that names the file."""
         try:
-            yield
+            with self.place.reporting():
+                yield
         except ContentsError as error:
-            raise DataError(f"{self.path}: the checkpoint makes no sense: {error}") from error
-        except self._stores.StoreError as error:
-            raise DataError(f"{self.path}: {error}") from error
+            raise DataError(f"{self.place}: the checkpoint makes no sense: {error}") from error
 
 
 def _rows_name(number: int) -> str:
     return f"rows {number}"
-
-
-def _digest(value: Any) -> str:
-    return hashlib.sha256(json.dumps(value).encode()).hexdigest()
-
-
-def _shown(value: Any) -> str:
-    if isinstance(value, bool):
-        return "given" if value else "absent"
-    return repr(value)

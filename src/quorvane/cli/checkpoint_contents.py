@@ -13,6 +13,15 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
+IDENTITY_FIELDS = frozenset({"instruments", "structures", "values", "dates", "labels"})
+"""What a run is known by besides its options, each as a digest."""
+
+IDENTITY_OPTIONS = frozenset(
+    {"input", "expression", "functions", "policy", "hold", "changes-only", "max-structures"}
+    | {"plot", "trace"}
+)
+"""The options that change what a run computes or keeps."""
+
 _OPTION_TYPES = frozenset({str, bool, int, float})
 
 
@@ -36,6 +45,8 @@ class Head:
         How many records of rows there are.
     rotation : object
         The rotation's state, which the rotation itself checks.
+    about : Mapping
+        What a person wants to know of the run; see `RunIdentity.about`.
     """
 
     run: str
@@ -43,6 +54,7 @@ class Head:
     identity: Mapping[str, Any]
     records: int
     rotation: Any
+    about: Mapping[str, Any]
 
 
 def format_of(record: Any) -> int:
@@ -52,25 +64,28 @@ def format_of(record: Any) -> int:
     return number
 
 
-def head_from(record: Any, identity: Mapping[str, Any]) -> Head:
-    """The head in ``record``, whose identity has the same fields as ``identity``."""
-    fields = {"format", "next_day", "run", "identity", "records", "rotation"}
+def head_from(record: Any) -> Head:
+    """The head in ``record``; ContentsError where it makes no sense."""
+    fields = {"format", "next_day", "run", "identity", "records", "rotation", "about"}
     _require(type(record) is dict and record.keys() == fields, "its head has other fields")
     head = Head(**{name: record[name] for name in fields - {"format"}})
     _require(type(head.run) is str, "its run has no token")
     _require(type(head.next_day) is int and head.next_day >= 0, "its day is no day number")
     _require(type(head.records) is int and head.records >= 0, "its number of records is none")
-    _require_identity(head.identity, identity)
+    _require_identity(head.identity)
+    about = head.about
+    _require(type(about) is dict, "it does not say what run it is of")
+    _require(all(type(value) in (str, int) for value in about.values()), "its run has odd words")
     return head
 
 
-def _require_identity(stored: Any, expected: Mapping[str, Any]) -> None:
+def _require_identity(stored: Any) -> None:
     what = "it does not say what it was made with"
-    _require(type(stored) is dict and stored.keys() == expected.keys(), what)
+    _require(type(stored) is dict and stored.keys() == IDENTITY_FIELDS | {"options"}, what)
     options = stored["options"]
-    _require(type(options) is dict and options.keys() == expected["options"].keys(), what)
+    _require(type(options) is dict and options.keys() == IDENTITY_OPTIONS, what)
     _require(all(type(value) in _OPTION_TYPES for value in options.values()), what)
-    _require(all(type(stored[name]) is str for name in stored.keys() - {"options"}), what)
+    _require(all(type(stored[name]) is str for name in IDENTITY_FIELDS), what)
 
 
 def rows_from(

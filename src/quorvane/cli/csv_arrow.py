@@ -19,7 +19,12 @@ _CHARACTER_BYTES = 4
 
 
 def read_rows(
-    path: Path, head_lines: int, width: int, has_dates: bool, missing: Sequence[str]
+    path: Path,
+    head_lines: int,
+    width: int,
+    has_dates: bool,
+    missing: Sequence[str],
+    separator: str = ",",
 ) -> tuple[NDArray[np.float64], tuple[str, ...] | None] | None:
     """The numbers and the dates below the header, or None.
 
@@ -30,7 +35,7 @@ def read_rows(
 
     try:
         with _open(path, width - has_dates, has_dates) as stream:
-            columns = _parse(stream, head_lines, width, has_dates, missing)
+            columns = _parse(stream, head_lines, width, has_dates, missing, separator)
     except MemoryError:
         raise
     except (pyarrow.ArrowException, OSError, _BeyondLimitsError):
@@ -53,7 +58,12 @@ def _max_days(instruments: int, has_dates: bool) -> int:
 
 
 def _parse(
-    stream: Any, head_lines: int, width: int, has_dates: bool, missing: Sequence[str]
+    stream: Any,
+    head_lines: int,
+    width: int,
+    has_dates: bool,
+    missing: Sequence[str],
+    separator: str,
 ) -> Any:
     import pyarrow
     from pyarrow import csv as arrow_csv
@@ -66,6 +76,7 @@ def _parse(
         read_options=arrow_csv.ReadOptions(
             skip_rows=head_lines, autogenerate_column_names=True, block_size=_BLOCK_BYTES
         ),
+        parse_options=arrow_csv.ParseOptions(delimiter=separator),
         convert_options=arrow_csv.ConvertOptions(
             column_types=types, null_values=list(missing), strings_can_be_null=False
         ),

@@ -1,9 +1,12 @@
-"""What both CSV readers share: rows of a bounded length, numbers, failures as errors."""
+"""The rows of a CSV text: of a bounded length, with the separator that the header has."""
 
 from __future__ import annotations
 
 import csv
 import gzip
+import io
+import itertools
+import math
 import zlib
 from collections.abc import Iterator
 from contextlib import contextmanager
@@ -11,25 +14,41 @@ from pathlib import Path
 from typing import TextIO
 
 from quorvane.cli import limits
-from quorvane.cli.errors import DataError, reason
+from quorvane.cli.errors import DataError, reason, shown
+from quorvane.cli.separators import find_separator
+
+MISSING = ("", "nan", "NaN", "NAN", "na", "NA", "n/a", "N/A", "null", "NULL", "none", "None")
+"""Cells that mean a missing number."""
+
+_MOST_BLANK = 1000
+"""Lines at the head of a file that are looked at for its separator."""
 
 
 class Rows:
     """The rows of a CSV text that are not blank; none takes more memory than the limit allows.
 
-    A quoted cell may hold line ends, so that the lines of one row are counted together.
+    A quoted cell may hold line ends, so that the lines of one row are counted together. The
+    separator is the one that is found in the first two lines.
     """
 
     def __init__(self, path: Path, stream: TextIO) -> None:
         self._path = path
         self._read_line = stream.readline
         self._room = limits.MAX_ROW_LENGTH
-        self._reader = csv.reader(self._lines())
+        self._seen = self._first_lines()
+        full = [line.rstrip("\r\n") for line in self._seen if line.strip()]
+        self.separator = find_separator(*[*full, "", ""][:2])
+        self._reader = csv.reader(self._lines(), delimiter=self.separator)
 
     @property
     def line(self) -> int:
         """The number, counted from 1, of the last line of the last row."""
         return self._reader.line_num
+
+    @property
+    def notes(self) -> tuple[str, ...]:
+        """What to say of the separator, nothing when it is the comma."""
+        return () if self.separator == "," else (f"found {self.separator!r} between columns",)
 
     def __str__(self) -> str:
         """The place of the last row, for an error text; made only when it is needed."""
@@ -45,15 +64,61 @@ class Rows:
         except csv.Error as error:
             raise DataError(f"{self}: not a readable CSV row: {error}") from error
 
+    def require_width(self, row: list[str], width: int) -> None:
+        """Raise DataError unless the row has as many cells as the header."""
+        if len(row) != width:
+            told = "; ".join(
+                [f"{self}: {len(row)} cells, expected {width} as in the header", *self.notes]
+            )
+            raise DataError(told)
+
+    def _first_lines(self) -> list[str]:
+        """The lines up to the second that is not blank; what follows many blank ones is not met."""
+        lines: list[str] = []
+        full = 0
+        while full < 2 and len(lines) < _MOST_BLANK and (line := self._bounded(len(lines) + 1)):
+            lines.append(line)
+            full += not line.isspace()
+        return lines
+
     def _lines(self) -> Iterator[str]:
-        while line := self._read_line(self._room + 1):
+        for line in self._seen:
             self._room -= len(line)
-            if self._room < 0:
-                raise DataError(
-                    f"{self._path}, line {self.line + 1}: a row of more than "
-                    f"{limits.MAX_ROW_LENGTH} characters, expected no longer ones"
-                )
             yield line
+        self._seen.clear()
+        while line := self._bounded(self.line + 1):
+            self._room -= len(line)
+            yield line
+
+    def _bounded(self, number: int) -> str:
+        line = self._read_line(self._room + 1)
+        if len(line) > self._room:
+            raise DataError(
+                f"{self._path}, line {number}: a row of more than {limits.MAX_ROW_LENGTH} "
+                f"characters, expected no longer ones"
+            )
+        return line
+
+
+def place_of_row(rows: Rows, number: int) -> Rows:
+    """The rows, gone on to the one of a number, counted from 0 below the header."""
+    next(itertools.islice(rows, number + 1, None), None)
+    return rows
+
+
+def read_number(where: Rows, cell: str, column: str) -> float:
+    """The number in a cell, NaN where it is missing; DataError for what is neither."""
+    if cell.strip() in MISSING:
+        return math.nan
+    if is_plain_number(cell):
+        return float(cell)
+    told = [
+        f"{where}, column {shown(column)}: expected a number or an empty cell, got {shown(cell)}"
+    ]
+    whole, comma, fraction = cell.strip().partition(",")
+    if comma and is_plain_number(f"{whole}.{fraction}"):
+        told.append("decimal commas are not read, write a point")
+    raise DataError("; ".join([*told, *where.notes]))
 
 
 def is_plain_number(cell: str) -> bool:
@@ -68,6 +133,13 @@ def is_plain_number(cell: str) -> bool:
 def is_plain(text: str) -> bool:
     """Whether what Python takes for a number is one elsewhere too."""
     return text.isascii() and "_" not in text
+
+
+def open_text(path: Path) -> TextIO:
+    """A CSV file's text, unpacked when its name ends with .gz."""
+    if path.name.lower().endswith(".gz"):
+        return io.TextIOWrapper(gzip.open(path), encoding="utf-8-sig", newline="")
+    return path.open(encoding="utf-8-sig", newline="")
 
 
 @contextmanager

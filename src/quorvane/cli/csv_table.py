@@ -5,7 +5,6 @@ from __future__ import annotations
 import csv
 import gzip
 import io
-import math
 from array import array
 from collections.abc import Iterable, Iterator
 from contextlib import contextmanager
@@ -16,23 +15,36 @@ import numpy as np
 from numpy.typing import NDArray
 
 from quorvane.cli import csv_arrow
-from quorvane.cli.csv_rows import Rows, is_plain, is_plain_number, reporting_faults
-from quorvane.cli.errors import DataError, shown
+from quorvane.cli.csv_rows import (
+    MISSING,
+    Rows,
+    is_plain,
+    is_plain_number,
+    open_text,
+    place_of_row,
+    read_number,
+    reporting_faults,
+)
+from quorvane.cli.errors import DataError
 from quorvane.cli.libraries import has_library
 from quorvane.cli.limits import check_dated_days, check_name_length, check_table_size
+from quorvane.cli.long_csv import read_long_rows
+from quorvane.cli.long_table import find_long_columns
 from quorvane.cli.table import DATE_HEADERS, Dates, Table, check_instrument_names
-
-MISSING = ("", "nan", "NaN", "NAN", "na", "NA", "n/a", "N/A", "null", "NULL", "none", "None")
-"""Cells that mean a missing number."""
-
-_MISSING = frozenset(MISSING)
 
 
 def read(path: Path) -> Table:
-    """Read a CSV table, with pyarrow when it is installed, else with the csv module."""
+    """Read a CSV table of days, or a long one.
+
+    pyarrow reads 2,520 days of 3,000 instruments in 1.0 s where the csv module takes 9.4 s, and
+    8,313 days of 20 in 0.02 s instead of 0.07 s: that is what a second way of reading is kept for.
+    It gives up on any fault, which the csv module then names by its line.
+    """
     with reporting_faults(path):
-        with _open_text(path) as stream:
+        with open_text(path) as stream:
             head = _Head(path, stream)
+        if head.long is not None:
+            return read_long_rows(path, head.long)
         check_table_size(path, 1, len(head.instruments))
         check_instrument_names(path, head.instruments, 2 if head.has_dates else 1)
         if has_library("pyarrow"):
@@ -40,6 +52,12 @@ def read(path: Path) -> Table:
             if table is not None:
                 return table
         return _read_rows(path, head)
+
+
+def place_of(path: Path, day: int) -> str:
+    """Where a table's day stands in the file; reads up to it again, for an error text."""
+    with reporting_faults(path), open_text(path) as stream:
+        return str(place_of_row(Rows(path, stream), day))
 
 
 def write(path: Path, table: Table) -> None:
@@ -80,6 +98,9 @@ class _Head:
         first = next(iter(rows), None)
         if first is None:
             raise DataError(f"{path}: empty table, expected a row for each day below the header")
+        self.separator = rows.separator
+        self.taken = rows.notes
+        self.long = find_long_columns(header)
         self.width = len(header)
         self.has_dates = header[0].strip().lower() in DATE_HEADERS or not _is_number(first[0])
         self.date_name = header[0]
@@ -91,11 +112,13 @@ class _Head:
     def table(self, values: NDArray[np.float64], dates: Iterable[str] | None) -> Table:
         """The table of these numbers and dates below this header."""
         named = None if dates is None else Dates(self.date_name, tuple(dates))
-        return Table(values, self.instruments, named)
+        return Table(values, self.instruments, named, self.taken)
 
 
 def _read_with_arrow(path: Path, head: _Head) -> Table | None:
-    rows = csv_arrow.read_rows(path, head.lines, head.width, head.has_dates, MISSING)
+    rows = csv_arrow.read_rows(
+        path, head.lines, head.width, head.has_dates, MISSING, head.separator
+    )
     if rows is None:
         return None
     return head.table(*rows)
@@ -106,12 +129,11 @@ def _read_rows(path: Path, head: _Head) -> Table:
     instruments, skip = head.instruments, 1 if head.has_dates else 0
     dates: list[str] = []
     numbers = array("d")
-    with _open_text(path) as stream:
+    with open_text(path) as stream:
         rows = Rows(path, stream)
         next(iter(rows))
         for day, row in enumerate(rows, start=1):
-            if len(row) != head.width:
-                raise DataError(f"{rows}: {len(row)} cells, expected {head.width} as in the header")
+            rows.require_width(row, head.width)
             if skip:
                 check_name_length(rows, "a date", len(row[0]))
                 check_dated_days(path, day)
@@ -128,29 +150,12 @@ def _numbers(where: Rows, cells: list[str], instruments: tuple[str, ...]) -> lis
             return list(map(float, cells))
     except ValueError:
         pass
-    return [_number(where, cell, name) for cell, name in zip(cells, instruments, strict=True)]
-
-
-def _number(where: Rows, cell: str, instrument: str) -> float:
-    if cell.strip() in _MISSING:
-        return math.nan
-    if not is_plain_number(cell):
-        raise DataError(
-            f"{where}, column {shown(instrument)}: expected a number or an empty cell, "
-            f"got {shown(cell)}"
-        )
-    return float(cell)
+    return [read_number(where, cell, name) for cell, name in zip(cells, instruments, strict=True)]
 
 
 def _is_number(cell: str) -> bool:
     """Whether a cell is a number or marks a missing one."""
-    return cell.strip() in _MISSING or is_plain_number(cell)
-
-
-def _open_text(path: Path) -> TextIO:
-    if path.name.lower().endswith(".gz"):
-        return io.TextIOWrapper(gzip.open(path), encoding="utf-8-sig", newline="")
-    return path.open(encoding="utf-8-sig", newline="")
+    return cell.strip() in MISSING or is_plain_number(cell)
 
 
 @contextmanager

@@ -37,6 +37,11 @@ def read(path: Path) -> Table:
         return Table(np.array(array, dtype=np.float64, order="C"), names)
 
 
+def place_of(path: Path, day: int) -> str:
+    """Where a day stands in the file, for an error text."""
+    return f"{path}, row {day}"
+
+
 def write(path: Path, table: Table) -> None:
     """Write the numbers alone."""
     values = np.ascontiguousarray(table.values)

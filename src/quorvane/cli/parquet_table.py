@@ -14,6 +14,8 @@ import numpy as np
 from quorvane.cli.errors import DataError, reason, shown
 from quorvane.cli.libraries import require_library
 from quorvane.cli.limits import check_dated_days, check_name_length, check_table_size
+from quorvane.cli.long_parquet import read_long_columns
+from quorvane.cli.long_table import find_long_columns
 from quorvane.cli.table import DATE_HEADERS, Dates, Table, check_instrument_names
 
 _BATCH_DAYS = 1 << 16
@@ -33,10 +35,20 @@ def read(path: Path) -> Table:
         pyarrow.OSFile(os.fsencode(path)) as source,
         parquet.ParquetFile(source) as file,
     ):
+        long = find_long_columns(file.schema_arrow.names)
+        if long is not None:
+            for column in (long.date, long.instrument):
+                _check_dates(path, source, file.schema_arrow.field(column))
+            return read_long_columns(path, file, long)
         date_column = _check_shape(path, file.metadata, file.schema_arrow)
         if date_column is not None:
             _check_dates(path, source, file.schema_arrow.field(date_column))
         return _table(file.read(), date_column)
+
+
+def place_of(path: Path, day: int) -> str:
+    """Where a day stands in the file, for an error text; rows count from 1."""
+    return f"{path}, row {day + 1}"
 
 
 def write(path: Path, table: Table) -> None:

@@ -3,13 +3,12 @@
 from __future__ import annotations
 
 from collections.abc import Sequence
-from typing import TYPE_CHECKING, Any, Protocol
+from typing import Any, Protocol
 
 import numpy as np
 from numpy.typing import NDArray
 
-if TYPE_CHECKING:
-    from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
+from quorvane.cli.basket_days import BasketDays
 
 FloatArray = NDArray[np.float64]
 
@@ -51,15 +50,15 @@ class OutputRecorder:
 
 
 class StructureRecorder:
-    """What entered and what left the child chain, for some of the structures."""
+    """What entered and what left the expression, for some of the structures."""
 
     sees_each_day = True
 
-    def __init__(self, rotation: FixedBaskets, baskets: Sequence[int], days: int) -> None:
-        self._rotation = rotation
-        self.baskets = list(baskets)
-        self.entered = np.full((days, len(self.baskets)), np.nan)
-        self.left = np.full((days, len(self.baskets)), np.nan)
+    def __init__(self, days: BasketDays, keys: Sequence[str]) -> None:
+        self._days = days
+        self.keys = list(keys)
+        self.entered = np.full((len(days.inputs), len(self.keys)), np.nan)
+        self.left = np.full((len(days.inputs), len(self.keys)), np.nan)
 
     @property
     def arrays(self) -> dict[str, NDArray[Any]]:
@@ -68,4 +67,4 @@ class StructureRecorder:
 
     def record(self, day: int, output: FloatArray) -> None:
         """Keep the chosen structures' values."""
-        self.entered[day], self.left[day] = self._rotation.structure_values(self.baskets)
+        self.entered[day], self.left[day] = self._days.structure_values(self.keys)

@@ -1,56 +1,113 @@
-"""Structures files: keyed, weighted legs over named instruments, as TOML or CSV."""
+"""Structures files: keyed, weighted legs over named instruments, as TOML, CSV or Parquet."""
 
 from __future__ import annotations
 
-import io
 import math
 import tomllib
 from collections.abc import Sequence
 from dataclasses import dataclass, field
+from functools import cached_property
 from pathlib import Path
 from typing import Any
 
-from quorvane.cli.csv_rows import Rows, is_plain_number, reporting_faults
+import numpy as np
+
+from quorvane.baskets.listing import Book, Listing
+from quorvane.cli.csv_rows import reporting_faults
+from quorvane.cli.dated_structures import read_dated
 from quorvane.cli.errors import DataError, did_you_mean, reason, shown
 from quorvane.cli.files import check_readable, ending_of
-from quorvane.cli.limits import (
-    MAX_LEGS,
-    MAX_STRUCTURES,
-    MAX_STRUCTURES_FILE_BYTES,
-    check_name_length,
-)
+from quorvane.cli.limits import MAX_LEGS, MAX_STRUCTURES, check_name_length
+from quorvane.cli.named_rows import NamedRows, named_rows, whole_file
+from quorvane.cli.structure_columns import StructureColumns, leg_weight
 
-STRUCTURE_ENDINGS = (".toml", ".csv")
-CSV_HEADER = ["key", "instrument", "weight"]
+STRUCTURE_ENDINGS = (".toml", ".csv", ".parquet")
 
 Structures = dict[str, dict[str, float]]
 """Key to legs, legs from instrument to weight, all in the file's order."""
 
 
-def read_structures(path: Path, instruments: Sequence[str]) -> Structures:
-    """Read a structures file and check it against the table's instruments."""
+@dataclass(frozen=True)
+class StructureBook:
+    """What a structures file says.
+
+    Attributes
+    ----------
+    book : Book
+        The structures over the table's instruments, with the dates from which they hold.
+    taken : tuple of str
+        What was not as in the usual file.
+    """
+
+    book: Book
+    taken: tuple[str, ...] = ()
+
+    @property
+    def keys(self) -> tuple[str, ...]:
+        """All structures, in the order in which they are first listed."""
+        return tuple(str(key) for key in self.book.baskets)
+
+    @property
+    def legs(self) -> int:
+        """The legs of all dates together."""
+        return sum(len(listing.leg_ids) for listing in self.book.listings)
+
+    @cached_property
+    def latest(self) -> Structures:
+        """Each structure with the legs that it had last."""
+        names = self.book.instruments
+        latest: Structures = {key: {} for key in self.keys}
+        for listing in self.book.listings:
+            ends = zip(listing.baskets, listing.offsets[:-1], listing.offsets[1:], strict=True)
+            for key, first, last in ends:
+                legs = zip(listing.leg_ids[first:last], listing.weights[first:last], strict=True)
+                latest[str(key)] = {str(names[i]): float(weight) for i, weight in legs}
+        return latest
+
+
+def read_structures(
+    path: Path, instruments: Sequence[str], *, changes_only: bool = False
+) -> StructureBook:
+    """Read a structures file and check it against the table's instruments.
+
+    A file with a column of dates holds the complete list of structures from each date on, or with
+    ``changes_only`` what changes on it.
+    """
     ending = ending_of(path, STRUCTURE_ENDINGS, "a structures file")
     check_readable(path, "a structures file")
     builder = _Builder(path, frozenset(instruments))
-    with reporting_faults(path):
-        # As in a table, a byte order mark does not matter.
-        text = _whole(path).decode("utf-8-sig")
-        if ending == ".toml":
-            _read_toml(text, builder)
-        else:
-            _read_csv(text, builder)
+    taken: tuple[str, ...] = ()
+    if ending == ".toml":
+        with reporting_faults(path):
+            _read_toml(whole_file(path).decode("utf-8-sig"), builder)
+    else:
+        with named_rows(path, "a structures file") as rows:
+            columns = StructureColumns.of(rows)
+            if columns.date is not None:
+                book = read_dated(path, rows, columns, instruments, complete=not changes_only)
+                return StructureBook(book, rows.notes)
+            taken = rows.notes
+            _read_fixed(rows, columns, builder)
+    if changes_only:
+        raise DataError(f"{path}: --changes-only is for structures with dates, it has none")
     if not builder.structures:
         raise DataError(f"{path}: no structures, expected one or more")
-    return builder.structures
+    return StructureBook(fixed_book(builder.structures, instruments), taken)
 
 
-def _whole(path: Path) -> bytes:
-    """The bytes of a file, however large its folder says that it is."""
-    with path.open("rb") as stream:
-        data = stream.read(MAX_STRUCTURES_FILE_BYTES + 1)
-    if len(data) > MAX_STRUCTURES_FILE_BYTES:
-        raise DataError(f"{path}: the file is larger than {MAX_STRUCTURES_FILE_BYTES} bytes")
-    return data
+def fixed_book(structures: Structures, instruments: Sequence[str]) -> Book:
+    """The book of structures that stay the same; a leg of weight 0 is one, too."""
+    column_of = {name: column for column, name in enumerate(instruments)}
+    flat = [
+        (column_of[name], weight) for legs in structures.values() for name, weight in legs.items()
+    ]
+    listing = Listing(
+        baskets=tuple(structures),
+        offsets=np.cumsum([0, *map(len, structures.values())]),
+        leg_ids=np.array([column for column, _ in flat], dtype=np.int64),
+        weights=np.array([weight for _, weight in flat], dtype=np.float64),
+    )
+    return Book(tuple(instruments), (listing,))
 
 
 @dataclass
@@ -137,28 +194,13 @@ def _toml_weight(where: str, instrument: str, weight: Any) -> float:
         return math.inf
 
 
-def _read_csv(text: str, builder: _Builder) -> None:
-    """One leg per row under the header key,instrument,weight; a key's rows stand together."""
-    rows = Rows(builder.path, io.StringIO(text, newline=""))
-    header = next(iter(rows), [])
-    if [name.strip().lower() for name in header] != CSV_HEADER:
-        raise DataError(
-            f"{builder.path}, line {max(rows.line, 1)}: "
-            f"expected the header {','.join(CSV_HEADER)}, got {shown(','.join(header))}"
-        )
+def _read_fixed(rows: NamedRows, columns: StructureColumns, builder: _Builder) -> None:
+    """One leg per row; a key's rows stand together."""
     last_key: str | None = None
     for row in rows:
-        last_key = _csv_row(rows, row, last_key, builder)
-
-
-def _csv_row(where: Rows, row: list[str], last_key: str | None, builder: _Builder) -> str:
-    """Add one leg; a key that differs from the row before begins a structure."""
-    if len(row) != len(CSV_HEADER):
-        raise DataError(f"{where}: {len(row)} cells, expected {len(CSV_HEADER)} as in the header")
-    key, instrument, weight = (cell.strip() for cell in row)
-    if key != last_key:
-        builder.begin(where, key)
-    if not is_plain_number(weight):
-        raise DataError(f"{where}, column 'weight': expected a number, got {shown(weight)}")
-    builder.add_leg(where, key, instrument, float(weight))
-    return key
+        key = row[columns.key]
+        if key != last_key:
+            builder.begin(rows, key)
+            last_key = key
+        weight = leg_weight(rows, row[columns.weight])
+        builder.add_leg(rows, key, row[columns.instrument], weight)

@@ -2,12 +2,17 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterable
+from collections.abc import Iterable, Sequence
+from itertools import pairwise
 
 import numpy as np
 
+from quorvane.baskets.listing import Book
+from quorvane.cli.counting import counted
+from quorvane.cli.day_labels import looks_like_date
 from quorvane.cli.structures import Structures
 from quorvane.cli.table import Table
+from quorvane.tables import date_text
 
 
 def format_rows(rows: Iterable[tuple[str, str]]) -> str:
@@ -20,9 +25,11 @@ def format_rows(rows: Iterable[tuple[str, str]]) -> str:
 def describe_table(table: Table) -> str:
     """Size, first and last date, missing cells."""
     days, instruments = table.values.shape
-    text = f"{days:,} days x {instruments:,} instruments"
+    text = f"{counted(days, 'day')} x {counted(instruments, 'instrument')}"
     if table.dates is not None:
         text += f", {table.label(0)} to {table.label(days - 1)}"
+        if not any(map(looks_like_date, table.dates.text)):
+            text += " (labels, no dates: in the file's order)"
     missing = int(np.count_nonzero(np.isnan(table.values)))
     return f"{text}, {_share(missing, table.values.size)} missing" if missing else text
 
@@ -30,7 +37,22 @@ def describe_table(table: Table) -> str:
 def describe_structures(structures: Structures) -> str:
     """Number of structures and legs."""
     legs = sum(map(len, structures.values()))
-    return f"{len(structures):,} structures, {legs:,} legs"
+    return f"{counted(len(structures), 'structure')}, {counted(legs, 'leg')}"
+
+
+def describe_book(book: Book) -> str:
+    """Number of structures and legs, and from how many dates they are, the first and the last."""
+    legs = sum(len(listing.leg_ids) for listing in book.listings)
+    text = f"{counted(len(book.baskets), 'structure')}, {counted(legs, 'leg')}"
+    if book.dates is None:
+        return text
+    first, last = (date_text(date, book.is_utc) for date in (book.dates[0], book.dates[-1]))
+    return f"{text} of {counted(len(book.dates), 'date')}, {first} to {last}"
+
+
+def describe_hold(hold: int | None) -> str:
+    """For how long a structure goes on speaking without a value."""
+    return "for ever" if hold is None else counted(hold, "day")
 
 
 def describe_output(output: Table) -> str:
@@ -40,14 +62,30 @@ def describe_output(output: Table) -> str:
 
 
 def describe_time(days: int, seconds: float) -> str:
-    """Total time, and time per day in a unit that suits it."""
+    """Time of the days, and time per day in a unit that suits it."""
     if days == 0:
         return "no day left to compute"
-    return f"{seconds:.2f} s for {days:,} days, {_duration(seconds / days)} per day"
+    return f"{seconds:.2f} s for {counted(days, 'day')}, {_duration(seconds / days)} per day"
+
+
+def describe_times(
+    days: int, computing: float, times: Sequence[float], *, has_checkpoint: bool
+) -> str:
+    """The whole time and its parts; ``times`` are of the start and of the end of each step.
+
+    The steps are reading, the days, and writing. What the second took besides computing is for
+    checkpoints.
+    """
+    reading, between, writing = (after - before for before, after in pairwise(times))
+    parts = [f"{reading:.2f} s reading", describe_time(days, computing)]
+    if has_checkpoint:
+        parts.append(f"{between - computing:.2f} s keeping checkpoints")
+    parts.append(f"{writing:.2f} s writing")
+    return f"{times[-1] - times[0]:.2f} s: {', '.join(parts)}"
 
 
 def _share(part: int, whole: int) -> str:
-    return f"{part:,} of {whole:,} cells ({100.0 * part / whole:.1f} %)"
+    return f"{part:,} of {counted(whole, 'cell')} ({100.0 * part / whole:.1f} %)"
 
 
 def _duration(seconds: float) -> str:

@@ -31,11 +31,15 @@ class Dates:
 
 @dataclass(frozen=True)
 class Table:
-    """``values`` is float64, days by instruments, with NaN for a missing cell."""
+    """``values`` is float64, days by instruments, with NaN for a missing cell.
+
+    ``taken`` says what was not as in the usual file: another separator, a long table.
+    """
 
     values: NDArray[np.float64]
     instruments: tuple[str, ...]
     dates: Dates | None = None
+    taken: tuple[str, ...] = ()
 
     def label(self, day: int) -> str:
         """The day's date, or its number counted from 0 when the table has no dates."""

@@ -16,6 +16,9 @@ class TableFormat(Protocol):
     def read(self, path: Path) -> Table:
         """Read the table at ``path``; DataError when it does not hold one."""
 
+    def place_of(self, path: Path, day: int) -> str:
+        """Where the day's row stands in the file, for an error text."""
+
     def write(self, path: Path, table: Table) -> None:
         """Write the table to ``path``."""
 
@@ -35,6 +38,11 @@ def read_table(path: Path) -> Table:
     table_format = _FORMATS[ending_of(path, TABLE_ENDINGS, "a table")]
     check_readable(path, "a table of days by instruments")
     return table_format.read(path)
+
+
+def place_of(path: Path, day: int) -> str:
+    """Where a day's row stands in the file at ``path``, for an error text."""
+    return _FORMATS[ending_of(path, TABLE_ENDINGS, "a table")].place_of(path, day)
 
 
 def write_table(path: Path, table: Table) -> None:

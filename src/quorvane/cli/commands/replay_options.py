@@ -1,39 +1,43 @@
-"""The command line of ``quorvane``: its options, and errors as one line."""
+"""The options of ``quorvane replay``."""
 
 from __future__ import annotations
 
 import argparse
-from collections.abc import Sequence
 from pathlib import Path
 
-from quorvane import __version__
-from quorvane.cli.errors import CommandError
+from quorvane.cli.checkpoint_place import CheckpointPlace
+from quorvane.cli.labels import LABEL_ENDINGS
 from quorvane.cli.limits import MAX_CELLS, MAX_INSTRUMENTS, MAX_STRUCTURES
 from quorvane.cli.plot import PICTURE_ENDINGS
-from quorvane.cli.saying import note
-from quorvane.cli.stopping import TERMINATED, Terminated, signals_held, termination_raised
 from quorvane.cli.structures import STRUCTURE_ENDINGS
 from quorvane.cli.table_io import TABLE_ENDINGS
 from quorvane.cli.trace import TRACE_ENDINGS
 from quorvane.functions.rotations.virtualization.history import MOST_THREADS
 
-_REPLAY_TEXT = """\
+FOREVER = "forever"
+"""What ``--hold`` may say instead of a number."""
+
+_TEXT = """\
 Replay a table of days by instruments through structures: weighted baskets of instruments.
-Each day the structures' values run through the child rotations of the expression, and what
+Each day the structures' values run through the functions of the expression, and what
 comes out is brought back onto the instruments.
 """
 
-_REPLAY_NOTES = f"""\
+_NOTES = f"""\
 The table has a header of instrument names and one row per day. A first column that is named
 Date, Day, Time, Datetime or Timestamp, or not named at all, or that does not hold numbers, is
-taken as the dates and written back as it is. An empty cell, nan, NA, null or none is a missing
-number. An .npy table is a plain array; its instruments are named 0, 1, ... by column.
+taken as the dates and written back as it is; dates such as 2000-01-31 or 20000131 must ascend.
+A table with columns named date, instrument and value is a long one, with a row for each date and
+instrument. An empty cell, nan, NA, null or none is a missing number. Columns may be separated by
+commas, semicolons, tabs or bars. An .npy table is a plain array; its instruments are named
+0, 1, ... by column.
 
-A TOML structures file holds one table per structure, a CSV one leg per row:
+A TOML structures file holds one table per structure, a CSV or Parquet one a leg per row. With a
+column of dates each date is the complete list of structures from then on, until the next:
 
-    ["KO/PEP"]            key,instrument,weight
-    KO = 1.0              KO/PEP,KO,1.0
-    PEP = -1.0            KO/PEP,PEP,-1.0
+    ["KO/PEP"]            key,instrument,weight      date,key,instrument,weight
+    KO = 1.0              KO/PEP,KO,1.0              2020-01-02,KO/PEP,KO,1.0
+    PEP = -1.0            KO/PEP,PEP,-1.0            2020-01-02,KO/PEP,PEP,-1.0
 
 Limits: {MAX_INSTRUMENTS:,} instruments, {MAX_STRUCTURES:,} structures, {MAX_CELLS:,} cells in
 any array of days; input and output are held in memory at 8 bytes a cell.
@@ -43,45 +47,12 @@ signal.
 """
 
 
-def run(argv: Sequence[str] | None = None) -> int:
-    """Parse ``argv`` and run the command; a failure is one line on standard error."""
-    parser = _parser()
-    try:
-        options = parser.parse_args(argv)
-    except SystemExit as exit_request:
-        return int(exit_request.code or 0)
-    try:
-        with termination_raised():
-            with signals_held():
-                # Imported after parsing, so that --help does not wait for it.
-                from quorvane.cli.replay_command import replay_command
-
-            return replay_command(options)
-    except Terminated:
-        return TERMINATED
-    except CommandError as error:
-        note(f"quorvane replay: error: {error}")
-        return error.exit_status
-    except MemoryError:
-        note("quorvane replay: error: not enough memory for these tables")
-        return 1
-
-
-def _parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog="quorvane", description="Rotations over days of data.")
-    parser.add_argument("--version", action="version", version=f"quorvane {__version__}")
-    commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
-    replay = commands.add_parser(
-        "replay",
-        help="replay a table of days through structures",
-        description=_REPLAY_TEXT,
-        epilog=_REPLAY_NOTES,
-        formatter_class=argparse.RawDescriptionHelpFormatter,
-    )
-    _add_inputs(replay)
-    _add_outputs(replay)
-    _add_checkpoints(replay)
-    return parser
+def add_options(parser: argparse.ArgumentParser) -> None:
+    """Describe the subcommand and add its options."""
+    parser.description, parser.epilog = _TEXT, _NOTES
+    _add_inputs(parser)
+    _add_outputs(parser)
+    _add_checkpoints(parser)
 
 
 def _add_inputs(replay: argparse.ArgumentParser) -> None:
@@ -97,6 +68,17 @@ def _add_inputs(replay: argparse.ArgumentParser) -> None:
         help=f"the structures ({', '.join(STRUCTURE_ENDINGS)})",
     )
     group.add_argument(
+        "--changes-only",
+        action="store_true",
+        help="a date of dated structures says only what changes: each structure keeps its legs "
+        "until its own next date, and ends where its weights are all 0 or missing",
+    )
+    group.add_argument(
+        "--sort",
+        action="store_true",
+        help="sort the days by their dates, which else must ascend",
+    )
+    group.add_argument(
         "--input",
         choices=("returns", "levels"),
         default="returns",
@@ -108,8 +90,28 @@ def _add_inputs(replay: argparse.ArgumentParser) -> None:
         "--expression",
         default="none",
         metavar="EXPR",
-        help='the child rotations, such as "ewma(20);rank"; at most four of ewma(window), '
-        "zscore, rank and sigmoid (default: %(default)s)",
+        help='the functions, such as "ewma(20);rank": all that quorvane.catalogue() lists, one '
+        "after the other (default: %(default)s)",
+    )
+    group.add_argument(
+        "--functions",
+        metavar="MODULE",
+        help="a Python module to import first, such as mine or mine.functions, which registers "
+        "functions of one's own for the expression; the folder you are in is looked through, too",
+    )
+    group.add_argument(
+        "--labels",
+        type=Path,
+        metavar="FILE",
+        help="labels of the structures, for functions that go by groups: a column of keys, and a "
+        f"column for each label ({', '.join(LABEL_ENDINGS)})",
+    )
+    group.add_argument(
+        "--hold",
+        type=_hold,
+        metavar="DAYS",
+        help="for how many days a structure goes on speaking without a value, or "
+        f'"{FOREVER}" (default: {FOREVER}, with dated structures 0)',
     )
     group.add_argument(
         "--policy",
@@ -163,7 +165,7 @@ def _add_checkpoints(replay: argparse.ArgumentParser) -> None:
     group = replay.add_argument_group("stopping and going on")
     group.add_argument(
         "--checkpoint",
-        type=Path,
+        type=CheckpointPlace,
         metavar="FILE",
         help="keep the state in FILE: at regular days, when stopped by Ctrl-C or SIGTERM, "
         "and at the end",
@@ -187,6 +189,17 @@ def _add_checkpoints(replay: argparse.ArgumentParser) -> None:
         metavar="DAYS",
         help="compute so many days, keep a checkpoint, and stop without writing the outputs",
     )
+
+
+def _hold(text: str) -> int | str:
+    if text == FOREVER:
+        return FOREVER
+    # Not int(), which takes 1_0 and digits of other scripts.
+    if not (text.isascii() and text.isdigit()):
+        raise argparse.ArgumentTypeError(
+            f"expected a number of days, 0 or more, or {FOREVER}, got {text!r}"
+        )
+    return int(text)
 
 
 def _threads(text: str) -> int:

@@ -2,13 +2,15 @@
 
 import io
 import os
+import re
 import resource
 import sys
 
 import numpy as np
 import pytest
 
-from quorvane.cli import csv_table, replay_command
+from quorvane.cli import csv_table
+from quorvane.cli.commands import replay as replay_command
 from quorvane.cli.table_io import read_table
 
 
@@ -90,8 +92,13 @@ def test_the_summary_says_what_was_done(replay, tmp_path, prices, structures):
     assert shown["unmap policy"] == "proportional"
     assert shown["output"] == f"{tmp_path / 'output.csv'}: 20 of 28 cells (71.4 %) hold a value"
     assert shown["trace"] == f"{tmp_path / 't.npz'}"
-    assert "s for 7 days" in shown["time"]
-    assert shown["time"].endswith("per day")
+    assert shown["hold"] == "for ever"
+    seconds = r"\d+\.\d\d s"
+    assert re.fullmatch(
+        rf"{seconds}: {seconds} reading, {seconds} for 7 days, \S+ .?s per day, "
+        rf"{seconds} writing",
+        shown["time"],
+    )
 
 
 def test_quiet_says_nothing(replay):
@@ -110,10 +117,13 @@ def test_a_picture_is_drawn(replay, tmp_path):
 @pytest.mark.parametrize(
     ("options", "text"),
     [
-        ({"expression": "foo"}, "--expression 'foo': fixed_baskets: unsupported "),
-        ({"expression": "ewma"}, "--expression 'ewma': fixed_baskets: 'ewma' requires an integer"),
-        ({"expression": "ewma(0)"}, "--expression 'ewma(0)': "),
-        ({"expression": " "}, "--expression ' ': transformation_expression must be a non-empty"),
+        ({"expression": "foo"}, "--expression: there is no function 'foo'; known are ewma, "),
+        (
+            {"expression": "ewma"},
+            "--expression: 'ewma': exactly one of window, span and halflife is wanted",
+        ),
+        ({"expression": "ewma(0)"}, "--expression: 'ewma(0)': "),
+        ({"expression": " "}, "--expression must be 'none' or hold at least one"),
         ({"max_structures": 2}, "--max-structures 2: expected at least 3, the number of "),
         ({"max_structures": 1000001}, "--max-structures 1000001: expected at most 1000000"),
         ({"output": "o.xlsx"}, "o.xlsx: unsupported ending for a table, expected .csv, "),
@@ -271,7 +281,7 @@ def test_too_little_memory_is_one_line(replay, monkeypatch):
     def exhausted(path):
         raise MemoryError
 
-    monkeypatch.setattr("quorvane.cli.replay_command.read_table", exhausted)
+    monkeypatch.setattr("quorvane.cli.prepared_run.read_table", exhausted)
     assert error_of(replay(), 1) == "not enough memory for these tables"
 
 

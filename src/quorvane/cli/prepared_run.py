@@ -1,0 +1,124 @@
+"""What a replay has read and made before its first day."""
+
+from __future__ import annotations
+
+import argparse
+from dataclasses import dataclass
+
+import numpy as np
+from numpy.typing import NDArray
+
+from quorvane.cli.basket_days import BasketDays
+from quorvane.cli.day_labels import Moments, in_order, table_moments
+from quorvane.cli.errors import DataError, UsageError
+from quorvane.cli.inputs import structure_input
+from quorvane.cli.labels import Labels, read_labels
+from quorvane.cli.limits import MAX_CELLS, MAX_STRUCTURES
+from quorvane.cli.plot import choose_evenly
+from quorvane.cli.recording import OutputRecorder, Recorder, StructureRecorder
+from quorvane.cli.replay_checks import choices_of
+from quorvane.cli.structures import StructureBook, read_structures
+from quorvane.cli.table import Table
+from quorvane.cli.table_io import place_of, read_table
+from quorvane.cli.trace import TraceRecorder
+
+PLOTTED_STRUCTURES = 48
+
+
+@dataclass
+class Run:
+    """A replay that is ready to go: what was read, the days, and who records them."""
+
+    options: argparse.Namespace
+    table: Table
+    structures: StructureBook
+    labels: Labels
+    days: BasketDays
+    output: OutputRecorder
+    plotted: StructureRecorder | None
+    trace: TraceRecorder | None
+
+    @property
+    def recorders(self) -> list[Recorder]:
+        """All recorders of the run."""
+        optional: list[Recorder | None] = [self.plotted, self.trace]
+        return [self.output, *(recorder for recorder in optional if recorder is not None)]
+
+
+def prepare(options: argparse.Namespace) -> Run:
+    """Read the files and make the days; CommandError for whatever the user can mend."""
+    table, moments = _dated_table(options)
+    structures = read_structures(
+        options.structures, table.instruments, changes_only=options.changes_only
+    )
+    labels: Labels = {}
+    if options.labels is not None:
+        labels = read_labels(options.labels, structures.keys)
+    days = BasketDays(
+        structures.book,
+        choices_of(options, is_dated=structures.book.is_dated),
+        structure_input(table.values, options.input),
+        dates=_dates_for(structures, moments, options),
+        slots=_slots(options.max_structures, len(structures.keys)),
+        labels=labels,
+    )
+    if options.checkpoint is not None:
+        days.require_states()
+    trace = None
+    if options.trace is not None:
+        cells = len(days.inputs) * days.slots
+        if cells > MAX_CELLS:
+            raise DataError(
+                f"{options.trace}: a trace of {len(days.inputs)} days of {days.slots} slots is "
+                f"{cells} cells, at most {MAX_CELLS} are allowed"
+            )
+        trace = TraceRecorder(days)
+    plotted = None
+    if options.plot is not None:
+        chosen = choose_evenly(len(structures.keys), PLOTTED_STRUCTURES)
+        plotted = StructureRecorder(days, [structures.keys[position] for position in chosen])
+    output = OutputRecorder(*table.values.shape)
+    return Run(options, table, structures, labels, days, output, plotted, trace)
+
+
+def _dated_table(options: argparse.Namespace) -> tuple[Table, Moments | None]:
+    """The table, whose days are in order if they have dates."""
+    table = read_table(options.table)
+
+    def place(row: int) -> str:
+        return place_of(options.table, row)
+
+    return in_order(table, table_moments(table, place), place, sort=options.sort)
+
+
+def _dates_for(
+    structures: StructureBook, moments: Moments | None, options: argparse.Namespace
+) -> NDArray[np.datetime64] | None:
+    """The days' dates for dated structures, None for others."""
+    if not structures.book.is_dated:
+        return None
+    if moments is None:
+        raise DataError(
+            f"{options.structures}: the structures have dates, but the days of {options.table} "
+            f"have none such as 2000-01-31"
+        )
+    if moments.is_utc != structures.book.is_utc:
+        knows = "know" if moments.is_utc else "do not know"
+        raise DataError(
+            f"{options.structures}: the dates of {options.table} {knows} their time zone, those of "
+            f"the structures {'do not' if moments.is_utc else 'do'}"
+        )
+    return moments.nanoseconds(lambda row: place_of(options.table, row))
+
+
+def _slots(wanted: int | None, structures: int) -> int:
+    if wanted is None:
+        return structures
+    if wanted < structures:
+        raise UsageError(
+            f"--max-structures {wanted}: expected at least {structures}, "
+            f"the number of structures in the file"
+        )
+    if wanted > MAX_STRUCTURES:
+        raise UsageError(f"--max-structures {wanted}: expected at most {MAX_STRUCTURES}")
+    return wanted
