@@ -313,7 +313,7 @@ def test_what_an_administrator_adds_beside_the_tables_does_not_matter(dsn, store
 def test_tables_that_went_away_are_said_by_reads_and_made_again_by_writes(store, sql):
     store.write("rotation", {"a": 1})
     sql("DROP SCHEMA quorvane CASCADE")
-    with pytest.raises(StoreFormatError, match="held a store and is now without its tables"):
+    with pytest.raises(StoreFormatError, match="holds no store: its tables are not there"):
         store.load("rotation")
     assert_damaged(store)
     assert sql("SELECT FROM pg_namespace WHERE nspname = 'quorvane'") == []

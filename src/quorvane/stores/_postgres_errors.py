@@ -89,7 +89,9 @@ def number_of(error: Exception) -> int:
 def text_of(error: Exception) -> str:
     """Return what an error says in one line."""
     said = getattr(getattr(error, "diag", None), "message_primary", None) or str(error)
-    return " ".join(said.split()) or type(error).__name__
+    # What libpq guesses at follows on lines that begin with a tab.
+    facts = " ".join(line for line in said.splitlines() if not line.startswith("\t"))
+    return " ".join(facts.split()) or type(error).__name__
 
 
 def _state(error: Exception) -> str:

@@ -108,7 +108,7 @@ class PostgresServer:
         with self._connected() as connection:
             self._begin_reading(connection)
             if tables.are_missing(connection, str(self.address)):
-                raise StoreFormatError(f"{self.address} held a store and is now without its tables")
+                raise StoreFormatError(f"{self.address} holds no store: its tables are not there")
             yield connection
 
     @contextlib.contextmanager
