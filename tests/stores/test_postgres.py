@@ -346,6 +346,19 @@ def test_a_store_that_does_not_wait_at_all_is_busy_at_once(dsn, store):
     assert store.read("rotation") == {"a": 1}
 
 
+def test_an_administrator_who_alters_a_table_keeps_all_waiting_only_so_long(store, dsn, sql):
+    import psycopg
+
+    store.write("rotation", {"a": 1})
+    hasty = PostgresStore(dsn, busy_timeout=0.1)
+    with psycopg.connect(dsn) as administrator:
+        administrator.execute("LOCK TABLE quorvane.heads IN ACCESS EXCLUSIVE MODE")
+        for act in (lambda: hasty.read("rotation"), lambda: hasty.write("rotation", {"a": 2})):
+            with pytest.raises(StoreBusyError, match=r"held it for 0\.1 seconds"):
+                act()
+    assert hasty.read("rotation") == {"a": 1}
+
+
 def test_a_reader_sees_one_moment(dsn, store, monkeypatch):
     # The head and the version that it names belong together, also when a writer comes between.
     store = PostgresStore(dsn, keep=1)

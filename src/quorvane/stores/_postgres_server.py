@@ -201,17 +201,19 @@ class PostgresServer:
         return NoConnectionError(text, errno.EACCES if is_locked_out else errno.ENOTCONN)
 
     def _begin_reading(self, connection: psycopg.Connection[Any]) -> None:
-        connection.execute(f"BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY; {_SETTINGS}")
+        self._begin(connection, "REPEATABLE READ READ ONLY")
 
     def _begin_writing(self, connection: psycopg.Connection[Any], namespace: str) -> None:
         """Begin a transaction and wait until nobody else is in one of the namespace."""
-        # Zero would wait for ever.
+        self._begin(connection, "READ COMMITTED READ WRITE")
+        connection.execute("SELECT pg_advisory_xact_lock(%s)", (_lock_of(namespace),))
+
+    def _begin(self, connection: psycopg.Connection[Any], mode: str) -> None:
+        # Readers wait for nobody but an administrator who alters a table. Zero would be for ever.
         patience = max(int(1000 * self._busy_timeout), 1)
         connection.execute(
-            "BEGIN ISOLATION LEVEL READ COMMITTED READ WRITE; "
-            f"SET LOCAL lock_timeout = {patience}; {_SETTINGS}"
+            f"BEGIN ISOLATION LEVEL {mode}; SET LOCAL lock_timeout = {patience}; {_SETTINGS}"
         )
-        connection.execute("SELECT pg_advisory_xact_lock(%s)", (_lock_of(namespace),))
 
     def _make_tables(self, connection: psycopg.Connection[Any]) -> None:
         self._begin_writing(connection, _WHILE_MAKING)
