@@ -18,21 +18,21 @@ def store(request, tmp_path):
     """A store of each kind."""
     if request.param == "memory":
         return MemoryStore()
-    prepare(request, request.param, tmp_path)
+    prepare(request, request.param)
     return durable_store(request.param, tmp_path)
 
 
 @pytest.fixture(params=DURABLE_KINDS)
-def durable_kind(request, tmp_path):
+def durable_kind(request):
     """Each kind of store that outlives the process, at home in the test's folder."""
-    prepare(request, request.param, tmp_path)
+    prepare(request, request.param)
     return request.param
 
 
 @pytest.fixture(params=VERSIONED_KINDS)
-def versioned_kind(request, tmp_path):
+def versioned_kind(request):
     """Each kind of store that keeps versions, at home in the test's folder."""
-    prepare(request, request.param, tmp_path)
+    prepare(request, request.param)
     return request.param
 
 
@@ -76,6 +76,6 @@ def tasks():
         yield server
 
 
-def prepare(request, kind, folder):
+def prepare(request, kind):
     if kind == "postgres":
         request.getfixturevalue("database")
