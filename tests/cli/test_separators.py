@@ -54,6 +54,13 @@ def test_blank_lines_in_front_do_not_hide_the_separator(reader, write):
     assert read_table(write("t.csv", "\n\nA;B\n\n1;2\n")).values.tolist() == [[1.0, 2.0]]
 
 
+def test_a_row_is_bounded_from_the_first_line_on(reader, write, monkeypatch):
+    monkeypatch.setattr("quorvane.cli.limits.MAX_ROW_LENGTH", 100)
+    path = write("t.csv", 'Date,"' + "a" * 80 + "\n" + "a" * 80 + "\n" + "a" * 5000 + '"\n')
+    with pytest.raises(DataError, match=r"t\.csv, line 2: a row of more than 100 characters"):
+        read_table(path)
+
+
 def test_a_decimal_comma_is_named_as_what_it_is(reader, write):
     path = write("t.csv", "Date;A\n2020-01-02;1,5\n")
     with pytest.raises(DataError) as raised:

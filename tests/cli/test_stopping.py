@@ -8,7 +8,7 @@ from pathlib import Path
 
 import pytest
 
-from quorvane.cli import day_loop
+from quorvane.cli import day_loop, prepared_run
 from quorvane.cli.commands import replay as replay_command
 from quorvane.cli.libraries import require_library
 from quorvane.cli.recording import OutputRecorder
@@ -104,7 +104,8 @@ def signalled_in(monkeypatch):
             os.kill(os.getpid(), number)
             pytest.fail("the signal was not acted upon")
 
-        monkeypatch.setattr(replay_command, function, signalling)
+        module = prepared_run if function == "read_table" else replay_command
+        monkeypatch.setattr(module, function, signalling)
 
     # What a shell starts in the background ignores interrupts.
     before = signal.signal(signal.SIGINT, signal.default_int_handler)
@@ -113,7 +114,7 @@ def signalled_in(monkeypatch):
 
 
 @pytest.mark.parametrize(("number", "status"), STATUS)
-@pytest.mark.parametrize("function", ["read_table", "_prepare", "write_table", "write_trace"])
+@pytest.mark.parametrize("function", ["read_table", "prepare", "write_table", "write_trace"])
 def test_a_signal_outside_the_days_ends_the_run_and_leaves_nothing_over(
     replay, tmp_path, signalled_in, number, status, function
 ):

@@ -76,28 +76,26 @@ class Rows:
         """The lines up to the second that is not blank; what follows many blank ones is not met."""
         lines: list[str] = []
         full = 0
-        while full < 2 and len(lines) < _MOST_BLANK and (line := self._bounded(len(lines) + 1)):
+        while full < 2 and len(lines) < _MOST_BLANK and (line := self._read_line(self._room + 1)):
+            if len(line) > self._room:
+                raise self._too_long(len(lines) + 1)
             lines.append(line)
             full += not line.isspace()
         return lines
 
     def _lines(self) -> Iterator[str]:
-        for line in self._seen:
+        read = iter(lambda: self._read_line(self._room + 1), "")
+        for line in itertools.chain(self._seen, read):
             self._room -= len(line)
-            yield line
-        self._seen.clear()
-        while line := self._bounded(self.line + 1):
-            self._room -= len(line)
+            if self._room < 0:
+                raise self._too_long(self.line + 1)
             yield line
 
-    def _bounded(self, number: int) -> str:
-        line = self._read_line(self._room + 1)
-        if len(line) > self._room:
-            raise DataError(
-                f"{self._path}, line {number}: a row of more than {limits.MAX_ROW_LENGTH} "
-                f"characters, expected no longer ones"
-            )
-        return line
+    def _too_long(self, line: int) -> DataError:
+        return DataError(
+            f"{self._path}, line {line}: a row of more than {limits.MAX_ROW_LENGTH} characters, "
+            f"expected no longer ones"
+        )
 
 
 def place_of_row(rows: Rows, number: int) -> Rows:

@@ -8,7 +8,7 @@ from pathlib import Path
 import numpy as np
 
 from quorvane.cli import limits
-from quorvane.cli.csv_rows import Rows, open_text, place_of_row, read_number
+from quorvane.cli.csv_rows import Rows, is_plain, open_text, place_of_row, read_number
 from quorvane.cli.errors import DataError
 from quorvane.cli.limits import check_dated_days, check_name_length, check_table_size
 from quorvane.cli.long_table import LongColumns, LongRows, table_of_rows
@@ -27,13 +27,19 @@ def read_long_rows(path: Path, columns: LongColumns) -> Table:
         taken = rows.notes
         next(iter(rows))
         for row in rows:
-            rows.require_width(row, width)
-            label, name = row[date], row[instrument].strip()
+            if len(row) != width:
+                rows.require_width(row, width)
+            label, name, cell = row[date], row[instrument].strip(), row[value]
             if label not in labels or name not in names:
                 _admit(path, rows, label, name, labels, names)
             days.append(labels[label])
             numbers.append(names[name])
-            values.append(read_number(rows, row[value], what))
+            # Written out, since this is done for each row: what is no plain number is looked at.
+            try:
+                number = float(cell) if is_plain(cell) else read_number(rows, cell, what)
+            except ValueError:
+                number = read_number(rows, cell, what)
+            values.append(number)
             if len(days) > limits.MAX_CELLS:
                 raise DataError(f"{rows}: at most {limits.MAX_CELLS} rows are allowed")
 
