@@ -2,6 +2,7 @@
 
 import pytest
 
+from support.postgres import postgres  # noqa: F401 # a fixture
 from support.siblings import Siblings, installed_base, installed_real_base
 
 

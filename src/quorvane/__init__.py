@@ -30,7 +30,7 @@ if TYPE_CHECKING:
     from quorvane.functions.rotations.virtualization.history import replay_history
     from quorvane.functions.rotations.virtualization.planned_baskets import PlannedBaskets
     from quorvane.running import run
-    from quorvane.stores import DirectoryStore, MemoryStore, SqliteStore
+    from quorvane.stores import DirectoryStore, MemoryStore, PostgresStore, SqliteStore
     from quorvane.sweeping import sweep
 
 __all__ = [
@@ -41,6 +41,7 @@ __all__ = [
     "MemoryStore",
     "OwnState",
     "PlannedBaskets",
+    "PostgresStore",
     "SlotUsage",
     "SqliteStore",
     "StateMismatch",
@@ -65,6 +66,7 @@ _MODULE_OF = {
     "MemoryStore": "quorvane.stores",
     "OwnState": "quorvane.functions.rotations.own_state",
     "PlannedBaskets": f"{_ROTATIONS}.planned_baskets",
+    "PostgresStore": "quorvane.stores",
     "SlotUsage": "quorvane.baskets",
     "SqliteStore": "quorvane.stores",
     "StateMismatch": "quorvane.baskets",

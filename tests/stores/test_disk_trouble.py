@@ -21,13 +21,13 @@ LARGE = next(n for n in range(1000) if n * 7919 % 37_000 > 35_000)
 SMALL = next(n for n in range(1, 1000) if n * 7919 % 37_000 < 2_000)
 
 
-def test_a_file_that_may_not_grow_is_an_error_that_leaves_the_record(durable_kind, tmp_path, tasks):
-    store = durable_store(durable_kind, tmp_path)
+def test_a_file_that_may_not_grow_is_an_error_that_leaves_the_record(kind_of_file, tmp_path, tasks):
+    store = durable_store(kind_of_file, tmp_path)
     store.write("rotation", numbered_state(SMALL))
     answer = tasks.result(
         "write_with_file_limit",
         tmp_path,
-        kind=durable_kind,
+        kind=kind_of_file,
         folder=str(tmp_path),
         limit=LIMIT,
         number=LARGE,
@@ -60,8 +60,8 @@ def fill_disk(path):
     assert free.f_bavail == 0
 
 
-def test_a_full_disk_is_an_error_that_leaves_the_record(durable_kind, small_disk):
-    store = durable_store(durable_kind, small_disk)
+def test_a_full_disk_is_an_error_that_leaves_the_record(kind_of_file, small_disk):
+    store = durable_store(kind_of_file, small_disk)
     store.write("rotation", numbered_state(SMALL))
     filler = small_disk / "filler"
     fill_disk(filler)
@@ -116,8 +116,8 @@ def test_a_transaction_whose_write_filled_the_disk_cannot_go_on(small_disk):
     assert exactly_equal(store.read("a"), numbered_state(SMALL))
 
 
-def test_writing_until_the_disk_is_full_keeps_the_last_state(durable_kind, small_disk):
-    store = durable_store(durable_kind, small_disk)
+def test_writing_until_the_disk_is_full_keeps_the_last_state(kind_of_file, small_disk):
+    store = durable_store(kind_of_file, small_disk)
     written = 0
 
     def write_on():
@@ -147,16 +147,16 @@ def open_folder():
 
 @pytest.mark.parametrize("exists", [False, True], ids=["new store", "old store"])
 def test_an_unwritable_folder_is_an_error_that_leaves_the_record(
-    durable_kind, open_folder, tmp_path, tasks, exists
+    kind_of_file, open_folder, tmp_path, tasks, exists
 ):
     if exists:
-        durable_store(durable_kind, open_folder).write("rotation", numbered_state(SMALL))
+        durable_store(kind_of_file, open_folder).write("rotation", numbered_state(SMALL))
     for path in (open_folder, *open_folder.rglob("*")):
         path.chmod(0o555 if path.is_dir() else 0o444)
     answer = tasks.result(
         "write_as_nobody",
         tmp_path,
-        kind=durable_kind,
+        kind=kind_of_file,
         folder=str(open_folder),
         number=LARGE,
     )
@@ -165,16 +165,16 @@ def test_an_unwritable_folder_is_an_error_that_leaves_the_record(
     assert str(open_folder) in answer["message"]
     for path in (open_folder, *open_folder.rglob("*")):
         path.chmod(0o755 if path.is_dir() else 0o644)
-    stored = durable_store(durable_kind, open_folder).read("rotation")
+    stored = durable_store(kind_of_file, open_folder).read("rotation")
     assert exactly_equal(stored, numbered_state(SMALL)) if exists else stored is None
 
 
-def test_a_folder_that_may_not_be_entered_is_an_error(durable_kind, open_folder, tmp_path, tasks):
+def test_a_folder_that_may_not_be_entered_is_an_error(kind_of_file, open_folder, tmp_path, tasks):
     closed = open_folder / "closed"
     closed.mkdir()
     closed.chmod(0)
     answer = tasks.result(
-        "write_as_nobody", tmp_path, kind=durable_kind, folder=str(closed), number=SMALL
+        "write_as_nobody", tmp_path, kind=kind_of_file, folder=str(closed), number=SMALL
     )
     closed.chmod(0o755)
     assert answer["error"] == "StoreWriteError"

@@ -215,7 +215,7 @@ def test_importing_the_package_needs_numpy_only():
     code = (
         "import sys, quorvane.stores as s; "
         "from quorvane.stores import MemoryStore, RecordDamagedError; m = MemoryStore(); "
-        "assert not {'msgpack', 'sqlite3'} & set(sys.modules); "
+        "assert not {'msgpack', 'sqlite3', 'psycopg'} & set(sys.modules); "
         "m.write('a', {}); assert 'msgpack' in sys.modules"
     )
     ended = run_python(code)
@@ -263,9 +263,9 @@ def test_too_little_stack_is_not_taken_for_damage(store):
     assert outcomes == {"read", "too deep"}
 
 
-def test_a_store_stays_where_it_was_opened(durable_kind, tmp_path, monkeypatch):
+def test_a_store_stays_where_it_was_opened(durable_kind, tmp_path, new_place, monkeypatch):
     home, elsewhere = tmp_path / "home", tmp_path / "elsewhere"
-    home.mkdir()
+    new_place(durable_kind, home)
     elsewhere.mkdir()
     monkeypatch.chdir(home)
     store = durable_store(durable_kind, "")

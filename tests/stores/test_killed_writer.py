@@ -1,6 +1,7 @@
 """A writer that is killed without warning loses nothing that it acknowledged.
 
-QUORVANE_KILLS sets how often each durable store's writer is killed; 200 times unless it does.
+QUORVANE_KILLS sets how often each durable store's writer is killed, 200 times unless it does; that
+of a server a quarter as often, since each of its operations takes a connection of its own.
 """
 
 import os
@@ -24,21 +25,24 @@ def last_acknowledged(notes):
     return int.from_bytes(data[whole - 8 : whole], "little") if whole else None
 
 
-def writing_time(kind, folder):
-    """Return how long one write takes here and now, in seconds."""
-    store = durable_store(kind, folder)
+def length_of_life(kind, folder, writes):
+    """Return how long opening a store and some writes take here and now, in seconds."""
     start = time.perf_counter()
+    for _ in range(10):
+        store = durable_store(kind, folder)
+    opened = time.perf_counter()
     for number in range(1, 11):
         store.write("trial", numbered_state(number))
-    return (time.perf_counter() - start) / 10
+    return (opened - start + writes * (time.perf_counter() - opened)) / 10
 
 
 def test_what_is_recovered_is_acknowledged_or_in_flight(durable_kind, tmp_path, tasks):
     generator = random.Random(20)
     notes = tmp_path / "acknowledged"
-    longest_life = WRITES_IN_A_LONG_LIFE * writing_time(durable_kind, tmp_path)
+    longest_life = length_of_life(durable_kind, tmp_path, WRITES_IN_A_LONG_LIFE)
+    kills = KILLS // 4 if durable_kind == "postgres" else KILLS
     stored, in_flight = 0, 0
-    for _ in range(KILLS):
+    for _ in range(kills):
         notes.unlink(missing_ok=True)
         writer = tasks.start(
             "write_until_killed",
@@ -57,5 +61,5 @@ def test_what_is_recovered_is_acknowledged_or_in_flight(durable_kind, tmp_path, 
         in_flight += found == acknowledged + 1
         stored = found
     # The moments were spread well enough for many writes to be finished, on a busy machine too.
-    assert stored > KILLS // 40
-    print(f"{durable_kind}: {KILLS} kills, {stored} states stored, {in_flight} of them in flight")
+    assert stored > kills // 40
+    print(f"{durable_kind}: {kills} kills, {stored} states stored, {in_flight} of them in flight")

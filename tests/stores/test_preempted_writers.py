@@ -58,9 +58,11 @@ def numbers_of(kind, **options):
     }
 
 
-def test_every_acknowledged_version_is_there_in_its_writers_order(tmp_path, together):
-    ended = together("write_noted", numbers_of("sqlite", keep=3 * WRITES))
-    store = durable_store("sqlite", tmp_path, keep=3 * WRITES)
+def test_every_acknowledged_version_is_there_in_its_writers_order(
+    versioned_kind, tmp_path, together
+):
+    ended = together("write_noted", numbers_of(versioned_kind, keep=3 * WRITES))
+    store = durable_store(versioned_kind, tmp_path, keep=3 * WRITES)
     versions = [entry.version for entry in store.versions("rotation")][::-1]
     assert versions == list(range(1, len(versions) + 1))
     states = [store.load("rotation", version) for version in versions]
@@ -86,9 +88,11 @@ def test_the_file_that_was_renamed_last_stays(tmp_path, together):
     assert state is not None or all(0 in possible(one) for one in ended.values())
 
 
-def test_what_a_transaction_counts_is_counted_once(tmp_path, together):
-    ended = together("count_together", {who: {"times": WRITES} for who in FIRST})
-    store = durable_store("sqlite", tmp_path)
+def test_what_a_transaction_counts_is_counted_once(versioned_kind, tmp_path, together):
+    ended = together(
+        "count_together", {who: {"kind": versioned_kind, "times": WRITES} for who in FIRST}
+    )
+    store = durable_store(versioned_kind, tmp_path)
     expected = {a + b for a in possible(ended["a"]) for b in possible(ended["b"])}
     counted = {name: store.read(name) or 0 for name in ("left", "right")}
     assert counted["left"] == counted["right"]

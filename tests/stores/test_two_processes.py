@@ -4,8 +4,7 @@ import os
 
 import pytest
 
-from quorvane.stores import SqliteStore
-from stores.support.samples import durable_store, exactly_equal, numbered_state
+from stores.support.samples import VERSIONED_KINDS, durable_store, exactly_equal, numbered_state
 from support.tasks import state_of
 
 pytestmark = pytest.mark.plain_python
@@ -21,7 +20,7 @@ def running(processes):
 @pytest.fixture
 def two_writers(durable_kind, tmp_path, tasks):
     """Two processes that write different numbers under one name."""
-    options = {"keep": 3 * WRITES} if durable_kind == "sqlite" else {}
+    options = {"keep": 3 * WRITES} if durable_kind in VERSIONED_KINDS else {}
     return [
         tasks.start(
             "write_many",
@@ -52,10 +51,10 @@ def test_a_reader_sees_whole_states_in_each_writers_order(
     assert len(set(seen)) > 5
 
 
-@pytest.mark.parametrize("durable_kind", ["sqlite"], indirect=True)
-def test_no_version_is_lost_or_overwritten(tmp_path, tasks, two_writers):
+@pytest.mark.parametrize("durable_kind", VERSIONED_KINDS, indirect=True)
+def test_no_version_is_lost_or_overwritten(durable_kind, tmp_path, tasks, two_writers):
     assert [tasks.wait(writer) for writer in two_writers] == [0, 0]
-    store = SqliteStore(tmp_path / "states.db", keep=3 * WRITES)
+    store = durable_store(durable_kind, tmp_path, keep=3 * WRITES)
     versions = [entry.version for entry in store.versions("rotation")]
     assert versions == list(range(2 * WRITES, 0, -1))
     numbers = [store.load("rotation", version)["number"] for version in reversed(versions)]
@@ -63,10 +62,10 @@ def test_no_version_is_lost_or_overwritten(tmp_path, tasks, two_writers):
     assert [n for n in numbers if n > 1000] == list(range(1001, 1001 + WRITES))
 
 
-def test_several_processes_may_make_a_store_at_once(durable_kind, tmp_path, tasks):
+def test_several_processes_may_make_a_store_at_once(durable_kind, tmp_path, new_place, tasks):
     for attempt in range(15):
         folder = tmp_path / str(attempt)
-        os.mkdir(folder)
+        new_place(durable_kind, folder)
         makers = [
             tasks.start(
                 "write_many",

@@ -6,6 +6,7 @@ import warnings
 import numpy as np
 import pytest
 
+import quorvane as qv
 from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 from quorvane.stores import DamagedRecordWarning, DirectoryStore, MemoryStore
 from stores.support.samples import exactly_equal
@@ -199,6 +200,23 @@ def test_a_rotation_made_otherwise_recovers_without_a_word_and_set_state_says_wh
     with pytest.raises((ValueError, TypeError)) as caught:
         rotation.set_state(store.load("fixed_baskets"))
     assert str(caught.value)
+
+
+def test_baskets_are_saved_in_every_store_and_go_on_from_it(store):
+    weights = {"pair": {"A": 1.0, "B": -1.0}, "mix": {"A": 0.5, "C": 0.5}}
+    days = np.random.default_rng(4).normal(size=(20, 3))
+
+    def new():
+        return qv.Baskets(weights, "ewma(5);zscore", instruments=["A", "B", "C"])
+
+    whole = new().run(days)
+    stopped, later = new(), new()
+    first = stopped.run(days[:11])
+    stopped.save(store, name="mine")
+    later.load(store, name="mine")
+    assert np.vstack([first, later.update(days[11:])]).tobytes() == whole.tobytes()
+    with pytest.raises(LookupError, match="'other'"):
+        new().load(store, name="other")
 
 
 def test_instances_of_one_class_need_namespaces(real_base, tmp_path):

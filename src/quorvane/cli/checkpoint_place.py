@@ -13,7 +13,7 @@ from quorvane.cli.errors import DataError
 from quorvane.cli.files import check_readable, check_writable
 from quorvane.cli.libraries import require_library
 
-_NAMESPACE = "quorvane replay"
+NAMESPACE = "quorvane replay"
 
 
 @dataclass(frozen=True)
@@ -44,7 +44,7 @@ class CheckpointPlace:
 
     def open(self) -> Any:
         """The store, made if it is missing; its errors are those of `quorvane.stores`."""
-        return self.stores.SqliteStore(Path(self.text).absolute(), namespace=_NAMESPACE, keep=1)
+        return self.stores.SqliteStore(Path(self.text).absolute(), namespace=NAMESPACE, keep=1)
 
     @property
     def stores(self) -> Any:

@@ -6,6 +6,7 @@ import argparse
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass
 from importlib import import_module
+from typing import NoReturn
 
 from quorvane import __version__
 from quorvane.cli.commands import (
@@ -15,6 +16,7 @@ from quorvane.cli.commands import (
     sweep_options,
 )
 from quorvane.cli.errors import CommandError
+from quorvane.cli.passwords import without_passwords
 from quorvane.cli.saying import note
 from quorvane.cli.stopping import TERMINATED, Terminated, signals_held, termination_raised
 
@@ -79,8 +81,15 @@ def run(argv: Sequence[str] | None = None) -> int:
         return 1
 
 
+class _Parser(argparse.ArgumentParser):
+    """A parser that quotes no passwords when it does not know what to do with an argument."""
+
+    def error(self, message: str) -> NoReturn:
+        super().error(without_passwords(message))
+
+
 def _parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog="quorvane", description="Rotations over days of data.")
+    parser = _Parser(prog="quorvane", description="Rotations over days of data.")
     parser.add_argument("--version", action="version", version=f"quorvane {__version__}")
     commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
     for each in SUBCOMMANDS:

@@ -7,6 +7,7 @@ import sys
 from typing import TextIO
 
 from quorvane.cli.errors import DataError, one_line
+from quorvane.cli.passwords import without_passwords
 
 
 def say(text: str) -> None:
@@ -33,12 +34,15 @@ def encodable(text: object, encoding: str = "utf-8") -> str:
 
 
 def note(text: str) -> None:
-    """Print ``text`` as one line on standard error; that it cannot be shown is no failure."""
+    """Print ``text`` as one line on standard error; that it cannot be shown is no failure.
+
+    Of an argument that was not taken for an address its password is left out all the same.
+    """
     stream = sys.stderr
     if stream is None:
         return
     try:
-        print(one_line(text), file=stream, flush=True)
+        print(one_line(without_passwords(text)), file=stream, flush=True)
     except OSError:
         _discard_rest(stream)
 

@@ -1,15 +1,17 @@
 """Places to keep the state of a rotation: ``rotation.checkpoint(store)``, ``recover(store)``.
 
 `SqliteStore` is the one to start with: one file for many rotations, the last versions of each,
-safe for two processes at once. `DirectoryStore` keeps a file per record and works on network
-mounts, where SQLite's locking does not. `MemoryStore` is for tests and notebooks.
+safe for two processes at once. `PostgresStore` keeps the same in a database that many machines
+see. `DirectoryStore` keeps a file per record and works on network mounts, where SQLite's locking
+does not. `MemoryStore` is for tests and notebooks.
 
 All of them keep a state exactly as it is, or say what they cannot keep; none ever executes
 anything that it reads. A damaged record is always noticed: ``recover`` then returns False and
 leaves the rotation as it was, and ``load`` says what is wrong.
 
 Importing this package needs NumPy only; the first state that is encoded needs msgpack, which
-``pip install 'quorvane[stores]'`` brings.
+``pip install 'quorvane[stores]'`` brings; `PostgresStore` needs psycopg as well, which comes with
+``pip install 'quorvane[postgres]'``.
 """
 
 from __future__ import annotations
@@ -35,9 +37,11 @@ if TYPE_CHECKING:
         StoreWriteError,
     )
     from quorvane.stores.memory import MemoryStore
+    from quorvane.stores.postgres import PostgresStore
     from quorvane.stores.records import DamagedRecord, RecordStore
-    from quorvane.stores.sqlite import SqliteStore, StoredVersion
-    from quorvane.stores.transaction import SqliteTransaction
+    from quorvane.stores.sqlite import SqliteStore
+    from quorvane.stores.transaction import SqliteTransaction, StoreTransaction
+    from quorvane.stores.versioned import StoredVersion, VersionedStore
 
 __all__ = [
     "DamagedRecord",
@@ -45,6 +49,7 @@ __all__ = [
     "DirectoryStore",
     "MemoryStore",
     "Payload",
+    "PostgresStore",
     "RecordDamagedError",
     "RecordNotFoundError",
     "RecordStore",
@@ -58,8 +63,10 @@ __all__ = [
     "StoreError",
     "StoreFormatError",
     "StoreReadError",
+    "StoreTransaction",
     "StoreWriteError",
     "StoredVersion",
+    "VersionedStore",
     "decode",
     "encode",
     "pack",
@@ -70,10 +77,13 @@ _MODULE_OF = {
     "DirectoryStore": "directory",
     "MemoryStore": "memory",
     "Payload": "encoding",
+    "PostgresStore": "postgres",
     "RecordStore": "records",
     "SqliteStore": "sqlite",
     "SqliteTransaction": "transaction",
-    "StoredVersion": "sqlite",
+    "StoreTransaction": "transaction",
+    "StoredVersion": "versioned",
+    "VersionedStore": "versioned",
     "decode": "encoding",
     "encode": "encoding",
     "pack": "encoding",

@@ -1,4 +1,4 @@
-"""Several loads and writes of an SQLite store that happen together or not at all."""
+"""Several loads and writes of a store that happen together or not at all."""
 
 from __future__ import annotations
 
@@ -8,21 +8,21 @@ import operator
 from collections.abc import Iterator
 from typing import Any
 
-from quorvane.stores._sqlite_file import SqliteFile
-from quorvane.stores._sqlite_records import SqliteRecords
+from quorvane.stores._place import Place
+from quorvane.stores._table_records import TableRecords
 from quorvane.stores.encoding import Payload, pack
 from quorvane.stores.errors import StoreWriteError
 from quorvane.stores.records import check_text
 
 
-class SqliteTransaction:
-    """What `SqliteStore.transaction` gives: the store's records, held by this block alone.
+class StoreTransaction:
+    """What ``store.transaction()`` gives: the store's records, held by this block alone.
 
     It belongs to the thread that began it, not to a fork of it, and ends with the block.
     """
 
-    def __init__(self, file: SqliteFile, records: SqliteRecords, keep: int, store: str) -> None:
-        self._file = file
+    def __init__(self, place: Place, records: TableRecords, keep: int, store: str) -> None:
+        self._place = place
         self._records = records
         self._keep = keep
         self._store = store
@@ -36,11 +36,11 @@ class SqliteTransaction:
         TypeError
             `version` is neither None nor an integer.
         RecordNotFoundError, RecordDamagedError, StateVersionError, StoreReadError
-            See `SqliteStore.load`.
+            See `VersionedStore.load`.
         """
         name = check_text(name, "name")
         wanted = version_number(version)
-        with self._file.reading(f"record {name!r} of {self._store}"):
+        with self._place.reading(f"record {name!r} of {self._store}"):
             self._records.require_transaction()
             found = self._records.find(name, wanted)
         return found.state()
@@ -54,7 +54,7 @@ class SqliteTransaction:
         Parameters
         ----------
         name : str
-            As for `SqliteStore.write`.
+            As for the store's ``write``.
         state : object
             The state, or what ``pack`` made of it.
 
@@ -76,25 +76,29 @@ class SqliteTransaction:
         Raises
         ------
         StoreWriteError
-            A write of this transaction has failed, or SQLite has undone it, or another process
-            began it.
+            A write of this transaction has failed, or the database has undone it, or another
+            process began it.
         """
         if self._failure is not None:
             raise StoreWriteError(
                 errno.ECANCELED, f"cannot {what}: an earlier write of the transaction failed"
             ) from self._failure
-        with self._file.writing(what):
+        with self._place.writing(what):
             self._records.require_transaction()
 
     @contextlib.contextmanager
     def _whole(self, what: str) -> Iterator[None]:
-        self.require_whole(what)
         try:
-            with self._file.writing(what):
+            self.require_whole(what)
+            with self._place.writing(what):
                 yield
         except BaseException as error:
-            self._failure = error
+            self._failure = self._failure or error
             raise
+
+
+# Its name when SQLite's store alone had transactions.
+SqliteTransaction = StoreTransaction
 
 
 def version_number(version: object) -> int | None:

@@ -5,13 +5,20 @@ from pathlib import Path
 
 import numpy as np
 
-from quorvane.stores import DirectoryStore, SqliteStore
+from quorvane.stores import DirectoryStore, PostgresStore, SqliteStore
+from support.postgres import address_in
+
+DURABLE_KINDS = ("directory", "sqlite", "postgres")
+# Those that keep versions.
+VERSIONED_KINDS = ("sqlite", "postgres")
 
 
 def durable_store(kind, folder, **options):
-    """Open the store of a kind in a folder."""
+    """Open the store of a kind in a folder, or in the database that the folder names."""
     if kind == "directory":
         return DirectoryStore(Path(folder) / "records", **options)
+    if kind == "postgres":
+        return PostgresStore(address_in(folder), **options)
     return SqliteStore(Path(folder) / "states.db", **options)
 
 

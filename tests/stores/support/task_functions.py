@@ -1,5 +1,6 @@
 """What the processes of the tests do."""
 
+import contextlib
 import os
 import resource
 import signal
@@ -13,7 +14,9 @@ NOBODY = 65534
 
 
 def warm_up():
-    """Use both stores once."""
+    """Use the stores that are files once, and load what the other one needs."""
+    with contextlib.suppress(ImportError):
+        import psycopg  # noqa: F401
     with tempfile.TemporaryDirectory() as folder:
         for kind in ("directory", "sqlite"):
             store = durable_store(kind, folder)
@@ -46,9 +49,9 @@ def write_noted(kind, folder, acknowledged, first, last, **options):
         os.write(notes, b"x")
 
 
-def count_together(folder, acknowledged, times):
+def count_together(kind, folder, acknowledged, times):
     """Add one to both of two records in one transaction, again and again, noting each time."""
-    store = durable_store("sqlite", folder)
+    store = durable_store(kind, folder)
     notes = os.open(acknowledged, os.O_WRONLY | os.O_CREAT | os.O_APPEND)
     padding = pack(numbered_state(times))
     for _ in range(times):
@@ -60,17 +63,17 @@ def count_together(folder, acknowledged, times):
         os.write(notes, b"x")
 
 
-def die_in_a_transaction(folder):
+def die_in_a_transaction(kind, folder):
     """Write in a transaction and be killed before its end."""
-    with durable_store("sqlite", folder).transaction() as records:
+    with durable_store(kind, folder).transaction() as records:
         records.write("left", 2)
         records.write("right", numbered_state(500))
         os.kill(os.getpid(), signal.SIGKILL)
 
 
-def fork_in_a_transaction(folder):
+def fork_in_a_transaction(kind, folder):
     """Fork in a block, which the child leaves first; what it met, and what was there after it."""
-    store, child = durable_store("sqlite", folder), None
+    store, child = durable_store(kind, folder), None
     try:
         with store.transaction() as records:
             records.write("left", 2)
@@ -115,3 +118,16 @@ def _attempt(action):
     except StoreError as error:
         return {"error": type(error).__name__, "message": str(error), "number": error.errno}
     return None
+
+
+def write_until_it_fails(kind, folder, acknowledged, first):
+    """Write states first, first + 1, ..., noting each, until one fails; say how it did."""
+    notes = os.open(acknowledged, os.O_WRONLY | os.O_CREAT | os.O_APPEND)
+
+    def write_on():
+        store = durable_store(kind, folder, busy_timeout=1.0)
+        for number in count(first):
+            store.write("rotation", numbered_state(number))
+            os.write(notes, number.to_bytes(8, "little"))
+
+    return _attempt(write_on)

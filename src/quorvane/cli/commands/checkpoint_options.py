@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import argparse
 
-from quorvane.cli.checkpoint_place import CheckpointPlace
+from quorvane.cli.checkpoint_server import checkpoint_place
 
 _TEXT = "Look at what `quorvane replay --checkpoint` kept; nothing is changed."
 
@@ -30,5 +30,5 @@ def add_options(parser: argparse.ArgumentParser) -> None:
         formatter_class=argparse.RawDescriptionHelpFormatter,
     )
     show.add_argument(
-        "checkpoint", type=CheckpointPlace, metavar="FILE", help="the checkpoint of a replay"
+        "checkpoint", type=checkpoint_place, metavar="FILE", help="the checkpoint of a replay"
     )

@@ -5,7 +5,7 @@ from __future__ import annotations
 import argparse
 from pathlib import Path
 
-from quorvane.cli.checkpoint_place import CheckpointPlace
+from quorvane.cli.checkpoint_server import checkpoint_place
 from quorvane.cli.labels import LABEL_ENDINGS
 from quorvane.cli.limits import MAX_CELLS, MAX_INSTRUMENTS, MAX_STRUCTURES
 from quorvane.cli.structures import STRUCTURE_ENDINGS
@@ -174,10 +174,11 @@ def _add_checkpoints(replay: argparse.ArgumentParser) -> None:
     group = replay.add_argument_group("stopping and going on")
     group.add_argument(
         "--checkpoint",
-        type=CheckpointPlace,
+        type=checkpoint_place,
         metavar="FILE",
         help="keep the state in FILE: at regular days, when stopped by Ctrl-C or SIGTERM, "
-        "and at the end",
+        "and at the end; postgresql://USER@HOST/DATABASE#NAME keeps it in a database, under a "
+        "name of your choice",
     )
     group.add_argument(
         "--checkpoint-every",
