@@ -6,11 +6,11 @@ from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
-from quorvane.evaluation.evaluation import evaluate_aligned
 
 import quorvane as qv
 from quorvane.evaluation import following, statistics
 from quorvane.evaluation.aligned import align
+from quorvane.evaluation.evaluation import evaluate_aligned
 from quorvane.evaluation.following import KnownReturns
 
 pandas = pytest.importorskip("pandas")

@@ -33,7 +33,6 @@ def test_it_says_what_run_it_is_how_far_and_when(command, kept, prices, structur
         "hold": "forever",
         "changes-only": "no",
         "max-structures": "3",
-        "plot": "no",
         "trace": "no",
         "computed": "3 of 7 days, the last one 2020-01-06",
     }
