@@ -37,7 +37,14 @@ def test_dates_that_ascend_are_taken_as_they_are(labels):
 
 
 @pytest.mark.parametrize(
-    "labels", [["d2", "d1"], ["Mon", "Mon"], ["31/12/2019", "01/01/2019"], ["99999999", "1"]]
+    "labels",
+    [
+        ["d2", "d1"],
+        ["Mon", "Mon"],
+        ["31/12/2019", "01/01/2019"],
+        ["99999999", "1"],
+        ["10000102", "10000101"],
+    ],
 )
 def test_labels_that_are_no_dates_are_left_alone(labels):
     table, moments = ordered(labels)

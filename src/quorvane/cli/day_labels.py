@@ -16,6 +16,7 @@ from quorvane.tables.dates import as_date, dates_of, to_nanoseconds
 
 _COMPACT = re.compile(r"\d{8}", re.ASCII)
 _ISO_START = re.compile(r"\d{4}-\d\d-\d\d([T ]|$)", re.ASCII)
+_CENTURIES = ("17", "18", "19", "20", "21")
 # Dates with times fit into nanoseconds in these years.
 _FIRST_YEAR, _LAST_YEAR = "1678", "2261"
 _TIMED = re.compile(r"\d{4}-\d\d-\d\d[T ]\d\d:\d\d(:\d\d(\.\d{1,9})?)?", re.ASCII)
@@ -145,7 +146,10 @@ def _is_date(text: str) -> bool:
 
 
 def _is_compact(text: str) -> bool:
-    return _COMPACT.fullmatch(text) is not None and "01" <= text[4:6] <= "12"
+    if _COMPACT.fullmatch(text) is None:
+        return False
+    # Numbers of eight digits may count something else.
+    return text[:2] in _CENTURIES and "01" <= text[4:6] <= "12" and "01" <= text[6:] <= "31"
 
 
 def _expanded(text: str) -> str:
