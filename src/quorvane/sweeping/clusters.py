@@ -57,6 +57,8 @@ def _with_data(
 ) -> Iterator[tuple[int, Outcome]]:
     """The outcomes of jobs, of all unless the data are lost meanwhile."""
     distributed = importlib.import_module("distributed")
+    # Where all have ended, others may take their time.
+    client.wait_for_workers(1)
     data = client.scatter(shared, broadcast=True, hash=False)
     futures = client.map(compute_shared, [job for _, job in jobs], shared=data, pure=False)
     by_key = {future.key: number for future, (number, _) in zip(futures, jobs, strict=True)}
