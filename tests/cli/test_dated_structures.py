@@ -115,7 +115,7 @@ def test_the_summary_counts_dates(go):
     ("rows", "message"),
     [
         ("x,k,A,1", "line 2: expected a date such as 2000-01-31, got 'x'"),
-        ("2020-02-30,k,A,1", "line 2: got '2020-02-30', allowed is an ISO date"),
+        ("2020-02-30,k,A,1", "line 2: expected a date such as 2000-01-31, got '2020-02-30'"),
         ("2020-01-02,,A,1", "line 2: empty key, expected a structure's name"),
         ("2020-01-02,k,AA,1", "line 2: unknown instrument 'AA', expected one of the table's "
          "columns; did you mean 'A'?"),

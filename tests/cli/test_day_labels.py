@@ -37,7 +37,14 @@ def test_dates_that_ascend_are_taken_as_they_are(labels):
 
 
 @pytest.mark.parametrize(
-    "labels", [["d2", "d1"], ["Mon", "Mon"], ["31/12/2019", "01/01/2019"], ["99999999", "1"]]
+    "labels",
+    [
+        ["d2", "d1"],
+        ["Mon", "Mon"],
+        ["31/12/2019", "01/01/2019"],
+        ["99999999", "1"],
+        ["10000102", "10000101"],
+    ],
 )
 def test_labels_that_are_no_dates_are_left_alone(labels):
     table, moments = ordered(labels)
@@ -51,10 +58,15 @@ def test_labels_that_are_no_dates_are_left_alone(labels):
          "expected dates that ascend; --sort sorts the days"),
         (["2020-01-02", "20200102"], "row 1: the date '20200102' comes twice, expected each date "
          "once"),
-        (["2020-01-02", "x"], "row 1: got 'x', allowed is an ISO date as text"),
-        (["x", "2020-01-02"], "row 0: got 'x', allowed is an ISO date as text"),
-        (["2020-01-02", ""], "row 1: got '', allowed is"),
-        (["2020-02-29", "2021-02-29"], "row 1: got '2021-02-29', allowed is an ISO date"),
+        (["2020-01-02", "x"], "row 1: expected a date such as 2000-01-31, got 'x'"),
+        (["x", "2020-01-02"], "row 0: expected a date such as 2000-01-31, got 'x'"),
+        (["2020-01-02", ""], "row 1: expected a date such as 2000-01-31, got ''"),
+        (["2020-02-29", "2021-02-29"], "row 1: expected a date such as 2000-01-31, "
+         "got '2021-02-29'"),
+        (["2020-02-29 00:00", "2021-02-29 00:00"], "row 1: expected a date such as 2000-01-31, "
+         "got '2021-02-29 00:00'"),
+        (["1500-01-02 10:00", "1600-01-02 10:00"], "row 0: the date 1500-01-02T10:00 does not "
+         "fit into nanoseconds"),
         (["2020-01-02", "2020-01-03T00:00Z"], "row 1: dates with and without a time zone"),
     ],
 )  # fmt: skip

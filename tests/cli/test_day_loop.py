@@ -3,11 +3,13 @@
 import numpy as np
 import pytest
 
+import quorvane as qv
 from quorvane.cli.basket_days import BasketDays, Choices
 from quorvane.cli.day_loop import Progress, replay
 from quorvane.cli.recording import OutputRecorder, StructureRecorder
 from quorvane.cli.structures import fixed_book
 from quorvane.cli.trace import TraceRecorder
+from quorvane.expressions import registered
 from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 
 NAMES = ["A", "B", "C"]
@@ -81,6 +83,26 @@ def test_days_are_computed_many_at_once_where_no_answer_is_due(most, threads):
     replay(halting, [parts], first_day=450)
     replay(days_of(inputs), [whole])
     assert same(parts.output, whole.output)
+
+
+@pytest.fixture
+def halved():
+    qv.register("halved", lambda values, state: (values / 2.0, state))
+    yield
+    del registered.FUNCTIONS["halved"]
+
+
+def test_functions_of_ones_own_begin_with_a_single_day(inputs, halved):
+    asked = []
+
+    def stop_before(day):
+        asked.append(day)
+        return False
+
+    days = BasketDays(fixed_book(BASKETS, NAMES), Choices("halved"), inputs)
+    replay(days, [], stop_before=stop_before, days_before_stop=lambda day: 1000)
+    assert asked[0] == 1
+    assert len(asked) < 29
 
 
 def test_nothing_is_left_to_do_after_the_last_day(inputs):

@@ -33,7 +33,12 @@ def long(request, tmp_path, write):
         dates = pa.array(date)
         if request.param == "parquet with dates":
             dates = pa.array(np.array(date, dtype="datetime64[s]"))
-        columns = {"value": pa.array(value), "instrument": pa.array(instrument), "date": dates}
+        columns = {
+            "other": dates,
+            "value": pa.array(value),
+            "instrument": pa.array(instrument),
+            "date": dates,
+        }
         parquet.write_table(pa.table(columns), tmp_path / "long.parquet")
         return tmp_path / "long.parquet"
 
@@ -72,7 +77,7 @@ def test_columns_are_found_by_name_and_others_are_said_to_be_left_out(write):
 @pytest.mark.parametrize(
     ("rows", "message"),
     [
-        ("d1,KO,1\n", "line 2: got 'd1', allowed is an ISO date"),
+        ("d1,KO,1\n", "line 2: expected a date such as 2000-01-31, got 'd1'"),
         ("2020-01-02,KO,1\n2020-01-03,,1\n", "line 3: no instrument, expected its name"),
         ("2020-01-02,KO,x\n", "line 2, column 'value': expected a number or an empty cell"),
         ("2020-01-02,KO\n", "line 2: 2 cells, expected 3 as in the header"),
@@ -85,6 +90,16 @@ def test_a_fault_in_a_long_table_is_named_with_its_line(write, rows, message):
     with pytest.raises(DataError) as raised:
         read_table(path)
     assert str(raised.value).startswith(f"{path}, {message}")
+
+
+def test_a_table_that_is_nearly_long_is_told_what_it_lacks(write):
+    path = write("t.csv", "date,ticker,value\n2020-01-02,KO,1\n")
+    with pytest.raises(DataError) as raised:
+        read_table(path)
+    assert str(raised.value) == (
+        f"{path}, line 2, column 'ticker': expected a number or an empty cell, got 'KO'; "
+        f"a long table has columns named date, instrument and value"
+    )
 
 
 def test_a_long_table_beyond_the_limits_is_refused_before_it_is_laid_out(long, monkeypatch):

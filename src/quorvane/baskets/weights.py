@@ -43,7 +43,7 @@ def fixed_book(weights: Any, instruments: Iterable[Hashable] | None) -> Book:
             )
     mentioned = dict.fromkeys(name for legs in baskets.values() for name in legs)
     names = instrument_names(instruments, mentioned)
-    return Book(names, (_listing(baskets, {name: i for i, name in enumerate(names)}),))
+    return Book(names, (listing_of(baskets, {name: i for i, name in enumerate(names)}),))
 
 
 def single_book(instruments: Sequence[Hashable]) -> Book:
@@ -157,7 +157,8 @@ def _rows_and_columns(weights: Any) -> tuple[list[Hashable], Any]:
     return frame[texts[0]].to_list(), frame.drop(texts).to_native()
 
 
-def _listing(baskets: dict[Hashable, Legs], column_of: dict[Hashable, int]) -> Listing:
+def listing_of(baskets: Mapping[Any, Mapping[Any, float]], column_of: Mapping[Any, int]) -> Listing:
+    """The listing of baskets with these legs, each in its instrument's column."""
     flat = [(column_of[name], weight) for legs in baskets.values() for name, weight in legs.items()]
     return Listing(
         baskets=tuple(baskets),

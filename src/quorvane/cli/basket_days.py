@@ -92,6 +92,11 @@ class BasketDays:
         return self._choices.hold
 
     @property
+    def is_ready_made(self) -> bool:
+        """Whether no function of the expression is one's own."""
+        return self.rotation.chain.only_ready_made
+
+    @property
     def functions(self) -> list[str]:
         """Which class or function each of the expression is, for comparing runs."""
         return [function.identity for function in self.rotation.chain.functions]
@@ -115,7 +120,7 @@ class BasketDays:
         except Exception as error:
             if isinstance(error, ValueError) and str(error).startswith(_THREADS_VARIABLE):
                 raise UsageError(str(error)) from error
-            if self.rotation.chain.only_ready_made:
+            if self.is_ready_made:
                 raise
             days = f"day {first}" if last == first + 1 else f"one of the days {first} to {last - 1}"
             raise DataError(

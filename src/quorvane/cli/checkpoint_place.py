@@ -44,7 +44,7 @@ class CheckpointPlace:
 
     def open(self) -> Any:
         """The store, made if it is missing; its errors are those of `quorvane.stores`."""
-        return self.stores.SqliteStore(self.text, namespace=NAMESPACE, keep=1)
+        return self.stores.SqliteStore(Path(self.text).absolute(), namespace=NAMESPACE, keep=1)
 
     @property
     def stores(self) -> Any:

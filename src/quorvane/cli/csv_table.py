@@ -29,7 +29,7 @@ from quorvane.cli.errors import DataError
 from quorvane.cli.libraries import has_library
 from quorvane.cli.limits import check_dated_days, check_name_length, check_table_size
 from quorvane.cli.long_csv import read_long_rows
-from quorvane.cli.long_table import find_long_columns
+from quorvane.cli.long_table import find_long_columns, long_table_hint
 from quorvane.cli.table import DATE_HEADERS, Dates, Table, check_instrument_names
 
 
@@ -139,7 +139,10 @@ def _read_rows(path: Path, head: _Head) -> Table:
                 check_dated_days(path, day)
                 dates.append(row[0])
             check_table_size(path, day, len(instruments))
-            numbers.fromlist(_numbers(rows, row[skip:], instruments))
+            try:
+                numbers.fromlist(_numbers(rows, row[skip:], instruments))
+            except DataError as error:
+                raise DataError(f"{error}{long_table_hint(instruments)}") from error
     values = np.frombuffer(numbers).reshape(-1, len(instruments))
     return head.table(values, dates if head.has_dates else None)
 

@@ -12,10 +12,11 @@ from numpy.typing import NDArray
 from quorvane.cli.counting import counted
 from quorvane.cli.errors import DataError, shown
 from quorvane.cli.table import Table
-from quorvane.tables.dates import dates_of, to_nanoseconds
+from quorvane.tables.dates import as_date, dates_of, to_nanoseconds
 
 _COMPACT = re.compile(r"\d{8}", re.ASCII)
 _ISO_START = re.compile(r"\d{4}-\d\d-\d\d([T ]|$)", re.ASCII)
+_CENTURIES = ("17", "18", "19", "20", "21")
 # Dates with times fit into nanoseconds in these years.
 _FIRST_YEAR, _LAST_YEAR = "1678", "2261"
 _TIMED = re.compile(r"\d{4}-\d\d-\d\d[T ]\d\d:\d\d(:\d\d(\.\d{1,9})?)?", re.ASCII)
@@ -60,6 +61,10 @@ def moments_of(labels: Sequence[str], place: Place) -> Moments:
     try:
         return Moments(*dates_of(texts, place))
     except ValueError as error:
+        for row, text in enumerate(texts):
+            if not _is_date(text):
+                told = f"expected a date such as 2000-01-31, got {shown(labels[row])}"
+                raise DataError(f"{place(row)}: {told}") from error
         raise DataError(str(error)) from error
 
 
@@ -129,8 +134,22 @@ def _taken(table: Table, order: NDArray[np.intp]) -> Table:
     )
 
 
+def _is_date(text: str) -> bool:
+    """Whether a text is a date, in whatever year."""
+    try:
+        # The time and its offset as in the year 2000, which fits into nanoseconds.
+        as_date(f"2000{text[4:]}")
+        np.datetime64(text[:10], "D")
+    except ValueError:
+        return False
+    return _ISO_START.match(text) is not None
+
+
 def _is_compact(text: str) -> bool:
-    return _COMPACT.fullmatch(text) is not None and "01" <= text[4:6] <= "12"
+    if _COMPACT.fullmatch(text) is None:
+        return False
+    # Numbers of eight digits may count something else.
+    return text[:2] in _CENTURIES and "01" <= text[4:6] <= "12" and "01" <= text[6:] <= "31"
 
 
 def _expanded(text: str) -> str:

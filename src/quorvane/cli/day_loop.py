@@ -45,7 +45,8 @@ def replay(
     """
     count = len(days.inputs)
     one_by_one = any(recorder.sees_each_day for recorder in recorders)
-    at_once = _Moments()
+    # How long a function of one's own takes for a day, nobody knows.
+    at_once = _DaysAtOnce(FIRST_DAYS if days.is_ready_made else 1)
     seconds, day = 0.0, first_day
     with _progress_bar(count - first_day, show_progress) as advance:
         while day < count:
@@ -63,11 +64,11 @@ def replay(
     return Progress(first_day, day, seconds)
 
 
-class _Moments:
-    """As many days at once as take a moment, since nobody is asked to stop meanwhile."""
+class _DaysAtOnce:
+    """As many days as take a moment, since nobody is asked to stop meanwhile."""
 
-    def __init__(self) -> None:
-        self.days = FIRST_DAYS
+    def __init__(self, first: int) -> None:
+        self.days = first
 
     def learn(self, seconds: float) -> None:
         """Take more or fewer days the next time."""

@@ -14,10 +14,11 @@ LABEL_ENDINGS = (".csv", ".parquet")
 Labels = dict[str, dict[str, str]]
 
 
-def read_labels(path: Path, keys: tuple[str, ...]) -> Labels:
+def read_labels(path: Path, keys: tuple[str, ...] | None) -> Labels:
     """A mapping from each further column's name to the label of each structure.
 
-    The first column holds the keys; an empty cell is no label.
+    The first column holds the keys; an empty cell is no label. With None for the structures' keys
+    others may still come, and any key is taken.
 
     Raises
     ------
@@ -25,7 +26,7 @@ def read_labels(path: Path, keys: tuple[str, ...]) -> Labels:
         There is no further column, a key comes twice, or it is that of no structure.
     """
     ending_of(path, LABEL_ENDINGS, "a file of labels")
-    known = frozenset(keys)
+    known = None if keys is None else frozenset(keys)
     with named_rows(path, "a file of labels") as rows:
         if len(rows.header) < 2 or len(set(rows.header)) < len(rows.header):
             raise DataError(
@@ -35,7 +36,7 @@ def read_labels(path: Path, keys: tuple[str, ...]) -> Labels:
         labels: Labels = {name: {} for name in rows.header[1:]}
         seen: set[str] = set()
         for key, *cells in rows:
-            if key not in known:
+            if known is not None and key not in known:
                 raise DataError(
                     f"{rows}: there is no structure {shown(key)}{did_you_mean(key, known)}"
                 )

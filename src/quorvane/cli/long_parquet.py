@@ -22,12 +22,14 @@ def read_long_columns(path: Path, file: Any, columns: LongColumns) -> Table:
         raise DataError(f"{path}: empty table, expected a row for each date and instrument")
     if rows > limits.MAX_CELLS:
         raise DataError(f"{path}: {rows} rows, at most {limits.MAX_CELLS} are allowed")
-    table = file.read()
-    days, labels = _numbered(path, table.column(columns.date), columns.header[columns.date])
-    numbers, names = _numbered(
-        path, table.column(columns.instrument), columns.header[columns.instrument]
-    )
-    long = LongRows(days, labels, numbers, names, _values(path, table, columns))
+    wanted = [columns.date, columns.instrument, columns.value]
+    written = [file.schema_arrow.names[i] for i in wanted]
+    table = file.read(columns=written)
+    header = [columns.header[i] for i in wanted]
+    days, labels = _numbered(path, table.column(written[0]), header[0])
+    numbers, names = _numbered(path, table.column(written[1]), header[1])
+    values = _values(path, table.column(written[2]), header[2])
+    long = LongRows(days, labels, numbers, names, values)
     return table_of_rows(path, long, columns, lambda row: f"{path}, row {row + 1}", ())
 
 
@@ -44,9 +46,8 @@ def _numbered(path: Path, column: Any, name: str) -> tuple[NDArray[np.int64], tu
     return np.array(number_of, dtype=np.int64)[codes], tuple(first)
 
 
-def _values(path: Path, table: Any, columns: LongColumns) -> NDArray[np.float64]:
+def _values(path: Path, column: Any, name: str) -> NDArray[np.float64]:
     types = require_library("pyarrow.types", "reading a Parquet table")
-    column, name = table.column(columns.value), columns.header[columns.value]
     kind = column.type
     if not (types.is_integer(kind) or types.is_floating(kind) or types.is_decimal(kind)):
         raise DataError(f"{path}, column {shown(name)}: expected numbers, got {reason(kind)}")

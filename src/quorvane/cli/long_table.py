@@ -16,6 +16,7 @@ from quorvane.cli.limits import check_dated_days, check_table_size
 from quorvane.cli.table import DATE_HEADERS, Dates, Table, check_instrument_names
 
 _DATE_NAMES = DATE_HEADERS - {""}
+_LIKE_LONG = frozenset({"instrument", "ticker", "symbol", "asset", "value"})
 
 
 @dataclass(frozen=True)
@@ -52,6 +53,14 @@ def find_long_columns(header: Sequence[str]) -> LongColumns | None:
         return None
     stripped = tuple(name.strip() for name in header)
     return LongColumns(dates[0], names.index("instrument"), names.index("value"), stripped)
+
+
+def long_table_hint(header: Sequence[str]) -> str:
+    """What to say of a table of days that fails and may be meant as a long one, or nothing."""
+    names = {name.strip().lower() for name in header}
+    if names.isdisjoint(_LIKE_LONG):
+        return ""
+    return "; a long table has columns named date, instrument and value"
 
 
 @dataclass(frozen=True)

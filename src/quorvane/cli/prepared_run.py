@@ -53,7 +53,8 @@ def prepare(options: argparse.Namespace) -> Run:
     )
     labels: Labels = {}
     if options.labels is not None:
-        labels = read_labels(options.labels, structures.keys)
+        keys = None if structures.book.is_dated else structures.keys
+        labels = read_labels(options.labels, keys)
     days = BasketDays(
         structures.book,
         choices_of(options, is_dated=structures.book.is_dated),

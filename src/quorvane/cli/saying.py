@@ -20,12 +20,17 @@ def say(text: str) -> None:
         return
     encoding = stream.encoding or "utf-8"
     try:
-        print(text.encode(encoding, "backslashreplace").decode(encoding), file=stream, flush=True)
+        print(encodable(text, encoding), file=stream, flush=True)
     except BrokenPipeError:
         _discard_rest(stream)
     except OSError as error:
         _discard_rest(stream)
         raise DataError(f"cannot write to standard output: {error.strerror}") from error
+
+
+def encodable(text: object, encoding: str = "utf-8") -> str:
+    """``text`` with what the encoding lacks, such as odd bytes of a file's name, as escapes."""
+    return str(text).encode(encoding, "backslashreplace").decode(encoding)
 
 
 def note(text: str) -> None:

@@ -10,9 +10,8 @@ from functools import cached_property
 from pathlib import Path
 from typing import Any
 
-import numpy as np
-
-from quorvane.baskets.listing import Book, Listing
+from quorvane.baskets.listing import Book
+from quorvane.baskets.weights import listing_of
 from quorvane.cli.csv_rows import reporting_faults
 from quorvane.cli.dated_structures import read_dated
 from quorvane.cli.errors import DataError, did_you_mean, reason, shown
@@ -46,11 +45,6 @@ class StructureBook:
     def keys(self) -> tuple[str, ...]:
         """All structures, in the order in which they are first listed."""
         return tuple(str(key) for key in self.book.baskets)
-
-    @property
-    def legs(self) -> int:
-        """The legs of all dates together."""
-        return sum(len(listing.leg_ids) for listing in self.book.listings)
 
     @cached_property
     def latest(self) -> Structures:
@@ -98,16 +92,7 @@ def read_structures(
 def fixed_book(structures: Structures, instruments: Sequence[str]) -> Book:
     """The book of structures that stay the same; a leg of weight 0 is one, too."""
     column_of = {name: column for column, name in enumerate(instruments)}
-    flat = [
-        (column_of[name], weight) for legs in structures.values() for name, weight in legs.items()
-    ]
-    listing = Listing(
-        baskets=tuple(structures),
-        offsets=np.cumsum([0, *map(len, structures.values())]),
-        leg_ids=np.array([column for column, _ in flat], dtype=np.int64),
-        weights=np.array([weight for _, weight in flat], dtype=np.float64),
-    )
-    return Book(tuple(instruments), (listing,))
+    return Book(tuple(instruments), (listing_of(structures, column_of),))
 
 
 @dataclass

@@ -123,8 +123,7 @@ def _write_archive(path: Path, arrays: dict[str, NDArray[Any]]) -> None:
 
 def _archive(trace: Trace) -> dict[str, NDArray[Any]]:
     slots, recorder, output = trace.slots, trace.recorder, trace.output
-    # Of days that follow a structure's end nobody has given it a slot.
-    legs = [each for each in trace.legs if each.key in slots]
+    legs = trace.legs
     sizes = [len(each.columns) for each in legs]
     archive: dict[str, NDArray[Any]] = {
         "keys": np.array(sorted(slots, key=slots.__getitem__)),

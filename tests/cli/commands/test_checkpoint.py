@@ -91,6 +91,14 @@ def test_what_cannot_be_shown_is_one_line(command, kept, alter, message):
     assert error_of(command, kept) == f"the checkpoint {message}"
 
 
+def test_a_name_of_odd_bytes_is_shown_with_escapes(command, replay, tmp_path):
+    options = {"output": tmp_path / "o\udcff.csv", "checkpoint": tmp_path / "c\udcff.db"}
+    assert replay(stop_after=3, **options).status == 0
+    shown = command("checkpoint", "show", options["checkpoint"])
+    assert shown.status == 0, shown.err
+    assert "o\\udcff.csv" in shown.out
+
+
 def test_an_action_is_needed(command):
     outcome = command("checkpoint")
     assert outcome.status == 2

@@ -165,6 +165,12 @@ def test_a_fault_in_the_labels_is_named_with_its_line(replay, write, text, messa
     assert error_of(replay(labels=path), 1).startswith(f"{path}, {message}")
 
 
+def test_labels_of_dated_structures_may_be_of_some_that_are_still_to_come(replay, write, labels):
+    dated = "date,key,instrument,weight\n2020-01-02,KO/PEP,KO,1\n"
+    options = {"structures": write("dated.csv", dated), "expression": 'rank(by="sector")'}
+    assert replay(labels=labels, **options).status == 0
+
+
 def test_labels_that_are_needed_and_missing_are_named(replay, write, labels):
     expression = 'rank(by="sector")'
     text = error_of(replay(expression=expression), 2)

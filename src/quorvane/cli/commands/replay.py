@@ -16,7 +16,7 @@ from quorvane.cli.prepared_run import Run, prepare
 from quorvane.cli.recording import StructureRecorder
 from quorvane.cli.replay_checks import check_options
 from quorvane.cli.run_identity import RunIdentity
-from quorvane.cli.saying import note, say
+from quorvane.cli.saying import encodable, note, say
 from quorvane.cli.stopping import StopRequest
 from quorvane.cli.table import Table
 from quorvane.cli.table_io import write_table
@@ -66,9 +66,9 @@ def _checkpoint(run: Run) -> Checkpoint | None:
         labels=run.labels,
     )
     about = {
-        "table": str(options.table),
-        "structures file": str(options.structures),
-        "output": str(options.output),
+        "table": encodable(options.table),
+        "structures file": encodable(options.structures),
+        "output": encodable(options.output),
     }
     return Checkpoint(options.checkpoint, identity, run.days.rotation, run.recorders, about)
 
