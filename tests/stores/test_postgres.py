@@ -108,6 +108,18 @@ def test_who_may_only_read_reads(postgres, database, store, sql):
     assert store.read("rotation") == {"a": 1}
 
 
+def test_the_rights_of_the_documentation_are_enough_to_write(postgres, database, store, sql):
+    with postgres.user_with_password(database) as user:
+        sql(f"REVOKE CREATE ON DATABASE {database} FROM {user}")
+        sql(f"GRANT USAGE ON SCHEMA quorvane TO {user}")
+        sql(f"GRANT SELECT ON ALL TABLES IN SCHEMA quorvane TO {user}")
+        sql(f"GRANT INSERT, UPDATE, DELETE ON quorvane.records, quorvane.heads TO {user}")
+        writer = PostgresStore(postgres.dsn(database, user), keep=1)
+        for number in range(3):
+            writer.write("rotation", number)
+        assert (writer.read("rotation"), numbers(store)) == (2, [3])
+
+
 def test_rows_that_a_policy_hides_are_not_taken_for_none(postgres, database, store, sql):
     store.write("rotation", {"a": 1})
     with postgres.user_with_password(database) as user:
