@@ -18,6 +18,13 @@ from quorvane.cli.table_io import read_table
 
 WORKERS = 2
 
+# By default a worker of a cluster gives the memory of an array back at once, and gets it anew for
+# the next one: that takes as long as all the rest of a configuration.
+_MEMORY = {
+    "distributed.nanny.pre-spawn-environ.MALLOC_TRIM_THRESHOLD_": 1 << 28,
+    "distributed.nanny.pre-spawn-environ.MALLOC_MMAP_THRESHOLD_": 1 << 25,
+}
+
 _SMOOTHINGS = ("ewma({})", "rolling_mean({})")
 _DAYS = (2, 3, 5, 8, 13, 20, 30, 60, 120, 250)
 _COMPARISONS = ("rank", "centered_rank", "zscore", "demean", "winsorize(0.1)")
@@ -81,6 +88,7 @@ def _swept(returns: Any, workers: int) -> tuple[Any, float]:
     """The sweep on a cluster of its own, and the time without the cluster's own beginning."""
     distributed: Any = require_library("distributed", "a cluster", extra="cluster")
     with (
+        require_library("dask", "a cluster", extra="cluster").config.set(_MEMORY),
         distributed.LocalCluster(
             n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=":0"
         ) as cluster,
