@@ -6,14 +6,14 @@ import pytest
 import quorvane as qv
 from quorvane.cli.basket_days import BasketDays, Choices
 from quorvane.cli.day_labels import table_moments
-from quorvane.cli.inputs import structure_input
+from quorvane.cli.inputs import are_prices, are_returns, structure_input
 from quorvane.cli.table import Dates, Table
 
 pandas = pytest.importorskip("pandas")
 pytest.importorskip("matplotlib")
 
 from quorvane.baskets.weights import fixed_book  # noqa: E402
-from quorvane.cli.judged import are_returns, judge  # noqa: E402
+from quorvane.cli.judged import judge  # noqa: E402
 
 WEIGHTS = {"a": {"A": 1.0, "B": -1.0}, "b": {"B": 1.0, "C": -1.0}, "c": {"C": 1.0, "D": -1.0}}
 
@@ -24,7 +24,8 @@ def replayed(prices, kind="returns", dates=None):
     inputs = structure_input(prices, kind)
     days = BasketDays(fixed_book(WEIGHTS, names), Choices("ewma(3);centered_rank"), inputs)
     result = Table(days.compute(0, len(inputs)), names, dates)
-    return judge(days, result, table_moments(result, str), kind), result
+    table = Table(prices, names, dates)
+    return judge(days, table, result, table_moments(result, str), kind), result
 
 
 @pytest.fixture
@@ -46,14 +47,12 @@ def test_it_is_the_evaluation_of_the_output_by_the_prices_returns(prices):
 def test_levels_that_are_returns_are_taken_as_such_and_it_is_said(prices):
     returns = structure_input(prices, "returns")[1:]
     found, _ = replayed(returns, "levels")
-    assert found.has_returns
     assert found.note == "The table's numbers were taken as daily returns, as fractions."
     assert found.evaluation.ic.notna().to_numpy().any()
 
 
 def test_levels_that_are_no_returns_judge_nothing_and_it_is_said(prices):
     found, _ = replayed(prices, "levels")
-    assert not found.has_returns
     assert found.note == "The table's numbers are no daily returns, so nothing is judged by them."
     assert found.evaluation.ic.isna().to_numpy().all()
     assert found.evaluation.turnover.notna().any()
@@ -82,9 +81,41 @@ def test_days_are_dates_where_the_labels_are(prices):
 
 
 @pytest.mark.parametrize(
-    "texts", [[f"d{n}" for n in range(40)], ["same"] * 40], ids=["own", "same"]
+    ("numbers", "are"),
+    [([1.0, 2.0], True), ([*[50.0] * 20, -37.6], True), ([0.01, -0.01], False), ([], True)],
+    ids=str,
 )
-def test_other_labels_stay_as_they_are_while_they_tell_the_days(prices, texts):
+def test_prices_are_hardly_ever_zero_or_less(numbers, are):
+    assert are_prices(np.array(numbers)) is are
+
+
+def test_numbers_that_are_no_prices_are_told():
+    found, _ = replayed(np.random.default_rng(1).normal(size=(40, 4)))
+    assert found.note.endswith("Many of its numbers are zero or less, and no prices.")
+
+
+@pytest.mark.parametrize(
+    "texts",
+    [[f"d{n}" for n in range(40)], ["same"] * 40, [f"w{n:03}" for n in range(40, 0, -1)]],
+    ids=["own", "same", "falling"],
+)
+def test_other_labels_stay_as_they_are(prices, texts):
     found, _ = replayed(prices, dates=Dates("Date", tuple(texts)))
-    expected = texts if len(set(texts)) == 40 else list(range(40))
-    assert found.evaluation.ic.index.tolist() == expected
+    assert found.evaluation.ic.index.tolist() == texts
+    assert found.evaluation.ic.notna().to_numpy().any()
+
+
+def test_days_with_an_offset_are_those_of_the_file(prices):
+    days = np.datetime64("2020-01-30") + np.arange(40)
+    text = tuple(f"{day}T00:00:00+09:00" for day in days)
+    found, _ = replayed(prices, dates=Dates("Date", text))
+    assert str(found.evaluation.ic.index[-1]) == f"{days[-1]} 00:00:00+09:00"
+    mixed = tuple(f"{day}T00:00:00+0{9 - day.astype(int) % 2}:00" for day in days)
+    found, _ = replayed(prices, dates=Dates("Date", mixed))
+    assert found.evaluation.ic.index.tolist() == list(mixed)
+
+
+def test_days_beyond_nanoseconds_are_dates_all_the_same(prices):
+    text = tuple(str(day) for day in np.datetime64("3000-01-30") + np.arange(40))
+    found, _ = replayed(prices, dates=Dates("Date", text))
+    assert str(found.evaluation.ic.index[0]) == "3000-01-30 00:00:00"

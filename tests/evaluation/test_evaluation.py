@@ -151,7 +151,7 @@ def test_days_that_are_named_are_found_by_name():
         qv.evaluate(numbered.iloc[[0, 2, 1]], numbered)
     with pytest.raises(ValueError, match="must name each day once"):
         qv.evaluate(numbered, numbered.iloc[[0, 0, 1]])
-    with pytest.raises(ValueError, match="must name each day once"):
+    with pytest.raises(ValueError, match="no rows for days of the signal: 20230102"):
         qv.evaluate(numbered, returns.reset_index(drop=True))
 
 
@@ -239,3 +239,28 @@ def test_without_pandas_it_says_what_to_install(monkeypatch):
     found = qv.evaluate(returns, returns)
     with pytest.raises(ImportError, match=r"pip install 'quorvane\[evaluation\]'"):
         found.ic  # noqa: B018
+
+
+def test_rows_that_were_cut_off_are_told_by_their_numbers():
+    returns = made(days=60).reset_index(drop=True)
+    whole = qv.evaluate(returns.shift(-1), returns, horizons=[1]).ic[1]
+    assert whole.dropna().eq(1.0).all()
+    later = qv.evaluate(returns.shift(-1)[10:], returns, horizons=[1]).ic[1]
+    pandas.testing.assert_series_equal(later, whole[10:], check_names=False)
+    with pytest.raises(ValueError, match="no rows for days of the signal: 59"):
+        qv.evaluate(returns[1:], returns[:-1], horizons=[1])
+    with pytest.raises(ValueError, match="no rows for days of the signal: 0"):
+        qv.evaluate(returns[:-1], returns[1:], horizons=[1])
+
+
+def test_text_that_is_no_date_has_no_order():
+    returns = made(days=5)
+    returns.index = ["w5", "w4", "w3", "w2", "w1"]
+    assert len(qv.evaluate(returns, returns, horizons=[1]).ic) == 5
+
+
+def test_horizons_and_lags_beyond_everything_find_nothing():
+    returns = made(days=5)
+    found = qv.evaluate(returns, returns, horizons=[1, 10**20], lag=10**20)
+    assert found.ic.isna().all().all()
+    assert found.summary["days"].tolist() == [0, 0]

@@ -15,12 +15,18 @@ LABELS = {
     "whole numbers": 20240000 + np.arange(40),
     "numbers": np.arange(40) / 8 + 3,
     "elapsed times": pandas.timedelta_range("1h", periods=40, freq="h"),
+    "categories of dates": pandas.CategoricalIndex(START + np.arange(40)),
+    "categories of UTC": pandas.CategoricalIndex(
+        pandas.date_range("2024-01-01", periods=40, tz="UTC")
+    ),
+    "objects that are numbers": pandas.Index(range(5, 45), dtype=object),
     "names": [f"day {i}" for i in range(40)],
     "pairs": pandas.MultiIndex.from_product([["x", "y"], range(20)]),
     "plain": range(40),
     "none": None,
 }
 ORDERED = ["dates", "UTC", "periods", "text of dates", "whole numbers", "numbers", "elapsed times"]
+ORDERED += ["categories of dates", "categories of UTC", "objects that are numbers"]
 
 
 @pytest.fixture(params=LABELS)
@@ -312,3 +318,18 @@ def test_whatever_days_are_asked_for_is_right_or_refused(make, labels, seed):
 
 def _rows(days, rows):
     return days.iloc[rows] if hasattr(days, "iloc") else days[rows]
+
+
+@pytest.mark.parametrize("place", [1, 3, 7])
+def test_rows_of_the_training_among_later_ones_are_refused(make, place):
+    rows = np.random.default_rng(8).normal(size=(60, 5))
+    fitted = make(expression="ewma(3);rank").fit(rows[:40])
+    mixed = np.insert(rows[40:50], [place] * 3, rows[20:23], axis=0)
+    with pytest.raises(ValueError, match=rf"row {place} is a row of the training"):
+        fitted.transform(mixed)
+
+
+def test_instruments_that_can_be_read_only_once_are_refused(make):
+    made = make(weights={"a": {"A": 1.0}}, instruments=iter(["A", "B"]))
+    with pytest.raises(TypeError, match="instruments must be a list or a tuple"):
+        made.fit(np.ones((3, 2)))

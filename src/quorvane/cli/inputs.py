@@ -7,6 +7,11 @@ from typing import Literal
 import numpy as np
 from numpy.typing import NDArray
 
+# Half of all daily returns beyond a half are none.
+_MOST_TYPICAL_RETURN = 0.5
+# The share of prices that a futures' strange day may make of them.
+_FEW = 0.1
+
 InputKind = Literal["returns", "levels"]
 
 
@@ -27,3 +32,17 @@ def structure_input(values: NDArray[np.float64], kind: InputKind) -> NDArray[np.
         np.divide(after, before, out=returns[1:], where=usable)
     returns[1:] -= 1.0
     return returns
+
+
+def are_returns(values: NDArray[np.float64]) -> bool:
+    """Whether numbers can be daily returns, as fractions: none loses all, and most are small."""
+    known = values[np.isfinite(values)]
+    if not known.size:
+        return True
+    return bool(known.min() > -1.0 and np.median(np.abs(known)) < _MOST_TYPICAL_RETURN)
+
+
+def are_prices(values: NDArray[np.float64]) -> bool:
+    """Whether numbers can be prices: hardly any is zero or less."""
+    known = values[np.isfinite(values)]
+    return bool(np.count_nonzero(known <= 0.0) <= _FEW * known.size)

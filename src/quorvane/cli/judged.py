@@ -6,18 +6,17 @@ from dataclasses import dataclass
 from typing import Any
 
 import numpy as np
-from numpy.typing import NDArray
 
 from quorvane.cli.basket_days import BasketDays
 from quorvane.cli.day_labels import Moments
-from quorvane.cli.inputs import InputKind
+from quorvane.cli.inputs import InputKind, are_prices, are_returns
 from quorvane.cli.libraries import require_library
 from quorvane.cli.table import Table
-from quorvane.evaluation import Evaluation, evaluate
+from quorvane.evaluation import Evaluation
+from quorvane.evaluation.aligned import Aligned
+from quorvane.evaluation.evaluation import evaluate_aligned
+from quorvane.evaluation.following import KnownReturns
 from quorvane.evaluation.report import StructureFigures, figures_of
-
-# Daily returns are fractions: half of them beyond a half are none.
-_MOST_TYPICAL = 0.5
 
 
 @dataclass(frozen=True)
@@ -27,53 +26,50 @@ class Judged:
     evaluation: Evaluation
     structures: StructureFigures
     note: str
-    has_returns: bool
 
 
 def judge(
-    days: BasketDays,
-    result: Table,
-    moments: Moments | None,
-    kind: InputKind,
+    days: BasketDays, table: Table, result: Table, moments: Moments | None, kind: InputKind
 ) -> Judged:
     """Evaluate the result of all days by the returns that the structures saw, if they are some."""
-    has_returns = kind == "returns" or are_returns(days.inputs)
-    returns = days.inputs if has_returns else np.full_like(days.inputs, np.nan)
-    evaluation = evaluate(_frame(result.values, result, moments), _frame(returns, result, moments))
-    last = None if days.dates is None else days.dates[-1]
+    returns = days.inputs
     if kind == "returns":
         note = "Returns are those of the table's prices from row to row."
-    elif has_returns:
+        if not are_prices(table.values):
+            note += " Many of its numbers are zero or less, and no prices."
+    elif are_returns(returns):
         note = "The table's numbers were taken as daily returns, as fractions."
     else:
         note = "The table's numbers are no daily returns, so nothing is judged by them."
-    structures = figures_of(evaluation, days.rotation, days.book, last)
-    return Judged(evaluation, structures, note, has_returns)
-
-
-def are_returns(values: NDArray[np.float64]) -> bool:
-    """Whether numbers can be daily returns, as fractions: none loses all, and most are small."""
-    known = values[np.isfinite(values)]
-    if not known.size:
-        return True
-    return bool(known.min() > -1.0 and np.median(np.abs(known)) < _MOST_TYPICAL)
-
-
-def _frame(values: NDArray[np.float64], table: Table, moments: Moments | None) -> Any:
-    """A frame of pandas, whose days are dates, other labels, or numbers."""
-    pandas = require_library("pandas", "judging the output")
-    index: Any = pandas.RangeIndex(len(values))
-    if moments is not None:
-        zone = "UTC" if moments.is_utc else None
-        index = pandas.DatetimeIndex(moments.values.astype(_unit(moments)), tz=zone)
-    elif table.dates is not None and len(set(table.dates.text)) == len(values):
-        index = pandas.Index(list(table.dates.text), dtype=object)
-    return pandas.DataFrame(
-        values, index=index, columns=pandas.Index(list(table.instruments), dtype=object)
+        returns = np.full_like(returns, np.nan)
+    aligned = Aligned(
+        signal=result.values,
+        returns=returns,
+        rows=np.arange(len(returns)),
+        days=_index(result, moments),
+        is_utc=False,
+        instruments=result.instruments,
     )
+    evaluation = evaluate_aligned(aligned, KnownReturns())
+    last = None if days.dates is None else days.dates[-1]
+    return Judged(evaluation, figures_of(evaluation, days.rotation, days.book, last), note)
 
 
-def _unit(moments: Moments) -> str:
-    """Days become seconds, which pandas knows."""
+def _index(table: Table, moments: Moments | None) -> Any:
+    """The days for pandas: dates where the labels are some, otherwise as they are written."""
+    pandas = require_library("pandas", "judging the output")
+    if table.dates is None:
+        return pandas.RangeIndex(len(table.values))
+    # In several offsets no one zone has the days as they are written.
+    zones = {label[-6:] for label in table.dates.text} if moments and moments.is_utc else {""}
+    if moments is None or len(zones) > 1:
+        return pandas.Index(list(table.dates.text), dtype=object)
     is_day = moments.values.dtype == np.dtype("datetime64[D]")
-    return "datetime64[s]" if is_day else str(moments.values.dtype)
+    # pandas knows no unit of days.
+    index = pandas.DatetimeIndex(
+        moments.values.astype("datetime64[s]") if is_day else moments.values
+    )
+    zone = zones.pop()
+    if not moments.is_utc:
+        return index
+    return index.tz_localize("UTC").tz_convert(zone if zone[0] in "+-" else "UTC")

@@ -11,7 +11,7 @@ from numpy.typing import NDArray
 from quorvane.cli.basket_days import BasketDays
 from quorvane.cli.day_labels import Moments, in_order, table_moments
 from quorvane.cli.errors import DataError, UsageError
-from quorvane.cli.inputs import structure_input
+from quorvane.cli.inputs import are_prices, are_returns, structure_input
 from quorvane.cli.labels import Labels, read_labels
 from quorvane.cli.limits import MAX_CELLS, MAX_STRUCTURES
 from quorvane.cli.recording import OutputRecorder, Recorder
@@ -44,6 +44,8 @@ class Run:
 def prepare(options: argparse.Namespace) -> Run:
     """Read the files and make the days; CommandError for whatever the user can mend."""
     table, moments = _dated_table(options)
+    if options.report is not None:
+        _require_returns(table, options)
     structures = read_structures(
         options.structures, table.instruments, changes_only=options.changes_only
     )
@@ -82,6 +84,20 @@ def _dated_table(options: argparse.Namespace) -> tuple[Table, Moments | None]:
         return place_of(options.table, row)
 
     return in_order(table, table_moments(table, place), place, sort=options.sort)
+
+
+def _require_returns(table: Table, options: argparse.Namespace) -> None:
+    """Raise DataError for numbers that a report cannot judge by, before they are computed with."""
+    if options.input == "levels" and not are_returns(table.values):
+        raise DataError(
+            f"{options.table}: --report with --input levels needs daily returns as fractions, all "
+            "above -1 and half of them within 0.5; for a table of prices leave --input levels out"
+        )
+    if options.input == "returns" and not are_prices(table.values):
+        raise DataError(
+            f"{options.table}: --report needs prices, and many of these numbers are zero or less; "
+            "for a table of daily returns say --input levels"
+        )
 
 
 def _dates_for(

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 from collections.abc import Hashable
 from dataclasses import dataclass
 from typing import Any
@@ -13,6 +14,8 @@ from quorvane.tables import Table, read_table
 from quorvane.tables.names import listed
 
 Floats = NDArray[np.float64]
+_ISO_DATE = re.compile(r"\d{4}-?\d\d-?\d\d")
+
 Rows = NDArray[np.intp]
 
 
@@ -60,13 +63,13 @@ def align(signal: Any, returns: Any, date: Any) -> Aligned:
             "both must be of one sort, to be aligned"
         )
     names = tuple(range(judged.width)) if judged.names is None else judged.names
-    labels = _labels(judged, signal)
+    labels, known_labels = _labels(judged, signal), _labels(known, returns)
     if judged.dates is not None or known.dates is not None:
         rows = _rows_by_date(judged, known)
-    elif labels is not None:
-        rows = _rows_by_label(labels, _labels(known, returns))
-    else:
+    elif labels is None and known_labels is None:
         rows = _rows_in_order(judged, known)
+    else:
+        rows = _rows_by_label(_index(judged, signal), _index(known, returns))
     days = labels
     if days is None:
         days = np.arange(judged.rows) if judged.dates is None else judged.dates
@@ -80,13 +83,20 @@ def align(signal: Any, returns: Any, date: Any) -> Aligned:
     )
 
 
+def _index(table: Table, native: Any) -> Any:
+    """The index of a pandas frame, None for another table."""
+    return native.index if table.kind == "pandas" else None
+
+
 def _labels(table: Table, native: Any) -> Any:
     """The index of a pandas frame that says something of its days, None for any other."""
-    if table.kind != "pandas":
-        return None
-    index = native.index
-    is_plain = type(index).__name__ == "RangeIndex"
-    return None if is_plain else index
+    index = _index(table, native)
+    return None if index is None or _counts_rows(index) else index
+
+
+def _counts_rows(index: Any) -> bool:
+    """Whether an index is 0, 1, 2, ... because nobody has given one."""
+    return type(index).__name__ == "RangeIndex" and (index.start, index.step) == (0, 1)
 
 
 def _rows_by_date(judged: Table, known: Table) -> Rows:
@@ -103,15 +113,23 @@ def _rows_by_date(judged: Table, known: Table) -> Rows:
 
 def _rows_by_label(labels: Any, known: Any) -> Rows:
     """Days that have names but no dates: found by name, and in the order of the returns."""
-    if known is None or not known.is_unique or not labels.is_unique:
+    if known is None or labels is None or not (known.is_unique and labels.is_unique):
         raise ValueError("signal and returns: the index of both must name each day once")
-    if len(labels) > 1 and (labels.is_monotonic_decreasing or known.is_monotonic_decreasing):
+    if any(_descends(index) for index in (labels, known)):
         raise ValueError("signal and returns: their days descend; allowed is the order of time")
     rows = np.asarray(known.get_indexer(labels), dtype=np.intp)
     _refuse_missing(labels[rows < 0].tolist())
     if np.count_nonzero(np.diff(rows) < 0):
         raise ValueError("signal: its days must be in the order of those of the returns")
     return rows
+
+
+def _descends(index: Any) -> bool:
+    """Whether days go back in time: numbers and dates do, other text has no order."""
+    if len(index) < 2 or not index.is_monotonic_decreasing:
+        return False
+    texts = [label for label in (index[0], index[-1]) if isinstance(label, str)]
+    return all(_ISO_DATE.match(text) for text in texts)
 
 
 def _rows_in_order(judged: Table, known: Table) -> Rows:

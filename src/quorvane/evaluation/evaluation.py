@@ -5,7 +5,7 @@ from __future__ import annotations
 import importlib
 import numbers
 import os
-from collections.abc import Iterable, Mapping
+from collections.abc import Hashable, Iterable, Mapping
 from dataclasses import dataclass
 from functools import cached_property
 from pathlib import Path
@@ -252,9 +252,12 @@ class Evaluation:
         """
         from quorvane.evaluation import report
 
+        target = Path(os.path.realpath(path))
+        if not os.fspath(path):
+            raise ValueError("path must name a file, got ''")
         structures = None if baskets is None else report.structure_figures(self, baskets)
         page = report.write_page(self, structures, str(title), self._checked_groups(groups))
-        replace_file(Path(path), page.encode())
+        replace_file(target, page.encode())
 
     def __repr__(self) -> str:
         days, instruments = self._aligned.signal.shape
@@ -272,6 +275,9 @@ class Evaluation:
         without = [name for name in self._aligned.instruments if name not in groups]
         if without:
             raise ValueError(f"groups: instruments without one: {listed(without, most=10)}")
+        for name in self._aligned.instruments:
+            if not isinstance(groups[name], Hashable):
+                raise TypeError(f"groups: that of {name!r} must be hashable, got {groups[name]!r}")
         return groups
 
     @cached_property

@@ -16,14 +16,34 @@ def forward_returns(returns: Floats, rows: NDArray[np.intp], horizon: int, lag: 
     prod(1 + r) - 1 over the rows t + lag to t + lag + horizon - 1; missing where one of them is, or
     lies beyond the end.
     """
-    days, columns = returns.shape
-    compound = np.full((len(rows), columns), np.nan)
+    # Whatever is longer than the table ends beyond it.
+    length = min(horizon, len(returns) + 1)
+    return _compound(returns, rows, np.full(len(rows), length), min(lag, len(returns) + 1))
+
+
+def held_returns(returns: Floats, rows: NDArray[np.intp], lag: int) -> tuple[Floats, Floats]:
+    """Compound returns of what is held from each row until the next one, and where they end.
+
+    The returns of the rows t + lag to u + lag - 1, where u is the row after t; what the last row
+    says is held for as long as the one before. The ends are rows of the returns.
+    """
+    lag = min(lag, len(returns) + 1)
+    lengths = np.diff(rows)
+    lengths = np.append(lengths, lengths[-1:] if len(lengths) else 1)
+    return _compound(returns, rows, lengths, lag), rows + lengths + (lag - 1.0)
+
+
+def _compound(
+    returns: Floats, rows: NDArray[np.intp], lengths: NDArray[np.intp], lag: int
+) -> Floats:
+    compound = np.full((len(rows), returns.shape[1]), np.nan)
     # Beyond the last day nothing is known.
-    whole = rows <= days - lag - horizon
+    whole = rows + lag + lengths <= len(returns)
     growth = 1.0 + returns
-    for day in range(horizon if whole.any() else 0):
-        factor = growth[rows[whole] + lag + day]
-        compound[whole] = factor if day == 0 else compound[whole] * factor
+    for day in range(int(lengths[whole].max(initial=0))):
+        held = whole & (lengths > day)
+        factor = growth[rows[held] + lag + day]
+        compound[held] = factor if day == 0 else compound[held] * factor
     return compound - 1.0
 
 
@@ -142,6 +162,8 @@ def turnover(weights: Floats, before: NDArray[np.intp]) -> Floats:
 
 def rows_before(rows: NDArray[np.intp], days: int, first: int) -> NDArray[np.intp]:
     """The number of the last row at least so many days before each; -1 before the ``first``."""
+    # As far back as there are rows is as far as any.
+    days = min(days, int(rows[-1]) + 1) if len(rows) else 0
     before = np.searchsorted(rows, rows - days, side="right") - 1
     return np.where(before >= first, before, -1)
 

@@ -102,7 +102,11 @@ def labels_of(table: Table, native: Any) -> Labels | None:
         return _dates(table.dates, table.is_utc)
     if table.kind != "pandas":
         return None
-    index = native.index
+    index = _as_it_is_meant(native.index)
+    if index.dtype.kind == "M":
+        is_utc = index.tz is not None
+        dates = (index.tz_convert(None) if is_utc else index).to_numpy(dtype="datetime64[ns]")
+        return _ascending(_dates(dates, is_utc), table)
     if index.dtype.kind == "m":
         return _ascending(Labels("elapsed times", index.to_numpy()), table)
     if index.nlevels == 1 and index.dtype.kind in "iuf":
@@ -114,6 +118,15 @@ def labels_of(table: Table, native: Any) -> Labels | None:
         row = int(np.argmax(index.duplicated()))
         raise ValueError(f"X: its index has {table.label(row)} twice; each day needs a name")
     return Labels("names", tuple(index.tolist()))
+
+
+def _as_it_is_meant(index: Any) -> Any:
+    """An index whose dates or numbers are kept as categories or as objects, as these."""
+    if index.nlevels > 1:
+        return index
+    if hasattr(index, "categories"):
+        index = index.astype(index.categories.dtype)
+    return index.infer_objects()
 
 
 def _numbers(keys: NDArray[Any], table: Table) -> Labels:

@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterator
+from functools import cached_property
 from itertools import islice
 
 import numpy as np
@@ -108,16 +110,23 @@ class TrainingRows:
 
     def _tell(self, rows: Floats) -> bool:
         """Whether rows of the training with these numbers can be no others."""
-        if np.count_nonzero(_telling(rows)) < 2:
-            return False
-        telling = self.numbers[_telling(self.numbers).any(axis=1)] + 0.0
-        telling[np.isnan(telling)] = np.nan
-        return len({row.tobytes() for row in telling}) == len(telling)
+        return bool(np.count_nonzero(_telling(rows)) >= 2) and self._are_distinct
+
+    @cached_property
+    def _are_distinct(self) -> bool:
+        """Whether no two rows of the training that say something are alike."""
+        return len(self._known) == np.count_nonzero(_telling(self.numbers).any(axis=1))
+
+    @cached_property
+    def _known(self) -> set[bytes]:
+        """The rows of the training that say something."""
+        return set(_as_bytes(self.numbers[_telling(self.numbers).any(axis=1)]))
 
     def _refuse_elsewhere(self, rows: Floats, start: int) -> None:
         """Raise ValueError where rows of the training are among those that are to be later ones.
 
-        Looked for are the first and the last of these in the training, and the training's first.
+        Looked for are all of these to the bit, and up to rounding the first and the last of them in
+        the training and the training's first.
         """
         later = rows[start:]
         first, own = _first_telling(later), _first_telling(self.numbers)
@@ -126,6 +135,9 @@ class TrainingRows:
         last = len(later) - 1 - (_first_telling(later[::-1]) or 0)
         found = {row for row in (first, last) if len(self._places(later[row], self.numbers))}
         found.update(self._places(self.numbers[own], later).tolist())
+        if self._are_distinct:
+            known = self._known
+            found.update(row for row, each in enumerate(_as_bytes(later)) if each in known)
         for row in sorted(found):
             if self._tell(later[row : row + 1]):
                 raise ValueError(
@@ -144,6 +156,13 @@ def _magnitudes(rows: Floats) -> Floats:
     counts = np.count_nonzero(~np.isnan(rows), axis=0)
     middle = ordered[np.maximum(counts - 1, 0) // 2, np.arange(rows.shape[1])]
     return np.where(counts > 0, middle, 0.0)
+
+
+def _as_bytes(rows: Floats) -> Iterator[bytes]:
+    """Each row, as bytes that are the same where the numbers are."""
+    plain = rows + 0.0
+    plain[np.isnan(plain)] = np.nan
+    return map(bytes, np.ascontiguousarray(plain))
 
 
 def _telling(rows: Floats) -> NDArray[np.bool_]:

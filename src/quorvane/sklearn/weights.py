@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterator
 from typing import Any
 
 from quorvane.baskets import Baskets
@@ -23,6 +24,11 @@ def make_baskets(weights: Any, complete: Any, settings: dict[str, Any]) -> Baske
     """
     if not isinstance(complete, bool):
         raise TypeError(f"complete must be a bool, got {complete!r}")
+    if isinstance(settings["instruments"], Iterator):
+        raise TypeError(
+            "instruments must be a list or a tuple of names, got an iterator, which can be read "
+            "only once"
+        )
     columns = _columns(weights)
     is_long = set(_LONG) <= set(columns)
     date = "date" if is_long and "date" in columns else None

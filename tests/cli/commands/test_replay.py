@@ -132,9 +132,20 @@ def test_prices_taken_as_levels_have_a_picture_but_no_report(replay, tmp_path):
     pytest.importorskip("pandas")
     path = tmp_path / "r.html"
     text = error_of(replay(input="levels", report=path), 1)
-    assert text.endswith("these numbers are none; for a table of prices leave --input levels out")
+    assert text.endswith("half of them within 0.5; for a table of prices leave --input levels out")
     assert not path.exists()
     assert replay(input="levels", plot=tmp_path / "p.png").status == 0
+
+
+def test_returns_taken_as_prices_have_no_report(replay, tmp_path, prices):
+    pytest.importorskip("matplotlib")
+    pytest.importorskip("pandas")
+    header, *rows = prices.read_text().splitlines()
+    cells = [row.split(",") for row in rows]
+    moved = [[day, *(f"{float(c) / 100 - 1:.6f}" if c else "" for c in row)] for day, *row in cells]
+    prices.write_text("\n".join([header, *map(",".join, moved)]) + "\n")
+    text = error_of(replay(report=tmp_path / "r.html"), 1)
+    assert text.endswith("are zero or less; for a table of daily returns say --input levels")
 
 
 def test_a_picture_changes_no_number(replay, tmp_path):

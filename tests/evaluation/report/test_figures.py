@@ -11,14 +11,44 @@ from evaluation.report.judged import table  # noqa: E402
 from quorvane.evaluation.report import figures  # noqa: E402
 
 
-def test_growth_is_the_compound_of_the_one_day_returns_by_quantile():
-    returns = table()
-    found = qv.evaluate(table(seed=1), returns, horizons=[1], quantiles=3)
+def compound(means):
+    """What 1 has become when each day begins to earn, by the returns of the days before."""
+    return (1.0 + means.fillna(0.0)).cumprod()
+
+
+@pytest.mark.parametrize("lag", [1, 3])
+def test_growth_is_the_compound_of_the_one_day_returns_by_quantile(lag):
+    found = qv.evaluate(table(seed=1), table(), horizons=[1], quantiles=3, lag=lag)
     grown = figures.growth(found)
-    means = found.quantile_returns[1].fillna(0.0)
-    np.testing.assert_allclose(grown.quantiles, (1.0 + means).cumprod(), rtol=1e-14)
-    spread = (1.0 + found.quantile_returns[1].eval("`3` - `1`").fillna(0.0)).cumprod()
+    means = found.quantile_returns[1]
+    expected = compound(means).shift(lag).fillna(1.0)
+    np.testing.assert_allclose(grown.quantiles, expected, rtol=1e-14)
+    spread = compound(means[3] - means[1]).shift(lag).fillna(1.0)
     np.testing.assert_allclose(grown.spread, spread, rtol=1e-14)
+    assert (grown.quantiles[lag - 1] == 1.0).all()
+
+
+def test_a_return_counts_on_its_own_day():
+    returns = table(instruments=5)
+    returns[:] = 0.0
+    returns.iloc[60] = 0.1
+    signal = table(instruments=5, seed=1)
+    for lag in (1, 4):
+        grown = figures.growth(qv.evaluate(signal, returns, lag=lag))
+        assert (grown.quantiles[:60] == 1.0).all()
+        np.testing.assert_allclose(grown.quantiles[60:], 1.1)
+
+
+def test_what_a_signal_of_each_week_says_is_held_until_the_next():
+    returns = table()
+    signal = table(seed=1).iloc[::5]
+    grown = figures.growth(qv.evaluate(signal, returns, horizons=[1], quantiles=2))
+    held = (1.0 + returns).cumprod()
+    weekly = held.iloc[5::5].to_numpy() / held.iloc[:-5:5].to_numpy() - 1.0
+    upper = signal.rank(axis=1, pct=True).to_numpy()[:-1] > 0.5
+    means = [row[chosen].mean() for row, chosen in zip(weekly, upper, strict=True)]
+    expected = np.cumprod([1.0, *(1.0 + np.array(means))])
+    np.testing.assert_allclose(grown.quantiles[:, 1], expected, rtol=1e-12)
 
 
 def test_growth_needs_no_horizon_of_one_day_and_stands_still_without_returns():
@@ -28,9 +58,14 @@ def test_growth_needs_no_horizon_of_one_day_and_stands_still_without_returns():
     grown = figures.growth(qv.evaluate(signal, returns, horizons=[20]))
     same = figures.growth(qv.evaluate(signal, returns, horizons=[1]))
     np.testing.assert_array_equal(grown.quantiles, same.quantiles)
-    assert (grown.quantiles[49:58] == grown.quantiles[48]).all()
-    # The last day's return is not known yet.
-    assert (grown.quantiles[-1] == grown.quantiles[-2]).all()
+    assert (grown.quantiles[50:60] == grown.quantiles[49]).all()
+
+
+def test_a_quantile_that_is_never_held_does_not_grow():
+    found = qv.evaluate(table(instruments=3, seed=1), table(instruments=3), quantiles=5)
+    grown = figures.growth(found)
+    empty = np.isnan(grown.quantiles).all(axis=0)
+    assert empty.tolist() == [False, True, False, True, False]
 
 
 def test_a_long_history_is_drawn_by_few_points_of_which_the_last_is_the_end():
@@ -38,7 +73,8 @@ def test_a_long_history_is_drawn_by_few_points_of_which_the_last_is_the_end():
     grown = figures.growth(found)
     assert len(grown.days) == figures.MOST_POINTS
     assert grown.days[-1] == 2999
-    final = (1.0 + found.quantile_returns[1].fillna(0.0)).prod()
+    # What the last day's signal earns is not known yet.
+    final = compound(found.quantile_returns[1]).iloc[-2]
     np.testing.assert_allclose(grown.quantiles[-1], final, rtol=1e-12)
 
 

@@ -161,7 +161,7 @@ def test_without_returns_all_else_is_shown(tmp_path):
     returns = table()
     returns[:] = np.nan
     text = page(qv.evaluate(table(seed=1), returns), tmp_path)
-    assert text.count("no returns are known") == 3
+    assert text.count("no day has a signal and returns that follow") == 3
     assert "The largest weights of 2020-06-16" in text
 
 
@@ -171,6 +171,21 @@ def test_a_last_day_without_a_signal_is_told(tmp_path):
     text = page(qv.evaluate(signal, table()), tmp_path)
     assert "The largest weights of 2020-06-15" in text
     assert "The last day, 2020-06-16, has no signal." in text
+
+
+def test_a_last_day_of_zeros_holds_nothing(tmp_path):
+    signal = table(seed=1)
+    signal.iloc[-1] = 0.0
+    text = page(qv.evaluate(signal, table()), tmp_path)
+    assert "Nothing: all signals of 2020-06-16 are zero." in text
+
+
+def test_each_name_of_an_element_is_there_once(tmp_path):
+    text = page(*_with_path(judged(), tmp_path))
+    names = re.findall(r'<[^>]* id="([^"]*)"', text)
+    assert len(names) == len(set(names)) > 50
+    for reference in re.findall(r'url\(#([^)]*)\)|href="#([^"]*)"', text):
+        assert "".join(reference) in names
 
 
 def test_baskets_that_did_not_give_the_signal_are_told(tmp_path):
@@ -214,6 +229,10 @@ def test_an_instrument_without_a_group_is_refused(tmp_path):
         found.to_html(tmp_path / "r.html", groups={"I0": "a"})
     with pytest.raises(TypeError, match="groups must be a mapping"):
         found.to_html(tmp_path / "r.html", groups=["a"])
+    with pytest.raises(TypeError, match=r"groups: that of 'I0' must be hashable, got \['a'\]"):
+        found.to_html(tmp_path / "r.html", groups=dict.fromkeys(found.weights.columns, ["a"]))
+    with pytest.raises(ValueError, match="path must name a file"):
+        found.to_html("")
     assert list(tmp_path.iterdir()) == []
 
 

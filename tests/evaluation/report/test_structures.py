@@ -57,6 +57,34 @@ def test_baskets_that_stand_at_another_day_are_refused():
         structure_figures(found, baskets)
 
 
+def test_without_dates_the_number_of_days_is_compared():
+    returns = table().to_numpy()
+    baskets = qv.Baskets(None, "rank")
+    found = qv.evaluate(baskets.run(returns), returns)
+    structure_figures(found, baskets)
+    baskets.run(returns[:-1])
+    with pytest.raises(ValueError, match="have computed 119 days, and the signal has 120"):
+        structure_figures(found, baskets)
+
+
+def test_baskets_of_other_instruments_are_refused():
+    found, _ = judged()
+    baskets = qv.Baskets(None, "rank")
+    baskets.run(table().rename(columns={"I3": "J3"}))
+    with pytest.raises(ValueError, match="they have no instruments 'I3', for which there is"):
+        structure_figures(found, baskets)
+
+
+def test_lists_that_all_begin_later_have_no_births_yet():
+    returns = table()
+    later = dated_pairs(returns)
+    later["date"] += pandas.Timedelta(days=1000)
+    baskets = qv.Baskets.from_long(later, date="date", expression="ewma(5)")
+    found = qv.evaluate(table(seed=1), returns)
+    baskets.run(returns)
+    assert structure_figures(found, baskets).census is None
+
+
 def test_baskets_without_a_day_are_refused():
     found, _ = judged()
     fresh = qv.Baskets(pairs_of(["I0", "I1"]), "rank")

@@ -10,7 +10,6 @@ from quorvane.cli import summary
 from quorvane.cli.checkpoint import Checkpoint
 from quorvane.cli.commands.replay_options import FOREVER
 from quorvane.cli.day_loop import Progress, replay
-from quorvane.cli.errors import DataError
 from quorvane.cli.files import WholeOutputs
 from quorvane.cli.prepared_run import Run, prepare
 from quorvane.cli.replay_checks import check_options
@@ -156,18 +155,13 @@ def _make_drawings(run: Run, result: Table, outputs: WholeOutputs) -> None:
         from quorvane.cli.picture import draw_picture
         from quorvane.evaluation.report import write_page
 
-    judged = judge(run.days, result, run.moments, options.input)
+    judged = judge(run.days, run.table, result, run.moments, options.input)
     title = options.title or options.table.name
     if options.plot is not None:
         with outputs.making(options.plot, "the picture") as part:
             subtitle = f"{summary.describe_table(run.table)}  \N{MIDDLE DOT}  {options.expression}"
             draw_picture(part, judged.evaluation, judged.structures, title, subtitle)
     if options.report is not None:
-        if not judged.has_returns:
-            raise DataError(
-                f"{options.table}: --report needs daily returns to judge the output by, and these "
-                "numbers are none; for a table of prices leave --input levels out"
-            )
         with outputs.making(options.report, "the report") as part:
             page = write_page(judged.evaluation, judged.structures, title, note=judged.note)
             part.write_text(page, "utf-8")

@@ -20,11 +20,16 @@ from quorvane.evaluation.report.drawing import (
     SHORT,
     DayAxis,
 )
-from quorvane.evaluation.report.figures import Growth, HeatMap, Holdings
+from quorvane.evaluation.report.figures import Growth, HeatMap, Holdings, chosen_evenly
 from quorvane.evaluation.report.structures import Census
-from quorvane.evaluation.report.text import short
+from quorvane.evaluation.report.text import counted, short
 
 Floats = NDArray[np.float64]
+
+_NOT_JUDGED = "no day has a signal and returns that follow"
+# Of lines with a name in a legend, and of names on an axis.
+_MOST_NAMED = 6
+_MOST_TICKS = 8
 
 
 def held(axes: Any, holdings: Holdings) -> None:
@@ -47,7 +52,7 @@ def growth(axes: Any, grown: Growth, days: DayAxis) -> None:
     """What 1 has become, by quantile, and the highest less the lowest."""
     everything = np.column_stack([grown.quantiles, grown.spread])
     if not np.isfinite(everything).any():
-        _nothing(axes, "no returns are known")
+        _nothing(axes, _NOT_JUDGED)
         return
     count = grown.quantiles.shape[1]
     colours = drawing.colours_between(SHORT, MIDDLE, LONG, count)
@@ -55,6 +60,8 @@ def growth(axes: Any, grown: Growth, days: DayAxis) -> None:
     for number in range(count):
         name = {0: "lowest", count - 1: "highest"}.get(number)
         label = f"quantile {number + 1}" + (f", {name}" if name else "")
+        if name is None and count > _MOST_NAMED:
+            label = "_unnamed"
         width = 1.6 if name else 1.0
         axes.plot(
             positions, grown.quantiles[:, number], color=colours[number], linewidth=width,
@@ -65,7 +72,7 @@ def growth(axes: Any, grown: Growth, days: DayAxis) -> None:
     )
     _log_scale(axes, everything[np.isfinite(everything)])
     axes.axhline(1.0, color=FAINT, linewidth=0.8)
-    _legend(axes, count + 1)
+    _legend(axes)
     axes.grid(axis="y")
     days.format(axes)
 
@@ -75,7 +82,7 @@ def correlation_by_horizon(
 ) -> None:
     """The mean correlation of each horizon, with two standard errors either way."""
     if not np.isfinite(means).any():
-        _nothing(axes, "no returns are known")
+        _nothing(axes, _NOT_JUDGED)
         return
     places = np.arange(len(horizons))
     axes.bar(places, np.nan_to_num(means), width=0.55, color=LINES[0], alpha=0.85)
@@ -83,7 +90,8 @@ def correlation_by_horizon(
     axes.errorbar(
         places, np.nan_to_num(means), yerr=whiskers, fmt="none", ecolor=INK, elinewidth=1, capsize=4
     )
-    axes.set_xticks(places, [_days(horizon) for horizon in horizons])
+    named = chosen_evenly(len(horizons), _MOST_TICKS)
+    axes.set_xticks(named, [counted(horizons[place], "day") for place in named])
     axes.axhline(0.0, color=FAINT, linewidth=0.8)
     axes.grid(axis="y")
     axes.set_axisbelow(True)
@@ -95,16 +103,17 @@ def correlation_through_time(
     """Running means of the correlations."""
     chosen, means = smoothed
     if not np.isfinite(means).any():
-        _nothing(axes, "no returns are known")
+        _nothing(axes, _NOT_JUDGED)
         return
+    named = set(chosen_evenly(len(horizons), _MOST_NAMED).tolist())
     for number, horizon in enumerate(horizons):
         colour = LINES[number % len(LINES)]
         axes.plot(
             days.positions[chosen], means[:, number], color=colour, linewidth=1.2,
-            label=_days(horizon),
+            label=counted(horizon, "day") if number in named else "_unnamed",
         )  # fmt: skip
     axes.axhline(0.0, color=FAINT, linewidth=0.8)
-    _legend(axes, len(horizons))
+    _legend(axes)
     axes.grid(axis="y")
     days.format(axes)
 
@@ -144,13 +153,15 @@ def births_and_ends(above: Any, below: Any, census: Census, days: DayAxis) -> No
     below.vlines(positions, 0, census.born, color=LONG, linewidth=1.4, label="came")
     below.vlines(positions, -census.ended, 0, color=SHORT, linewidth=1.4, label="ended")
     below.axhline(0.0, color=FAINT, linewidth=0.8)
-    _legend(below, 2)
+    _legend(below)
     for axes in (above, below):
         axes.grid(axis="y")
         if days.is_calendar:
             days.format(axes)
             first, last = days.positions[0], days.positions[-1]
-            axes.set_xlim(min(first, positions[0]), max(last, positions[-1] + 1.0))
+            first, last = min(first, positions[0]), max(last, positions[-1] + 1.0)
+            # Room for what comes on the first day.
+            axes.set_xlim(first - 0.01 * (last - first), last)
     above.tick_params(labelbottom=False)
 
 
@@ -180,13 +191,14 @@ def heat_map(axes: Any, cells: HeatMap, days: DayAxis) -> None:
     bar = axes.figure.colorbar(mesh, cax=axes.inset_axes((1.012, 0.0, 0.014, 1.0)))
     bar.outline.set_visible(False)
     bar.ax.tick_params(labelsize=7.5, color=FAINT)
+    bar.ax.yaxis.set_major_formatter(lambda number, _: f"{number:.2g}")
 
 
 def _row_labels(cells: HeatMap) -> list[str]:
     if cells.groups is None:
         return [short(name) for name in cells.names]
     return [
-        f"{short(group, 12)} \N{MIDDLE DOT} {short(name, 12)}"
+        f"{short(group, 20)} \N{MIDDLE DOT} {short(name, 12)}"
         for group, name in zip(cells.groups, cells.names, strict=True)
     ]
 
@@ -215,13 +227,9 @@ def _log_scale(axes: Any, values: Floats) -> None:
     axes.yaxis.set_minor_locator(ticker.NullLocator())
 
 
-def _legend(axes: Any, entries: int) -> None:
+def _legend(axes: Any) -> None:
     """Above the axes, where no line runs."""
     axes.legend(
-        loc="lower left", bbox_to_anchor=(-0.01, 1.0), ncols=min(entries, 3), handlelength=1.4,
+        loc="lower left", bbox_to_anchor=(-0.01, 1.0), ncols=3, handlelength=1.4,
         columnspacing=1.2, borderaxespad=0.2,
     )  # fmt: skip
-
-
-def _days(horizon: int) -> str:
-    return "1 day" if horizon == 1 else f"{horizon} days"

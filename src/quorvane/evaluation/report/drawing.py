@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import importlib
 import io
+import re
 import warnings
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
@@ -28,17 +29,21 @@ STYLE = {
     "axes.spines.right": False,
     "xtick.color": MUTED,
     "ytick.color": MUTED,
-    "xtick.labelsize": 8.5,
-    "ytick.labelsize": 8.5,
+    "xtick.labelsize": 9.0,
+    "ytick.labelsize": 9.0,
     "grid.color": EMPTY,
     "grid.linewidth": 0.8,
     "legend.frameon": False,
-    "legend.fontsize": 8.5,
+    "legend.fontsize": 9.0,
     # Names are shown as they are, a dollar sign included.
     "text.parse_math": False,
     # Text of a page is text: it can be searched, and its font is the page's.
     "svg.fonttype": "none",
 }
+
+_TAG = re.compile("<[^>]*>")
+# Where an element's name, or a reference to one, begins: a page has each name once.
+_ID = re.compile(r'(?<= id=")|(?<=url\(#)|(?<=href="#)')
 
 # A picture's calendar knows the years 1 to 9999, and its axis reaches a little beyond the days.
 _FIRST_DATE, _END_DATE = np.datetime64("0002-01-01"), np.datetime64("9999-01-01")
@@ -91,7 +96,7 @@ def as_svg(salt: str, width: float, height: float, draw: Callable[[Any], None]) 
         drawn = io.StringIO()
         figure.savefig(drawn, format="svg", dpi=150, metadata={"Date": None})
     text = drawn.getvalue()
-    return text[text.index("<svg") :]
+    return _TAG.sub(lambda tag: _ID.sub(rf"\g<0>{salt}-", tag[0]), text[text.index("<svg") :])
 
 
 class DayAxis:
@@ -102,7 +107,8 @@ class DayAxis:
 
     def __init__(self, index: Any, dates: NDArray[np.datetime64] | None) -> None:
         self._index = index
-        self.is_calendar = dates is not None and len(dates) > 0 and _fit_calendar(dates)
+        # A single day has no axis of dates.
+        self.is_calendar = dates is not None and len(dates) > 1 and _fit_calendar(dates)
         if self.is_calendar:
             self.positions: NDArray[np.float64] = np.asarray(
                 matplotlib("matplotlib.dates").date2num(dates)

@@ -64,14 +64,14 @@ def holdings(evaluation: Evaluation) -> Holdings:
 
 @dataclass(frozen=True)
 class Growth:
-    """What 1 has become by the end of each chosen day, before costs.
+    """What 1 has become by each chosen day, before costs.
 
     Attributes
     ----------
     days : ndarray of int
         Rows of the signal.
     quantiles : ndarray of days x quantiles
-        Held in equal parts, each day anew.
+        Held in equal parts, made anew with each row of the signal; NaN for one that is never held.
     spread : ndarray of days
         The highest quantile less the lowest one.
     """
@@ -82,18 +82,24 @@ class Growth:
 
 
 def growth(evaluation: Evaluation) -> Growth:
-    """The compound one-day returns of each quantile; a day without one leaves it as it is."""
-    forward = evaluation._following[1].values
-    quantile = statistics.quantile_of(evaluation._aligned.signal, evaluation.quantiles)
-    means = statistics.mean_by_quantile(quantile, forward, evaluation.quantiles)
-    days = chosen_evenly(len(means), MOST_POINTS)
+    """The compound returns of each quantile, held from a row of the signal until the next.
+
+    What is earned counts on the first row that is not before the day of its last return; where
+    nothing is known, all stays as it is.
+    """
+    aligned = evaluation._aligned
+    held, ends = statistics.held_returns(aligned.returns, aligned.rows, evaluation.lag)
+    quantile = statistics.quantile_of(aligned.signal, evaluation.quantiles)
+    means = statistics.mean_by_quantile(quantile, held, evaluation.quantiles)
     both = np.column_stack([means, means[:, -1] - means[:, 0]])
     with np.errstate(over="ignore", invalid="ignore"):
-        everyday = np.cumprod(1.0 + np.nan_to_num(both, nan=0.0), axis=0)
-    compound = bounded(np.asarray(everyday[days], dtype=np.float64))
-    if not np.isfinite(means).any():
-        compound[:] = np.nan
-    return Growth(days, compound[:, :-1], compound[:, -1])
+        compound = np.cumprod(1.0 + np.nan_to_num(both, nan=0.0), axis=0)
+    compound = np.vstack([np.ones(both.shape[1]), compound])
+    compound[:, ~np.isfinite(both).any(axis=0)] = np.nan
+    days = chosen_evenly(len(means), MOST_POINTS)
+    over = np.searchsorted(ends, aligned.rows[days], side="right")
+    grown = bounded(np.asarray(compound[over], dtype=np.float64))
+    return Growth(days, grown[:, :-1], grown[:, -1])
 
 
 def correlation_bars(evaluation: Evaluation) -> tuple[Floats, Floats]:

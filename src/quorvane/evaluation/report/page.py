@@ -10,13 +10,15 @@ from typing import TYPE_CHECKING, Any
 from quorvane.evaluation.report import charts, figures
 from quorvane.evaluation.report.drawing import DayAxis, as_svg
 from quorvane.evaluation.report.structures import Census, Parts, StructureFigures
-from quorvane.evaluation.report.text import day_text, decimal, drawable, percent
+from quorvane.evaluation.report.text import counted, day_text, decimal, drawable, percent
 
 if TYPE_CHECKING:
     from quorvane.evaluation import Evaluation
 
 # Of a chart; narrow enough that its text can be read on a phone.
-_WIDTH, _HEIGHT = 5.4, 3.0
+_WIDTH, _HEIGHT = 4.8, 2.8
+
+_MAP_WIDTH = 9.6
 
 Bar = tuple[Hashable, float, str]
 
@@ -92,6 +94,8 @@ def _held(evaluation: Evaluation) -> str:
         return _card("What to hold", "No day has a signal.", "")
     day = day_text(evaluation._index[held.day])
     text = f"The largest weights of {_escaped(day)}, of an absolute sum of 100 %."
+    if not (held.longs or held.shorts):
+        text = f"Nothing: all signals of {_escaped(day)} are zero."
     if held.day < len(evaluation._index) - 1:
         last = day_text(evaluation._index[-1])
         text += f" <strong>The last day, {_escaped(last)}, has no signal.</strong>"
@@ -138,13 +142,13 @@ def _growth(evaluation: Evaluation, days: DayAxis) -> str:
     svg = as_svg(
         "growth",
         _WIDTH,
-        _HEIGHT + 0.4,
-        lambda figure: charts.growth(_axes(figure, top=0.83), grown, days),
+        _HEIGHT + 0.5,
+        lambda figure: charts.growth(_axes(figure, top=0.8), grown, days),
     )
     text = (
-        "What 1 has become, before costs, held each day in the instruments of one quantile of the "
-        f"signal in equal parts ({evaluation.quantiles} quantiles, returns of one day, "
-        f"{evaluation.lag} after the signal)."
+        "What 1 has become, before costs, held in the instruments of one quantile of the signal in "
+        f"equal parts, from one signal until the next ({evaluation.quantiles} quantiles, returns "
+        f"from {_lag(evaluation)} on)."
     )
     return _card("Growth by quantile", text, _chart(svg, "Growth by quantile"))
 
@@ -170,7 +174,7 @@ def _correlations(evaluation: Evaluation, days: DayAxis) -> str:
     )
     text = (
         "The mean IC by horizon, with two standard errors either way, and its mean over "
-        f"{figures.smoothing(len(evaluation.ic)):,} days through time."
+        f"{counted(figures.smoothing(len(evaluation.ic)), 'day')} through time."
     )
     body = _chart(bars, "IC by horizon") + _chart(lines, "IC through time")
     return _card("IC by horizon and through time", text, body)
@@ -197,8 +201,8 @@ def _traded(evaluation: Evaluation, days: DayAxis) -> str:
     )
     text = (
         "Turnover is the sum of the absolute changes of the weights from day to day, coverage the "
-        f"share of instruments with a signal; means over {figures.smoothing(len(evaluation.ic)):,} "
-        "days."
+        "share of instruments with a signal; means over "
+        f"{counted(figures.smoothing(len(evaluation.ic)), 'day')}."
     )
     return _card("Turnover and coverage", text, body)
 
@@ -229,7 +233,7 @@ def _slots(structures: StructureFigures, days: DayAxis) -> str:
         '<div class="gauge" role="img" aria-label="Slots">'
         f'<span class="known" style="width:{share[1]:.2f}%"></span>'
         f'<span class="speaking" style="width:{share[0]:.2f}%"></span></div>\n'
-        f"<p>{slots.speaking:,} structures speak on the last day, {slots.known:,} have a slot, of "
+        f"<p>Speaking on the last day: {slots.speaking:,}. With a slot: {slots.known:,}, of "
         f"{slots.capacity:,}.</p>"
     )
     census = structures.census
@@ -243,9 +247,9 @@ def _slots(structures: StructureFigures, days: DayAxis) -> str:
 
 
 def _births(census: Census, days: DayAxis) -> str:
-    def draw(figure: object) -> None:
-        above = _axes(figure, bottom=0.56, top=0.97)
-        below = _axes(figure, bottom=0.11, top=0.43)
+    def draw(figure: Any) -> None:
+        above = _axes(figure, bottom=0.6, top=0.97)
+        below = _axes(figure, bottom=0.16, top=0.44)
         charts.births_and_ends(above, below, census, days)
 
     return _chart(as_svg("births", _WIDTH, _HEIGHT * 1.1, draw), "Births and ends of structures")
@@ -257,7 +261,7 @@ def _heat_map(evaluation: Evaluation, days: DayAxis, groups: Mapping[Any, Any] |
     left = 0.13 if cells.groups is None else 0.2
     svg = as_svg(
         "heat-map",
-        2 * _WIDTH,
+        _MAP_WIDTH,
         height,
         lambda figure: charts.heat_map(
             _axes(figure, left=left, bottom=0.45 / height, top=1 - 0.1 / height, right=0.94),
@@ -300,9 +304,15 @@ def _chart(svg: str, label: str) -> str:
 
 
 def _axes(
-    figure: object, left: float = 0.13, bottom: float = 0.13, top: float = 0.95, right: float = 0.98
-) -> object:
-    return figure.add_axes((left, bottom, right - left, top - bottom))  # type: ignore[attr-defined]
+    figure: Any,
+    left: float = 0.14,
+    bottom: float | None = None,
+    top: float = 0.95,
+    right: float = 0.98,
+) -> Any:
+    # Below the axis lie the days, and what they have in common.
+    low = 0.5 / figure.get_figheight() if bottom is None else bottom
+    return figure.add_axes((left, low, right - left, top - low))
 
 
 def _subtitle(evaluation: Evaluation) -> str:
@@ -311,20 +321,23 @@ def _subtitle(evaluation: Evaluation) -> str:
     if days:
         first, last = (day_text(evaluation._index[place]) for place in (0, -1))
         span = f", {_escaped(first)} to {_escaped(last)}"
-    return f"{days:,} days{span} &middot; {instruments:,} instruments"
+    return f"{counted(days, 'day')}{span} &middot; {counted(instruments, 'instrument')}"
 
 
 def _notes(evaluation: Evaluation, note: str) -> str:
     from quorvane import __version__
 
-    lag = "the next day" if evaluation.lag == 1 else f"{evaluation.lag} days later"
     assumed = f"<p>{_escaped(note)}</p>\n" if note else ""
     return (
-        f"{assumed}<p>The signal of a day meets returns from {lag} on. Weights are the signal with "
-        "an absolute sum of 1 on each day. What is earned is before costs but for what is called "
-        "net, and nothing is annualised. The past says little of what comes.</p>\n"
+        f"{assumed}<p>The signal of a day meets returns from {_lag(evaluation)} on. Weights are "
+        "the signal with an absolute sum of 1 on each day. What is earned is before costs but for "
+        "what is called net, and nothing is annualised. The past says little of what comes.</p>\n"
         f"<p>quorvane {_escaped(__version__)}</p>"
     )
+
+
+def _lag(evaluation: Evaluation) -> str:
+    return "the next day" if evaluation.lag == 1 else f"{evaluation.lag} days later"
 
 
 def _times(number: int) -> str:

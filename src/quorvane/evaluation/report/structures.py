@@ -15,6 +15,8 @@ from quorvane.baskets.listing import Book
 from quorvane.baskets.rotation import BasketRotation
 from quorvane.baskets.slots import SlotUsage, usage
 from quorvane.evaluation.report.figures import holdings
+from quorvane.evaluation.report.text import counted, day_text
+from quorvane.tables.names import listed
 
 if TYPE_CHECKING:
     from quorvane.evaluation import Evaluation
@@ -113,15 +115,36 @@ def figures_of(
 def _require_same_day(evaluation: Evaluation, baskets: Baskets) -> None:
     if baskets._standing.days == 0:
         raise ValueError("baskets: they have computed no day yet: run() them over the returns")
-    last = baskets.last_date
-    dates = evaluation._dates
-    if last is None or dates is None or not len(dates):
-        return
-    if dates[-1] != last:
+    others = _judged(evaluation) - set(baskets.instruments)
+    if others:
         raise ValueError(
-            f"baskets: the last day that they computed is {last}, and that of the signal is "
-            f"{dates[-1]}: run() them up to that day"
+            f"baskets: they have no instruments {listed(sorted(others, key=str), most=10)}, for "
+            "which there is a signal"
         )
+    last, dates = baskets.last_date, evaluation._dates
+    if last is None or dates is None or not len(dates):
+        _require_as_many_days(evaluation, baskets)
+    elif dates[-1] != last:
+        raise ValueError(
+            f"baskets: the last day that they computed is {day_text(last)}, and that of the signal "
+            f"is {day_text(dates[-1])}: run() them up to that day"
+        )
+
+
+def _require_as_many_days(evaluation: Evaluation, baskets: Baskets) -> None:
+    """Without dates that is all that can be told; a signal may be the last part of what was run."""
+    computed, days = baskets._standing.days, len(evaluation._aligned.signal)
+    if computed < days:
+        raise ValueError(
+            f"baskets: they have computed {counted(computed, 'day')}, and the signal has {days}: "
+            "run() them up to its last day"
+        )
+
+
+def _judged(evaluation: Evaluation) -> set[Hashable]:
+    """The instruments that have a signal on any day."""
+    names, there = evaluation._aligned.instruments, np.isfinite(evaluation._aligned.signal)
+    return {names[place] for place in np.flatnonzero(there.any(axis=0))}
 
 
 def _largest_taken_apart(
@@ -156,6 +179,8 @@ def _census(book: Book, last: np.datetime64 | None) -> Census | None:
     if book.dates is None or last is None:
         return None
     known = int(np.searchsorted(book.dates, last, side="right"))
+    if known == 0:
+        return None
     before: set[Hashable] = set()
     rows = []
     for listing in book.listings[:known]:
@@ -169,6 +194,8 @@ def _census(book: Book, last: np.datetime64 | None) -> Census | None:
 def _groups(evaluation: Evaluation, baskets: Baskets) -> Mapping[Any, Any] | None:
     """The first of the labels that all instruments have, where each is a basket of its own."""
     names = evaluation._aligned.instruments
+    if not baskets._is_open:
+        return None
     for by_basket in (baskets._settings.labels or {}).values():
         if all(name in by_basket for name in names):
             return dict(by_basket)

@@ -9,7 +9,10 @@ import numpy as np
 
 # What XML, and so an SVG file, cannot hold: most control characters, lone surrogates, two others.
 _NOT_DRAWN = re.compile(r"[\x00-\x08\x0b\x0c\x0e-\x1f\ud800-\udfff\ufffe\uffff]")
+# The time of day of a date that is midnight, where it is.
+_MIDNIGHT = re.compile(r"[T ]00:00(:00(\.0+)?)?([+-]\d\d:\d\d)?$")
 _ELLIPSIS = "\N{HORIZONTAL ELLIPSIS}"
+_TAIL = 4
 
 
 def drawable(text: str) -> str:
@@ -18,14 +21,21 @@ def drawable(text: str) -> str:
 
 
 def short(name: object, length: int = 14) -> str:
-    """A name that fits beside a chart."""
+    """A name that fits beside a chart, with its end, in which many differ."""
     text = str(name)
-    return drawable(text if len(text) <= length else text[: length - 1] + _ELLIPSIS)
+    if len(text) > length:
+        text = text[: length - 1 - _TAIL] + _ELLIPSIS + text[-_TAIL:]
+    return drawable(text)
+
+
+def counted(number: int, what: str) -> str:
+    """Such as "1 day" or "2,500 days"."""
+    return f"{number:,} {what}{'' if number == 1 else 's'}"
 
 
 def day_text(day: Any) -> str:
     """A day's label; a date without its time of day where that is midnight."""
-    return drawable(str(day)).removesuffix(" 00:00:00").removesuffix("T00:00:00.000000000")
+    return drawable(_MIDNIGHT.sub("", str(day)))
 
 
 def percent(number: float, digits: int = 1) -> str:
