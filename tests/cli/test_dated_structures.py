@@ -219,3 +219,15 @@ def test_dates_that_are_over_must_be_as_they_were(go, replay, tmp_path, write):
     )  # fmt: skip
     assert (refused.status, refused.out) == (1, "")
     assert refused.err.endswith("made with other structures, or in another order\n")
+
+
+def test_an_index_that_pandas_writes_beside_the_columns_is_left_out(go, tmp_path):
+    pandas = pytest.importorskip("pandas")
+    pytest.importorskip("pyarrow")
+    rows = [("a", "A", 1.0), ("a", "B", -1.0), ("none", "A", 0.0)]
+    frame = pandas.DataFrame(rows, columns=["key", "instrument", "weight"])
+    frame[frame["key"] == "a"].iloc[::-1].to_parquet(tmp_path / "s.parquet")
+    _, output = go(structures=tmp_path / "s.parquet")
+    (tmp_path / "s.csv").write_text("key,instrument,weight\na,B,-1\na,A,1\n")
+    _, same = go(structures=tmp_path / "s.csv")
+    assert np.array_equal(output, same, equal_nan=True)

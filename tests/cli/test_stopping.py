@@ -8,7 +8,7 @@ from pathlib import Path
 
 import pytest
 
-from quorvane.cli import day_loop, prepared_run
+from quorvane.cli import day_loop, day_table
 from quorvane.cli.commands import replay as replay_command
 from quorvane.cli.libraries import require_library
 from quorvane.cli.recording import OutputRecorder
@@ -104,7 +104,7 @@ def signalled_in(monkeypatch):
             os.kill(os.getpid(), number)
             pytest.fail("the signal was not acted upon")
 
-        module = prepared_run if function == "read_table" else replay_command
+        module = day_table if function == "read_table" else replay_command
         monkeypatch.setattr(module, function, signalling)
 
     # What a shell starts in the background ignores interrupts.

@@ -94,11 +94,59 @@ def test_the_same_command_again_computes_nothing(command, grid, prices, tmp_path
     pandas.testing.assert_frame_equal(pandas.read_csv(tmp_path / "out" / "table.csv"), before)
 
 
+def test_a_hold_for_ever_is_told_and_may_have_a_label(command, grid, prices, tmp_path):
+    grid.write_text(
+        'expression = ["ewma(2)"]\nhold = {short = 0, long = "forever"}\nweights.all = "columns"\n'
+    )
+    assert command("sweep", grid, prices, "--out", tmp_path / "out").status == 0
+    assert pandas.read_csv(tmp_path / "out" / "table.csv")["error"].isna().all()
+    grid.write_text(GRID)
+    assert command("sweep", grid, prices, "--out", tmp_path / "two").status == 0
+    assert set(pandas.read_csv(tmp_path / "two" / "table.csv")["hold"]) == {"0", "forever"}
+
+
+@pytest.mark.parametrize(("name", "what"), [("table.csv", "table read"), ("grid.toml", "grid")])
+def test_no_output_overwrites_an_input(command, grid, prices, tmp_path, name, what):
+    out = tmp_path / "out"
+    out.mkdir()
+    (prices if name == "table.csv" else grid).rename(out / name)
+    if name == "grid.toml":
+        (out / "report.html").symlink_to(out / name)
+    read = [out / "grid.toml", prices] if name == "grid.toml" else [grid, out / name]
+    before = (out / name).read_bytes()
+    outcome = command("sweep", *read, "--out", out, "--report")
+    assert outcome.status == 2
+    assert f"cannot be both the {what}" in outcome.err
+    assert (out / name).read_bytes() == before
+
+
+@pytest.mark.parametrize("form", ["{0}-{1}-{2}", "{0}{1}{2}"])
+def test_days_that_are_in_no_order_are_refused_or_sorted(command, grid, prices, tmp_path, form):
+    header, *rows = prices.read_text().splitlines()
+    rows = [form.format(*row[:10].split("-")) + row[10:] for row in rows]
+    prices.write_text("\n".join([header, *rows]) + "\n")
+    assert command("sweep", grid, prices, "--out", tmp_path / "a").status == 0
+    prices.write_text("\n".join([header, *rows[3:], *rows[:3]]) + "\n")
+    outcome = command("sweep", grid, prices, "--out", tmp_path / "b")
+    assert outcome.status == 1
+    assert f"{prices}, line " in outcome.err
+    assert "expected dates that ascend; --sort sorts the days" in outcome.err
+    assert command("sweep", grid, prices, "--out", tmp_path / "b", "--sort").status == 0
+    tables = [pandas.read_csv(tmp_path / name / "table.csv") for name in "ab"]
+    pandas.testing.assert_frame_equal(*[table.drop(columns="seconds") for table in tables])
+
+
+def test_prices_are_no_returns_to_judge_by(command, grid, prices, tmp_path):
+    outcome = command("sweep", grid, prices, "--out", tmp_path / "out", "--input", "levels")
+    assert outcome.status == 1
+    assert "a sweep with --input levels needs daily returns as fractions" in outcome.err
+
+
 def test_where_all_fail_the_status_says_so(command, grid, prices, tmp_path):
     grid.write_text('expression = ["emwa(2)"]\nweights.all = "columns"\n')
     outcome = command("sweep", grid, prices, "--out", tmp_path / "out", "--report")
     assert outcome.status == 1
-    assert "1 configurations, 1 failed" in outcome.out
+    assert "1 configuration, 1 failed" in outcome.out
     assert "The highest" not in outcome.out
 
 
@@ -133,7 +181,7 @@ def test_dates_that_are_not_in_order_are_one_line(command, grid, write, tmp_path
     table = write("table.csv", "\n".join(lines) + "\n")
     outcome = command("sweep", grid, table, "--out", tmp_path / "out")
     assert outcome.status == 1
-    assert "row 1 has the date 2020-01-02 after 2020-01-03" in outcome.err
+    assert "line 3: the date '2020-01-02' comes after '2020-01-03'" in outcome.err
 
 
 def test_days_may_be_other_than_dates(command, grid, write, tmp_path, prices):

@@ -7,9 +7,9 @@ from typing import Any
 from quorvane.cli.checkpoint import FORMAT, HEAD
 from quorvane.cli.checkpoint_contents import ContentsError, Head, format_of, head_from
 from quorvane.cli.checkpoint_place import CheckpointPlace
-from quorvane.cli.counting import counted
 from quorvane.cli.errors import DataError
 from quorvane.cli.summary import format_rows
+from quorvane.counting import counted
 
 
 def described_checkpoint(place: CheckpointPlace) -> str:

@@ -9,9 +9,9 @@ from dataclasses import dataclass, replace
 import numpy as np
 from numpy.typing import NDArray
 
-from quorvane.cli.counting import counted
 from quorvane.cli.errors import DataError, shown
 from quorvane.cli.table import Table
+from quorvane.counting import counted
 from quorvane.tables.dates import as_date, dates_of, to_nanoseconds
 
 _COMPACT = re.compile(r"\d{8}", re.ASCII)

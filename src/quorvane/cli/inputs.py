@@ -2,10 +2,13 @@
 
 from __future__ import annotations
 
+from pathlib import Path
 from typing import Literal
 
 import numpy as np
 from numpy.typing import NDArray
+
+from quorvane.cli.errors import DataError
 
 # Half of all daily returns beyond a half are none.
 _MOST_TYPICAL_RETURN = 0.5
@@ -46,3 +49,17 @@ def are_prices(values: NDArray[np.float64]) -> bool:
     """Whether numbers can be prices: hardly any is zero or less."""
     known = values[np.isfinite(values)]
     return bool(np.count_nonzero(known <= 0.0) <= _FEW * known.size)
+
+
+def require_judgeable(place: Path, values: NDArray[np.float64], kind: InputKind, what: str) -> None:
+    """Raise DataError for numbers that no signal can be judged by, before anything is computed."""
+    if kind == "levels" and not are_returns(values):
+        raise DataError(
+            f"{place}: {what} with --input levels needs daily returns as fractions, all above -1 "
+            "and half of them within 0.5; for a table of prices leave --input levels out"
+        )
+    if kind == "returns" and not are_prices(values):
+        raise DataError(
+            f"{place}: {what} needs prices, and many of these numbers are zero or less; "
+            "for a table of daily returns say --input levels"
+        )

@@ -3,14 +3,13 @@
 from __future__ import annotations
 
 from dataclasses import dataclass
-from typing import Any
 
 import numpy as np
 
 from quorvane.cli.basket_days import BasketDays
 from quorvane.cli.day_labels import Moments
+from quorvane.cli.day_table import day_index
 from quorvane.cli.inputs import InputKind, are_prices, are_returns
-from quorvane.cli.libraries import require_library
 from quorvane.cli.table import Table
 from quorvane.evaluation import Evaluation
 from quorvane.evaluation.aligned import Aligned
@@ -46,30 +45,10 @@ def judge(
         signal=result.values,
         returns=returns,
         rows=np.arange(len(returns)),
-        days=_index(result, moments),
+        days=day_index(result, moments),
         is_utc=False,
         instruments=result.instruments,
     )
     evaluation = evaluate_aligned(aligned, KnownReturns())
     last = None if days.dates is None else days.dates[-1]
     return Judged(evaluation, figures_of(evaluation, days.rotation, days.book, last), note)
-
-
-def _index(table: Table, moments: Moments | None) -> Any:
-    """The days for pandas: dates where the labels are some, otherwise as they are written."""
-    pandas = require_library("pandas", "judging the output")
-    if table.dates is None:
-        return pandas.RangeIndex(len(table.values))
-    # In several offsets no one zone has the days as they are written.
-    zones = {label[-6:] for label in table.dates.text} if moments and moments.is_utc else {""}
-    if moments is None or len(zones) > 1:
-        return pandas.Index(list(table.dates.text), dtype=object)
-    is_day = moments.values.dtype == np.dtype("datetime64[D]")
-    # pandas knows no unit of days.
-    index = pandas.DatetimeIndex(
-        moments.values.astype("datetime64[s]") if is_day else moments.values
-    )
-    zone = zones.pop()
-    if not moments.is_utc:
-        return index
-    return index.tz_localize("UTC").tz_convert(zone if zone[0] in "+-" else "UTC")

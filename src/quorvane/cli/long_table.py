@@ -9,11 +9,11 @@ from pathlib import Path
 import numpy as np
 from numpy.typing import NDArray
 
-from quorvane.cli.counting import counted
 from quorvane.cli.day_labels import Place, moments_of
 from quorvane.cli.errors import DataError, shown
 from quorvane.cli.limits import check_dated_days, check_table_size
 from quorvane.cli.table import DATE_HEADERS, Dates, Table, check_instrument_names
+from quorvane.counting import counted
 
 _DATE_NAMES = DATE_HEADERS - {""}
 _LIKE_LONG = frozenset({"instrument", "ticker", "symbol", "asset", "value"})

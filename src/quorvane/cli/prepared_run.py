@@ -9,16 +9,17 @@ import numpy as np
 from numpy.typing import NDArray
 
 from quorvane.cli.basket_days import BasketDays
-from quorvane.cli.day_labels import Moments, in_order, table_moments
+from quorvane.cli.day_labels import Moments
+from quorvane.cli.day_table import read_days
 from quorvane.cli.errors import DataError, UsageError
-from quorvane.cli.inputs import are_prices, are_returns, structure_input
+from quorvane.cli.inputs import require_judgeable, structure_input
 from quorvane.cli.labels import Labels, read_labels
 from quorvane.cli.limits import MAX_CELLS, MAX_STRUCTURES
 from quorvane.cli.recording import OutputRecorder, Recorder
 from quorvane.cli.replay_checks import choices_of
 from quorvane.cli.structures import StructureBook, read_structures
 from quorvane.cli.table import Table
-from quorvane.cli.table_io import place_of, read_table
+from quorvane.cli.table_io import place_of
 from quorvane.cli.trace import TraceRecorder
 
 
@@ -43,9 +44,9 @@ class Run:
 
 def prepare(options: argparse.Namespace) -> Run:
     """Read the files and make the days; CommandError for whatever the user can mend."""
-    table, moments = _dated_table(options)
+    table, moments = read_days(options.table, sort=options.sort)
     if options.report is not None:
-        _require_returns(table, options)
+        require_judgeable(options.table, table.values, options.input, "--report")
     structures = read_structures(
         options.structures, table.instruments, changes_only=options.changes_only
     )
@@ -74,30 +75,6 @@ def prepare(options: argparse.Namespace) -> Run:
         trace = TraceRecorder(days)
     output = OutputRecorder(*table.values.shape)
     return Run(options, table, structures, labels, days, output, trace, moments)
-
-
-def _dated_table(options: argparse.Namespace) -> tuple[Table, Moments | None]:
-    """The table, whose days are in order if they have dates."""
-    table = read_table(options.table)
-
-    def place(row: int) -> str:
-        return place_of(options.table, row)
-
-    return in_order(table, table_moments(table, place), place, sort=options.sort)
-
-
-def _require_returns(table: Table, options: argparse.Namespace) -> None:
-    """Raise DataError for numbers that a report cannot judge by, before they are computed with."""
-    if options.input == "levels" and not are_returns(table.values):
-        raise DataError(
-            f"{options.table}: --report with --input levels needs daily returns as fractions, all "
-            "above -1 and half of them within 0.5; for a table of prices leave --input levels out"
-        )
-    if options.input == "returns" and not are_prices(table.values):
-        raise DataError(
-            f"{options.table}: --report needs prices, and many of these numbers are zero or less; "
-            "for a table of daily returns say --input levels"
-        )
 
 
 def _dates_for(

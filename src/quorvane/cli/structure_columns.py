@@ -9,6 +9,8 @@ from quorvane.cli.errors import DataError, shown
 from quorvane.cli.named_rows import NamedRows
 from quorvane.cli.table import DATE_HEADERS
 
+# What pandas calls an index that it writes beside the columns.
+_INDEX = "__index_level_"
 _HEADER = "key,instrument,weight"
 _KEY_NAMES = frozenset({"key", "basket", "structure"})
 _DATE_NAMES = DATE_HEADERS - {""}
@@ -28,6 +30,8 @@ class StructureColumns:
         """Find them in any order; DataError where one is missing or a column is something else."""
         found: dict[str, int] = {}
         for column, name in enumerate(rows.header):
+            if name.startswith(_INDEX):
+                continue
             role = _role(name.lower())
             if role is None or role in found:
                 raise _unexpected(rows)

@@ -8,10 +8,10 @@ from itertools import pairwise
 import numpy as np
 
 from quorvane.baskets.listing import Book
-from quorvane.cli.counting import counted
 from quorvane.cli.day_labels import looks_like_date
 from quorvane.cli.structures import Structures
 from quorvane.cli.table import Table
+from quorvane.counting import counted
 from quorvane.tables import date_text
 
 

@@ -27,11 +27,18 @@ def read_grid(path: Path) -> tuple[dict[str, Any], dict[str, Any] | None]:
     score = grid.pop(_EVALUATE, None)
     if score is not None and not isinstance(score, dict):
         raise DataError(f"{path}: [{_EVALUATE}] must be a table, got {shown(score)}")
-    if isinstance(grid.get("hold"), list):
-        grid["hold"] = [None if days == FOREVER else days for days in grid["hold"]]
+    hold = grid.get("hold")
+    if isinstance(hold, list):
+        grid["hold"] = [_hold(days) for days in hold]
+    elif isinstance(hold, dict):
+        grid["hold"] = {label: _hold(days) for label, days in hold.items()}
     if "weights" in grid:
         grid["weights"] = _weights(path, grid["weights"])
     return grid, score
+
+
+def _hold(days: Any) -> Any:
+    return None if days == FOREVER else days
 
 
 def _weights(path: Path, weights: Any) -> dict[str, Any]:

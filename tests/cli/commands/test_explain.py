@@ -172,3 +172,14 @@ def test_objects_in_a_trace_are_not_made(command, replay, tmp_path):
     assert "not a readable trace: Object arrays cannot be loaded" in error_of(
         command, path, "KO", "2020-01-03"
     )
+
+
+def test_parts_beyond_the_largest_number_are_told(command, traced, write, prices):
+    prices.write_text("Date,A,B\n2024-01-01,1e308,0\n2024-01-02,-1e308,1\n")
+    structures = write("s.toml", "[P]\nA = 1.0\n[Q]\nB = 1.0\nA = 1.0\n")
+    with np.errstate(over="ignore"):
+        path, output = traced(structures=structures)
+    for day, date in enumerate(output.dates.text):
+        head, rows = said_by(command, path, "A", date)
+        assert head.startswith(f"A on {date}: {float(output.values[day, 0])!r}")
+        assert len(rows) == 4

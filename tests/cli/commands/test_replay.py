@@ -327,7 +327,7 @@ def test_too_little_memory_is_one_line(replay, monkeypatch):
     def exhausted(path):
         raise MemoryError
 
-    monkeypatch.setattr("quorvane.cli.prepared_run.read_table", exhausted)
+    monkeypatch.setattr("quorvane.cli.day_table.read_table", exhausted)
     assert error_of(replay(), 1) == "not enough memory for these tables"
 
 

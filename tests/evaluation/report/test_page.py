@@ -230,7 +230,7 @@ def test_an_instrument_without_a_group_is_refused(tmp_path):
     with pytest.raises(TypeError, match="groups must be a mapping"):
         found.to_html(tmp_path / "r.html", groups=["a"])
     with pytest.raises(TypeError, match=r"groups: that of 'I0' must be hashable, got \['a'\]"):
-        found.to_html(tmp_path / "r.html", groups=dict.fromkeys(found.weights.columns, ["a"]))
+        found.to_html(tmp_path / "r.html", groups={name: ["a"] for name in found.weights.columns})
     with pytest.raises(ValueError, match="path must name a file"):
         found.to_html("")
     assert list(tmp_path.iterdir()) == []

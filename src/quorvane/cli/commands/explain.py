@@ -4,9 +4,9 @@ from __future__ import annotations
 
 import argparse
 
-from quorvane.cli.counting import counted
 from quorvane.cli.saying import say
 from quorvane.cli.trace_reading import TracedNumber, read_number
+from quorvane.counting import counted
 
 _COLUMNS = ("structure", "weight", "entered", "left", "contribution")
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import os
 import time
 from collections.abc import Iterator
 from contextlib import contextmanager, nullcontext
@@ -10,19 +11,21 @@ from pathlib import Path
 from typing import Any
 
 from quorvane.baskets.progress import without_bars
+from quorvane.cli.day_labels import Moments
+from quorvane.cli.day_table import day_index, read_days
 from quorvane.cli.errors import DataError, UsageError, reason
 from quorvane.cli.files import WholeOutputs, ending_of
-from quorvane.cli.inputs import structure_input
+from quorvane.cli.inputs import require_judgeable, structure_input
 from quorvane.cli.libraries import require_library
 from quorvane.cli.saying import say
 from quorvane.cli.stopping import signals_held
 from quorvane.cli.summary import describe_table, format_rows
-from quorvane.cli.sweep_grid import GRID_ENDINGS, read_grid
+from quorvane.cli.sweep_grid import FOREVER, GRID_ENDINGS, read_grid
 from quorvane.cli.sweep_report import report_of
 from quorvane.cli.table import Table
-from quorvane.cli.table_io import TABLE_ENDINGS, read_table
+from quorvane.cli.table_io import TABLE_ENDINGS
+from quorvane.counting import counted
 from quorvane.stores.errors import StoreError
-from quorvane.tables.dates import dates_of
 
 TABLE, REPORT = "table.csv", "report.html"
 
@@ -34,11 +37,14 @@ def execute(options: argparse.Namespace) -> int:
     start = time.perf_counter()
     ending_of(options.grid, GRID_ENDINGS, "a grid")
     ending_of(options.table, TABLE_ENDINGS, "a table")
+    _require_own_places(options)
     require_library("pandas", "a sweep", extra="evaluation")
     grid, score = read_grid(options.grid)
-    table = read_table(options.table)
+    table, moments = read_days(options.table, sort=options.sort)
+    require_judgeable(options.table, table.values, options.input, "a sweep")
     with _executor(options.cluster) as executor, without_bars() if options.quiet else nullcontext():
-        found = _swept(_frame(table, options.input), grid, score, executor, options.out)
+        found = _swept(_frame(table, moments, options.input), grid, score, executor, options.out)
+    found = _in_words(found)
     title = f"{options.grid.name} over {options.table.name}"
     _write(found, options.out, title if options.report else None)
     failed = int((found["error"] != "").sum())
@@ -47,23 +53,24 @@ def execute(options: argparse.Namespace) -> int:
     return 1 if failed == len(found) else 0
 
 
-def _frame(table: Table, kind: Any) -> Any:
+def _require_own_places(options: argparse.Namespace) -> None:
+    """Raise UsageError where an output would overwrite an input."""
+    real = os.path.realpath
+    taken = {real(options.table): "the table read", real(options.grid): "the grid"}
+    written = [(TABLE, "the table"), *([(REPORT, "the report")] if options.report else [])]
+    for name, what in written:
+        path = options.out / name
+        if real(path) in taken:
+            raise UsageError(f"{path}: cannot be both {taken[real(path)]} and {what} to write")
+
+
+def _frame(table: Table, moments: Moments | None, kind: Any) -> Any:
     """What the sweep is over, by name and day."""
     pandas = require_library("pandas", "a sweep", extra="evaluation")
     values = structure_input(table.values, kind)
-    columns = list(table.instruments)
-    return pandas.DataFrame(values, index=_days(table, pandas), columns=columns, copy=False)
-
-
-def _days(table: Table, pandas: Any) -> Any:
-    """The days as dates, whose order is then checked; as labels where they are none."""
-    if table.dates is None:
-        return None
-    try:
-        dates, is_utc = dates_of(table.dates.text, lambda row: f"row {row}")
-    except ValueError:
-        return pandas.Index(table.dates.text, dtype=object)
-    return pandas.DatetimeIndex(dates, tz="UTC" if is_utc else None)
+    return pandas.DataFrame(
+        values, index=day_index(table, moments), columns=list(table.instruments), copy=False
+    )
 
 
 def _swept(frame: Any, grid: Any, score: Any, executor: Any, out: Path) -> Any:
@@ -91,6 +98,14 @@ def _executor(address: str | None) -> Iterator[Any]:
         yield client
 
 
+def _in_words(found: Any) -> Any:
+    """The same table with what a file has no value for as the grid writes it."""
+    if "hold" not in found.columns:
+        return found
+    held = [FOREVER if days is None else days for days in found["hold"]]
+    return found.assign(hold=held)
+
+
 def _write(found: Any, folder: Path, title: str | None) -> None:
     with WholeOutputs() as outputs:
         with outputs.making(folder / TABLE, "the table") as part:
@@ -106,14 +121,15 @@ def _summary(
 ) -> str:
     rows = [
         ("table", describe_table(table)),
-        ("grid", f"{len(found):,} configurations" + (f", {failed:,} failed" if failed else "")),
+        ("read as", "; ".join(table.taken)),
+        ("grid", counted(len(found), "configuration") + (f", {failed:,} failed" if failed else "")),
         ("output", str(options.out / TABLE)),
         *([("report", str(options.out / REPORT))] if options.report else []),
         ("time", f"{seconds:.2f} s"),
     ]
     if failed:
         rows.append(("first error", reason(found.loc[found["error"] != "", "error"].iloc[0])))
-    return "\n\n".join([format_rows(rows), *_best(found)])
+    return "\n\n".join([format_rows([row for row in rows if row[1]]), *_best(found)])
 
 
 def _best(found: Any) -> list[str]:

@@ -51,6 +51,11 @@ def add_options(parser: argparse.ArgumentParser) -> None:
         "returns (default: %(default)s)",
     )
     parser.add_argument(
+        "--sort",
+        action="store_true",
+        help="sort the days by their dates, which else must ascend",
+    )
+    parser.add_argument(
         "--out",
         type=Path,
         required=True,

@@ -8,6 +8,7 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
+from quorvane.counting import counted
 from quorvane.evaluation.report import drawing
 from quorvane.evaluation.report.drawing import (
     EMPTY,
@@ -22,7 +23,7 @@ from quorvane.evaluation.report.drawing import (
 )
 from quorvane.evaluation.report.figures import Growth, HeatMap, Holdings, chosen_evenly
 from quorvane.evaluation.report.structures import Census
-from quorvane.evaluation.report.text import counted, short
+from quorvane.evaluation.report.text import short
 
 Floats = NDArray[np.float64]
 

@@ -7,10 +7,11 @@ from collections.abc import Hashable, Iterable, Mapping
 from importlib import resources
 from typing import TYPE_CHECKING, Any
 
+from quorvane.counting import counted
 from quorvane.evaluation.report import charts, figures
 from quorvane.evaluation.report.drawing import DayAxis, as_svg
 from quorvane.evaluation.report.structures import Census, Parts, StructureFigures
-from quorvane.evaluation.report.text import counted, day_text, decimal, drawable, percent
+from quorvane.evaluation.report.text import day_text, decimal, drawable, percent
 
 if TYPE_CHECKING:
     from quorvane.evaluation import Evaluation

@@ -14,8 +14,9 @@ from quorvane.baskets.front import Baskets
 from quorvane.baskets.listing import Book
 from quorvane.baskets.rotation import BasketRotation
 from quorvane.baskets.slots import SlotUsage, usage
+from quorvane.counting import counted
 from quorvane.evaluation.report.figures import holdings
-from quorvane.evaluation.report.text import counted, day_text
+from quorvane.evaluation.report.text import day_text
 from quorvane.tables.names import listed
 
 if TYPE_CHECKING:

@@ -28,11 +28,6 @@ def short(name: object, length: int = 14) -> str:
     return drawable(text)
 
 
-def counted(number: int, what: str) -> str:
-    """Such as "1 day" or "2,500 days"."""
-    return f"{number:,} {what}{'' if number == 1 else 's'}"
-
-
 def day_text(day: Any) -> str:
     """A day's label; a date without its time of day where that is midnight."""
     return drawable(_MIDNIGHT.sub("", str(day)))
