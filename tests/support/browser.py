@@ -44,6 +44,8 @@ def visit(page, folder, width=1280, height=2000):
         # The system's own sandbox is not to be had for root.
         "--no-sandbox",
         "--disable-gpu",
+        # Containers have little of that memory.
+        "--disable-dev-shm-usage",
         "--disable-background-networking",
         "--disable-component-update",
         "--disable-sync",
