@@ -2,16 +2,16 @@
 
 from __future__ import annotations
 
-import html
 from collections.abc import Hashable, Iterable, Mapping
 from importlib import resources
 from typing import TYPE_CHECKING, Any
 
 from quorvane.counting import counted
 from quorvane.evaluation.report import charts, figures
+from quorvane.evaluation.report.document import document, escaped
 from quorvane.evaluation.report.drawing import DayAxis, as_svg
 from quorvane.evaluation.report.structures import Census, Parts, StructureFigures
-from quorvane.evaluation.report.text import day_text, decimal, drawable, percent
+from quorvane.evaluation.report.text import day_text, decimal, percent
 
 if TYPE_CHECKING:
     from quorvane.evaluation import Evaluation
@@ -43,30 +43,18 @@ def write_page(
     if structures is not None:
         cards += [_parts(structures.parts), _slots(structures, days)]
         groups = groups or structures.groups
-    return _PAGE.format(
-        title=_escaped(title),
+    body = _BODY.format(
+        title=escaped(title),
         subtitle=_subtitle(evaluation),
-        style=resources.files(__package__).joinpath("style.css").read_text("utf-8"),
         cards="\n".join(filter(None, cards)),
         below=_heat_map(evaluation, days, groups),
         notes=_notes(evaluation, note),
     )
+    style = resources.files(__package__).joinpath("style.css").read_text("utf-8")
+    return document(title, style, body)
 
 
-_PAGE = """\
-<!DOCTYPE html>
-<html lang="en">
-<head>
-<meta charset="utf-8">
-<meta name="viewport" content="width=device-width, initial-scale=1">
-<meta http-equiv="Content-Security-Policy"
- content="default-src 'none'; style-src 'unsafe-inline'; img-src data:">
-<link rel="icon" href="data:,">
-<title>{title}</title>
-<style>
-{style}</style>
-</head>
-<body>
+_BODY = """\
 <header>
 <h1>{title}</h1>
 <p>{subtitle}</p>
@@ -79,14 +67,11 @@ _PAGE = """\
 </main>
 <footer>
 {notes}
-</footer>
-</body>
-</html>
-"""
+</footer>"""
 
 
 def _card(heading: str, text: str, body: str) -> str:
-    return f"<section>\n<h2>{_escaped(heading)}</h2>\n<p>{text}</p>\n{body}\n</section>"
+    return f"<section>\n<h2>{escaped(heading)}</h2>\n<p>{text}</p>\n{body}\n</section>"
 
 
 def _held(evaluation: Evaluation) -> str:
@@ -94,12 +79,12 @@ def _held(evaluation: Evaluation) -> str:
     if held.day < 0:
         return _card("What to hold", "No day has a signal.", "")
     day = day_text(evaluation._index[held.day])
-    text = f"The largest weights of {_escaped(day)}, of an absolute sum of 100 %."
+    text = f"The largest weights of {escaped(day)}, of an absolute sum of 100 %."
     if not (held.longs or held.shorts):
-        text = f"Nothing: all signals of {_escaped(day)} are zero."
+        text = f"Nothing: all signals of {escaped(day)} are zero."
     if held.day < len(evaluation._index) - 1:
         last = day_text(evaluation._index[-1])
-        text += f" <strong>The last day, {_escaped(last)}, has no signal.</strong>"
+        text += f" <strong>The last day, {escaped(last)}, has no signal.</strong>"
     if held.others:
         text += f" {held.others:,} others are held besides."
     rows = [*held.longs, *reversed(held.shorts)]
@@ -293,15 +278,15 @@ def _bars(rows: Iterable[Bar]) -> str:
         width = 50.0 * abs(value) / widest
         side = "long" if value >= 0.0 else "short"
         lines.append(
-            f'<tr><th scope="row">{_escaped(name)}</th>'
+            f'<tr><th scope="row">{escaped(name)}</th>'
             f'<td class="track"><span class="{side}" style="width:{width:.2f}%"></span></td>'
-            f"<td>{_escaped(text)}</td></tr>"
+            f"<td>{escaped(text)}</td></tr>"
         )
     return f'<table class="bars">{"".join(lines)}</table>'
 
 
 def _chart(svg: str, label: str) -> str:
-    return f'<figure role="img" aria-label="{_escaped(label)}">{svg}</figure>\n'
+    return f'<figure role="img" aria-label="{escaped(label)}">{svg}</figure>\n'
 
 
 def _axes(
@@ -321,19 +306,19 @@ def _subtitle(evaluation: Evaluation) -> str:
     span = ""
     if days:
         first, last = (day_text(evaluation._index[place]) for place in (0, -1))
-        span = f", {_escaped(first)} to {_escaped(last)}"
+        span = f", {escaped(first)} to {escaped(last)}"
     return f"{counted(days, 'day')}{span} &middot; {counted(instruments, 'instrument')}"
 
 
 def _notes(evaluation: Evaluation, note: str) -> str:
     from quorvane import __version__
 
-    assumed = f"<p>{_escaped(note)}</p>\n" if note else ""
+    assumed = f"<p>{escaped(note)}</p>\n" if note else ""
     return (
         f"{assumed}<p>The signal of a day meets returns from {_lag(evaluation)} on. Weights are "
         "the signal with an absolute sum of 1 on each day. What is earned is before costs but for "
         "what is called net, and nothing is annualised. The past says little of what comes.</p>\n"
-        f"<p>quorvane {_escaped(__version__)}</p>"
+        f"<p>quorvane {escaped(__version__)}</p>"
     )
 
 
@@ -343,8 +328,3 @@ def _lag(evaluation: Evaluation) -> str:
 
 def _times(number: int) -> str:
     return "once" if number == 1 else f"{number:,} times"
-
-
-def _escaped(text: object) -> str:
-    """Text, whatever is in it."""
-    return html.escape(drawable(str(text)))
