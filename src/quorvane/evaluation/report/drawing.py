@@ -46,7 +46,7 @@ _TAG = re.compile("<[^>]*>")
 _ID = re.compile(r'(?<= id=")|(?<=url\(#)|(?<=href="#)')
 
 # A picture's calendar knows the years 1 to 9999, and its axis reaches a little beyond the days.
-_FIRST_DATE, _END_DATE = np.datetime64("0002-01-01"), np.datetime64("9999-01-01")
+_FIRST_DATE, _END_DATE = np.datetime64("0002-01-01", "s"), np.datetime64("9999-01-01", "s")
 
 
 def matplotlib(part: str) -> Any:
@@ -141,4 +141,6 @@ class DayAxis:
 
 
 def _fit_calendar(dates: NDArray[np.datetime64]) -> bool:
-    return bool(dates[0] >= _FIRST_DATE and dates[-1] < _END_DATE)
+    # In seconds, which hold every year: nanoseconds do not, and to compare would convert to them.
+    first, last = dates[[0, -1]].astype("datetime64[s]")
+    return bool(first >= _FIRST_DATE and last < _END_DATE)
