@@ -84,7 +84,7 @@ def test_dates_of_baskets_and_of_days_know_their_zone(make, frame, zone):
 def test_slots_that_change_hands_go_on(make, frame):
     pandas = pytest.importorskip("pandas")
     rows = [
-        (START + day, f"{a}{day}", a, 1.0)
+        (START + np.timedelta64(day, "D"), f"{a}{day}", a, 1.0)
         for day in range(0, 40, 5)
         for a in "ABCDE"[day % 3 : day % 3 + 3]
     ]
@@ -195,7 +195,7 @@ def test_the_fitted_baskets_go_on_by_themselves(make, frame):
     baskets = made.baskets_
     later = baskets.update(frame[20:])
     same_bits(later.to_numpy(), made.transform(frame[20:]))
-    assert made.baskets_.last_date == START + 19
+    assert made.baskets_.last_date == START + np.timedelta64(19, "D")
     assert baskets.last_date == START + 39
     expected = qv.Baskets(WEIGHTS, "ewma(3);rank")
     expected.run(frame[:20])
