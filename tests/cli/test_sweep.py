@@ -1,5 +1,6 @@
 """`quorvane sweep` as a person meets it: the grid's file, the folder, the report, how it ends."""
 
+import contextlib
 import html.parser
 import os
 import signal
@@ -217,13 +218,25 @@ def test_a_cluster_that_is_not_there_is_one_line(command, grid, prices, tmp_path
     assert outcome.err.count("\n") == 1
 
 
+def started(action):
+    """What a function gives; on a busy machine dask may fail to begin, which it only asserts."""
+    for _ in range(2):
+        with contextlib.suppress(AssertionError):
+            return action()
+    return action()
+
+
 def test_a_cluster_computes_the_same(command, grid, prices, tmp_path):
     distributed = pytest.importorskip("distributed")
-    with distributed.LocalCluster(
-        n_workers=1, threads_per_worker=1, processes=False, dashboard_address=":0"
-    ) as cluster:
-        address = cluster.scheduler_address
-        outcome = command("sweep", grid, prices, "--out", tmp_path / "a", "--cluster", address)
+
+    def swept():
+        with distributed.LocalCluster(
+            n_workers=1, threads_per_worker=1, processes=False, dashboard_address=":0"
+        ) as cluster:
+            address = cluster.scheduler_address
+            return command("sweep", grid, prices, "--out", tmp_path / "a", "--cluster", address)
+
+    outcome = started(swept)
     assert outcome.status == 0, outcome.err
     assert command("sweep", grid, prices, "--out", tmp_path / "b").status == 0
     one, other = (pandas.read_csv(tmp_path / name / "table.csv") for name in "ab")

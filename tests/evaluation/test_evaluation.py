@@ -259,6 +259,16 @@ def test_text_that_is_no_date_has_no_order():
     assert len(qv.evaluate(returns, returns, horizons=[1]).ic) == 5
 
 
+@pytest.mark.parametrize("form", ["%Y-%m-%d", "%Y%m%d"])
+def test_dates_as_text_that_are_in_no_order_are_refused(form):
+    returns = made(days=20)
+    returns.index = returns.index.strftime(form)
+    assert len(qv.evaluate(returns, returns, horizons=[1]).ic) == 20
+    shuffled = returns.sample(frac=1.0, random_state=1)
+    with pytest.raises(ValueError, match="their days descend; allowed is the order of time"):
+        qv.evaluate(shuffled, shuffled, horizons=[1])
+
+
 def test_horizons_and_lags_beyond_everything_find_nothing():
     returns = made(days=5)
     found = qv.evaluate(returns, returns, horizons=[1, 10**20], lag=10**20)

@@ -126,10 +126,12 @@ def _rows_by_label(labels: Any, known: Any) -> Rows:
 
 def _descends(index: Any) -> bool:
     """Whether days go back in time: numbers and dates do, other text has no order."""
-    if len(index) < 2 or not index.is_monotonic_decreasing:
+    if len(index) < 2 or index.is_monotonic_increasing:
         return False
-    texts = [label for label in (index[0], index[-1]) if isinstance(label, str)]
-    return all(_ISO_DATE.match(text) for text in texts)
+    ends = [label for label in (index[0], index[-1]) if isinstance(label, str)]
+    are_dates = all(_ISO_DATE.match(text) for text in ends)
+    # Dates as text sort as time does.
+    return are_dates and (bool(ends) or bool(index.is_monotonic_decreasing))
 
 
 def _rows_in_order(judged: Table, known: Table) -> Rows:
