@@ -109,7 +109,7 @@ _HINT = "; put the function at the top of a module of its own"
 
 
 # What each module's file was when it was first asked for: a file that is changed afterwards is not
-# what the process has loaded. A module that is loaded again has a new specification.
+# what the process has loaded. One that is loaded again has a new __spec__.
 _SOURCES: dict[str, tuple[object, str]] = {}
 
 
