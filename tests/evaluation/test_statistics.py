@@ -31,7 +31,7 @@ def test_forward_returns_compound_from_the_lag_on(horizon, lag):
 def test_rank_correlation_is_spearman_s_of_what_both_have():
     stats = pytest.importorskip("scipy.stats")
     left, right = numbers(seed=1).round(1), numbers(seed=2).round(1)
-    found = statistics.rank_correlation(left, right)
+    found = statistics.rank_correlation(*map(statistics.Ranked, (left, right)))
     for day, (a, b) in enumerate(zip(left, right, strict=True)):
         there = ~np.isnan(a) & ~np.isnan(b)
         expected = stats.spearmanr(a[there], b[there]).statistic
@@ -41,7 +41,7 @@ def test_rank_correlation_is_spearman_s_of_what_both_have():
 def test_rank_correlation_of_too_few_or_of_equal_numbers_is_missing():
     left = np.array([[1.0, 2.0, NAN], [1.0, 1.0, 1.0], [1.0, 2.0, 3.0], [NAN] * 3])
     right = np.array([[3.0, 4.0, 5.0], [1.0, 2.0, 3.0], [1.0, 2.0, 3.0], [1.0, 2.0, 3.0]])
-    found = statistics.rank_correlation(left, right)
+    found = statistics.rank_correlation(*map(statistics.Ranked, (left, right)))
     np.testing.assert_array_equal(found, [NAN, NAN, 1.0, NAN])
 
 

@@ -113,10 +113,14 @@ def read_number(where: Rows, cell: str, column: str) -> float:
     told = [
         f"{where}, column {shown(column)}: expected a number or an empty cell, got {shown(cell)}"
     ]
+    raise DataError("; ".join([*told, *decimal_comma_hint(cell), *where.notes]))
+
+
+def decimal_comma_hint(cell: str) -> list[str]:
+    """What to say of a cell that is no number, if it is one with a decimal comma."""
     whole, comma, fraction = cell.strip().partition(",")
-    if comma and is_plain_number(f"{whole}.{fraction}"):
-        told.append("decimal commas are not read, write a point")
-    raise DataError("; ".join([*told, *where.notes]))
+    is_meant = comma and is_plain_number(f"{whole}.{fraction}")
+    return ["decimal commas are not read, write a point"] if is_meant else []
 
 
 def is_plain_number(cell: str) -> bool:

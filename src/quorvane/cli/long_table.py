@@ -12,10 +12,9 @@ from numpy.typing import NDArray
 from quorvane.cli.day_labels import Place, moments_of
 from quorvane.cli.errors import DataError, shown
 from quorvane.cli.limits import check_dated_days, check_table_size
-from quorvane.cli.table import DATE_HEADERS, Dates, Table, check_instrument_names
+from quorvane.cli.table import DATE_NAMES, Dates, Table, check_instrument_names
 from quorvane.counting import counted
 
-_DATE_NAMES = DATE_HEADERS - {""}
 _LIKE_LONG = frozenset({"instrument", "ticker", "symbol", "asset", "value"})
 
 
@@ -48,7 +47,7 @@ def find_long_columns(header: Sequence[str]) -> LongColumns | None:
     instrument and value, in any order and any case, among others.
     """
     names = [name.strip().lower() for name in header]
-    dates = [i for i, name in enumerate(names) if name in _DATE_NAMES]
+    dates = [i for i, name in enumerate(names) if name in DATE_NAMES]
     if len(dates) != 1 or names.count("instrument") != 1 or names.count("value") != 1:
         return None
     stripped = tuple(name.strip() for name in header)

@@ -8,9 +8,10 @@ from pathlib import Path
 from typing import Any
 
 from quorvane.cli.basket_days import Choices
-from quorvane.cli.commands.replay_options import FOREVER, PICTURE_ENDINGS, REPORT_ENDINGS
+from quorvane.cli.commands.replay_options import PICTURE_ENDINGS, REPORT_ENDINGS
 from quorvane.cli.errors import UsageError
 from quorvane.cli.files import check_writable, ending_of
+from quorvane.cli.hold import hold_of
 from quorvane.cli.labels import LABEL_ENDINGS
 from quorvane.cli.libraries import require_library
 from quorvane.cli.own_functions import import_functions
@@ -93,6 +94,4 @@ def choices_of(options: argparse.Namespace, *, is_dated: bool) -> Choices:
     hold = options.hold
     if hold is None and is_dated:
         hold = 0
-    if hold == FOREVER:
-        hold = None
-    return Choices(options.expression, options.policy, hold, options.threads)
+    return Choices(options.expression, options.policy, hold_of(hold), options.threads)

@@ -4,16 +4,15 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 
-from quorvane.cli.csv_rows import is_plain_number
+from quorvane.cli.csv_rows import decimal_comma_hint, is_plain_number
 from quorvane.cli.errors import DataError, shown
 from quorvane.cli.named_rows import NamedRows
-from quorvane.cli.table import DATE_HEADERS
+from quorvane.cli.table import DATE_NAMES
 
 # What pandas calls an index that it writes beside the columns.
 _INDEX = "__index_level_"
 _HEADER = "key,instrument,weight"
 _KEY_NAMES = frozenset({"key", "basket", "structure"})
-_DATE_NAMES = DATE_HEADERS - {""}
 
 
 @dataclass(frozen=True)
@@ -44,17 +43,15 @@ class StructureColumns:
 def leg_weight(where: object, cell: str) -> float:
     """The weight in a cell; DataError for what is no number."""
     if not is_plain_number(cell):
-        whole, comma, fraction = cell.partition(",")
-        is_decimal = comma and is_plain_number(f"{whole}.{fraction}")
-        hint = "; decimal commas are not read, write a point" if is_decimal else ""
-        raise DataError(f"{where}, column 'weight': expected a number, got {shown(cell)}{hint}")
+        told = f"{where}, column 'weight': expected a number, got {shown(cell)}"
+        raise DataError("; ".join([told, *decimal_comma_hint(cell)]))
     return float(cell)
 
 
 def _role(name: str) -> str | None:
     if name in _KEY_NAMES:
         return "key"
-    if name in _DATE_NAMES:
+    if name in DATE_NAMES:
         return "date"
     return name if name in {"instrument", "weight"} else None
 

@@ -8,11 +8,12 @@ from typing import Any
 
 from quorvane.cli.errors import DataError, reason, shown
 from quorvane.cli.files import check_readable
+from quorvane.cli.hold import hold_of
 
 GRID_ENDINGS = (".toml",)
 
-FOREVER, COLUMNS = "forever", "columns"
-"""What TOML has no word for: ``hold=None``, and ``weights=None``."""
+COLUMNS = "columns"
+"""What stands for ``weights=None``, for which TOML has no word."""
 
 _EVALUATE = "evaluate"
 _MOST_BYTES = 1 << 26
@@ -29,16 +30,12 @@ def read_grid(path: Path) -> tuple[dict[str, Any], dict[str, Any] | None]:
         raise DataError(f"{path}: [{_EVALUATE}] must be a table, got {shown(score)}")
     hold = grid.get("hold")
     if isinstance(hold, list):
-        grid["hold"] = [_hold(days) for days in hold]
+        grid["hold"] = [hold_of(days) for days in hold]
     elif isinstance(hold, dict):
-        grid["hold"] = {label: _hold(days) for label, days in hold.items()}
+        grid["hold"] = {label: hold_of(days) for label, days in hold.items()}
     if "weights" in grid:
         grid["weights"] = _weights(path, grid["weights"])
     return grid, score
-
-
-def _hold(days: Any) -> Any:
-    return None if days == FOREVER else days
 
 
 def _weights(path: Path, weights: Any) -> dict[str, Any]:

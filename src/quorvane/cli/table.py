@@ -14,6 +14,8 @@ from quorvane.cli.limits import check_name_length
 
 DATE_HEADERS = frozenset({"", "date", "dates", "day", "days", "time", "datetime", "timestamp"})
 """Names, in lower case, that mark a first column as the days' labels."""
+DATE_NAMES = DATE_HEADERS - {""}
+"""Those that mark a column anywhere."""
 
 
 @dataclass(frozen=True)

@@ -129,7 +129,7 @@ class Evaluation:
         Across the instruments that have both; missing where fewer than three do.
         """
         columns = [
-            statistics.correlation_of_ranked(self._ranked, self._following[horizon])
+            statistics.rank_correlation(self._ranked, self._following[horizon])
             for horizon in self.horizons
         ]
         return self._frame(np.column_stack(columns), list(self.horizons), "horizon")
@@ -141,9 +141,10 @@ class Evaluation:
         Quantile 1 has the lowest signals. An instrument of rank r among n (the average of equal
         ones) is in quantile 1 + floor(quantiles (r - 1/2) / n).
         """
-        quantile = statistics.quantile_of(self._aligned.signal, self.quantiles)
         parts = [
-            statistics.mean_by_quantile(quantile, self._following[horizon].values, self.quantiles)
+            statistics.mean_by_quantile(
+                self._quantile, self._following[horizon].values, self.quantiles
+            )
             for horizon in self.horizons
         ]
         names = [(h, q) for h in self.horizons for q in range(1, self.quantiles + 1)]
@@ -297,6 +298,10 @@ class Evaluation:
         """What is traded on each day when weights are held for so many; 0 where it is unknown."""
         before = statistics.rows_before(self._aligned.rows, horizon, self._first)
         return np.nan_to_num(statistics.turnover(self._weights, before))
+
+    @cached_property
+    def _quantile(self) -> Floats:
+        return statistics.quantile_of(self._aligned.signal, self.quantiles)
 
     @cached_property
     def _ranked(self) -> statistics.Ranked:

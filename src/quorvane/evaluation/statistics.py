@@ -58,15 +58,6 @@ def twice_ranks(values: Floats) -> Floats:
     return twice
 
 
-def rank_correlation(left: Floats, right: Floats) -> Floats:
-    """Spearman's correlation of each row: Pearson's of the average ranks (Spearman 1904).
-
-    Over the columns in which both have a number; NaN where there are fewer than three, or where all
-    of one are equal. Sums of whole numbers are exact, so that the order of columns does not matter.
-    """
-    return correlation_of_ranked(Ranked(left), Ranked(right))
-
-
 class Ranked:
     """Numbers of days by columns, and what was lately found of their ranks.
 
@@ -105,8 +96,12 @@ class Ranked:
         return ranks
 
 
-def correlation_of_ranked(left: Ranked, right: Ranked) -> Floats:
-    """`rank_correlation` of two tables whose ranks may be known already."""
+def rank_correlation(left: Ranked, right: Ranked) -> Floats:
+    """Spearman's correlation of each row: Pearson's of the average ranks (Spearman 1904).
+
+    Over the columns in which both have a number; NaN where there are fewer than three, or where all
+    of one are equal. Sums of whole numbers are exact, so that the order of columns does not matter.
+    """
     there = left.finite & right.finite
     count = np.count_nonzero(there, axis=1)
     left_ranks, right_ranks = (

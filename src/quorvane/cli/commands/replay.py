@@ -8,9 +8,9 @@ from contextlib import nullcontext
 
 from quorvane.cli import summary
 from quorvane.cli.checkpoint import Checkpoint
-from quorvane.cli.commands.replay_options import FOREVER
 from quorvane.cli.day_loop import Progress, replay
 from quorvane.cli.files import WholeOutputs
+from quorvane.cli.hold import written_hold
 from quorvane.cli.prepared_run import Run, prepare
 from quorvane.cli.replay_checks import check_options
 from quorvane.cli.run_identity import RunIdentity
@@ -54,7 +54,7 @@ def _checkpoint(run: Run) -> Checkpoint | None:
             "expression": options.expression,
             "functions": ", ".join(run.days.functions),
             "policy": options.policy,
-            "hold": FOREVER if run.days.hold is None else str(run.days.hold),
+            "hold": str(written_hold(run.days.hold)),
             "changes-only": options.changes_only,
             "max-structures": run.days.slots,
             "trace": run.trace is not None,

@@ -6,6 +6,7 @@ import argparse
 from pathlib import Path
 
 from quorvane.cli.checkpoint_server import checkpoint_place
+from quorvane.cli.hold import FOREVER
 from quorvane.cli.labels import LABEL_ENDINGS
 from quorvane.cli.limits import MAX_CELLS, MAX_INSTRUMENTS, MAX_STRUCTURES
 from quorvane.cli.structures import STRUCTURE_ENDINGS
@@ -13,8 +14,6 @@ from quorvane.cli.table_io import TABLE_ENDINGS
 from quorvane.cli.trace import TRACE_ENDINGS
 from quorvane.functions.rotations.virtualization.history import MOST_THREADS
 
-FOREVER = "forever"
-"""What ``--hold`` may say instead of a number."""
 PICTURE_ENDINGS = (".png", ".pdf", ".svg")
 REPORT_ENDINGS = (".html", ".htm")
 

@@ -15,12 +15,13 @@ from quorvane.cli.day_labels import Moments
 from quorvane.cli.day_table import day_index, read_days
 from quorvane.cli.errors import DataError, UsageError, reason
 from quorvane.cli.files import WholeOutputs, ending_of
+from quorvane.cli.hold import written_hold
 from quorvane.cli.inputs import require_judgeable, structure_input
 from quorvane.cli.libraries import require_library
 from quorvane.cli.saying import say
 from quorvane.cli.stopping import signals_held
 from quorvane.cli.summary import describe_table, format_rows
-from quorvane.cli.sweep_grid import FOREVER, GRID_ENDINGS, read_grid
+from quorvane.cli.sweep_grid import GRID_ENDINGS, read_grid
 from quorvane.cli.sweep_report import report_of
 from quorvane.cli.table import Table
 from quorvane.cli.table_io import TABLE_ENDINGS
@@ -102,7 +103,7 @@ def _in_words(found: Any) -> Any:
     """The same table with what a file has no value for as the grid writes it."""
     if "hold" not in found.columns:
         return found
-    held = [FOREVER if days is None else days for days in found["hold"]]
+    held = [written_hold(days) for days in found["hold"]]
     return found.assign(hold=held)
 
 

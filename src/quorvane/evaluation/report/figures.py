@@ -89,8 +89,7 @@ def growth(evaluation: Evaluation) -> Growth:
     """
     aligned = evaluation._aligned
     held, ends = statistics.held_returns(aligned.returns, aligned.rows, evaluation.lag)
-    quantile = statistics.quantile_of(aligned.signal, evaluation.quantiles)
-    means = statistics.mean_by_quantile(quantile, held, evaluation.quantiles)
+    means = statistics.mean_by_quantile(evaluation._quantile, held, evaluation.quantiles)
     both = np.column_stack([means, means[:, -1] - means[:, 0]])
     with np.errstate(over="ignore", invalid="ignore"):
         compound = np.cumprod(1.0 + np.nan_to_num(both, nan=0.0), axis=0)
