@@ -81,10 +81,11 @@ run_tests() {
         sanitized "$options" -m pytest -q -p no:cacheprovider -m "not plain_python" "$@"
 }
 
-# The command, pages and reports run no compiled code that the others do not.
+# The command, pages, reports and sweeps run no compiled code that the others do not.
 suite() {
     left_out="--ignore=tests/cli --ignore=tests/docs --ignore=tests/benchmarks"
-    left_out="$left_out --ignore=tests/evaluation/report"
+    left_out="$left_out --ignore=tests/evaluation/report --ignore=tests/sweeping"
+    left_out="$left_out --ignore=tests/scikit_learn"
     # shellcheck disable=SC2086 # several folders
     if [ "$jobs" -gt 1 ]; then
         run_tests "$FAST_STACKS" tests/virtualization &
