@@ -81,11 +81,14 @@ run_tests() {
         sanitized "$options" -m pytest -q -p no:cacheprovider -m "not plain_python" "$@"
 }
 
-# The command, pages, reports and sweeps run no compiled code that the others do not.
+# What surrounds the compiled code runs none of it that the others do not, and random inputs have
+# a run of their own.
 suite() {
-    left_out="--ignore=tests/cli --ignore=tests/docs --ignore=tests/benchmarks"
-    left_out="$left_out --ignore=tests/evaluation/report --ignore=tests/sweeping"
-    left_out="$left_out --ignore=tests/scikit_learn"
+    left_out=
+    for folder in cli docs benchmarks contributing evaluation/report sweeping scikit_learn stores \
+        powercut fuzz; do
+        left_out="$left_out --ignore=tests/$folder"
+    done
     # shellcheck disable=SC2086 # several folders
     if [ "$jobs" -gt 1 ]; then
         run_tests "$FAST_STACKS" tests/virtualization &

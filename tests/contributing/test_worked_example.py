@@ -11,7 +11,6 @@ import numpy as np
 import pytest
 
 import quorvane
-
 from contributing.worked_example import ROOT, follow
 
 pytestmark = pytest.mark.plain_python
