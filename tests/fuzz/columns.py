@@ -7,7 +7,7 @@ from fuzz.oddities import anything, chance, mutated, number, pick
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
-from support import days
+from support import days, frozen
 from support.hostile_actions import ACTIONS
 
 __all__ = ["play", "subjects"]
@@ -24,7 +24,7 @@ def play(random, base):
     calls.clear()
     log = []
     made = []
-    log.append(days.outcome(lambda: made.append(StructureColumns(**arguments(random)))))
+    log.append(frozen.outcome(lambda: made.append(StructureColumns(**arguments(random)))))
     for columns in made:
         report_for_days(random, rotation, columns, log)
     return log + calls
@@ -73,19 +73,19 @@ def report_for_days(random, rotation, columns, log):
         elif draw < 0.4 and len(columns) and columns.values.flags.writeable:
             columns.values[int(random.random() * len(columns))] = pick(random, EDITS)
         elif draw < 0.55:
-            log.append(days.outcome(ACTIONS[pick(random, ACTS)], rotation))
+            log.append(frozen.outcome(ACTIONS[pick(random, ACTS)], rotation))
         elif draw < 0.58:
-            log.append(days.outcome(columns.with_values, anything(random)))
+            log.append(frozen.outcome(columns.with_values, anything(random)))
         elif draw < 0.6:
-            log.append(days.outcome(columns.weighted_sums, anything(random)))
-    log.append(days.freeze([vars(rotation), columns.keys, columns.legs, columns.values]))
+            log.append(frozen.outcome(columns.weighted_sums, anything(random)))
+    log.append(frozen.freeze([vars(rotation), columns.keys, columns.legs, columns.values]))
 
 
 def one_day(random, rotation, log):
     if chance(random, 0.2):
         masks, combined, buffer = (mask(random),), mask(random), np.full(WIDTH, 77.0)
         N = pick(random, [6, 6, 5, 0])
-        log.append(days.outcome(rotation.compute, (np.zeros(6),), masks, combined, buffer, N))
-        log.append(days.freeze(buffer))
+        log.append(frozen.outcome(rotation.compute, (np.zeros(6),), masks, combined, buffer, N))
+        log.append(frozen.freeze(buffer))
     else:
-        log.append(days.outcome(rotation, row(random)))
+        log.append(frozen.outcome(rotation, row(random)))

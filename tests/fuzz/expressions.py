@@ -7,7 +7,7 @@ from fuzz.oddities import Converts, anything, chance, number, pick
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
 from quorvane.functions import _registry
-from support import days
+from support import frozen
 from support.siblings import recording_registry
 
 __all__ = ["play", "subjects"]
@@ -29,16 +29,16 @@ def play(random, base):
     text = expression(random)
     draw = random.random()
     if draw < 0.25:
-        return [days.outcome(construct, base, text, pick(random, CAPACITIES))]
+        return [frozen.outcome(construct, base, text, pick(random, CAPACITIES))]
     if draw < 0.9:
-        return [days.outcome(parse, base, text, pick(random, CAPACITIES))]
+        return [frozen.outcome(parse, base, text, pick(random, CAPACITIES))]
     if draw < 0.95:
         log = []
         with recorded_registry(log):
-            log.append(days.outcome(parse, base, text, pick(random, LARGE_CAPACITIES)))
+            log.append(frozen.outcome(parse, base, text, pick(random, LARGE_CAPACITIES)))
         return log
     with changed_globals(random, base):
-        return [days.outcome(parse, base, text, pick(random, CAPACITIES))]
+        return [frozen.outcome(parse, base, text, pick(random, CAPACITIES))]
 
 
 def construct(base, text, capacity):

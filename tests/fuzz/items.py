@@ -8,7 +8,7 @@ import numpy as np
 from fuzz.oddities import anything, chance, container, mapping, mutated, number, pick
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
-from support import days
+from support import days, frozen
 from support.hostile import Trigger
 from support.hostile_actions import ACTIONS
 from support.hostile_places import DELETIONS, ITEM_PLACES, PLACES
@@ -51,10 +51,10 @@ def play(random, base):
     one_day(random, rotation, log)
     trigger.action = None
     if chance(random, 0.3):
-        log.append(days.outcome(pick(random, days.CHANGES), rotation))
+        log.append(frozen.outcome(pick(random, days.CHANGES), rotation))
     rotation.items = items
     one_day(random, rotation, log)
-    log.append(days.freeze(vars(rotation)))
+    log.append(frozen.freeze(vars(rotation)))
     return log + calls
 
 
@@ -108,13 +108,13 @@ def one_day(random, rotation, log):
         buffer = attributes.pop("buffer", None)
         buffer = np.full(WIDTH, 77.0) if buffer is None else buffer
         N = pick(random, [6, 6, 6, 5, 0])
-        log.append(days.outcome(rotation.compute, (np.zeros(6),), masks, combined, buffer, N))
-        log.append(days.freeze(buffer))
+        log.append(frozen.outcome(rotation.compute, (np.zeros(6),), masks, combined, buffer, N))
+        log.append(frozen.freeze(buffer))
     else:
         context = attributes.pop("context", None)
         if chance(random, 0.2):
             context = days.Thing(current_day_index=pick(random, [0, 3, "2", -4, 2.9, None]))
-        log.append(days.outcome(rotation, row(random), context=context))
+        log.append(frozen.outcome(rotation, row(random), context=context))
 
 
 def row(random):

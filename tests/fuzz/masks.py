@@ -7,7 +7,7 @@ import numpy as np
 from fuzz.oddities import anything, chance, container, number, pick
 from fuzz.subjects import both_modules
 from quorvane.functions.rotations._boilerplate import RotationBase
-from support import days
+from support import frozen
 
 __all__ = ["play", "subjects"]
 
@@ -66,13 +66,13 @@ def index_the_mask(random, base):
     row = stored_row(random)
     rows = number(random) if chance(random, 0.1) else pick(random, [0, 1, 2, 3, 5, 9, 2**40])
     made = []
-    log = [days.outcome(lambda: made.append(base._AllOnesVirtualMask(rows, row)))]
+    log = [frozen.outcome(lambda: made.append(base._AllOnesVirtualMask(rows, row)))]
     for mask in made:
         if chance(random, 0.03):
             mask.shape = anything(random)
         if chance(random, 0.03):
             mask._row = anything(random)
-        log += [days.outcome(look_up, mask, row, item(random)) for _ in range(2)]
+        log += [frozen.outcome(look_up, mask, row, item(random)) for _ in range(2)]
     return log
 
 
@@ -172,7 +172,7 @@ def run_a_day(random, base, rotation_class):
     if chance(random, 0.1):
         attributes["current_day_index"] = number(random)
     context = types.SimpleNamespace(**attributes)
-    return [days.outcome(rotation_class(N_alloc=N), np.zeros(N), context=context)[:2]]
+    return [frozen.outcome(rotation_class(N_alloc=N), np.zeros(N), context=context)[:2]]
 
 
 def universe_mask(random, base, N):

@@ -9,7 +9,7 @@ from fuzz.items import CHILDREN, KEYS, WIDTH, one_day, plain_item, plain_legs
 from fuzz.oddities import Int, Key, anything, chance, container, mutated, number, pick
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
-from support import days
+from support import days, frozen
 from support.hostile import Trigger
 from support.hostile_states import NAMES, RESTORE_HARMS, SPOTS
 
@@ -34,18 +34,18 @@ def play(random, base):
     draw = random.random()
     log = []
     if draw < 0.2:
-        log.append(days.outcome(rotation._validate_state_components, state))
+        log.append(frozen.outcome(rotation._validate_state_components, state))
     elif draw < 0.9:
-        log.append(days.outcome(rotation.set_state, state))
+        log.append(frozen.outcome(rotation.set_state, state))
     else:
         store = types.SimpleNamespace(read=lambda name: state)
-        log.append(days.outcome(rotation.recover, store))
+        log.append(frozen.outcome(rotation.recover, store))
     trigger.action = None
     log.append(trigger.fired)
-    log.append(days.freeze([state, held, vars(rotation)]))
+    log.append(frozen.freeze([state, held, vars(rotation)]))
     if chance(random, 0.3):
         one_day(random, rotation, log)
-        log.append(days.freeze(vars(rotation)))
+        log.append(frozen.freeze(vars(rotation)))
     return log
 
 
@@ -59,7 +59,7 @@ def make_rotation(random, base):
     )
     rotation.items = [days.form_item(base, *plain_item(random)) for _ in range(2)]
     if chance(random, 0.7):
-        days.outcome(rotation, np.ones(WIDTH))
+        frozen.outcome(rotation, np.ones(WIDTH))
     return rotation
 
 
@@ -90,7 +90,7 @@ class FailingChild:
         return {"mine": [1]}
 
     def set_state(self, state):
-        raise LookupError("set_state", days.freeze(state))
+        raise LookupError("set_state", frozen.freeze(state))
 
 
 class OneState:

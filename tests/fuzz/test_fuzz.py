@@ -6,7 +6,7 @@ import numpy as np
 import pytest
 
 from fuzz import campaign
-from support import days
+from support import frozen
 
 LONG = bool(os.environ.get("QUORVANE_LONG"))
 INPUTS = {
@@ -80,7 +80,7 @@ def test_an_exception_out_of_a_target_is_a_failure(monkeypatch):
 
 def test_addresses_and_the_sign_of_a_nan_are_no_difference():
     def log(number, place):
-        return [days.freeze(np.array([number])), f"<object at {place}>"]
+        return [frozen.freeze(np.array([number])), f"<object at {place}>"]
 
     assert campaign.first_difference([log(np.nan, "0x7f1"), log(-np.nan, "0x9a")]) is None
     assert campaign.first_difference([log(0.0, "0x7f1"), log(-0.0, "0x7f1")]) is not None

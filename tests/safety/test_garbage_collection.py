@@ -14,6 +14,8 @@ from quorvane.functions.rotations.virtualization import base
 from safety.subjects import plain_columns
 from support.siblings import Siblings, load_base
 
+pytestmark = pytest.mark.usefixtures("all_collected")
+
 ROTATIONS = [
     _boilerplate.RotationBase,
     ewma.Ewma,

@@ -2,7 +2,6 @@
 
 import array
 import gc
-import itertools
 import os
 import sys
 
@@ -21,9 +20,8 @@ from safety.subjects import FAILURES, OPERATIONS
 REPEATS = int(
     os.environ.get("QUORVANE_REPEATS", "1000" if os.environ.get("QUORVANE_LONG") else "400")
 )
-WARM_UPS = 3
 # What others let go of meanwhile shows in a round or two; of few repeats there are more rounds.
-ROUNDS = max(3, 12 // REPEATS)
+MOST_ROUNDS = max(5, 14 // REPEATS)
 # Readings and caches take a few blocks, and each of the interpreter's free lists up to 80, filled
 # little by little; a leak takes one in every repeat at least.
 FEW = REPEATS // 4
@@ -69,13 +67,11 @@ count_references = getattr(sys, "gettotalrefcount", lambda: 0)
 MEASURES = ["allocated blocks", "all references", *SHARED]
 
 
-@pytest.fixture(autouse=True)
+@pytest.fixture(autouse=True, scope="module")
 def quick_collections():
-    """Keep everything that is there already out of the collections, and restore that."""
+    """Keep what other tests have imported meanwhile out of the collections, too."""
     gc.collect()
     gc.freeze()
-    yield
-    gc.unfreeze()
 
 
 def measure():
@@ -92,21 +88,27 @@ def repeat(operation):
 
 
 def growth_per_round(operation):
-    """What each measure grew by in every round, by its name, where it grew in all rounds."""
-    for _ in range(WARM_UPS):
+    """What each measure grew by in every round, by its name, where it grew in all rounds.
+
+    A leak takes its part of each round, so nothing leaks that a round has shown not to grow, and
+    there are no more rounds once that is said of all measures.
+    """
+    repeat(operation)  # fills what caches and free lists there are
+    growths = {name: [] for name in MEASURES}
+    before = measure()
+    for _ in range(MOST_ROUNDS):
         repeat(operation)
-    readings = [measure()]
-    for _ in range(ROUNDS):
-        repeat(operation)
-        readings.append(measure())
-    growths = [
-        [after - before for before, after in itertools.pairwise(readings)]
-        for readings in zip(*readings, strict=True)
-    ]
+        after = measure()
+        for name, then, now in zip(MEASURES, before, after, strict=True):
+            if name in growths:
+                growths[name].append(now - then)
+            if abs(now - then) <= FEW:
+                growths.pop(name, None)
+        if not growths:
+            break
+        before = after
     return {
-        name: growth
-        for name, growth in zip(MEASURES, growths, strict=True)
-        if min(growth) > FEW or max(growth) < -FEW
+        name: growth for name, growth in growths.items() if min(growth) > FEW or max(growth) < -FEW
     }
 
 

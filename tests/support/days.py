@@ -1,4 +1,4 @@
-"""Comparing the native module with its twin: outcomes frozen to the bit, and random days.
+"""Random days, to be played on the native module and on its twin alike.
 
 A scenario is plain data. `run_days` plays it on one module and returns a log of everything that
 can be observed; the logs of two modules must be equal.
@@ -6,14 +6,12 @@ can be observed; the logs of two modules must be equal.
 
 import collections
 import copy
-import functools
-import struct
 import types
-import warnings
 
 import numpy as np
 
 from support.fakes import RecordingSink
+from support.frozen import freeze, outcome
 
 STEPS = [
     "_refresh_active_structures",
@@ -26,130 +24,6 @@ STEPS = [
     "_record_trace",
     "compute",
 ]
-
-BUILTIN_COLLECTIONS = (list, tuple, set, collections.deque)
-
-# Freezing: anything to nested tuples that compare equal only when nothing can tell them apart. Most
-# of the time of a random input goes here, so the most frequent parts are told apart without a call.
-
-# Nothing else freezes to one of these; a float freezes to its bits, anything else to a tuple.
-AS_THEY_ARE = frozenset({str, int, type(None)})
-TOLD_BY_VALUE = frozenset({bool, bytes, type(Ellipsis)})
-FLOAT_BITS = struct.Struct("<d").pack
-
-
-def freeze(value, seen=None):
-    """Return nested tuples of `value`'s types, bits, orders and sharing of mutable parts.
-
-    Classes count by their name, since each module has its own; the same mutable object met again
-    freezes to its first position, so copies and shared objects differ.
-    """
-    cls = type(value)
-    if cls in AS_THEY_ARE:
-        return value
-    if cls is float:
-        return FLOAT_BITS(value)
-    kind = cls.__name__
-    if cls in TOLD_BY_VALUE:
-        return (kind, value)
-    seen = {} if seen is None else seen
-    if cls is tuple:
-        return (kind, *_freeze_parts(value, seen))
-    if isinstance(value, np.generic):
-        return (kind, value.dtype.str, _bits(value))
-    if cls in (slice, range, frozenset):
-        parts = (value.start, value.stop, value.step) if cls is slice else value
-        return (kind, *_freeze_parts(parts, seen))
-    if isinstance(value, (type, types.FunctionType, types.MethodType, functools.partial)):
-        return (kind, getattr(value, "__name__", "?"))
-    if id(value) in seen:
-        return ("again", seen[id(value)][0])
-    # The value is kept beside its position, lest a new object get the address of a dead one.
-    seen[id(value)] = (len(seen), value)
-    return (kind, *_freeze_mutable(cls, value, seen))
-
-
-def _freeze_parts(parts, seen):
-    return [part if type(part) in AS_THEY_ARE else freeze(part, seen) for part in parts]
-
-
-def _bits(value):
-    # A long double has bytes that are none of its bits, with anything in them.
-    return repr(value) if value.dtype.char in "gG" else value.tobytes()
-
-
-def _freeze_mutable(kind, value, seen):
-    # The real class, since a scenario may hold objects that only say they are of another.
-    if kind is list:
-        return _freeze_parts(value, seen)
-    if kind is dict:
-        return _freeze_entries(value, seen)
-    if issubclass(kind, np.ndarray):
-        content = freeze(value.tolist(), seen) if value.dtype == object else _bits(value)
-        return (value.dtype.str, value.shape, value.strides, value.flags.writeable, content)
-    parts = []
-    if issubclass(kind, dict):
-        parts = _freeze_entries(value, seen)
-    elif issubclass(kind, (list, tuple, set, collections.deque)):
-        iterate = next(base for base in kind.__mro__ if base in BUILTIN_COLLECTIONS).__iter__
-        parts = _freeze_parts(iterate(value), seen)
-    elif issubclass(kind, (int, float, str)):
-        parts = [repr(value)]
-    elif issubclass(kind, BaseException):
-        return freeze_error(value, seen)
-    return (*parts, tuple(_freeze_entries(dict(getattr(value, "__dict__", {})), seen)))
-
-
-def _freeze_entries(mapping, seen):
-    return [
-        (
-            key if type(key) in AS_THEY_ARE else freeze(key, seen),
-            part if type(part) in AS_THEY_ARE else freeze(part, seen),
-        )
-        for key, part in dict.items(mapping)
-    ]
-
-
-def freeze_error(error, seen=None):
-    """Return an exception's type, arguments, notes, cause and context, as nested tuples."""
-    if error is None:
-        return None
-    seen = {} if seen is None else seen
-    return (
-        type(error).__name__,
-        freeze(error.args, seen),
-        freeze(getattr(error, "__notes__", None), seen),
-        freeze(error.__cause__, seen),
-        freeze(error.__context__, seen),
-        error.__suppress_context__,
-    )
-
-
-def outcome(call, *args, **kwargs):
-    """Call and return ("returned", frozen result) or ("raised", frozen exception, frames).
-
-    What the call warned of comes last: NumPy tells of an overflow, compiled sums must do so too.
-    """
-    with warnings.catch_warnings(record=True) as caught:
-        warnings.simplefilter("always")
-        try:
-            result = ("returned", freeze(call(*args, **kwargs)))
-        except BaseException as error:
-            result = ("raised", freeze_error(error), callers_frames(error))
-    return (*result, tuple((warning.category.__name__, str(warning.message)) for warning in caught))
-
-
-def callers_frames(error):
-    """Return the names of the traceback's functions that belong to no module under test."""
-    names = []
-    traceback = error.__traceback__
-    while traceback is not None:
-        code = traceback.tb_frame.f_code
-        if not code.co_filename.endswith("twin.py"):
-            names.append(code.co_name)
-        traceback = traceback.tb_next
-    return tuple(names)
-
 
 # Rotations, with steps overridden by methods that only call super()
 

@@ -6,7 +6,7 @@ import warnings
 import numpy as np
 
 from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
-from support import days
+from support import frozen
 
 
 class ByDays(FixedBaskets):
@@ -36,17 +36,17 @@ def leftovers(rotation):
     """Everything that the rotation and its children hold, frozen to the bit."""
     held = {name: value for name, value in vars(rotation).items() if name != "seen_days"}
     children = [vars(child) for child in rotation.child_rotations]
-    return days.freeze((list(held), held, children, rotation.get_state()))
+    return frozen.freeze((list(held), held, children, rotation.get_state()))
 
 
 def replayed(rotation, *matrices, context=None):
     """The batch's outcome with its warnings, all that is left behind, and a day after it."""
     with warnings.catch_warnings():
         warnings.simplefilter("ignore")
-        ending = days.outcome(rotation.batch_reference, *matrices, context=context)
+        ending = frozen.outcome(rotation.batch_reference, *matrices, context=context)
     left = leftovers(rotation)
     row = np.ones(len(rotation.instruments))
-    return ending[:2], ending[-1], left, days.outcome(rotation, row)[:2], leftovers(rotation)
+    return ending[:2], ending[-1], left, frozen.outcome(rotation, row)[:2], leftovers(rotation)
 
 
 def both(make, *matrices, context=None):

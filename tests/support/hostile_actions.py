@@ -4,7 +4,7 @@ import gc
 
 import numpy as np
 
-from support import days
+from support import days, frozen
 
 
 def clear_items(rotation):
@@ -24,13 +24,13 @@ def edit_next_item(rotation):
 
 
 def call_again(rotation):
-    rotation.nested = days.outcome(rotation, np.ones(6))
+    rotation.nested = frozen.outcome(rotation, np.ones(6))
 
 
 def compute_again(rotation):
     clear = np.zeros(6, dtype=np.uint8)
     buffer = np.zeros(6)
-    rotation.nested = days.outcome(rotation.compute, (buffer,), (clear,), clear, buffer, 6)
+    rotation.nested = frozen.outcome(rotation.compute, (buffer,), (clear,), clear, buffer, 6)
 
 
 def take_state(rotation):

@@ -2,7 +2,7 @@
 
 import numpy as np
 
-from support import days
+from support import days, frozen
 from support.hostile import Trigger
 from support.hostile_actions import ACTIONS
 from support.hostile_places import ITEM_PLACES, PLACES, item_with
@@ -50,8 +50,8 @@ def one_day(rotation, log):
         buffer = attributes.get("buffer", np.zeros(6))
         inputs = attributes.get("arguments", (np.zeros(6),))
         N = attributes.get("live_count", 6)
-        log.append(days.outcome(rotation.compute, inputs, masks, combined, buffer, N))
-        log.append(days.freeze(buffer))
+        log.append(frozen.outcome(rotation.compute, inputs, masks, combined, buffer, N))
+        log.append(frozen.freeze(buffer))
     else:
-        log.append(days.outcome(rotation, np.ones(6), context=attributes.get("context")))
-    log.append(days.freeze(vars(rotation)))
+        log.append(frozen.outcome(rotation, np.ones(6), context=attributes.get("context")))
+    log.append(frozen.freeze(vars(rotation)))

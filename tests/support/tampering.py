@@ -6,7 +6,7 @@ import itertools
 
 import numpy as np
 
-from support import days
+from support import frozen
 
 N = 6
 SLOTS = 4
@@ -57,14 +57,14 @@ class TamperedRotation:
     def record_day(self):
         """Compute a day and note its outcome and all that it has left behind."""
         output = np.full(N, 9.0)
-        ending, result, *_, warned = days.outcome(
+        ending, result, *_, warned = frozen.outcome(
             self.rotation.compute, (np.zeros(N),), self.masks, self.combined, output, self.N
         )
         self.log.append((ending, result, warned, output.tobytes(), self.state()))
 
     def state(self):
         attributes = {name: getattr(self.rotation, name) for name in TABLES}
-        return days.freeze((list(vars(self.rotation)), attributes, self.held))
+        return frozen.freeze((list(vars(self.rotation)), attributes, self.held))
 
     def tamper(self, way, index):
         try:

@@ -266,6 +266,7 @@ def test_an_average_whose_memory_goes_as_it_is_told_what_to_forget_says_so(name,
         ewma.forget([Slot()])
 
 
+@pytest.mark.usefixtures("all_collected")
 @pytest.mark.parametrize("cls", [Attendance, Gate])
 def test_the_module_tells_the_collector_of_what_it_holds(cls):
     module = sys.modules["quorvane.functions.rotations.virtualization._attendance"]

@@ -12,7 +12,7 @@ from hypothesis import HealthCheck, assume, example, given, settings
 from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, invariant, precondition, rule
 
-from support import days
+from support import days, frozen
 from support.siblings import Siblings, installed_real_base, load_base
 
 NAN = float("nan")
@@ -495,11 +495,11 @@ def reused_items_log(base, specs, edits):
         row = np.ones(rotation._n_alloc)
         if missing is not None:
             row[missing] = NAN
-        log.append(days.outcome(rotation, row))
-        log.append(days.freeze(vars(rotation)))
-        log.append(days.outcome(ITEM_EDITS[edit], items))
+        log.append(frozen.outcome(rotation, row))
+        log.append(frozen.freeze(vars(rotation)))
+        log.append(frozen.outcome(ITEM_EDITS[edit], items))
         if change is not None:
-            log.append(days.outcome(days.CHANGES_BY_NAME[change], rotation))
+            log.append(frozen.outcome(days.CHANGES_BY_NAME[change], rotation))
     return log
 
 
@@ -538,11 +538,11 @@ def steady_log(base, specs, plan):
         row = np.ones(rotation._n_alloc)
         if missing is not None:
             row[missing] = NAN
-        log.append(days.outcome(rotation, row))
-        log.append(days.freeze(vars(rotation)))
-        log.append(days.outcome(ITEM_EDITS[edit], rotation.items))
+        log.append(frozen.outcome(rotation, row))
+        log.append(frozen.freeze(vars(rotation)))
+        log.append(frozen.outcome(ITEM_EDITS[edit], rotation.items))
         if change is not None:
-            log.append(days.outcome(days.CHANGES_BY_NAME[change], rotation))
+            log.append(frozen.outcome(days.CHANGES_BY_NAME[change], rotation))
     return log
 
 
@@ -559,7 +559,7 @@ def test_normalized_structures_are_the_same(spec):
             max_structures=2, N_alloc=6, transformation_expression="none"
         )
         item = days.build_item(base, spec)
-        results.append((days.outcome(rotation._normalize_structure, item), days.freeze(item)))
+        results.append((frozen.outcome(rotation._normalize_structure, item), frozen.freeze(item)))
     assert results[0] == results[1]
 
 
@@ -572,7 +572,7 @@ def test_validity_is_the_same(legs, combined, masks, N, value):
             max_structures=2, N_alloc=6, transformation_expression="none"
         )
         structure = base.VirtualStructure(("a",), tuple(legs), value)
-        results.append(days.outcome(rotation._structure_is_valid, structure, masks, combined, N))
+        results.append(frozen.outcome(rotation._structure_is_valid, structure, masks, combined, N))
     assert results[0] == results[1]
 
 
@@ -593,7 +593,7 @@ mask_items = st.recursive(
 def test_universe_mask_indexing_is_the_same(rows, item):
     row = np.arange(1, 5, dtype=np.uint8)
     masks = [base._AllOnesVirtualMask(rows, row) for base in both()]
-    results = [days.outcome(mask.__getitem__, item) for mask in masks]
+    results = [frozen.outcome(mask.__getitem__, item) for mask in masks]
     assert results[0] == results[1]
 
 
@@ -630,7 +630,7 @@ def test_unmapping_is_the_same(legs_by_slot, outputs, kind_of_row, policy, N):
         buffer = np.full(6, 77.0)
         with np.errstate(all="ignore"):
             row = list(outputs) if kind_of_row is list else np.array(outputs).astype(kind_of_row)
-        results.append((days.outcome(rotation._unmap, row, buffer, N), days.freeze(buffer)))
+        results.append((frozen.outcome(rotation._unmap, row, buffer, N), frozen.freeze(buffer)))
     assert results[0] == results[1]
 
 
@@ -689,9 +689,9 @@ def test_validated_states_are_the_same(state):
         given_state = copy.deepcopy(state)
         results.append(
             (
-                days.outcome(rotation._validate_state_components, given_state),
-                days.outcome(rotation.set_state, given_state),
-                days.freeze([given_state, vars(rotation)]),
+                frozen.outcome(rotation._validate_state_components, given_state),
+                frozen.outcome(rotation.set_state, given_state),
+                frozen.freeze([given_state, vars(rotation)]),
             )
         )
     assert results[0] == results[1]
@@ -858,7 +858,7 @@ class StateMachine(RuleBasedStateMachine):
         self.worlds = [World(base, self.CHILDREN) for base in both()]
 
     def in_both(self, operation, *args):
-        native, twin = (days.outcome(getattr(world, operation), *args) for world in self.worlds)
+        native, twin = (frozen.outcome(getattr(world, operation), *args) for world in self.worlds)
         assert native == twin
         return native
 
@@ -889,7 +889,7 @@ class StateMachine(RuleBasedStateMachine):
 
     def through_store(self, operation):
         native, twin = (
-            days.outcome(getattr(world.rotation, operation), world) for world in self.worlds
+            frozen.outcome(getattr(world.rotation, operation), world) for world in self.worlds
         )
         assert native == twin
 
@@ -918,7 +918,7 @@ class StateMachine(RuleBasedStateMachine):
 
     @invariant()
     def attributes_are_the_same(self):
-        native, twin = (days.freeze(vars(world.rotation)) for world in self.worlds)
+        native, twin = (frozen.freeze(vars(world.rotation)) for world in self.worlds)
         assert native == twin
 
     @invariant()
@@ -965,9 +965,9 @@ def test_restore_that_fails_at_one_position_and_again_in_the_rollback(
                 world.faults.arm(child, "deepcopy", 1, "MemoryError")
         logs.append(
             (
-                days.outcome(world.restore, 0, None),
-                days.freeze(vars(world.rotation)),
-                days.freeze(world.faults.armed),
+                frozen.outcome(world.restore, 0, None),
+                frozen.freeze(vars(world.rotation)),
+                frozen.freeze(world.faults.armed),
             )
         )
     assert logs[0] == logs[1]
@@ -1014,7 +1014,7 @@ def real_log(base, expression, policy, rows, random):
     log = []
     for day, (row,) in enumerate(rows):
         context = days.Thing(universe_mask=universe[:, : len(row)], current_day_index=day)
-        log.append(days.outcome(rotation, np.array(row), context=context))
-        log.append(days.freeze({**vars(rotation), "child_rotations": None}))
-        log.append(days.outcome(rotation.get_state))
+        log.append(frozen.outcome(rotation, np.array(row), context=context))
+        log.append(frozen.freeze({**vars(rotation), "child_rotations": None}))
+        log.append(frozen.outcome(rotation.get_state))
     return log

@@ -8,7 +8,7 @@ import textwrap
 import numpy as np
 import pytest
 
-from support import days
+from support import frozen
 from support.fakes import make_rotation, rotation_class, structure
 
 ITEMS = [structure(("a",), ((0, 1.0), (1, -1.0)), 2.0), structure(("b",), ((2, 1.0),), 3.0)]
@@ -16,8 +16,8 @@ TABLES = ["slot_by_key", "key_by_slot", "_legs_by_slot", "_metadata_by_slot", "_
 
 
 def outcome_of_a_day(rotation):
-    called = days.outcome(rotation, np.ones(6))
-    return called, days.freeze([getattr(rotation, name, None) for name in TABLES])
+    called = frozen.outcome(rotation, np.ones(6))
+    return called, frozen.freeze([getattr(rotation, name, None) for name in TABLES])
 
 
 def days_around(module, change, others=0):

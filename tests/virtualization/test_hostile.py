@@ -19,7 +19,7 @@ from unittest import mock
 import numpy as np
 import pytest
 
-from support import days
+from support import days, frozen
 from support.hostile import Trigger
 from support.hostile_days import hostile_days, make
 from support.hostile_places import DELETIONS, ITEM_PLACES, PLACES, item_with
@@ -67,8 +67,8 @@ def day_log(rotation, *, N=6, masks=None, combined=None, buffer=None):
     combined = np.zeros(6, dtype=np.uint8) if combined is None else combined
     masks = (np.zeros(6, dtype=np.uint8),) if masks is None else masks
     buffer = np.full(6, 77.0) if buffer is None else buffer
-    result = days.outcome(rotation.compute, (np.zeros(6),), masks, combined, buffer, N)
-    return result, days.freeze(buffer), days.freeze(vars(rotation))
+    result = frozen.outcome(rotation.compute, (np.zeros(6),), masks, combined, buffer, N)
+    return result, frozen.freeze(buffer), frozen.freeze(vars(rotation))
 
 
 def plain_items(count=3):
@@ -80,7 +80,7 @@ def plain_items(count=3):
 
 def value_logs(base, values, use):
     """Use each of the values on a fresh rotation and collect what happens."""
-    return [days.freeze(use(make(base), value)) for value in values]
+    return [frozen.freeze(use(make(base), value)) for value in values]
 
 
 # Numbers of every make
@@ -265,8 +265,8 @@ def odd_ids_in_a_record_that_was_not_normalised(base):
 def odd_days(base):
     def use(rotation, number):
         context = days.Thing(current_day_index=number)
-        child_context = days.outcome(rotation._make_child_context, None, number)
-        return days.outcome(rotation, np.ones(6), context=context), child_context
+        child_context = frozen.outcome(rotation._make_child_context, None, number)
+        return frozen.outcome(rotation, np.ones(6), context=context), child_context
 
     return value_logs(base, ODD_NUMBERS, use)
 
@@ -309,7 +309,7 @@ def odd_capacities(base):
     def use(rotation, number):
         rotation.items = plain_items()
         rotation.max_structures = number
-        return day_log(rotation), days.outcome(rotation.set_state, {"child_states": [{}]})
+        return day_log(rotation), frozen.outcome(rotation.set_state, {"child_states": [{}]})
 
     return value_logs(base, [*ODD_NUMBERS, 0, -1, 2, 3.5], use)
 
@@ -317,7 +317,7 @@ def odd_capacities(base):
 @scenario
 def odd_widths_of_resize(base):
     def use(rotation, number):
-        result = days.outcome(rotation.resize, number)
+        result = frozen.outcome(rotation.resize, number)
         attributes = dict(vars(rotation))
         attributes["_output_buf"] = attributes["_output_buf"].shape
         return result, attributes
@@ -330,7 +330,7 @@ def odd_widths_of_resize(base):
 def odd_limits_of_resize(base):
     def use(rotation, number):
         rotation._structure_N_limit = number
-        result = days.outcome(rotation.resize, 3)
+        result = frozen.outcome(rotation.resize, 3)
         return result, rotation._n_alloc, rotation._structure_N_limit
 
     return value_logs(base, ODD_NUMBERS, use)
@@ -347,10 +347,10 @@ def odd_numbers_in_a_state(base):
             {**good, "legs_by_slot": {2: [(number, 1.0)]}},
             {**good, "legs_by_slot": {2: [(1, number)]}},
         ]:
-            log.append(days.outcome(rotation._validate_state_components, state))
+            log.append(frozen.outcome(rotation._validate_state_components, state))
         with contextlib.suppress(TypeError):
             state = {"slot_by_key": {("a",): 2}, "key_by_slot": {number: ("a",)}}
-            log.append(days.outcome(rotation._validate_state_components, state))
+            log.append(frozen.outcome(rotation._validate_state_components, state))
         return log
 
     return value_logs(base, [*ODD_NUMBERS, OddInt(2), OddInt(9), OddInt(-1)], use)
@@ -360,7 +360,7 @@ def odd_numbers_in_a_state(base):
 def odd_items_of_the_universe_mask(base):
     mask = base._AllOnesVirtualMask(5, np.arange(4, dtype=np.uint8))
     numbers = [*ODD_NUMBERS, SubclassInt]
-    return [days.outcome(mask.__getitem__, number) for number in numbers]
+    return [frozen.outcome(mask.__getitem__, number) for number in numbers]
 
 
 # Containers with ways of their own
@@ -477,7 +477,7 @@ def metadata_in_containers_of_its_own(base):
 
     def use_state(rotation, metadata):
         state = {"structure_metadata_by_slot": [metadata] * 4, "child_states": [1]}
-        return days.outcome(rotation.set_state, state), len(rotation._metadata_by_slot)
+        return frozen.outcome(rotation.set_state, state), len(rotation._metadata_by_slot)
 
     return value_logs(base, containers[:9], use) + value_logs(base, containers, use_state)
 
@@ -524,16 +524,16 @@ def things_that_say_they_are_of_a_builtin_class(base):
     rotation = make(base)
     rotation.items = [spoofed]
     log = [day_log(rotation)[0]]
-    log.append(days.outcome(rotation.set_state, spoofed))
-    log.append(days.outcome(rotation.resize, spoof(int, __int__=lambda self: 4)))
+    log.append(frozen.outcome(rotation.set_state, spoofed))
+    log.append(frozen.outcome(rotation.resize, spoof(int, __int__=lambda self: 4)))
     mask = base._AllOnesVirtualMask(5, np.arange(4))
     pair = spoof(tuple, __iter__=lambda self: iter((0, 1)))
-    log.append(days.outcome(mask.__getitem__, pair))
+    log.append(frozen.outcome(mask.__getitem__, pair))
     for entry in ["slot_by_key", "key_by_slot", "legs_by_slot"]:
         mapping = spoof(dict, __len__=lambda self: 0, items=lambda self: [])
-        log.append(days.outcome(rotation._validate_state_components, {entry: mapping}))
+        log.append(frozen.outcome(rotation._validate_state_components, {entry: mapping}))
     parts = spoof(list, __len__=lambda self: 1, __iter__=lambda self: iter(["state"]))
-    log.append(days.outcome(rotation._validate_child_states, {"child_states": parts}))
+    log.append(frozen.outcome(rotation._validate_child_states, {"child_states": parts}))
     return log
 
 
@@ -758,8 +758,8 @@ def one_buffer_for_everything(base):
     log = [day_log(rotation, N=4, buffer=row)]
     rotation._legs_by_slot = {slot: ((3 - slot, 1.0),) for slot in range(4)}
     overlapping = np.arange(8.0)
-    log.append(days.outcome(rotation._unmap, overlapping[2:], overlapping[:4], 4))
-    return [*log, days.freeze(overlapping)]
+    log.append(frozen.outcome(rotation._unmap, overlapping[2:], overlapping[:4], 4))
+    return [*log, frozen.freeze(overlapping)]
 
 
 # Tables of every make
@@ -820,9 +820,9 @@ def attributes_that_are_properties_of_the_class(base):
         rotation = make(base, **{name: stored_elsewhere(name)})
         rotation.items = plain_items()
         log.append(day_log(rotation))
-        log.append(days.outcome(rotation, np.ones(6)))
+        log.append(frozen.outcome(rotation, np.ones(6)))
         log.append(sorted(vars(rotation)["reads"]))
-        log.append(days.outcome(rotation.set_state, {"child_states": [1]}))
+        log.append(frozen.outcome(rotation.set_state, {"child_states": [1]}))
     return log
 
 
@@ -861,7 +861,7 @@ def class_attributes_in_place_of_instance_attributes(base):
     for name in ["_legs_by_slot", "unmap_policy", "max_structures", "slot_by_key", "_txi_input"]:
         setattr(type(rotation), name, vars(rotation)[name])
         delattr(rotation, name)
-    return [day_log(rotation), days.outcome(rotation.get_state)]
+    return [day_log(rotation), frozen.outcome(rotation.get_state)]
 
 
 @scenario
@@ -871,7 +871,7 @@ def steps_that_are_no_functions(base):
         for step in [None, 5, staticmethod(lambda *args: 0), classmethod(lambda *args: 0)]:
             rotation = make(base, **{name: step})
             rotation.items = plain_items()
-            log.append(days.outcome(rotation, np.ones(6)))
+            log.append(frozen.outcome(rotation, np.ones(6)))
     return log
 
 
@@ -946,7 +946,7 @@ def record_class_rebound_during_a_day(base):
 
     class Other:
         def __init__(self, *args, **kwargs):
-            made.append((days.freeze(args), kwargs))
+            made.append((frozen.freeze(args), kwargs))
             self.key, self.legs, self.value, self.metadata = args
 
     rotation = make(base)
@@ -956,7 +956,7 @@ def record_class_rebound_during_a_day(base):
     rotation.items.append(plain_items()[2])
     log = [day_log(rotation), list(made)]
     del base.VirtualStructure
-    return [*log, days.outcome(rotation, np.ones(6))]
+    return [*log, frozen.outcome(rotation, np.ones(6))]
 
 
 @scenario
@@ -996,7 +996,7 @@ def context_classes_rebound_during_a_day(base):
     rotation.items = [item_with(trigger, legs=[(1, days_number(trigger))])]
     contexts = []
     rotation.child_rotations = [lambda values, context: contexts.append(context) or values]
-    return [day_log(rotation), days.freeze(contexts)]
+    return [day_log(rotation), frozen.freeze(contexts)]
 
 
 @scenario
@@ -1065,7 +1065,7 @@ def arithmetic_that_overflows_warns_or_raises_as_numpy_is_told(base):
                 buffer = np.full(6, 77.0)
                 row = np.array([value, value, NAN, NAN])
                 with np.errstate(all=setting):
-                    log.append((days.outcome(rotation._unmap, row, buffer, 6), buffer.tobytes()))
+                    log.append((frozen.outcome(rotation._unmap, row, buffer, 6), buffer.tobytes()))
     return log
 
 
@@ -1108,7 +1108,7 @@ def errors_raised_while_another_is_handled_have_it_as_context(base):
         try:
             raise OSError("outer")
         except OSError:
-            log.append(days.outcome(call))
+            log.append(frozen.outcome(call))
             log.append(repr(sys.exc_info()[1]))
     return log
 
@@ -1126,7 +1126,7 @@ def error_raised_again_and_again_stays_one_object(base):
         try:
             rotation(np.ones(6))
         except LookupError as caught:
-            log.append((caught is error, days.callers_frames(caught), caught.__context__))
+            log.append((caught is error, frozen.callers_frames(caught), caught.__context__))
         error.__traceback__ = None
     return log
 
@@ -1166,7 +1166,7 @@ def error_being_handled_during_a_rollback(base):
                 raise LookupError("set")
 
     rotation = make(base, Child())
-    result = days.outcome(rotation.set_state, {"child_states": [{}, {}]})
+    result = frozen.outcome(rotation.set_state, {"child_states": [{}, {}]})
     return [result, seen, repr(sys.exc_info()[1])]
 
 
@@ -1183,7 +1183,7 @@ def error_being_handled_while_the_context_is_released(base):
         raise LookupError("child")
 
     rotation = make(base, fail, __setattr__=__setattr__)
-    return [days.outcome(rotation, np.ones(6)), seen]
+    return [frozen.outcome(rotation, np.ones(6)), seen]
 
 
 @scenario
@@ -1194,7 +1194,7 @@ def error_with_a_cause_keeps_it(base):
         except OSError as error:
             raise LookupError("second") from error
 
-    return days.outcome(make(base, fail), np.ones(6))
+    return frozen.outcome(make(base, fail), np.ones(6))
 
 
 # States
@@ -1245,8 +1245,8 @@ def states_that_change_while_they_are_checked(base):
         rotation = make(base)
         state = {}
         state.update(state_of(Acting(functools.partial(action, state, rotation))))
-        log.append(days.outcome(rotation.set_state, state))
-        log.append(days.freeze({**vars(rotation), "child_rotations": None}))
+        log.append(frozen.outcome(rotation.set_state, state))
+        log.append(frozen.freeze({**vars(rotation), "child_rotations": None}))
     return log
 
 
@@ -1277,7 +1277,7 @@ def keys_of_a_state_that_act_when_compared(base):
             ({(first,): 0, (1,): 1}, {1: (1,), 0: (first,)}),
         ]:
             state = {"slot_by_key": slot_by_key, "key_by_slot": key_by_slot}
-            log.append(days.outcome(make(base)._validate_state_components, state))
+            log.append(frozen.outcome(make(base)._validate_state_components, state))
     return log
 
 
@@ -1321,9 +1321,9 @@ def children_that_change_the_list_of_children_while_they_are_set(base):
             "assign": functools.partial(setattr, rotation, "slot_by_key", {"lost": 1}),
             "fail": fail,
         }[change]
-        log.append(days.outcome(rotation.set_state, state))
+        log.append(frozen.outcome(rotation.set_state, state))
         log.append([child.states for child in [first, last]])
-        log.append(days.freeze({**vars(rotation), "child_rotations": None}))
+        log.append(frozen.freeze({**vars(rotation), "child_rotations": None}))
     return log
 
 
@@ -1344,14 +1344,14 @@ def children_whose_methods_are_odd(base):
         for error in [AttributeError("x"), LookupError("x"), KeyboardInterrupt("x")]:
             rotation = make(base)
             rotation.child_rotations = [Raising(error, name)]
-            log.append(days.outcome(rotation.get_state))
-            log.append(days.outcome(rotation._snapshot_child_states))
-            log.append(days.outcome(rotation._restore_child_snapshots, ["a"]))
-            log.append(days.outcome(rotation.set_state, {"child_states": ["a"]}))
+            log.append(frozen.outcome(rotation.get_state))
+            log.append(frozen.outcome(rotation._snapshot_child_states))
+            log.append(frozen.outcome(rotation._restore_child_snapshots, ["a"]))
+            log.append(frozen.outcome(rotation.set_state, {"child_states": ["a"]}))
     rotation = make(base)
     rotation.child_rotations = [types.SimpleNamespace(get_state=5, set_state=None)]
-    log.append(days.outcome(rotation.get_state))
-    log.append(days.outcome(rotation.set_state, {"child_states": ["a"]}))
+    log.append(frozen.outcome(rotation.get_state))
+    log.append(frozen.outcome(rotation.set_state, {"child_states": ["a"]}))
     return log
 
 
@@ -1368,21 +1368,21 @@ def overridden_parts_of_a_restore(base):
         FailingIterator(),
     ]:
         rotation = make(base, _validate_state_components=lambda self, state, result=result: result)
-        log.append(days.outcome(rotation.set_state, {"child_states": [1]}))
+        log.append(frozen.outcome(rotation.set_state, {"child_states": [1]}))
         log.append(str(rotation.slot_by_key))
     for result in [None, [], [1, 2], "ab", iter([1]), FailingIterator()]:
         for name in ["_validate_child_states", "_snapshot_child_states"]:
             rotation = make(base, **{name: lambda self, *args, result=result: result})
-            log.append(days.outcome(rotation.set_state, {"child_states": [1]}))
+            log.append(frozen.outcome(rotation.set_state, {"child_states": [1]}))
     for result in [None, [], 0, "notes", {0: 1}, {1: 1}, [KeyError("x")], np.zeros(2)]:
         child = days.Thing()
         child.get_state = dict
         child.set_state = functools.partial(raise_error, LookupError("set"))
         rotation = make(base, _restore_child_snapshots=lambda self, *args, result=result: result)
         rotation.child_rotations = [child]
-        log.append(days.outcome(rotation.set_state, {"child_states": [1]}))
+        log.append(frozen.outcome(rotation.set_state, {"child_states": [1]}))
     for snapshots in [None, 5, "ab", iter(["a"]), FailingIterator(), NoIterator()]:
-        log.append(days.outcome(make(base)._restore_child_snapshots, snapshots))
+        log.append(frozen.outcome(make(base)._restore_child_snapshots, snapshots))
     return log
 
 
@@ -1396,15 +1396,15 @@ def storage_objects_that_are_odd(base):
     rotation = make(base)
     for stored in [OwnKeys(), collections.OrderedDict(), collections.UserDict(), MissingKeys(x=1)]:
         storage = types.SimpleNamespace(read=lambda name, stored=stored: stored)
-        log.append(days.outcome(rotation.recover, storage))
+        log.append(frozen.outcome(rotation.recover, storage))
     for error in [AttributeError("x"), StopIteration(), KeyboardInterrupt(), GeneratorExit()]:
         storage = types.SimpleNamespace(
             read=functools.partial(raise_error, error), write=functools.partial(raise_error, error)
         )
-        log.append(days.outcome(rotation.recover, storage))
-        log.append(days.outcome(rotation.checkpoint, storage))
-    log.append(days.outcome(rotation.recover, None))
-    log.append(days.outcome(rotation.checkpoint, None))
+        log.append(frozen.outcome(rotation.recover, storage))
+        log.append(frozen.outcome(rotation.checkpoint, storage))
+    log.append(frozen.outcome(rotation.recover, None))
+    log.append(frozen.outcome(rotation.checkpoint, None))
     return log
 
 
@@ -1426,14 +1426,14 @@ def names_that_format_oddly(base):
         rotation = make(base)
         rotation._name = name
         rotation.slot_by_key = {(number,): number for number in range(4)}
-        log.append(days.outcome(rotation._slot_for_key, "new"))
-        log.append(days.outcome(rotation.set_state, None))
-        log.append(days.outcome(rotation.batch_reference))
+        log.append(frozen.outcome(rotation._slot_for_key, "new"))
+        log.append(frozen.outcome(rotation.set_state, None))
+        log.append(frozen.outcome(rotation.batch_reference))
         rotation._n_alloc = None
         base.MAX_VIRTUAL_STRUCTURES = 1
-        log.append(days.outcome(rotation, [1, 2]))
+        log.append(frozen.outcome(rotation, [1, 2]))
         rotation.child_rotations = [lambda values, context: 1.0]
-        log.append(days.outcome(rotation._run_child_chain, np.zeros(4), None))
+        log.append(frozen.outcome(rotation._run_child_chain, np.zeros(4), None))
         base.MAX_VIRTUAL_STRUCTURES = 1000000
     return log
 
@@ -1445,7 +1445,7 @@ def names_that_format_oddly(base):
 def call_that_calls_itself_without_end_is_a_recursion_error(base):
     rotation = make(base)
     rotation.items = lambda *args: rotation(np.ones(6))
-    kind, *details = days.outcome(rotation, np.ones(6))
+    kind, *details = frozen.outcome(rotation, np.ones(6))
     return [kind, details[0][0], rotation._current_parent_context]
 
 
@@ -1461,11 +1461,11 @@ def fresh_objects_at_old_addresses(base):
         key = ("k" + str(day % 3),)
         rotation.items = [{"key": key, "legs": legs, "value": float(day), "metadata": {"d": day}}]
         del legs, key
-        log.append(days.outcome(rotation, np.ones(6)))
+        log.append(frozen.outcome(rotation, np.ones(6)))
         rotation.items = None
         if day % 7 == 0:
             rotation._legs_by_slot.clear()
-        log.append(days.freeze(vars(rotation)))
+        log.append(frozen.freeze(vars(rotation)))
     return log
 
 
@@ -1496,11 +1496,11 @@ def rotations_made_and_dropped_during_the_day_of_another(base):
         for number in range(20):
             other = make(base)
             other.items = plain_items()
-            log.append(days.outcome(other, np.ones(6)))
+            log.append(frozen.outcome(other, np.ones(6)))
             if number % 5 == 0:
                 kept.append(other)
         for other in kept:
-            log.append(days.outcome(other, np.ones(6)))
+            log.append(frozen.outcome(other, np.ones(6)))
         return plain_items()
 
     rotation = make(base)
@@ -1635,11 +1635,11 @@ def metadata_seen_by_a_child_and_by_the_hook(base):
     seen = []
 
     def look(values, context):
-        seen.append(days.freeze(rotation._metadata_by_slot))
+        seen.append(frozen.freeze(rotation._metadata_by_slot))
         return values
 
     def hook(*args):
-        seen.append(days.freeze(rotation._metadata_by_slot))
+        seen.append(frozen.freeze(rotation._metadata_by_slot))
         return items
 
     rotation = make(base, look)

@@ -6,7 +6,7 @@ import types
 import numpy as np
 import pytest
 
-from support import days
+from support import frozen
 from support.hostile import Comparing, Trigger, WatchedMap, firing, watched
 from support.hostile_actions import HARMS
 from support.hostile_days import make
@@ -268,14 +268,14 @@ def hostile_call(base, name, action):
         {"key": ("b",), "legs": ((1, 0.5), (2, -1.0)), "value": 2.0},
         {"key": ("c",), "legs": ((3, 1.0),), "value": 3.0, "metadata": {"note": [1]}},
     ]
-    log.append(days.outcome(rotation, np.ones(6)))
+    log.append(frozen.outcome(rotation, np.ones(6)))
     call = CALLS[name](rotation, trigger)
     trigger.fired, trigger.action = 0, lambda: action(rotation)
-    log.append(days.outcome(call))
+    log.append(frozen.outcome(call))
     trigger.action = None
     settle(rotation)
-    log.append(days.freeze(vars(rotation)))
-    log += [days.outcome(rotation, np.ones(6)), days.freeze(vars(rotation)), trigger.fired]
+    log.append(frozen.freeze(vars(rotation)))
+    log += [frozen.outcome(rotation, np.ones(6)), frozen.freeze(vars(rotation)), trigger.fired]
     return log
 
 

@@ -6,7 +6,7 @@ import types
 import numpy as np
 import pytest
 
-from support import days
+from support import days, frozen
 from support.hostile import Trigger
 from support.hostile_states import CAPACITY, OVERRIDES, RESTORE_HARMS, ROTATION_SPOTS, SPOTS, WIDTH
 from support.siblings import Siblings, load_base
@@ -42,15 +42,15 @@ def hostile_restore(base, spot, act, *, way, children=2):
     def take_action():
         if "deletion" in spot:
             # What a finalizer raises reaches nobody but the hook for unraisable errors.
-            acted.append(days.outcome(act, rotation, state))
+            acted.append(frozen.outcome(act, rotation, state))
         else:
             act(rotation, state)
 
     trigger.fired, trigger.action = 0, take_action
-    log = [days.outcome(way, rotation, state)]
+    log = [frozen.outcome(way, rotation, state)]
     trigger.action = None
-    log += [days.freeze([state, vars(rotation)]), trigger.fired, acted]
-    log += [days.outcome(rotation, np.ones(WIDTH)), days.freeze(vars(rotation))]
+    log += [frozen.freeze([state, vars(rotation)]), trigger.fired, acted]
+    log += [frozen.outcome(rotation, np.ones(WIDTH)), frozen.freeze(vars(rotation))]
     return log
 
 

@@ -12,7 +12,7 @@ from unittest import mock
 import numpy as np
 import pytest
 
-from support import days
+from support import frozen
 from support.fakes import make_rotation, structure, through_super
 from support.siblings import Siblings, installed_base
 
@@ -45,14 +45,14 @@ def everywhere(modules, scenario, **attributes):
 def outcome(call, *arguments, **keywords):
     """Return what the call gives, or its error without the overrides that it came through."""
     try:
-        return days.freeze(call(*arguments, **keywords))
+        return frozen.freeze(call(*arguments, **keywords))
     except Exception as error:
         return type(error), str(error)
 
 
 def all_of(rotation):
     attributes = {name: value for name, value in vars(rotation).items() if name in OWN}
-    return days.freeze(attributes), rotation._txi_input.tobytes()
+    return frozen.freeze(attributes), rotation._txi_input.tobytes()
 
 
 def a_day(rotation, report=None):
@@ -203,7 +203,7 @@ def test_restore_without_a_dictionary(modules):
         a_day(rotation)
         state = copy.deepcopy(rotation.get_state())
         del rotation.__dict__
-        return outcome(rotation.set_state, state), days.freeze(vars(rotation))
+        return outcome(rotation.set_state, state), frozen.freeze(vars(rotation))
 
     everywhere(modules, scenario)
 
@@ -402,7 +402,7 @@ def test_copy_for_a_record_goes_by_numpy_before_its_source_is_read(modules, attr
             for patch in reversed(patches):
                 patch.stop()
         assert getattr(np, replaced) is original
-        seen.append((done, again, days.freeze(records), len(patches)))
+        seen.append((done, again, frozen.freeze(records), len(patches)))
     assert seen[0] == seen[1]
 
 

@@ -83,6 +83,7 @@ def test_an_input_without_all_the_named_columns_is_refused():
         make({0: JANUARY}, N_alloc=5)(np.ones(2))
 
 
+@pytest.mark.usefixtures("all_collected")
 def test_the_module_tells_the_collector_of_what_it_holds():
     module = sys.modules["quorvane.functions.rotations.virtualization.planned"]
     method = module.PlannedStructures.basket_values

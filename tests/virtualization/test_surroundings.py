@@ -13,7 +13,7 @@ from unittest import mock
 import numpy as np
 import pytest
 
-from support import days
+from support import frozen
 from support.fakes import Context, RecordingChild, make_rotation, structure
 from support.siblings import Siblings, load_base, plain_rotation_base
 
@@ -36,9 +36,9 @@ def both(scenario, *arguments, **siblings):
 def a_day(rotation):
     """Compute one day on six live instruments; return all that came of it."""
     buffer = np.full(6, 77.0)
-    result = days.outcome(compute, rotation, buffer)
+    result = frozen.outcome(compute, rotation, buffer)
     attributes = {name: value for name, value in vars(rotation).items() if not callable(value)}
-    return result, days.freeze(buffer), days.freeze(attributes)
+    return result, frozen.freeze(buffer), frozen.freeze(attributes)
 
 
 def compute(rotation, buffer):
@@ -477,7 +477,7 @@ def test_record_was_made_before_the_slot_is_looked_for(change):
         rotation = make_rotation(base, [ITEMS[:1]] * 2)
         rotation.slot_by_key[acting] = 0
         outcome, buffer, _ = a_day(rotation)
-        return outcome, buffer, days.freeze([rotation._metadata_by_slot, rotation._txi_input])
+        return outcome, buffer, frozen.freeze([rotation._metadata_by_slot, rotation._txi_input])
 
     both(scenario)
 

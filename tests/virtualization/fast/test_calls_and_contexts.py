@@ -11,7 +11,7 @@ import weakref
 import numpy as np
 import pytest
 
-from support import days
+from support import frozen
 from support.fakes import RecordingChild, make_rotation, structure
 from support.isolated import run_isolated
 from support.siblings import Siblings, load_base, plain_rotation_base
@@ -56,16 +56,20 @@ def same_on_both(scenario, **siblings):
 
 def a_day(rotation, *inputs, **keywords):
     """Call the rotation; return the outcome and all attributes that are no children."""
-    result = days.outcome(rotation, *(inputs or (np.ones(6),)), **keywords)
+    result = frozen.outcome(rotation, *(inputs or (np.ones(6),)), **keywords)
     hidden = {"child_rotations", "child_factories"}
     kept = {name: value for name, value in vars(rotation).items() if name not in hidden}
-    return result, days.freeze(kept)
+    return result, frozen.freeze(kept)
 
 
 def seen(child):
     """Freeze what a recording child was called with."""
     return [
-        (days.freeze(values), type(context).__name__, days.freeze(getattr(context, "__dict__", 0)))
+        (
+            frozen.freeze(values),
+            type(context).__name__,
+            frozen.freeze(getattr(context, "__dict__", 0)),
+        )
         for _, values, context in child.calls
     ]
 
@@ -414,10 +418,10 @@ def test_class_changed_while_it_is_looked_into_is_looked_into_again(looked_up, c
         log = [a_day(rotation), a_day(rotation)]
         key.action = lambda: setattr(own, changed, replaced[changed])
         own.further = 1  # so that nothing is known of the class any more
-        days.outcome(rotation, np.ones(6))
+        frozen.outcome(rotation, np.ones(6))
         if key.action:
             key.action()
-        return [*log, *[days.outcome(rotation, np.ones(6)) for _ in range(3)]]
+        return [*log, *[frozen.outcome(rotation, np.ones(6)) for _ in range(3)]]
 
     log = same_on_both(scenario)
     assert log[1][0] != log[2]
@@ -508,7 +512,7 @@ def test_self_that_is_no_rotation_is_what_super_makes_of_it(what):
             "pretending": Pretending(own),
             "none": None,
         }
-        return days.outcome(base.VirtualizationBase.__call__, selves[what], np.ones(6))
+        return frozen.outcome(base.VirtualizationBase.__call__, selves[what], np.ones(6))
 
     same_on_both(scenario)
 
@@ -582,7 +586,7 @@ class Reading:
             lambda: context.universe_mask[:, 1],
             lambda: vars(context.universe_mask),
         ]:
-            self.log.append(days.outcome(read))
+            self.log.append(frozen.outcome(read))
         return values * 0.5
 
 
@@ -617,7 +621,7 @@ def test_changed_context_class_makes_what_it_makes(change, name, moment):
             act()
         if moment == "batch":
             act()
-            log.append(days.outcome(rotation.batch_reference, np.ones((2, 6))))
+            log.append(frozen.outcome(rotation.batch_reference, np.ones((2, 6))))
         return [*log, a_day(rotation), a_day(rotation), reading.log]
 
     same_on_both(scenario)
@@ -673,7 +677,7 @@ def test_universe_row_may_be_anything_with_a_shape(row):
         )
         log = [a_day(rotation)]
         rotation._txi_universe_row = ROWS[row]()
-        return [*log, days.outcome(rotation, np.ones(6)), reading.log]
+        return [*log, frozen.outcome(rotation, np.ones(6)), reading.log]
 
     same_on_both(scenario)
 
@@ -690,7 +694,7 @@ DAYS = [0, 5, -1, -9, True, 2.9, "4", 2**70, -(2**70), None, Seven(7), np.int64(
 def test_day_of_a_child_context_may_be_whatever_int_takes(day):
     def scenario(base, attributes):
         rotation = make_rotation(base, attributes=attributes)
-        outcome = days.outcome(rotation._make_child_context, None, day)
+        outcome = frozen.outcome(rotation._make_child_context, None, day)
         if outcome[0] == "returned":
             assert rotation._make_child_context(None, day).current_day_index is day
         return outcome
@@ -709,7 +713,7 @@ def test_mask_of_any_shape_is_indexed_by_the_rules(shape, way):
         if way == "subclass":
             own = type("Own", (own,), {"shape": property(lambda self: shape, lambda *_: None)})
         mask = own(2, np.ones(4, dtype=np.uint8))
-        days.outcome(mask.__getitem__, 0)
+        frozen.outcome(mask.__getitem__, 0)
         if way == "set":
             mask.shape = shape
         elif way == "attribute":
@@ -719,7 +723,7 @@ def test_mask_of_any_shape_is_indexed_by_the_rules(shape, way):
         elif way == "no row":
             del mask._row
         items = [0, 1, 2, 3, -1, -3, -4, True, np.int64(1), 1.7, 2**70, Seven(7), "1", None]
-        return [days.outcome(mask.__getitem__, item) for item in items]
+        return [frozen.outcome(mask.__getitem__, item) for item in items]
 
     same_on_both(scenario)
 
@@ -749,7 +753,7 @@ def described(row):
     if not isinstance(row, np.ndarray):
         return repr(row)
     base = None if row.base is None else (type(row.base).__name__, row.base.shape)
-    return days.freeze(row), str(row.flags), base
+    return frozen.freeze(row), str(row.flags), base
 
 
 @pytest.mark.parametrize("name", MATRICES)
@@ -760,15 +764,15 @@ def test_rows_of_a_batch_are_handed_over_as_numpy_indexes_them(name, second):
 
         def __call__(self, *args, context=None):
             rows.append([described(row) for row in args])
-            rows.append(days.freeze(vars(context)))
+            rows.append(frozen.freeze(vars(context)))
             return np.array(args[0])
 
         further = {"short": [np.ones((2, 6))], "wide": [np.ones((9, 9))], None: []}[second]
         rotation = make_rotation(base, attributes={**attributes, "__call__": __call__})
         context = type("Context", (), {"universe_mask": "everybody"})()
         outcomes = [
-            days.outcome(rotation.batch_reference, MATRICES[name](), *further),
-            days.outcome(rotation.batch_reference, MATRICES[name](), *further, context=context),
+            frozen.outcome(rotation.batch_reference, MATRICES[name](), *further),
+            frozen.outcome(rotation.batch_reference, MATRICES[name](), *further, context=context),
         ]
         return outcomes, rows
 
@@ -806,7 +810,7 @@ def test_outputs_of_a_batch_are_stacked_as_numpy_stacks_them(name, number):
             return RETURNED[name](context.current_day_index)
 
         rotation = make_rotation(base, attributes={**attributes, "__call__": __call__})
-        outcome = days.outcome(rotation.batch_reference, np.ones((number, 6)))
+        outcome = frozen.outcome(rotation.batch_reference, np.ones((number, 6)))
         if outcome[0] == "raised":
             return outcome
         stacked = rotation.batch_reference(np.ones((number, 6)))
@@ -829,7 +833,7 @@ def test_numpy_replaced_during_a_batch_counts(name):
             return ITEMS
 
         rotation = make_rotation(base, [ITEMS, replace] + [ITEMS] * 3, attributes=attributes)
-        return days.outcome(rotation.batch_reference, np.ones((4, 6)))
+        return frozen.outcome(rotation.batch_reference, np.ones((4, 6)))
 
     same_on_both(scenario)
 
@@ -840,7 +844,7 @@ def test_batch_may_be_called_through_any_kind_of_call():
         for call in [*BESIDE.values(), property(lambda self: lambda *args, context: np.ones(2))]:
             rotation = make_rotation(base, attributes={**attributes, "__call__": call})
             outcomes.append(
-                days.outcome(rotation.batch_reference, np.ones((2, 6)), np.ones((2, 1)))
+                frozen.outcome(rotation.batch_reference, np.ones((2, 6)), np.ones((2, 1)))
             )
         return outcomes
 

@@ -8,7 +8,7 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
-from support import days
+from support import days, frozen
 from support.tampering import SLOTS, WAYS, N, TamperedRotation, play, way
 
 NAN = float("nan")
@@ -95,7 +95,7 @@ class Child(Later):
 class Sink(Later):
     def append(self, record):
         self.come()
-        self.side.log.append(days.freeze(record))
+        self.side.log.append(frozen.freeze(record))
 
 
 COLUMN_WAYS = {}
@@ -472,7 +472,7 @@ def test_thousands_of_structures_on_and_off(modules):
             inputs[rng.integers(0, N)] = NAN
             rotation.items = made[kind].with_values(values)
             log.append(rotation(inputs).tobytes())
-            log.append(days.freeze(days.visible_attributes(rotation, ["items"])))
+            log.append(frozen.freeze(days.visible_attributes(rotation, ["items"])))
         return log
 
     expected = logs(twin, ())

@@ -8,7 +8,7 @@ down or find the day's bookkeeping half-written.
 import numpy as np
 import pytest
 
-from support import days
+from support import frozen
 from support.fakes import make_rotation, structure
 from support.isolated import run_isolated
 from support.siblings import Siblings, load_base
@@ -396,7 +396,7 @@ def logs(scenario):
 
 def a_day(rotation):
     attributes = {name: value for name, value in vars(rotation).items() if type(name) is str}
-    return days.outcome(rotation, np.ones(6)), days.freeze(attributes)
+    return frozen.outcome(rotation, np.ones(6)), frozen.freeze(attributes)
 
 
 @pytest.mark.parametrize("key", [Odd, Same])

@@ -11,7 +11,7 @@ import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
-from support import days
+from support import frozen
 from support.tampering import TABLES, WAYS, N, TamperedRotation, play
 
 STEPS = ("_normalize_structure", "_slot_for_key", "_structure_is_valid")
@@ -378,11 +378,11 @@ def generated_days(module, act, style, steps):
             yield in_tuples(1)
 
         rotation.report = report
-        ending = days.outcome(
+        ending = frozen.outcome(
             rotation.compute, (np.ones(N),), side.masks, side.combined, np.ones(N), N
         )
         kept = {name: value for name, value in vars(rotation).items() if name in TABLES}
-        log.append((ending[:2], days.freeze(kept)))
+        log.append((ending[:2], frozen.freeze(kept)))
     return log
 
 
@@ -408,11 +408,11 @@ def record_four_days(side, log):
     rotation = side.rotation
     for _ in range(4):
         rotation.report = [in_tuples(i) for i in range(4)]
-        ending = days.outcome(
+        ending = frozen.outcome(
             rotation.compute, (np.ones(N),), side.masks, side.combined, np.ones(N), N
         )
         kept = {name: value for name, value in vars(rotation).items() if name in TABLES}
-        log.append((ending[:2], days.freeze(kept)))
+        log.append((ending[:2], frozen.freeze(kept)))
 
 
 @pytest.mark.parametrize("step", STEPS)
@@ -445,7 +445,7 @@ def test_a_word_that_is_made_anew_takes_the_place_of_another(modules, report, wo
         for metadata in [{"note": 1}, {"".join(list(word)): 2}, {"note": 3}]:
             side.rotation.report = REPORTS[report]([{**in_tuples(0), "metadata": metadata}])
             side.record_day()
-            log.append(days.freeze(side.rotation._metadata_by_slot))
+            log.append(frozen.freeze(side.rotation._metadata_by_slot))
         return log
 
     native, twin = modules
@@ -615,7 +615,7 @@ def test_metadata_that_somebody_holds_is_reset_and_made_anew(modules, report):
             held = list(side.rotation._metadata_by_slot)
             side.day([(6, 0), (0, 1)], report)
             now = side.rotation._metadata_by_slot
-            log.append([days.freeze(held), [a is b for a, b in zip(held, now, strict=True)]])
+            log.append([frozen.freeze(held), [a is b for a, b in zip(held, now, strict=True)]])
         return log
 
     native, twin = modules

@@ -9,7 +9,7 @@ import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
-from support import days
+from support import frozen
 from support.fakes import make_rotation, structure
 from support.tampering import WAYS, N, TamperedRotation, play, way
 
@@ -199,7 +199,7 @@ def test_metadata_may_be_the_dictionary_of_an_instance(modules, slot, when):
                 entry.active = "before"
                 rotation._metadata_by_slot[slot] = vars(entry)
             rotation(np.ones(6))
-            log.append(days.freeze([rotation._metadata_by_slot, vars(entry)]))
+            log.append(frozen.freeze([rotation._metadata_by_slot, vars(entry)]))
             entry.active = day
         return log
 
@@ -215,8 +215,8 @@ def test_maps_may_be_the_dictionaries_of_instances(modules, name):
         owner, log = Namespace(), []
         setattr(rotation, name, vars(owner))
         for day in range(6):
-            log.append(days.outcome(rotation, np.ones(6)))
-            log.append(days.freeze([rotation._metadata_by_slot, vars(owner)]))
+            log.append(frozen.outcome(rotation, np.ones(6)))
+            log.append(frozen.freeze([rotation._metadata_by_slot, vars(owner)]))
             if day == 2:
                 vars(owner).clear()
             owner.more = day

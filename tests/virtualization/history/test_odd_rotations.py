@@ -18,7 +18,7 @@ from quorvane.functions.rotations.virtualization.attendance import Attendance, G
 from quorvane.functions.rotations.virtualization.baskets import FixedBaskets
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
 from quorvane.functions.rotations.virtualization.history import replay_history
-from support import days
+from support import frozen
 from support.histories import ByDays, both, leftovers, random_baskets
 
 DAYS, INSTRUMENTS, BASKETS, SLOTS = 60, 11, 40, 45
@@ -66,13 +66,13 @@ def played(cls, change, matrix=None):
     rotation = rotation_of(after_the_first_day(cls, change))
     with warnings.catch_warnings():
         warnings.simplefilter("ignore")
-        ending = days.outcome(rotation.batch_reference, prices() if matrix is None else matrix)
+        ending = frozen.outcome(rotation.batch_reference, prices() if matrix is None else matrix)
     state = vars(rotation), [getattr(child, "__dict__", None) for child in chain_in(rotation)]
     for held in state[0], *filter(None, state[1]):
         held.pop("seen_days", None)
     # Errors name the class, which is not what this is about.
     told = repr(ending[:2]).replace("ByDays", "FixedBaskets")
-    return told, ending[-1], days.freeze(state)
+    return told, ending[-1], frozen.freeze(state)
 
 
 def chain_in(rotation):
@@ -461,7 +461,7 @@ def test_columns_of_odd_weights_or_that_count_from_the_end(leg_ids, weights):
         matrix = prices()
         with warnings.catch_warnings():
             warnings.simplefilter("ignore")
-            ending = days.outcome(rotation.batch_reference, matrix)[:2]
+            ending = frozen.outcome(rotation.batch_reference, matrix)[:2]
         return ending, leftovers(rotation)
 
     assert play(FixedBaskets) == play(ByDays)
@@ -611,7 +611,7 @@ def test_a_first_output_of_another_kind_is_stacked_with_the_others(kind):
 
     def play(cls):
         rotation = rotation_of(of_another_kind(cls, ROWS[kind]))
-        return days.outcome(rotation.batch_reference, matrix)[:2]
+        return frozen.outcome(rotation.batch_reference, matrix)[:2]
 
     assert play(FixedBaskets) == play(ByDays)
 
@@ -645,7 +645,7 @@ def with_an_act_on(day, cls, act, count=700, **options):
     )  # fmt: skip
     acting = OnOverflow(lambda: act(rotation, matrix))
     with np.errstate(over="call", call=acting):
-        ending = days.outcome(replay_history, rotation, matrix, **options)[:2]
+        ending = frozen.outcome(replay_history, rotation, matrix, **options)[:2]
     assert acting.act is None, "nothing overflowed"
     return ending
 
@@ -736,6 +736,6 @@ def test_a_matrix_that_a_day_gives_another_form_has_the_error_of_that_day():
                 return output
 
         rotation = Flattening({"x": {"a": 1.0}}, ["a"], transformation_expression="none")
-        return days.outcome(rotation.batch_reference, matrix)[:2]
+        return frozen.outcome(rotation.batch_reference, matrix)[:2]
 
     assert play(FixedBaskets) == play(ByDays)
