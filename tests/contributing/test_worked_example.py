@@ -39,7 +39,7 @@ def test_it_touches_each_layer(followed):
     paths = [edit.path for edit in edits]
     assert all(any(path.startswith(layer) for path in paths) for layer in layers)
     text = (ROOT / "CONTRIBUTING.md").read_text(encoding="utf-8")
-    blocks = sum(text.count(f"```{language}\n") for language in ("cpp", "cmake", "py"))
+    blocks = sum(text.count(f"```{language}\n") for language in ("cpp", "cmake", "py", "pyi"))
     assert len(edits) == blocks, "a block of the page is no edit that could be followed"
 
 

@@ -11,7 +11,9 @@ FOLDERS = ["cpp", "cmake", "src", "tests"]
 FILES = ["CMakeLists.txt", "CMakePresets.json", "pyproject.toml"]
 
 _EDIT = re.compile(
-    r"^`(?P<path>[^`]+)`, (?:a new file|below `(?P<anchor>[^`]+)`):\n\n```\w+\n(?P<text>.*?)^```$",
+    r"^`(?P<path>[^`]+)`, "
+    r"(?:a new file|below `(?P<anchor>[^`]+)`(?P<apart>, two blank lines apart)?):\n\n"
+    r"```\w+\n(?P<text>.*?)^```$",
     re.M | re.S,
 )
 
@@ -42,7 +44,10 @@ class Edit:
 def edits():
     """The edits of the page in order."""
     text = (ROOT / "CONTRIBUTING.md").read_text(encoding="utf-8")
-    return [Edit(found["path"], found["anchor"], found["text"]) for found in _EDIT.finditer(text)]
+    return [
+        Edit(found["path"], found["anchor"], ("\n\n" if found["apart"] else "") + found["text"])
+        for found in _EDIT.finditer(text)
+    ]
 
 
 def follow(folder):
