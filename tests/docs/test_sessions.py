@@ -10,7 +10,7 @@ import pytest
 from quorvane.cli import main
 
 ROOT = Path(__file__).parents[2]
-PAGE = ROOT / "docs/replay.md"
+PAGE = ROOT / "docs/how_to/command_line.md"
 
 _SESSION = re.compile(r"^```console\n(.*?)^```\n", re.M | re.S)
 

@@ -18,11 +18,11 @@ ROOT = Path(__file__).parents[2]
 # What each page's snippets import, or need without saying so.
 NEEDS = {
     "README.md": ("pandas", "msgpack"),
-    "docs/functions.md": ("pandas",),
-    "docs/evaluation.md": ("pandas", "matplotlib"),
-    "docs/sweeps.md": ("pandas", "distributed"),
-    "docs/scikit-learn.md": ("pandas", "sklearn"),
-    "docs/baskets.md": ("pandas", "polars", "narwhals", "msgpack"),
+    "docs/reference/functions.md": ("pandas",),
+    "docs/how_to/reading_a_report.md": ("pandas", "matplotlib"),
+    "docs/how_to/sweeps_on_a_cluster.md": ("pandas", "distributed"),
+    "docs/how_to/scikit_learn.md": ("pandas", "sklearn"),
+    "docs/how_to/labelled_tables.md": ("pandas", "polars", "narwhals", "msgpack"),
 }
 
 _SNIPPET = re.compile(r"^```python\n(.*?)^```\n(?:\n```text\n(.*?)^```\n)?", re.M | re.S)
