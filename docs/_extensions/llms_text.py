@@ -46,7 +46,7 @@ def first_sentence(env: BuildEnvironment, page: str) -> str:
         # What sphinx-gallery puts in front of an example says nothing of it.
         if not isinstance(paragraph.parent, nodes.Admonition | nodes.entry):
             text = " ".join(paragraph.astext().split())
-            return re.split(r"(?<=[.!?:]) (?=[^a-z])", text, maxsplit=1)[0]
+            return re.split(r"(?<=[.!?]) ", text, maxsplit=1)[0].rstrip(":")
     _log.warning("a page needs a first sentence, which llms.txt tells", location=page)
     return ""
 

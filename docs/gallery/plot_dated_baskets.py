@@ -4,9 +4,9 @@ Baskets that change by date
 
 Each January the pairs are chosen anew, by how they went together in the year before.
 
-A long table says which baskets there are, with a row for each leg. Each of its dates is the complete
-list from then on, so that a pair that is not listed any more ends, and one that is listed again goes on
-with what it remembers.
+A long table says which baskets there are, with a row for each leg. Each of its dates is the
+complete list from then on, so that a pair that is not listed any more ends, and one that is
+listed again goes on with what it remembers.
 """
 
 from itertools import combinations
@@ -41,7 +41,7 @@ pairs.slots
 speaks = values.notna().resample("YE").mean().T
 speaks = speaks.loc[speaks.gt(0.5).sum(axis=1).sort_values().index]
 fig, axes = plt.subplots(figsize=(8, 6))
-for place, (pair, years) in enumerate(speaks.iterrows()):
+for place, (_, years) in enumerate(speaks.iterrows()):
     begins = [day.year for day, share in years.items() if share > 0.5]
     axes.barh([place] * len(begins), 1, left=begins, height=0.7, color="C0")
 axes.set_yticks(range(len(speaks)), speaks.index, fontsize=8)

@@ -4,8 +4,8 @@ A first signal
 
 Pairs of stocks of one sector, smoothed and ranked against each other, come back onto the stocks.
 
-A pair's value is the difference of two returns. ``ewma(20)`` averages it over some twenty days, and
-``centered_rank`` gives each pair its place among the day's pairs, from -1 to 1.
+A pair's value is the difference of two returns. ``ewma(20)`` averages it over some twenty days,
+and ``centered_rank`` gives each pair its place among the day's pairs, from -1 to 1.
 """
 
 import matplotlib.pyplot as plt
@@ -22,8 +22,8 @@ signal = pairs.run(returns)
 signal[["AAPL", "KO", "PEP", "XOM"]].tail(3).round(2)
 
 # %%
-# The signal is a table of the same days and stocks. It is above zero where a stock has done better
-# than its peers of late: here are two that are paired with each other, in the last year.
+# The signal is a table of the same days and stocks. It is above zero where a stock has done
+# better than its peers of late: here are two that are paired with each other, in the last year.
 
 year = slice("2022", "2022")
 fig, (above, below) = plt.subplots(2, sharex=True, figsize=(8, 5))

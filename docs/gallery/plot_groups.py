@@ -2,10 +2,11 @@
 Within groups
 =============
 
-``by=`` compares a basket with those of its own group: here the pairs of a sector with one another.
+``by=`` compares a basket with those of its own group: here the pairs of a sector with one
+another.
 
-Without it a day on which energy moves is a day on which the energy pairs take all the high and low
-places. With it each sector has its own mean and its own deviation.
+Without it a day on which energy moves is a day on which the energy pairs take all the high and
+low places. With it each sector has its own mean and its own deviation.
 """
 
 import matplotlib.pyplot as plt
@@ -32,8 +33,8 @@ grouped = qv.Baskets(weights, 'ewma(20);zscore(by="sector")', labels={"sector": 
 within = grouped.run(returns, level="basket")
 
 # %%
-# The pairs of one day, by sector. On the left the sectors differ in how far they spread; on the right
-# they do not.
+# The pairs of one day, by sector. On the left the sectors differ in how far they spread; on the
+# right they do not.
 
 day = "2020-04-20"
 groups = sorted(set(sector.values()))

@@ -4,8 +4,8 @@ Is the signal any good?
 
 A signal beside the returns that follow it: correlations by horizon, and growth by quantile.
 
-Stocks that fell behind their peers tend to come back for some days; so the signal of this page is short
-what has done well, which a weight of -1 in the first stock of each pair says.
+Stocks that fell behind their peers tend to come back for some days; so the signal here is turned
+around: it is short what has done well.
 """
 
 import matplotlib.pyplot as plt
@@ -37,8 +37,8 @@ axes.axhline(0, color="0.3", linewidth=0.8)
 plt.show()
 
 # %%
-# Each day's stocks are divided into five parts by their signal. What 1 has become, held in each of
-# them from day to day, before costs:
+# Each day's stocks are divided into five parts by their signal. What 1 has become, held in each
+# of them from day to day, before costs:
 
 by_quantile = judged.quantile_returns[1]
 growth = (1 + by_quantile.fillna(0)).cumprod()

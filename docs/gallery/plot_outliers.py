@@ -2,11 +2,11 @@
 Outliers
 ========
 
-Three ways to keep a single wild number from deciding a day: clip it, winsorize it, or measure it by
-its own past.
+Three ways to keep a single wild number from deciding a day: clip it, winsorize it, or measure it
+by its own past.
 
-``clip`` has fixed bounds, ``winsorize`` takes the day's own quantiles for them, and ``rolling_zscore``
-divides each basket's number by how far it usually goes.
+``clip`` has fixed bounds, ``winsorize`` takes the day's own quantiles for them, and
+``rolling_zscore`` divides each basket's number by how far it usually goes.
 """
 
 import matplotlib.pyplot as plt
@@ -28,8 +28,8 @@ expressions = {
 found = {name: qv.Baskets(None, text).run(returns) for name, text in expressions.items()}
 
 # %%
-# The returns of all stocks in the spring of 2020. RRC rose by more than a fifth on some days; what it
-# says of the others' places depends on which way is taken.
+# The returns of all stocks in the spring of 2020. RRC rose by more than a fifth on some days;
+# what it says of the others' places depends on which way is taken.
 
 spring = slice("2020-02-15", "2020-05-15")
 fig, axes = plt.subplots(2, 2, figsize=(9, 6), sharex=True)

@@ -4,8 +4,8 @@ A function of one's own
 
 A few lines of Python become a word of every expression, with a memory that is saved and loaded.
 
-Here is one that says how far a basket is below its own highest level so far. It gets the day's values
-and its state, a number for each basket, and gives both back.
+Here is one that says how far a basket is below its own highest level so far. It gets the day's
+values and its state, a number for each basket, and gives both back.
 """
 
 import matplotlib.pyplot as plt

@@ -2,10 +2,12 @@
 Slots for years
 ===============
 
-New baskets every month for decades in a room of fixed size: ended ones give their places to new ones.
+New baskets every month for decades in a room of fixed size: ended ones give their places to new
+ones.
 
-Each basket has a slot, where the functions keep their memory of it. With ``reclaim=True`` a new basket
-that finds no free slot gets that of an ended one, and begins there as if nobody had been there before.
+Each basket has a slot, where the functions keep their memory of it. With ``reclaim=True`` a new
+basket that finds no free slot gets that of an ended one, and begins there as if nobody had been
+there before.
 """
 
 import matplotlib.pyplot as plt
@@ -51,8 +53,9 @@ axes.legend()
 plt.show()
 
 # %%
-# A pair that comes back after its slot was given away begins afresh; in the larger room it goes on
-# with what it remembered. So the numbers may differ, and mostly do so for a while after a return.
+# A pair that comes back after its slot was given away begins afresh; in the larger room it goes
+# on with what it remembered. So the numbers may differ, and mostly do so for a while after a
+# return.
 
 ours, theirs = (each.run(returns, level="basket") for each in (room, every))
 both = ours.notna() & theirs.notna()

@@ -4,8 +4,8 @@ A sweep as a heat map
 
 Every combination of a window and of what stands behind it, judged on the same days, side by side.
 
-``qv.sweep`` runs the combinations on all cores and gives a row for each. The grid is of texts, so that a
-name that is misspelt is that row's error, and the others go on.
+``qv.sweep`` runs the combinations on all cores and gives a row for each. The grid is of texts, so
+that a name that is misspelt is that row's error, and the others go on.
 """
 
 import matplotlib.pyplot as plt
@@ -28,8 +28,8 @@ assert not found["error"].any()
 found[["expression", "ic_mean_5", "ic_t_5", "turnover"]].head(3).round(4)
 
 # %%
-# Neighbours on a map should look alike. A single cell that stands out is chance more often than not:
-# of twenty that know nothing, the best has a t-statistic of about 2.
+# Neighbours on a map should look alike. A single cell that stands out is chance more often than
+# not: of twenty that know nothing, the best has a t-statistic of about 2.
 
 parts = found["expression"].str.extract(r"ewma\((?P<window>\d+)\);(?P<ending>.*)")
 table = parts.assign(t=found["ic_t_5"]).pivot(index="ending", columns="window", values="t")
@@ -44,10 +44,13 @@ axes.grid(visible=False)
 for row, ending in enumerate(table.index):
     for column, window in enumerate(table.columns):
         t = table.loc[ending, window]
-        axes.text(column, row, f"{t:.1f}", ha="center", va="center", color="k" if abs(t) < 3 else "w")
+        axes.text(
+            column, row, f"{t:.1f}", ha="center", va="center", color="k" if abs(t) < 3 else "w"
+        )
 fig.colorbar(image, label="t-statistic of the correlation over five days")
 axes.set_title("2005 to 2016")
 plt.show()
 
 # %%
-# Whatever is chosen on these days is to be looked at once more on days that the sweep has not seen.
+# Whatever is chosen on these days is to be looked at once more on days that the sweep has not
+# seen.

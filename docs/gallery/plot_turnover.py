@@ -23,9 +23,9 @@ table = pd.DataFrame(found).T.rename_axis("window")
 table[["ic_mean", "profit_mean", "net_mean", "turnover"]].round(5)
 
 # %%
-# Turnover is what is traded each day of a portfolio whose weights add up to 1, in absolute terms. It
-# falls with about the root of the window. What the trades cost falls with it, and so does what is
-# earned.
+# Turnover is what is traded each day of a portfolio whose weights add up to 1, in absolute terms.
+# It falls with about the root of the window. What the trades cost falls with it, and so does what
+# is earned.
 
 fig, (left, right) = plt.subplots(1, 2, figsize=(9, 4))
 left.plot(table.index, table["turnover"], marker="o")

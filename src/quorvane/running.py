@@ -40,8 +40,9 @@ def run(
 
     Returns
     -------
-    The same kind of table as the first, with the same rows; a column that is no instrument comes
-    out missing.
+    table
+        Of the first one's kind, with the same rows; a column that is no instrument comes out
+        missing.
 
     Raises
     ------

@@ -20,9 +20,7 @@ def commands_of(session):
 
 
 def sessions():
-    return [
-        commands_of(session) for page in pages() for session in _SESSION.findall(text_of(page))
-    ]
+    return [commands_of(session) for page in pages() for session in _SESSION.findall(text_of(page))]
 
 
 def test_the_pages_have_sessions():
