@@ -86,6 +86,7 @@ html_static_path = ["_static"]
 html_css_files = ["site.css"]
 html_show_sphinx = False
 html_sidebars = {"index": []}
+html_context = {"default_mode": "auto"}
 html_theme_options = {
     "logo": {"text": "quorvane"},
     "navbar_end": ["theme-switcher"],

@@ -1,6 +1,7 @@
 """The pages of the documentation: which there are, their blocks of code, and what these need."""
 
 import ast
+import importlib
 import re
 import sys
 from dataclasses import dataclass
@@ -100,3 +101,17 @@ def require_libraries(programs):
         pytest.importorskip(library)
     if any("find_prices" in code for code in programs) and find_prices() is None:
         pytest.skip("the demo's prices are not installed (pip install --no-deps skfolio)")
+
+
+def thing_called(dotted):
+    """The object that a dotted name leads to, through modules and classes."""
+    parts = dotted.split(".")
+    for size in range(len(parts), 0, -1):
+        try:
+            thing = importlib.import_module(".".join(parts[:size]))
+        except ModuleNotFoundError:
+            continue
+        for name in parts[size:]:
+            thing = getattr(thing, name)
+        return thing
+    raise AssertionError(dotted)

@@ -9,7 +9,7 @@ from functools import cache
 import pytest
 
 import quorvane as qv
-from docs.pages import ROOT, snippets_of, text_of
+from docs.pages import ROOT, snippets_of, text_of, thing_called
 from quorvane.functions.rotations._boilerplate import RotationBase
 
 REFERENCE = sorted((ROOT / "docs/reference").glob("*.md"))
@@ -33,20 +33,6 @@ def entries():
             else:
                 names.append(name if name.startswith("quorvane.") else module + name)
     return names
-
-
-def thing_called(dotted):
-    """The object that a dotted name leads to, through modules and classes."""
-    parts = dotted.split(".")
-    for size in range(len(parts), 0, -1):
-        try:
-            thing = importlib.import_module(".".join(parts[:size]))
-        except ModuleNotFoundError:
-            continue
-        for name in parts[size:]:
-            thing = getattr(thing, name)
-        return thing
-    raise AssertionError(dotted)
 
 
 def public_names():

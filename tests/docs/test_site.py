@@ -11,7 +11,7 @@ import pytest
 
 import quorvane as qv
 import quorvane.stores
-from docs.pages import pages
+from docs.pages import pages, thing_called
 
 
 class Page(HTMLParser):
@@ -72,9 +72,9 @@ def test_every_page_is_there(built):
         for page in pages()
         if page.startswith("docs/")
     }
-    assert {
-        page for page in from_markdown if page not in ("contributing.html", "changelog.html")
-    } <= built.keys()
+    # These two show a file of the root, which not every copy has.
+    from_markdown -= {"contributing.html", "changelog.html"}
+    assert from_markdown <= built.keys()
     assert sum(page.startswith("examples/plot_") for page in built) >= 8
 
 
@@ -115,10 +115,6 @@ def members():
                 yield each, name
 
 
-# What the framework calls, and what says nothing more than the class.
-_UNSAID = {"arity", "keys_of"}
-
-
 def test_every_member_of_a_class_has_an_entry(inventory):
     missing = []
     for each, name in members():
@@ -127,21 +123,26 @@ def test_every_member_of_a_class_has_an_entry(inventory):
             for one in each.__mro__
             for module in ("", "stores.", "functions.rotations.virtualization.planned.")
         ]
-        if name not in _UNSAID and not any(path in inventory for path in paths):
+        # How many inputs there are is a number of the class, which no call reads.
+        if name != "arity" and not any(path in inventory for path in paths):
             missing.append(f"{each.__name__}.{name}")
     assert missing == []
 
 
 def test_compiled_methods_show_their_parameters(built, inventory):
     shown = 0
-    for name, value in inspect.getmembers(qv.VirtualizationBase, callable):
-        whole = f"quorvane.VirtualizationBase.{name}"
-        if whole in inventory:
-            entry = built[inventory[whole].partition("#")[0]].entries[whole]
-            expected = [each for each in inspect.signature(value).parameters if each != "self"]
-            assert [each for each in expected if not re.search(rf"\b{each}\b", entry)] == []
-            shown += len(expected)
-    assert shown > 40
+    for name, address in inventory.items():
+        page, _, place = address.partition("#")
+        thing = thing_called(name)
+        # Sphinx takes a method of an unknown type for an attribute, unless it is told.
+        if place != name or type(thing).__name__ != "native_function":
+            continue
+        entry = built[page].entries[name]
+        expected = [each for each in inspect.signature(thing).parameters if each != "self"]
+        assert "(" in entry, name
+        assert [each for each in expected if not re.search(rf"\b{each}\b", entry)] == [], name
+        shown += 1
+    assert shown > 25
     entry = built["reference/own_structures.html"].entries["quorvane.VirtualizationBase.compute"]
     assert re.sub(r"\s", "", entry).startswith(
         "compute(args,nan_masks,combined_nan_mask,output_buf,N"
