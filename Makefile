@@ -1,6 +1,7 @@
 # Everything below sets itself up in $(VENV) on first use:
 #
 #   make demo        decades of daily prices through the package, with a picture
+#   make docs        the documentation as a site in build/docs: open index.html; no network is asked
 #   make cluster-demo    200 configurations over these prices on a cluster of two processes
 #   make test        build, format, lint, type and stub checks, C++ tests, Python tests
 #   make format      rewrite the sources as `make test` wants to see them
@@ -42,6 +43,7 @@ TOOLS_READY := $(VENV)/.ready-tools
 WHEEL_READY := $(VENV)/.ready-wheel
 DEMO_READY := $(VENV)/.ready-demo
 CLUSTER_READY := $(VENV)/.ready-cluster
+DOCS_READY := $(VENV)/.ready-docs
 TEST_READY := $(VENV)/.ready-test
 BENCH_READY := $(VENV)/.ready-bench
 
@@ -51,7 +53,7 @@ SOURCES := CMakeLists.txt README.md LICENSE \
 CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
 STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
 
-.PHONY: set-up demo cluster-demo test lint types check format coverage trust asan valgrind \
+.PHONY: set-up demo cluster-demo docs test lint types check format coverage trust asan valgrind \
     refleaks matrix newest long fuzz tidy bench bench-pythons bench-instructions dist-test clean distclean python-matches
 .DELETE_ON_ERROR:
 
@@ -62,6 +64,12 @@ demo: $(WHEEL_READY) $(DEMO_READY)
 
 cluster-demo: $(WHEEL_READY) $(DEMO_READY) $(CLUSTER_READY)
 	$(PY) -m quorvane.cli.cluster_demo
+
+# Afresh, so that nothing stays of pages that are gone; the gallery's programs are run.
+docs: $(WHEEL_READY) $(DOCS_READY)
+	rm -rf build/docs docs/examples
+	$(PY) -m sphinx -W --keep-going -q -b html -d build/docs-doctrees docs build/docs
+	@echo "The site is build/docs/index.html"
 
 test: lint types check
 
@@ -212,8 +220,13 @@ $(CLUSTER_READY): pyproject.toml | $(WHEEL_READY)
 	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[cluster]"
 	@touch $@
 
+$(DOCS_READY): pyproject.toml | $(WHEEL_READY)
+	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[docs]"
+	$(PY) -m pip install -qq --no-deps skfolio
+	@touch $@
+
 $(TEST_READY): pyproject.toml | $(WHEEL_READY)
-	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[test,dev]"
+	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[test,dev,docs]"
 	$(PY) -m pip install -qq --no-deps skfolio bokeh_sampledata
 	@touch $@
 

@@ -113,17 +113,17 @@ const capi::FunctionDef batch_reference_def{"batch_reference", batch_parameters,
 
 Goes on from the rotation's present state and leaves the state of the last day behind.
 
+A ready-made rotation whose children are the package's own computes many days at once, with the same
+bits, on as many threads as the environment variable ``QUORVANE_NUM_THREADS`` says (1 without it).
+Meanwhile other Python threads run; what they change in the rotation counts from some later day on,
+and what they write into its arrays may be lost.
+
 Parameters
 ----------
 *matrices : array_like of float64, T days in the first axis
     Row d of each is one input of day d.
 context : object, optional
     Only its ``universe_mask`` is used; without one every instrument is in the universe.
-
-A ready-made rotation whose children are the package's own computes many days at once, with the same
-bits, on as many threads as the environment variable ``QUORVANE_NUM_THREADS`` says (1 without it).
-Meanwhile other Python threads run; what they change in the rotation counts from some later day on,
-and what they write into its arrays may be lost.
 
 Returns
 -------

@@ -24,6 +24,10 @@ def run(
 ) -> T:
     """Run a rotation of one's own over whole tables, from where it stands.
 
+    The report of the first day is looked at closely: legs outside the instruments, and structures
+    without a value, which the base class takes for inactive, are errors here. An error of the
+    rotation itself comes with a note that says on which row it arose.
+
     Parameters
     ----------
     rotation : rotation, or callable that makes one
@@ -36,8 +40,9 @@ def run(
 
     Returns
     -------
-    The same kind of table as the first, with the same rows; a column that is no instrument comes
-    out missing.
+    table
+        Of the first one's kind, with the same rows; a column that is no instrument comes out
+        missing.
 
     Raises
     ------
@@ -45,10 +50,6 @@ def run(
         The first argument is no rotation and makes none, or there is no table.
     ValueError
         The tables differ in their rows, an instrument is missing, or a number is infinite.
-
-    The report of the first day is looked at closely: legs outside the instruments, and structures
-    without a value, which the base class takes for inactive, are errors here. An error of the
-    rotation itself comes with a note that says on which row it arose.
     """
     mine = _rotation_of(rotation)
     if not tables:

@@ -1,16 +1,13 @@
-"""Every shell session of the page on the command runs as written, and says what the page says."""
+"""Every shell session of the pages runs as written, and says what the page says."""
 
 import re
 import shlex
 from fnmatch import fnmatchcase
-from pathlib import Path
 
 import pytest
 
+from docs.pages import ROOT, pages, text_of
 from quorvane.cli import main
-
-ROOT = Path(__file__).parents[2]
-PAGE = ROOT / "docs/how_to/command_line.md"
 
 _SESSION = re.compile(r"^```console\n(.*?)^```\n", re.M | re.S)
 
@@ -23,11 +20,12 @@ def commands_of(session):
 
 
 def sessions():
-    return [commands_of(session) for session in _SESSION.findall(PAGE.read_text(encoding="utf-8"))]
+    return [commands_of(session) for page in pages() for session in _SESSION.findall(text_of(page))]
 
 
-def test_the_page_has_sessions():
-    assert len(sessions()) == 2
+def test_the_pages_have_sessions():
+    assert len(sessions()) >= 2
+    assert len(sessions()) == sum(text_of(page).count("```console") for page in pages())
 
 
 def matches(said, written):

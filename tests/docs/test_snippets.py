@@ -1,4 +1,7 @@
-"""Every snippet of the pages for users runs as written, and prints what the page says it prints."""
+"""Every snippet of the pages runs as written, and prints what the page says it prints.
+
+A page is one test: its snippets go on from one another, and workers would share them out.
+"""
 
 import contextlib
 import io
@@ -6,44 +9,25 @@ import os
 import re
 import subprocess
 import sys
-from dataclasses import dataclass
-from pathlib import Path
 
 import pytest
 
+from docs.pages import (
+    ROOT,
+    libraries_of,
+    pages,
+    require_libraries,
+    snippets_of,
+    text_of,
+    without_fences,
+)
 from quorvane.expressions import registered
 
-ROOT = Path(__file__).parents[2]
+WITH_SNIPPETS = [page for page in pages() if "```python" in text_of(page)]
 
-# What each page's snippets import, or need without saying so.
-NEEDS = {
-    "README.md": ("pandas", "msgpack"),
-    "docs/reference/functions.md": ("pandas",),
-    "docs/how_to/reading_a_report.md": ("pandas", "matplotlib"),
-    "docs/how_to/sweeps_on_a_cluster.md": ("pandas", "distributed"),
-    "docs/how_to/scikit_learn.md": ("pandas", "sklearn"),
-    "docs/how_to/labelled_tables.md": ("pandas", "polars", "narwhals", "msgpack"),
-}
-
-_SNIPPET = re.compile(r"^```python\n(.*?)^```\n(?:\n```text\n(.*?)^```\n)?", re.M | re.S)
-
-
-@dataclass(frozen=True)
-class Snippet:
-    """A block of Python, and the text block that follows it at once: what it prints."""
-
-    line: int
-    code: str
-    prints: str | None
-
-
-def snippets_of(page):
-    """The blocks of Python of a page in order."""
-    text = (ROOT / page).read_text(encoding="utf-8")
-    return [
-        Snippet(text.count("\n", 0, found.start(1)) + 1, found[1], found[2])
-        for found in _SNIPPET.finditer(text)
-    ]
+# What may stand in a block: what is run, and what is looked at, which is no program of Python.
+RUN = {"```python", "```text", "```console"}
+LOOKED_AT = {"```toml", "```ini", "```csv", "```sh", "```cpp", "```diff"}
 
 
 def run_snippet(page, snippet, namespace):
@@ -53,14 +37,6 @@ def run_snippet(page, snippet, namespace):
     with contextlib.redirect_stdout(printed):
         exec(code, namespace)
     return printed.getvalue()
-
-
-@pytest.fixture(params=NEEDS)
-def page(request):
-    """A page whose libraries are all there."""
-    for library in NEEDS[request.param]:
-        pytest.importorskip(library)
-    return request.param
 
 
 @pytest.fixture
@@ -80,28 +56,41 @@ def no_registered_functions(monkeypatch):
 
 
 @pytest.mark.usefixtures("as_in_the_root", "no_registered_functions")
+@pytest.mark.parametrize("page", WITH_SNIPPETS)
 def test_the_snippets_of_a_page_run_in_order(page):
-    namespace = {"__name__": "page"}
     snippets = snippets_of(page)
-    assert len(snippets) >= 3
+    require_libraries(snippet.code for snippet in snippets)
+    namespace = {"__name__": "page"}
     for snippet in snippets:
         printed = run_snippet(page, snippet, namespace)
         assert _lines(printed) == _lines(snippet.prints or ""), f"{page}, line {snippet.line}"
 
 
-@pytest.mark.parametrize("page", NEEDS)
+def test_the_pages_are_found():
+    assert {"README.md", "docs/index.md", "docs/reference/catalogue.md"} <= set(WITH_SNIPPETS)
+
+
+@pytest.mark.parametrize("page", pages())
 def test_no_snippet_is_left_out(page):
-    text = (ROOT / page).read_text(encoding="utf-8")
+    text, snippets = text_of(page), snippets_of(page)
     openings = [line for line in text.splitlines() if line.startswith("```") and line != "```"]
-    snippets = snippets_of(page)
     assert openings.count("```python") == len(snippets)
     assert openings.count("```text") == sum(snippet.prints is not None for snippet in snippets)
-    assert set(openings) <= {"```python", "```text"}
-    indented = [line.strip() for line in text.splitlines() if line.startswith("    ")]
-    in_blocks = {line.strip() for snippet in snippets for line in snippet.code.splitlines()}
-    assert not [
-        line for line in indented if line.startswith(("import ", "from ")) and line not in in_blocks
-    ]
+    assert {each for each in openings if not each.startswith("```{")} <= RUN | LOOKED_AT
+    # A block within a list, of another kind of fence, or with other words for Python.
+    assert not re.search(r"^ +```|^ *~~~|^```\{code|^```.*\{doctest", text, re.M)
+    indented = [line.strip() for line in without_fences(text).splitlines() if line[:4] == "    "]
+    assert [line for line in indented if line.startswith(("import ", "from ", ">>> "))] == []
+
+
+def test_what_a_page_needs_follows_from_its_imports():
+    assert libraries_of(["import os.path, pandas as pd", "from scipy.stats import norm"]) == {
+        "pandas",
+        "scipy",
+    }
+    assert libraries_of(["import polars\nqv.SqliteStore('x')"]) == {"polars", "narwhals", "msgpack"}
+    assert libraries_of(["import quorvane as qv\njudged.to_html('x')"]) == {"matplotlib"}
+    assert libraries_of(["from quorvane.sklearn import StructureTransformer"]) == {"sklearn"}
 
 
 def test_the_programs_of_the_readme_pass_mypy_strict(tmp_path):

@@ -188,8 +188,9 @@ class Baskets:
 
         Returns
         -------
-        The same kind of table, with the same rows. NaN (null in polars and pyarrow) where nothing
-        speaks; a column that is no instrument comes out missing.
+        table
+            Of the same kind, with the same rows. NaN (null in polars and pyarrow) where nothing
+            speaks; a column that is no instrument comes out missing.
 
         Raises
         ------
@@ -289,8 +290,9 @@ class Baskets:
 
         Returns
         -------
-        A frame of the input's kind with the columns basket, weight, value, one per function and
-        contribution. The contributions add up to the signal.
+        frame
+            Of the input's kind, with the columns basket, weight, value, one per function and
+            contribution. The contributions add up to the signal.
 
         Raises
         ------

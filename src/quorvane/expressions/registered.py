@@ -44,7 +44,8 @@ def register(name: str, function: F | None = None) -> F | Callable[[F], F]:
 
     Returns
     -------
-    The function itself.
+    function
+        Itself.
 
     Raises
     ------
