@@ -1,9 +1,7 @@
-"""The daily job of the examples: killed at any moment, it is started again and nothing is lost."""
+"""The daily job of the examples: killed wherever it is, it is started again and nothing is lost."""
 
-import random
 import subprocess
 import sys
-import time
 from pathlib import Path
 
 import pytest
@@ -13,18 +11,45 @@ pytest.importorskip("msgpack")
 
 ROOT = Path(__file__).parents[2]
 JOB = ROOT / "examples/daily_job.py"
-PRICES = ROOT / "examples/prices.csv"
-DAYS = 250
-KILLS = 5
+PRICES = (ROOT / "examples/prices.csv").read_text(encoding="utf-8").splitlines(keepends=True)
+
+# Runs a program that kills itself before one of its calls that put a file in its place.
+KILLED = """
+import os, runpy, signal, sys
+
+last, sys.argv = int(sys.argv[1]), sys.argv[2:]
+calls = 0
+
+def dying(call):
+    def call_or_die(*arguments):
+        global calls
+        calls += 1
+        if calls == last:
+            os.kill(os.getpid(), signal.SIGKILL)
+        return call(*arguments)
+    return call_or_die
+
+os.fsync, os.replace = dying(os.fsync), dying(os.replace)
+runpy.run_path(sys.argv[0], run_name="__main__")
+"""
+CALLS_PER_DAY = 3
 
 
-def command(folder):
-    return [sys.executable, JOB, PRICES, folder / "states.db", folder / "signals"]
+def table_of(folder, days):
+    folder.mkdir(exist_ok=True)
+    (folder / "prices.csv").write_text("".join(PRICES[: 1 + days]), encoding="utf-8")
+
+
+def run(folder, *before):
+    arguments = (folder / name for name in ("prices.csv", "states.db", "signals"))
+    return subprocess.run(
+        [sys.executable, *before, JOB, *arguments], capture_output=True, text=True, check=False
+    )
 
 
 def run_to_its_end(folder):
-    done = subprocess.run(command(folder), capture_output=True, text=True, check=True)
-    assert done.stderr == ""
+    done = run(folder)
+    assert (done.returncode, done.stderr) == (0, "")
     return done.stdout
 
 
@@ -32,27 +57,18 @@ def signals(folder):
     return {path.name: path.read_text() for path in (folder / "signals").glob("*.csv")}
 
 
-def kill_at(folder, files, seconds):
-    """Kill a job some time after it has begun so many files; whether it was still at it."""
-    job = subprocess.Popen(command(folder), stdout=subprocess.DEVNULL)
-    while len(list(folder.glob("signals/*"))) < files and job.poll() is None:
-        time.sleep(0.001)
-    time.sleep(seconds)
-    job.kill()
-    return job.wait() == -9
-
-
 def test_a_job_that_is_killed_and_started_again_gives_what_an_undisturbed_one_gives(tmp_path):
     undisturbed, killed = tmp_path / "undisturbed", tmp_path / "killed"
-    undisturbed.mkdir()
-    killed.mkdir()
-    assert run_to_its_end(undisturbed) == f"{DAYS} new days\n"
-    generator = random.Random(4)
-    moments = [generator.randrange(1, DAYS) for _ in range(KILLS)]
-    # Each job begins anew, since none before it came to keeping its state.
-    caught = [kill_at(killed, files, 0.01 * generator.random()) for files in sorted(moments)]
-    assert sum(caught) > KILLS // 2
-    run_to_its_end(killed)
+    table_of(undisturbed, 60)
+    assert run_to_its_end(undisturbed) == "60 new days\n"
+    table_of(killed, 45)
+    assert run_to_its_end(killed) == "45 new days\n"
+    table_of(killed, 60)
+    # At the first of the new days, in the middle of one, and when all are written but no state is.
+    for call in (1, 8 * CALLS_PER_DAY + 2, 15 * CALLS_PER_DAY):
+        assert run(killed, "-c", KILLED, str(call)).returncode == -9
+    assert len(signals(killed)) == 60
+    assert run_to_its_end(killed) == "15 new days\n"
     assert signals(killed) == signals(undisturbed)
     assert run_to_its_end(killed) == "0 new days\n"
 
