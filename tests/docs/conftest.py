@@ -52,7 +52,10 @@ def _build(built):
     source = built / "source"
     shutil.copytree(ROOT / "docs", source / "docs", ignore=shutil.ignore_patterns(MADE.name))
     for path in ROOT.iterdir():
-        if path.name not in ("docs", "build") and not path.name.startswith("."):
+        if path.is_file():
+            # No link: a page that is shown within another is where it really stands.
+            shutil.copy(path, source)
+        elif path.name not in ("docs", "build") and not path.name.startswith("."):
             (source / path.name).symlink_to(path)
     done = subprocess.run(
         [
