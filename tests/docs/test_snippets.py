@@ -27,7 +27,9 @@ WITH_SNIPPETS = [page for page in pages() if "```python" in text_of(page)]
 
 # What may stand in a block: what is run, and what is looked at, which is no program of Python.
 RUN = {"```python", "```text", "```console"}
-LOOKED_AT = {"```toml", "```ini", "```csv", "```sh", "```cpp", "```diff"}
+LOOKED_AT = {"```toml", "```ini", "```csv", "```sh", "```cpp", "```diff", "```cmake"}
+# Files of the worked example in CONTRIBUTING.md, which has a test of its own.
+LOOKED_AT |= {"```py", "```pyi"}
 
 
 def run_snippet(page, snippet, namespace):
