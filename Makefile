@@ -67,7 +67,7 @@ cluster-demo: $(WHEEL_READY) $(DEMO_READY) $(CLUSTER_READY)
 
 # Afresh, so that nothing stays of pages that are gone; the gallery's programs are run.
 docs: $(WHEEL_READY) $(DOCS_READY)
-	rm -rf build/docs docs/examples
+	rm -rf build/docs build/docs-doctrees docs/examples
 	$(PY) -m sphinx -W --keep-going -q -b html -d build/docs-doctrees docs build/docs
 	@echo "The site is build/docs/index.html"
 
@@ -182,7 +182,7 @@ dist-test:
 	PYTHONPATH=$(CURDIR)/build/distro/python /usr/bin/python3 -m pytest -q
 
 clean:
-	rm -rf build $(VENV)/.ready-wheel
+	rm -rf build docs/examples $(VENV)/.ready-wheel
 
 distclean: clean
 	rm -rf $(VENV)

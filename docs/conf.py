@@ -53,6 +53,8 @@ myst_links_external_new_tab = False
 
 napoleon_google_docstring = False
 napoleon_use_ivar = True
+# Several names with one text stay together.
+napoleon_use_param = False
 napoleon_use_rtype = False
 
 autodoc_member_order = "bysource"

@@ -31,7 +31,7 @@ legs = pd.DataFrame(rows, columns=["date", "basket", "instrument", "weight"])
 legs.tail(4)
 
 # %%
-pairs = qv.Baskets.from_long(legs, "ewma(20);centered_rank")
+pairs = qv.Baskets.from_long(legs, "ewma(60);centered_rank")
 values = pairs.run(returns, level="basket")
 pairs.slots
 

@@ -45,7 +45,7 @@ assert np.allclose(values[there], by_hand[there], equal_nan=True)
 fig, axes = plt.subplots()
 for pair in ("KO/PEP", "CVX/XOM", "BAC/JPM"):
     axes.plot(values[pair], label=pair)
-axes.set_title("Below the highest so far")
+axes.set_title("Below the highest so far, at most by a half")
 axes.legend()
 plt.show()
 

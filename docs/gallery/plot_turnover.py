@@ -24,20 +24,20 @@ table[["ic_mean", "profit_mean", "net_mean", "turnover"]].round(5)
 
 # %%
 # Turnover is what is traded each day of a portfolio whose weights add up to 1, in absolute terms.
-# It falls with about the root of the window. What the trades cost falls with it, and so does what
-# is earned.
+# Here most is earned before costs with a window of about ten days, and after costs with one of
+# about twenty: the longer one gives up less than its trades save.
 
+places = range(len(table))
 fig, (left, right) = plt.subplots(1, 2, figsize=(9, 4))
-left.plot(table.index, table["turnover"], marker="o")
-left.set_xscale("log")
-left.set_yscale("log")
-left.set_xlabel("Window in days")
+left.plot(places, table["turnover"], marker="o")
+left.set_ylim(bottom=0)
 left.set_title("Turnover a day")
-right.plot(table.index, 1e4 * table["profit_mean"], marker="o", label="before costs")
-right.plot(table.index, 1e4 * table["net_mean"], marker="o", label="after costs")
+right.plot(places, 1e4 * table["profit_mean"], marker="o", label="before costs")
+right.plot(places, 1e4 * table["net_mean"], marker="o", label="after costs")
 right.axhline(0, color="0.5", linewidth=0.8)
-right.set_xscale("log")
-right.set_xlabel("Window in days")
 right.set_title("Profit a day in hundredths of a percent")
 right.legend()
+for axes in (left, right):
+    axes.set_xticks(places, table.index)
+    axes.set_xlabel("Window in days")
 plt.show()

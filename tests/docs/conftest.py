@@ -50,13 +50,12 @@ def _alone(lock):
 def _build(built):
     """From a copy, since the gallery writes its pages beside the others."""
     source = built / "source"
-    shutil.copytree(
-        ROOT / "docs",
-        source / "docs",
-        ignore=lambda at, _: [MADE.name] * (Path(at) == ROOT / "docs"),
-    )
+    shutil.copytree(ROOT / "docs", source / "docs", ignore=shutil.ignore_patterns(MADE.name))
     for path in ROOT.iterdir():
-        if path.name not in ("docs", "build") and not path.name.startswith("."):
+        if path.is_file():
+            # No link: a page that is shown within another is where it really stands.
+            shutil.copy(path, source)
+        elif path.name not in ("docs", "build") and not path.name.startswith("."):
             (source / path.name).symlink_to(path)
     done = subprocess.run(
         [

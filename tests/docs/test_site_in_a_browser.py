@@ -16,8 +16,8 @@ onload = () => {
   const found = {wide: [], empty: []};
   for (const frame of document.querySelectorAll("iframe")) {
     const page = frame.contentDocument;
-    if (page.documentElement.scrollWidth > 390) found.wide.push(frame.getAttribute("src"));
-    if (!page.querySelector("h1")) found.empty.push(frame.getAttribute("src"));
+    if (page.documentElement.scrollWidth > 390) found.wide.push(frame.name);
+    if (!page.querySelector("h1")) found.empty.push(frame.name);
   }
   document.title = JSON.stringify(found);
 }
@@ -30,14 +30,15 @@ def complaints_of(seen):
     return [each for each in seen.complaints if not each.startswith("[PST]: ")]
 
 
-def in_phones(folder, pages, browser):
+def in_phones(folder, pages, scratch):
     """Open pages of a folder at once, each as on a phone: what the title tells, and the visit."""
     frames = "\n".join(
-        f'<iframe src="{page}" style="width:390px;height:800px;border:0"></iframe>'
+        f'<iframe name="{page}" src="{(folder / page).as_uri()}" width="390" height="800" '
+        'style="border:0"></iframe>'
         for page in pages
     )
-    (folder / "phones.html").write_text(PHONES % frames, encoding="utf-8")
-    seen = visit(folder / "phones.html", browser, width=900, height=800)
+    (scratch / "phones.html").write_text(PHONES % frames, encoding="utf-8")
+    seen = visit(scratch / "phones.html", scratch / "browser", width=900, height=800)
     return json.loads(re.search("<title>(.*?)</title>", seen.document)[1]), seen
 
 
@@ -45,7 +46,7 @@ def in_phones(folder, pages, browser):
 def pages(site):
     find_browser()
     paths = [path.relative_to(site.folder) for path in sorted(site.folder.rglob("*.html"))]
-    found = [path.as_posix() for path in paths if not path.as_posix().startswith(("_", "phones"))]
+    found = [path.as_posix() for path in paths if "_static" not in path.parts]
     assert len(found) > 30
     return found
 
@@ -55,13 +56,13 @@ def test_a_page_that_is_too_wide_or_empty_is_seen(tmp_path):
     (tmp_path / "wide.html").write_text("<!DOCTYPE html><h1 style='width:500px'>wide</h1>")
     (tmp_path / "good.html").write_text("<!DOCTYPE html><h1>good</h1>")
     (tmp_path / "bad.html").write_text("<!DOCTYPE html><script>console.error('bad')</script>")
-    found, seen = in_phones(tmp_path, ["wide.html", "good.html", "bad.html"], tmp_path / "browser")
+    found, seen = in_phones(tmp_path, ["wide.html", "good.html", "bad.html"], tmp_path)
     assert found == {"wide": ["wide.html"], "empty": ["bad.html"]}
     assert complaints_of(seen) == ["bad"]
 
 
 def test_every_page_is_silent_loads_nothing_and_fits_a_phone(site, pages, tmp_path):
-    found, seen = in_phones(site.folder, pages, tmp_path / "browser")
+    found, seen = in_phones(site.folder, pages, tmp_path)
     assert (seen.requests, complaints_of(seen)) == ([], [])
     assert found == {"wide": [], "empty": []}
 

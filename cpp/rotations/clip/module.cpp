@@ -28,8 +28,10 @@ N_alloc : int, optional
 
 Attributes
 ----------
-low, high : float
-    The bounds.
+low : float
+    The lower bound.
+high : float
+    The upper bound.
 )";
     static constexpr auto init_parameters =
         init_parameters_with(capi::positional("low"), capi::positional("high"));

@@ -255,7 +255,7 @@ void take_back(const Memory& memory, const Memory& yesterday) noexcept {
 }
 
 const capi::FunctionDef stateful_def{"stateful", self_only, capi::body_of<State, stateful>,
-                                     "True: a day's output depends on the days before it."};
+                                     "True, since a day's output depends on the days before it."};
 
 const capi::FunctionDef get_state_def{"get_state", self_only, capi::body_of<State, get_state>,
                                       R"(Return what the rotation remembers of the days so far.

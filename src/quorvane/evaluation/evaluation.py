@@ -111,8 +111,11 @@ class Evaluation:
 
     Attributes
     ----------
-    horizons, quantiles, lag, cost
-        As given.
+    horizons : tuple of int
+        As given, and so are the other three.
+    quantiles : int
+    lag : int
+    cost : float
     """
 
     _aligned: Aligned
@@ -124,7 +127,7 @@ class Evaluation:
 
     @cached_property
     def ic(self) -> Any:
-        """Days x horizons: Spearman's correlation of the signal with the returns that follow.
+        """Spearman's correlation of the signal with the returns that follow, days x horizons.
 
         Across the instruments that have both; missing where fewer than three do.
         """
@@ -136,7 +139,7 @@ class Evaluation:
 
     @cached_property
     def quantile_returns(self) -> Any:
-        """Days x (horizon, quantile): the mean return that follows, by quantile of the signal.
+        """The mean return that follows by quantile of the signal, days x (horizon, quantile).
 
         Quantile 1 has the lowest signals. An instrument of rank r among n (the average of equal
         ones) is in quantile 1 + floor(quantiles (r - 1/2) / n).
@@ -153,7 +156,7 @@ class Evaluation:
 
     @cached_property
     def turnover(self) -> Any:
-        """By day: the sum of the absolute changes of `weights`.
+        """The sum of the absolute changes of `weights`, by day.
 
         Missing up to the first day with a signal: nothing is known of what came before.
         """
@@ -163,18 +166,18 @@ class Evaluation:
 
     @cached_property
     def coverage(self) -> Any:
-        """By day: the share of the instruments that have a signal."""
+        """The share of the instruments that have a signal, by day."""
         there = np.isfinite(self._aligned.signal)
         return self._series(there.sum(axis=1) / max(there.shape[1], 1), "coverage")
 
     @cached_property
     def weights(self) -> Any:
-        """Days x instruments: the signal with absolute sum 1 on each day, missing as 0."""
+        """The signal with absolute sum 1 on each day, missing as 0; days x instruments."""
         return self._frame(self._weights, list(self._aligned.instruments))
 
     @cached_property
     def profit(self) -> Any:
-        """Days x horizons: what the weights earn before costs, the sum of weight x forward return.
+        """What the weights earn before costs, the sum of weight x forward return; days x horizons.
 
         A missing return counts as 0 where others are known. Missing on days without any signal.
         """

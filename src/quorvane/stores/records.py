@@ -27,8 +27,10 @@ class DamagedRecord:
 
     Attributes
     ----------
-    store, name : str
-        Which store it was read from, and the record's name there.
+    store : str
+        Which store it was read from.
+    name : str
+        The record's name there.
     fault : str
         What is wrong with it.
     """

@@ -34,7 +34,7 @@ class Remembering(_Base):
 
     @property
     def stateful(self) -> bool:
-        """True: a day's output depends on the days before."""
+        """True, since a day's output depends on the days before."""
         return True
 
     def get_state(self) -> dict[str, Any]:

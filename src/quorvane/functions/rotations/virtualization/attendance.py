@@ -33,7 +33,7 @@ class Attendance(AttendanceCount):
 
     @property
     def stateful(self) -> bool:
-        """True: who speaks depends on the days before."""
+        """True, since who speaks depends on the days before."""
         return True
 
     @property
