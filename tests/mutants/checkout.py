@@ -21,6 +21,7 @@ class Checkout:
         self.root = Path(root)
         self.folder = Path(folder)
         self._changes = 0
+        self._marker = self.folder / "build" / "changed-source"
 
     def update(self):
         """Bring the copy up to date: files that are the same keep their time, so builds do too."""
@@ -34,12 +35,18 @@ class Checkout:
         for path in files_below(self.folder, OWN):
             if path not in wanted and "__pycache__" not in path.parts:
                 (self.folder / path).unlink()
+        if self._marker.exists():
+            # What was built last is of the changed source, which nobody has put back in time.
+            (self.folder / self._marker.read_text()).touch()
+            self._marker.unlink()
         self.forget_examples()
 
     @contextmanager
     def changed(self, path, text):
         """Have `text` (bytes) in a source while the block runs."""
         source = self.folder / path
+        self._marker.parent.mkdir(exist_ok=True)
+        self._marker.write_text(str(path))
         before, times = source.read_bytes(), source.stat()
         try:
             source.write_bytes(text)
@@ -51,6 +58,7 @@ class Checkout:
             source.write_bytes(before)
             os.utime(source, ns=(times.st_atime_ns, times.st_mtime_ns))
             self.forget_examples()
+            self._marker.unlink()
 
     def forget_examples(self):
         """Drop the examples that tests found: they belong to the change that is gone."""

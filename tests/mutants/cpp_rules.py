@@ -30,8 +30,7 @@ BINARY = (
     | {"&&": [("||", CONDITION)], "||": [("&&", CONDITION)], "^": [("&", ARITHMETIC)]}
 )
 ASSIGNED = {
-    f"{sign}=": [(f"{after}=", kind) for after, kind in table]
-    for sign, table in CALCULATED.items()
+    f"{sign}=": [(f"{after}=", kind) for after, kind in table] for sign, table in CALCULATED.items()
 }
 STEPS = {"++": [("--", ARITHMETIC)], "--": [("++", ARITHMETIC)]}
 

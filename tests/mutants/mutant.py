@@ -1,8 +1,13 @@
 """One change of a source, and how it is named."""
 
+import hashlib
 from dataclasses import dataclass, field
 from functools import cached_property
 from pathlib import Path
+
+
+def language_of(path):
+    return "python" if path.endswith(".py") else "cpp"
 
 
 @dataclass(frozen=True)
@@ -16,9 +21,14 @@ class Source:
     def read(cls, root, path):
         return cls(Path(path).as_posix(), (Path(root) / path).read_bytes())
 
+    @cached_property
+    def digest(self):
+        """What changes when the text does."""
+        return hashlib.sha256(self.text).hexdigest()
+
     @property
     def language(self):
-        return "python" if self.path.endswith(".py") else "cpp"
+        return language_of(self.path)
 
 
 @dataclass(frozen=True)

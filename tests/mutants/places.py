@@ -19,13 +19,16 @@ _PARSERS = {
 }
 
 
+def sources_of(root):
+    """The sources below `root` that are changed, sorted."""
+    root = Path(root)
+    found = {path.relative_to(root).as_posix() for name in SOURCES for path in root.glob(name)}
+    return [Source.read(root, path) for path in sorted(found) if not path.startswith(TESTS)]
+
+
 def all_mutants(root):
     """The mutants of all sources below `root`, in an order that is the same each time."""
-    root = Path(root)
-    found = sorted({path.relative_to(root) for pattern in SOURCES for path in root.glob(pattern)})
-    for path in found:
-        if not path.as_posix().startswith(TESTS):
-            yield from mutants_of(Source.read(root, path))
+    return [mutant for source in sources_of(root) for mutant in mutants_of(source)]
 
 
 def mutants_of(source):

@@ -155,7 +155,8 @@ def expression_statement(node):
     """What is done for its effect. Without an assignment to a name everything would fail."""
     action = node.named_children[0]
     kept = action.type == "assignment" and (
-        field(action, "right") is None or field(action, "left").type not in {"attribute", "subscript"}
+        field(action, "right") is None
+        or field(action, "left").type not in {"attribute", "subscript"}
     )
     if action.type in {"call", "augmented_assignment", "assignment"} and not kept:
         yield replaced(node, "pass", STATEMENT)

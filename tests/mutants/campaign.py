@@ -1,0 +1,76 @@
+"""A run: mutants in the order of the draw, two at once, until the time is over."""
+
+import random
+import threading
+import time
+from concurrent.futures import ThreadPoolExecutor
+
+from mutants.judging import CAUGHT, WrongVerdict
+from mutants.suite import Test
+
+
+def drawn(mutants, seed):
+    """All mutants in the order in which a seed draws them."""
+    order = list(mutants)
+    random.Random(seed).shuffle(order)
+    return order
+
+
+class Campaign:
+    """Judges mutants with workers, and keeps the results as they come."""
+
+    def __init__(self, workers, reach, order, results, say):
+        self.workers = workers
+        self.reach = reach
+        self.order = order
+        self.results = results
+        self.say = say
+        self.left_out = {}
+        self._lock = threading.Lock()
+        self._stopped = threading.Event()
+        for entry in results.entries(CAUGHT):
+            order.learn(entry["key"][0], Test(entry["by"].split("::")[0]))
+
+    def run(self, mutants, seconds, most_of_tests):
+        """Judge those of `mutants` that have no result yet, for `seconds` of all the run's time."""
+        begun = time.monotonic() - self.results.seconds
+        waiting = iter([mutant for mutant in mutants if mutant not in self.results])
+
+        def elapsed():
+            return time.monotonic() - begun
+
+        def work(worker):
+            while not self._stopped.is_set() and elapsed() < seconds:
+                with self._lock:
+                    mutant = next(waiting, None)
+                if mutant is None:
+                    return
+                try:
+                    self._judge(worker, mutant, most_of_tests, elapsed)
+                except WrongVerdict as wrong:
+                    self._leave_out(wrong)
+
+        with ThreadPoolExecutor(len(self.workers)) as threads:
+            try:
+                for done in [threads.submit(work, worker) for worker in self.workers]:
+                    done.result()
+            finally:
+                self._stopped.set()
+
+    def _judge(self, worker, mutant, most_of_tests, elapsed):
+        tests = self.reach.of(mutant) & self.order.usual.keys()
+        verdict = worker.judge(mutant, tests, self.order, most_of_tests)
+        self.results.add(mutant, verdict, elapsed())
+        by = f", by {verdict.by}, which {verdict.how}" if verdict.by else ""
+        self.say(
+            f"{len(self.results):5}  {verdict.status:9} {verdict.seconds:6.1f} s  "
+            f"{mutant.file}:{mutant.line} {mutant.operator}{by}"
+        )
+
+    def _leave_out(self, wrong):
+        """Ask a test no more that cannot be trusted, and forget what it caught."""
+        self.say(str(wrong))
+        with self._lock:
+            self.left_out[wrong.test.name] = str(wrong)
+            self.order.usual.pop(wrong.test, None)
+            self.results.drop_catches_of(wrong.test)
