@@ -18,8 +18,8 @@ class Checkout:
     """The files of `root` that are not ignored, with their times, in `folder`."""
 
     def __init__(self, root, folder):
-        self.root = Path(root)
-        self.folder = Path(folder)
+        self.root = Path(root).resolve()
+        self.folder = Path(folder).resolve()
         self._changes = 0
         self._marker = self.folder / "build" / "changed-source"
 

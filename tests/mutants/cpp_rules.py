@@ -122,7 +122,8 @@ def number_literal(node):
 
 
 def expression_statement(node):
-    if node.named_children and node.named_children[0].type in ACTIONS:
+    action = node.named_children[0] if node.named_children else node
+    if action.type in ACTIONS and not skips(action):
         yield replaced(node, ";", STATEMENT)
 
 

@@ -22,6 +22,9 @@ class Watch:
         self.limit = limit
         self.running = os.open(running, os.O_WRONLY | os.O_CREAT | os.O_CLOEXEC)
 
+    def pytest_configure(self):
+        same_inputs_each_time()
+
     @pytest.hookimpl(hookwrapper=True)
     def pytest_runtest_protocol(self, item):
         os.ftruncate(self.running, 0)
@@ -55,7 +58,6 @@ def same_inputs_each_time():
 def main():
     # As for `python -m pytest`: what lies beside this file is nothing to import.
     sys.path[0] = os.getcwd()
-    same_inputs_each_time()
     watch = Watch(float(os.environ.pop(LIMIT)), os.environ.pop(RUNNING))
     return pytest.main(["-q", "--no-header", "-p", "no:cacheprovider", *sys.argv[1:]], [watch])
 

@@ -51,7 +51,7 @@ class Worker:
     def __init__(self, root, place, number):
         """Bring the copy and its build up to date."""
         self.checkout = Checkout(root, Path(place) / f"worker-{number}")
-        self.folder = self.checkout.folder.resolve()
+        self.folder = self.checkout.folder
         self.checkout.update()
         self.build = building.configure(self.folder, PRESET)
         self.built = Snapshot(self.build, Path(place).resolve() / f"built-{number}")

@@ -57,7 +57,7 @@ def record(checkout, place, test):
     """Run one test; give how it ended, the lines it ran by file, and those of C++ that can run."""
     folder = Path(place).resolve() / "traces" / test.name
     shutil.rmtree(folder, ignore_errors=True)
-    trace = Trace(checkout.folder.resolve(), folder)
+    trace = Trace(checkout.folder, folder)
     answer = ask(
         checkout.folder,
         PRESET,
@@ -66,6 +66,6 @@ def record(checkout, place, test):
         tracer=(sys.executable, *trace.tracer),
         environment=trace.environment,
     )
-    python, cpp, known = trace.ran()
+    ran, known = trace.ran()
     shutil.rmtree(folder)
-    return answer, python | cpp, known
+    return answer, ran, known

@@ -4,6 +4,7 @@ A rule is a function that takes a node of the syntax tree and gives changes: tup
 `start` and `end`, the text `after`, and the name of the kind of change.
 """
 
+import itertools
 import re
 
 BOUNDARY, COMPARISON, ARITHMETIC = "boundary", "comparison", "arithmetic"
@@ -70,11 +71,9 @@ def number(node):
 
 def swapped(arguments):
     """Two arguments that stand beside each other change places."""
-    for left, right in zip(arguments, arguments[1:], strict=False):
+    for left, right in itertools.pairwise(arguments):
         if left.next_named_sibling == right and text(left) != text(right):
-            source = left.parent.text
-            between = source[
-                left.end_byte - left.parent.start_byte : right.start_byte - left.parent.start_byte
-            ]
-            after = text(right) + between.decode() + text(left)
+            around, begin = left.parent.text, left.parent.start_byte
+            between = around[left.end_byte - begin : right.start_byte - begin].decode()
+            after = text(right) + between + text(left)
             yield left.start_byte, right.end_byte, after, ARGUMENTS

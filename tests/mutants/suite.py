@@ -60,11 +60,11 @@ def digest(root, test):
     return hashlib.sha256((Path(root) / path).read_bytes()).hexdigest()
 
 
-def ask(folder, preset, tests, usual, *, options=(), tracer=(), environment=None):
+def ask(folder, preset, tests, usual, *, options=(), tracer=(sys.executable,), environment=None):
     """Run files of tests, or one program, in a copy of the checkout on its build.
 
-    `usual` has the seconds that each test takes, `options` are pytest's, `tracer` stands in front of
-    the tests and `environment` is added to theirs. Gives an `Answer`.
+    `usual` has the seconds that each test takes, `options` are pytest's, `tracer` is the command
+    that runs a script of Python, and `environment` is added to the tests'. Gives an `Answer`.
     """
     folder = Path(folder)
     build = folder / "build" / preset
@@ -76,7 +76,6 @@ def ask(folder, preset, tests, usual, *, options=(), tracer=(), environment=None
             command = [str(build / "cpp" / "tests" / test.name)]
         else:
             names = [test.name for test in tests]
-            tracer = tracer or (sys.executable,)
             command = [*tracer, "tests/mutants/judge.py", *options, *names]
         ended = run(
             command,

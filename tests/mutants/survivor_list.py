@@ -56,7 +56,7 @@ def complaints(entries, listed, mutants):
         if survivors and key not in listed.reason_of:
             yield f"{told(key)}\n    {survivors[0]['status']}, and no reason is listed"
         if key in listed.reason_of and all(entry["status"] == CAUGHT for entry in alike):
-            yield f"{told(key)}\n    is listed as one that survives, but {alike[0]['by']} catches it"
+            yield f"{told(key)}\n    is listed as a survivor, but {alike[0]['by']} catches it"
     for key, reason in listed.reason_of.items():
         if key not in mutants:
             yield f"{told(key)}\n    is listed, but there is no such mutant"

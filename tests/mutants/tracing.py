@@ -37,8 +37,9 @@ class Trace:
         self.tracer = ("-m", "coverage", "run", f"--rcfile={settings}")
 
     def ran(self):
-        """The lines that have run, and those that can: a number of bits for each file."""
-        return self._python(), *self._cpp()
+        """The lines that have run, by file, and those of C++ that can."""
+        ran, known = self._cpp()
+        return self._python() | ran, known
 
     def _python(self):
         from coverage import CoverageData
