@@ -3,9 +3,11 @@
 import random
 import threading
 import time
+from collections import deque
 from concurrent.futures import ThreadPoolExecutor
 
 from mutants.judging import CAUGHT, WrongVerdict
+from mutants.results import name_of
 from mutants.suite import Test
 
 
@@ -27,35 +29,36 @@ class Campaign:
         self.say = say
         self.left_out = {}
         self._lock = threading.Lock()
-        self._stopped = threading.Event()
         for entry in results.entries(CAUGHT):
             order.learn(entry["key"][0], Test(entry["by"].split("::")[0]))
 
     def run(self, mutants, seconds, most_of_tests):
         """Judge those of `mutants` that have no result yet, for `seconds` of all the run's time."""
         begun = time.monotonic() - self.results.seconds
-        waiting = iter([mutant for mutant in mutants if mutant not in self.results])
+        waiting = deque(mutant for mutant in mutants if mutant not in self.results)
+        stopped = threading.Event()
 
         def elapsed():
             return time.monotonic() - begun
 
         def work(worker):
-            while not self._stopped.is_set() and elapsed() < seconds:
+            while waiting and not stopped.is_set() and elapsed() < seconds:
                 with self._lock:
-                    mutant = next(waiting, None)
+                    mutant = waiting.popleft() if waiting else None
                 if mutant is None:
                     return
                 try:
                     self._judge(worker, mutant, most_of_tests, elapsed)
                 except WrongVerdict as wrong:
-                    self._leave_out(wrong)
+                    names = self._leave_out(wrong) | {name_of(mutant)}
+                    waiting.extendleft(one for one in mutants if name_of(one) in names)
 
         with ThreadPoolExecutor(len(self.workers)) as threads:
             try:
                 for done in [threads.submit(work, worker) for worker in self.workers]:
                     done.result()
             finally:
-                self._stopped.set()
+                stopped.set()
 
     def _judge(self, worker, mutant, most_of_tests, elapsed):
         tests = self.reach.of(mutant) & self.order.usual.keys()
@@ -68,9 +71,9 @@ class Campaign:
         )
 
     def _leave_out(self, wrong):
-        """Ask a test no more that cannot be trusted, and forget what it caught."""
+        """Ask a test no more that cannot be trusted; the names of what it caught until now."""
         self.say(str(wrong))
         with self._lock:
             self.left_out[wrong.test.name] = str(wrong)
             self.order.usual.pop(wrong.test, None)
-            self.results.drop_catches_of(wrong.test)
+            return self.results.drop_catches_of(wrong.test)

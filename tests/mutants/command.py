@@ -1,8 +1,11 @@
 """The command that judges mutants: see `python -m tests.mutants --help`."""
 
 import argparse
+import fcntl
+import signal
 import sys
 from concurrent.futures import ThreadPoolExecutor
+from contextlib import contextmanager
 from fnmatch import fnmatch
 from pathlib import Path
 
@@ -18,13 +21,16 @@ PLACE = ROOT / "build" / "mutation"
 
 
 def main():
+    # Also when it runs in the background, where an interrupt cannot reach it.
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
     options = parse_arguments()
     mutants = places.all_mutants(ROOT)
     chosen = choose(drawn(mutants, options.seed), options)
     if options.show:
         print(*chosen[: options.show], sep="\n")
         return 0
-    results, left_out = judge(chosen, options)
+    with alone():
+        results, left_out = judge(chosen, options)
     listed = survivor_list.read()
     text = report.markdown(results, listed, options.seed, left_out)
     results.path.with_suffix(".md").write_text(text)
@@ -67,6 +73,18 @@ def parse_arguments():
     return parser.parse_args()
 
 
+@contextmanager
+def alone():
+    """Keep a second run from changing the same copies."""
+    PLACE.mkdir(parents=True, exist_ok=True)
+    with (PLACE / "lock").open("w") as lock:
+        try:
+            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            raise SystemExit(f"another run is going on in {PLACE}") from None
+        yield
+
+
 def choose(mutants, options):
     """Those mutants of the draw that the options ask for."""
     if options.again:
@@ -78,7 +96,6 @@ def choose(mutants, options):
 
 def judge(mutants, options):
     """The results of a run, and the tests that were left out, with why."""
-    PLACE.mkdir(parents=True, exist_ok=True)
     reach = recording.up_to_date(ROOT, PLACE, options.workers, say)
     say("building")
     with ThreadPoolExecutor(options.workers) as threads:

@@ -6,7 +6,7 @@ from pathlib import Path
 
 from mutants import building
 from mutants.checkout import Checkout, Snapshot
-from mutants.suite import Test, ask
+from mutants.suite import HANGS, Test, ask
 
 PRESET = "mutants"
 
@@ -60,19 +60,19 @@ class Worker:
     def judge(self, mutant, tests, order, most):
         """Ask `tests` in the `order`, for usually `most` seconds at most, about a mutant."""
         begun = time.monotonic()
-        if not tests:
-            return Verdict(UNREACHED)
         with self.checkout.changed(mutant.file, mutant.text):
             try:
                 if vain := self._in_vain(mutant):
                     return Verdict(vain, seconds=time.monotonic() - begun)
+                if not tests:
+                    return Verdict(UNREACHED, seconds=time.monotonic() - begun)
                 asked, answer = self._ask(mutant, tests, order, most)
             finally:
                 self.built.restore()
         if answer.passed:
             return Verdict(SURVIVED, seconds=time.monotonic() - begun, tests=asked)
         test = Test(answer.by.split("::")[0])
-        self._check(test, order)
+        self._check(test, answer.how, order)
         order.learn(mutant.file, test)
         seconds = time.monotonic() - begun
         return Verdict(CAUGHT, answer.by, answer.how, seconds, asked)
@@ -95,10 +95,13 @@ class Worker:
                 break
         return asked, answer
 
-    def _check(self, test, order):
-        """Run a test that caught a mutant without it now and then: it has to pass."""
+    def _check(self, test, how, order):
+        """Run a test that caught a mutant without it, now and then: it has to pass.
+
+        Always where it seemed to hang: the machine may have been too slow.
+        """
         self._caught += 1
-        if self._caught % CHECKED == 0:
+        if how == HANGS or self._caught % CHECKED == 0:
             answer = ask(self.folder, PRESET, [test], order.usual)
             if not answer.passed:
                 raise WrongVerdict(test, answer)

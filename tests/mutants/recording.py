@@ -9,13 +9,10 @@ from mutants import building
 from mutants.checkout import Checkout
 from mutants.places import sources_of
 from mutants.reach import Reach
-from mutants.suite import ask, digest, tests_of
+from mutants.suite import SECONDS, ask, digest, tests_of
 from mutants.tracing import Trace, lines_of_code
 
 PRESET = "coverage"
-
-# More than any test takes, even where every line is counted.
-SECONDS = 600.0
 
 
 def up_to_date(root, place, workers, say):

@@ -19,9 +19,13 @@ class Results:
         self._lock = threading.Lock()
         if self.path.exists():
             for line in self.path.read_text().splitlines():
-                # The last line may have been cut off when the machine was.
-                if line.endswith("}"):
-                    self._take(json.loads(line))
+                try:
+                    entry = json.loads(line)
+                except ValueError:
+                    # Cut off when the machine was; what comes next begins a line of its own.
+                    continue
+                self._take(entry)
+            self._write()
 
     def __len__(self):
         return len(self._verdicts)
@@ -44,13 +48,17 @@ class Results:
             self._take(entry)
 
     def drop_catches_of(self, test):
-        """Forget what a test caught that cannot be trusted, so that it is judged again."""
+        """Forget what a test caught that cannot be trusted; the names of those mutants."""
         with self._lock:
-            for name, entry in list(self._verdicts.items()):
-                if entry["by"].split("::")[0] == test.name:
-                    del self._verdicts[name]
-            lines = (json.dumps(entry) for entry in self._verdicts.values())
-            self.path.write_text("".join(f"{line}\n" for line in lines))
+            caught = {
+                name
+                for name, entry in self._verdicts.items()
+                if entry["by"].split("::")[0] == test.name
+            }
+            for name in caught:
+                del self._verdicts[name]
+            self._write()
+        return caught
 
     def entries(self, *statuses):
         """The entries with one of the given statuses, or all, as they came."""
@@ -75,6 +83,10 @@ class Results:
         entries = self.entries(*COUNTED) if among is None else among
         caught = sum(entry["status"] == CAUGHT for entry in entries)
         return 100 * caught / len(entries) if entries else 100.0
+
+    def _write(self):
+        lines = (json.dumps(entry) for entry in self._verdicts.values())
+        self.path.write_text("".join(f"{line}\n" for line in lines))
 
     def _take(self, entry):
         self._verdicts.pop(entry["mutant"], None)

@@ -13,13 +13,19 @@ from mutants.running import run
 # Tests of what judges here, and of other tools; none runs the package for its own sake.
 OTHERS = ("tests/mutants/", "tests/branches/", "tests/benchmarks/")
 
+# How a test tells, but for the signals that end it.
+FAILS, HANGS = "fails", "hangs"
+
 # pytest's: all passed, and nothing was left to run.
 PASSING = {0, 5}
 
 # How much longer than usual a test may take; the machine may have other things to do.
 PATIENCE, SLOWNESS = 20.0, 5.0
 
-FAILURE = re.compile(r"^(?:FAILED|ERROR) (\S+)", re.MULTILINE)
+# More than any file of tests takes, even where every line is counted.
+SECONDS = 600.0
+
+FAILURE = re.compile(r"^(?:FAILED|ERROR) (tests/\S+)", re.MULTILINE)
 
 
 @dataclass(frozen=True)
@@ -97,9 +103,9 @@ def answer(ended, running, first):
     if ended.status in PASSING:
         return Answer(True, "", "", ended.seconds)
     if ended.status is None:
-        return Answer(False, by, "hangs", ended.seconds)
+        return Answer(False, by, HANGS, ended.seconds)
     if ended.status < 0:
         return Answer(False, by, f"is ended by signal {-ended.status}", ended.seconds)
     if failed := FAILURE.findall(ended.output):
-        return Answer(False, failed[0], "fails", ended.seconds)
-    return Answer(False, by, "hangs" if running else "fails", ended.seconds)
+        return Answer(False, failed[0], FAILS, ended.seconds)
+    return Answer(False, by, "hangs" if running else FAILS, ended.seconds)

@@ -7,7 +7,7 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 from mutants.checkout import tracked
-from mutants.suite import Test, ask
+from mutants.suite import SECONDS, Test, ask
 
 # What decides how tests go; the judging itself does not.
 FOLDERS = ("cpp", "src", "tests", "cmake")
@@ -43,7 +43,7 @@ def measure(root, place, tests, workers, say):
     def run(test):
         worker = free.get()
         try:
-            return ask(worker.folder, worker.preset, [test], {})
+            return ask(worker.folder, worker.preset, [test], {test: SECONDS})
         finally:
             free.put(worker)
 
