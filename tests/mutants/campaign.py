@@ -48,10 +48,13 @@ class Campaign:
                 if mutant is None:
                     return
                 try:
-                    self._judge(worker, mutant, most_of_tests, elapsed)
+                    verdict = worker.judge(mutant, self._asked(mutant), self.order, most_of_tests)
                 except WrongVerdict as wrong:
                     names = self._leave_out(wrong) | {name_of(mutant)}
                     waiting.extendleft(one for one in mutants if name_of(one) in names)
+                    continue
+                if not self._keep(mutant, verdict, elapsed()):
+                    waiting.appendleft(mutant)
 
         with ThreadPoolExecutor(len(self.workers)) as threads:
             try:
@@ -60,20 +63,30 @@ class Campaign:
             finally:
                 stopped.set()
 
-    def _judge(self, worker, mutant, most_of_tests, elapsed):
-        tests = self.reach.of(mutant) & self.order.usual.keys()
-        verdict = worker.judge(mutant, tests, self.order, most_of_tests)
-        self.results.add(mutant, verdict, elapsed())
+    def _asked(self, mutant):
+        """The tests that reach a mutant, pass without it and can be trusted."""
+        return {
+            test
+            for test in self.reach.of(mutant)
+            if test in self.order.usual and test.name not in self.left_out
+        }
+
+    def _keep(self, mutant, verdict, seconds):
+        """Keep a verdict, unless it is that of a test which another worker has found out."""
+        with self._lock:
+            if verdict.by.split("::")[0] in self.left_out:
+                return False
+            self.results.add(mutant, verdict, seconds)
         by = f", by {verdict.by}, which {verdict.how}" if verdict.by else ""
         self.say(
             f"{len(self.results):5}  {verdict.status:9} {verdict.seconds:6.1f} s  "
             f"{mutant.file}:{mutant.line} {mutant.operator}{by}"
         )
+        return True
 
     def _leave_out(self, wrong):
         """Ask a test no more that cannot be trusted; the names of what it caught until now."""
         self.say(str(wrong))
         with self._lock:
             self.left_out[wrong.test.name] = str(wrong)
-            self.order.usual.pop(wrong.test, None)
             return self.results.drop_catches_of(wrong.test)

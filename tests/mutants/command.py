@@ -2,6 +2,7 @@
 
 import argparse
 import fcntl
+import re
 import signal
 import sys
 from concurrent.futures import ThreadPoolExecutor
@@ -61,7 +62,7 @@ def parse_arguments():
     parser.add_argument(
         "--test-seconds",
         type=float,
-        default=300.0,
+        default=120.0,
         help="that the tests asked about one mutant usually take; what the rest would catch counts "
         "as surviving (%(default)s)",
     )
@@ -70,7 +71,10 @@ def parse_arguments():
     )
     parser.add_argument("--again", metavar="RESULTS", help="judge the survivors of another run")
     parser.add_argument("--show", type=int, default=0, help="print so many of the draw, judge none")
-    return parser.parse_args()
+    options = parser.parse_args()
+    if options.again and not Path(options.again).is_file():
+        parser.error(f"--again: there is no file {options.again!r}")
+    return options
 
 
 @contextmanager
@@ -102,12 +106,18 @@ def judge(mutants, options):
         numbers = range(1, options.workers + 1)
         workers = list(threads.map(lambda number: Worker(ROOT, PLACE, number), numbers))
     seconds, failing = usual.measure(ROOT, PLACE, tests_of(ROOT), workers, say)
-    kind = "again" if options.again else "results"
-    results = Results(PLACE / f"{kind}-{options.seed}-{usual.state_of(ROOT)}.jsonl")
+    results = Results(PLACE / f"{name_of_run(options)}-{usual.state_of(ROOT)}.jsonl")
     order = Order(seconds)
     campaign = Campaign(workers, reach, order, results, say)
     campaign.run(mutants, 60 * options.minutes, options.test_seconds)
     return results, failing | campaign.left_out
+
+
+def name_of_run(options):
+    """Runs over other mutants do not mix: what was chosen by hand is no fair draw."""
+    kind = "again" if options.again else "results"
+    only = "" if options.only == "*" else "-" + re.sub(r"\W+", "_", options.only).strip("_")
+    return f"{kind}-{options.seed}{only}"
 
 
 def say(text):

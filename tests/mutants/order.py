@@ -45,7 +45,7 @@ class Order:
         batch = []
         for test in self.of(file, tests):
             if total and total + self.usual[test] > most:
-                break
+                continue
             total += self.usual[test]
             if test.is_program:
                 yield [test]

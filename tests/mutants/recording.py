@@ -42,7 +42,7 @@ def up_to_date(root, place, workers, say):
             for test, (answer, ran, known) in zip(missing, recorded, strict=True):
                 reach.ran[test], reach.tests[test] = ran, tests[test]
                 for file, lines in known.items():
-                    if reach.sources.get(file) == digests[file]:
+                    if file in digests and reach.sources.get(file) == digests[file]:
                         reach.known[file] = reach.known.get(file, 0) | lines
                 how = "" if answer.passed else f", though {answer.by} {answer.how}"
                 say(f"{answer.seconds:7.1f} s  {test.name}{how}")

@@ -115,3 +115,15 @@ def test_a_test_that_fails_by_itself_has_no_say(campaign):
     # All five have a verdict in the end, and none is that of the test.
     assert results.count(SURVIVED) == len(results) == 5
     assert (MUTANTS[0], set()) in run.workers[0].judged
+
+
+def test_what_a_test_caught_meanwhile_that_was_found_out_does_not_count(campaign):
+    def found_out(mutant):
+        if run.left_out:
+            return survives(mutant)
+        run.left_out[TEST.name] = "found out by another worker"
+        return caught(mutant)
+
+    run, results = campaign(found_out)
+    run.run(MUTANTS[:1], 60, 100)
+    assert results.count(SURVIVED) == len(results) == 1

@@ -53,6 +53,6 @@ def test_the_first_process_is_short_and_those_after_it_longer(monkeypatch):
     assert [len(batch) for batch in batches(usual)] == [2, 3, 2]
 
 
-def test_no_more_are_asked_than_time_is_given_but_one(usual):
+def test_no_more_are_asked_than_time_is_given_for_but_always_one(usual):
     assert batches(usual, most=4.0) == [[PROGRAM], [QUICK]]
     assert batches({SLOW: 5.0}, most=1.0) == [[SLOW]]

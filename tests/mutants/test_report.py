@@ -85,3 +85,14 @@ def test_one_run_keeps_another_out(tmp_path, monkeypatch):
         pass
     with command.alone():
         pass
+
+
+def test_runs_over_what_was_chosen_have_results_of_their_own():
+    command = pytest.importorskip("mutants.command", reason="tree-sitter finds the places")
+
+    def name(again=None, only="*"):
+        return command.name_of_run(SimpleNamespace(seed=1, again=again, only=only))
+
+    assert name() == "results-1"
+    assert name(only="cpp/kernels/*") == "results-1-cpp_kernels"
+    assert name(again="a.jsonl") == "again-1"
