@@ -13,12 +13,12 @@ class BuildError(Exception):
     """The unchanged sources cannot be built."""
 
 
-def configure(checkout, preset):
+def configure(checkout, preset, jobs=1):
     """Set up a build with the interpreter that runs this, and bring it up to date."""
     environment = {"CMAKE_GENERATOR": "Ninja", **os.environ}
     for command in (
         ["cmake", "--preset", preset, f"-DPython_EXECUTABLE={sys.executable}"],
-        ["cmake", "--build", "--preset", preset, "-j", "1"],
+        ["cmake", "--build", "--preset", preset, "-j", str(jobs)],
     ):
         done = subprocess.run(
             command, cwd=checkout, env=environment, capture_output=True, text=True, check=False

@@ -32,7 +32,7 @@ def up_to_date(root, place, workers, say):
         say(f"recording what {len(missing)} tests reach")
         checkout = Checkout(root, Path(place) / "recording")
         checkout.update()
-        building.configure(checkout.folder, PRESET)
+        building.configure(checkout.folder, PRESET, workers)
         if not reach.sources:
             reach.sources = digests
             python = [source for source in sources if source.language == "python"]
