@@ -9,8 +9,8 @@ from mutants.judging import CAUGHT, SURVIVED, UNREACHED
 
 LIST = Path(__file__).with_name("survivors.toml")
 
-# The reason of those that nobody could tell from what stands there.
-SAME = "same"
+# The reasons of those that no test of results can tell: they do the same, at once or later.
+SAME = {"same", "speed"}
 
 
 @dataclass
@@ -22,7 +22,7 @@ class SurvivorList:
 
     def is_same(self, key):
         """Whether a mutant is said to do the same as the original."""
-        return self.reason_of.get(tuple(key)) == SAME
+        return self.reason_of.get(tuple(key)) in SAME
 
     def by_reason(self, keys):
         """How many of the mutants survive for each reason; those without one have None."""
