@@ -90,8 +90,9 @@ build_wheel() {
 
 # The wheel's extras with NumPy as $1 says. What has no wheel for this Python is not compiled here.
 install_extras() {
-    # Of the many modules only some are imported: those are compiled then.
-    "$venv/bin/python" -m pip install -q -U --no-compile --only-binary :all: "$1" \
+    # Of the many modules only some are imported: those are compiled then. All others are as new as can
+    # be with this NumPy, whatever an earlier run has left here.
+    "$venv/bin/python" -m pip install -q -U --upgrade-strategy eager --no-compile --only-binary :all: "$1" \
         "$(companions_of "$1")" "$(echo "$build"/dist/*.whl)[test]" &&
         # Prices of the demo and of tests, without what computes with them.
         "$venv/bin/python" -m pip install -q --no-deps skfolio bokeh_sampledata

@@ -116,8 +116,11 @@ class Keeper:
     def _is_up(self):
         note = self._folder / "data" / "postmaster.pid"
         while self._process.poll() is None:
-            lines = note.read_text().split() if note.exists() else []
-            # One that was killed leaves its note behind.
+            # One that was killed leaves its note behind, which the next one removes.
+            try:
+                lines = note.read_text().split()
+            except FileNotFoundError:
+                lines = []
             if lines[:1] == [str(self._process.pid)] and lines[-1] == "ready":
                 return True
             time.sleep(PAUSE_SECONDS / 10)
