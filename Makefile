@@ -6,6 +6,8 @@
 #   make test        build, format, lint, type and stub checks, C++ tests, Python tests
 #   make format      rewrite the sources as `make test` wants to see them
 #   make coverage    branches of the C++ that no test takes, report in build/coverage/report
+#   make mutants     small changes of the sources, drawn by chance, that the tests should tell; takes
+#                    an hour or MINUTES, and some minutes before it; see tests/mutants/README.md
 #   make asan        the tests under the address, undefined-behaviour and leak sanitizers
 #   make valgrind    a part of the tests under memcheck
 #   make refleaks    every method on an interpreter that counts references
@@ -46,6 +48,7 @@ CLUSTER_READY := $(VENV)/.ready-cluster
 DOCS_READY := $(VENV)/.ready-docs
 TEST_READY := $(VENV)/.ready-test
 BENCH_READY := $(VENV)/.ready-bench
+MUTANTS_READY := $(VENV)/.ready-mutants
 
 # Folders are listed too: their time changes when a file is added or removed.
 SOURCES := CMakeLists.txt README.md LICENSE \
@@ -53,8 +56,9 @@ SOURCES := CMakeLists.txt README.md LICENSE \
 CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
 STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
 
-.PHONY: set-up demo cluster-demo docs test lint types check format coverage trust asan valgrind \
-    refleaks matrix newest long fuzz tidy bench bench-pythons bench-instructions dist-test clean distclean python-matches
+.PHONY: set-up demo cluster-demo docs test lint types check format coverage mutants trust asan \
+    valgrind refleaks matrix newest long fuzz tidy bench bench-pythons bench-instructions dist-test \
+    clean distclean python-matches
 .DELETE_ON_ERROR:
 
 set-up: $(WHEEL_READY) $(TEST_READY)
@@ -115,6 +119,13 @@ coverage: $(TEST_READY)
 	    --exclude-throw-branches --exclude-unreachable-branches --merge-lines \
 	    --html-details build/coverage/report/index.html
 	$(PY) -m tests.branches build/coverage
+
+# Another SEED draws others. A run that was stopped goes on where it stopped.
+SEED ?= 1
+MINUTES ?= 60
+
+mutants: $(TEST_READY) $(MUTANTS_READY)
+	$(PY) -m tests.mutants --seed $(SEED) --minutes $(MINUTES)
 
 # What docs/trust.md reports on, each by itself; a failure keeps no other from running. INPUTS of
 # each kind are as many as take some minutes.
@@ -228,6 +239,10 @@ $(DOCS_READY): pyproject.toml | $(WHEEL_READY)
 $(TEST_READY): pyproject.toml | $(WHEEL_READY)
 	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[test,dev,docs]"
 	$(PY) -m pip install -qq --no-deps skfolio bokeh_sampledata
+	@touch $@
+
+$(MUTANTS_READY): pyproject.toml | $(WHEEL_READY)
+	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[mutants]"
 	@touch $@
 
 # Each by itself: a Python may lack some, and none may replace the NumPy that is measured.
