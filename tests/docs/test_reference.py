@@ -27,7 +27,7 @@ def entries():
     for page in REFERENCE:
         module = ""
         for line in _ENTRY.findall(page.read_text(encoding="utf-8")):
-            kind, name = line.removeprefix(".. ").removesuffix("()").split(":: ")
+            kind, name = re.sub(r"\(.*", "", line).removeprefix(".. ").split(":: ")
             if kind == "currentmodule":
                 module = f"{name}."
             else:
