@@ -7,7 +7,8 @@ from fuzz.oddities import anything, chance, mutated, number, pick
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
-from support import days, frozen
+from support import frozen
+from support.days import build_child
 from support.hostile_actions import ACTIONS
 
 __all__ = ["play", "subjects"]
@@ -37,7 +38,7 @@ def make_rotation(random, base):
         N_alloc=WIDTH,
         transformation_expression=pick(random, ["none", "none", "ewma(3);rank", "zscore"]),
         unmap_policy=pick(random, ["proportional", "equal_split"]),
-        child_rotations=[days.build_child(kind, CAPACITY) for kind in children],
+        child_rotations=[build_child(kind, CAPACITY) for kind in children],
         trace_sink=[] if chance(random, 0.1) else None,
     )
 

@@ -8,7 +8,8 @@ import numpy as np
 from fuzz.oddities import anything, chance, container, mapping, mutated, number, pick
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
-from support import days, frozen
+from support import frozen
+from support.days import CHANGES, Thing, build_child, deliver, form_item
 from support.hostile import Trigger
 from support.hostile_actions import ACTIONS
 from support.hostile_places import DELETIONS, ITEM_PLACES, PLACES
@@ -41,17 +42,17 @@ def play(random, base):
     specs = item_list(random)
     log = []
     if chance(random, 0.5):
-        rotation.items = [days.form_item(base, *plain_item(random)) for _ in range(2)]
+        rotation.items = [form_item(base, *plain_item(random)) for _ in range(2)]
         one_day(random, rotation, log)
     trigger = Trigger()
-    items = [days.form_item(base, *spec) for spec in specs]
-    rotation.items = items if chance(random, 0.6) else days.deliver(items, pick(random, DELIVERIES))
+    items = [form_item(base, *spec) for spec in specs]
+    rotation.items = items if chance(random, 0.6) else deliver(items, pick(random, DELIVERIES))
     if chance(random, 0.15) and type(rotation.items) is list:
         become_hostile(random, rotation, trigger)
     one_day(random, rotation, log)
     trigger.action = None
     if chance(random, 0.3):
-        log.append(frozen.outcome(pick(random, days.CHANGES), rotation))
+        log.append(frozen.outcome(pick(random, CHANGES), rotation))
     rotation.items = items
     one_day(random, rotation, log)
     log.append(frozen.freeze(vars(rotation)))
@@ -66,7 +67,7 @@ def make_rotation(random, base):
         N_alloc=WIDTH,
         transformation_expression=pick(random, ["none", "none", "ewma(3);rank", "zscore"]),
         unmap_policy=pick(random, ["proportional", "equal_split"]),
-        child_rotations=[days.build_child(kind, capacity) for kind in children],
+        child_rotations=[build_child(kind, capacity) for kind in children],
         trace_sink=[] if chance(random, 0.2) else None,
     )
     if chance(random, 0.1):
@@ -113,7 +114,7 @@ def one_day(random, rotation, log):
     else:
         context = attributes.pop("context", None)
         if chance(random, 0.2):
-            context = days.Thing(current_day_index=pick(random, [0, 3, "2", -4, 2.9, None]))
+            context = Thing(current_day_index=pick(random, [0, 3, "2", -4, 2.9, None]))
         log.append(frozen.outcome(rotation, row(random), context=context))
 
 

@@ -10,7 +10,7 @@ from fractions import Fraction
 
 import numpy as np
 
-from support import days
+from support.days import OwnGet, Pairing, SubDict
 
 NAN = float("nan")
 INF = float("inf")
@@ -296,7 +296,7 @@ def mapping(random, depth):
             entries[anything(random, 1)] = anything(random, depth - 1)
         except BaseException:
             continue
-    kinds = [dict, dict, collections.OrderedDict, days.SubDict, days.Pairing, collections.UserDict]
+    kinds = [dict, dict, collections.OrderedDict, SubDict, Pairing, collections.UserDict]
     return pick(random, kinds)(entries)
 
 
@@ -350,7 +350,7 @@ def replaced(random, value, make):
         return (list if type(value) is tuple else tuple)(reversed(parts))
     if type(value) is dict and draw < 0.4:
         # No OrderedDict: a key that empties it while it is iterated takes the interpreter down.
-        return pick(random, [days.SubDict, days.OwnGet, dict, list])(value)
+        return pick(random, [SubDict, OwnGet, dict, list])(value)
     if draw < 0.7 and type(value) in (int, float):
         return pick(random, NEIGHBOURS)(value)
     return make(random)

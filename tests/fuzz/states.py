@@ -9,7 +9,8 @@ from fuzz.items import CHILDREN, KEYS, WIDTH, one_day, plain_item, plain_legs
 from fuzz.oddities import Int, Key, anything, chance, container, mutated, number, pick
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
-from support import days, frozen
+from support import frozen
+from support.days import OwnGet, SubDict, Thing, build_child, form_item
 from support.hostile import Trigger
 from support.hostile_states import NAMES, RESTORE_HARMS, SPOTS
 
@@ -57,7 +58,7 @@ def make_rotation(random, base):
         transformation_expression=pick(random, ["none", "none", "ewma(3)"]),
         child_rotations=[make_child(random) for _ in range(pick(random, [0, 0, 1, 2]))],
     )
-    rotation.items = [days.form_item(base, *plain_item(random)) for _ in range(2)]
+    rotation.items = [form_item(base, *plain_item(random)) for _ in range(2)]
     if chance(random, 0.7):
         frozen.outcome(rotation, np.ones(WIDTH))
     return rotation
@@ -116,8 +117,8 @@ def make_child(random):
     if chance(random, 0.15):
         return FailingChild()
     if chance(random, 0.1):
-        return days.Thing(set_state=lambda state: None)
-    return days.build_child("sum" if chance(random, 0.5) else pick(random, CHILDREN), CAPACITY)
+        return Thing(set_state=lambda state: None)
+    return build_child("sum" if chance(random, 0.5) else pick(random, CHILDREN), CAPACITY)
 
 
 # States
@@ -140,7 +141,7 @@ def odd_state(random, rotation, trigger):
     elif draw < 0.45:
         name = pick(random, NAMES)
         state[name] = mutated(random, state[name])
-        return pick(random, [days.SubDict, days.OwnGet, collections.OrderedDict])(state)
+        return pick(random, [SubDict, OwnGet, collections.OrderedDict])(state)
     if draw >= 0.3:
         for _ in range(pick(random, [0, 1, 1, 2])):
             name = pick(random, NAMES[:-1])
@@ -175,7 +176,7 @@ def odd_map(make_key, make_value):
             (make_key(random), make_value(random)) for _ in range(pick(random, [0, 1, 2, 5]))
         ]
         try:
-            return pick(random, [dict, dict, days.SubDict, list])(entries)
+            return pick(random, [dict, dict, SubDict, list])(entries)
         except BaseException:
             return entries
 

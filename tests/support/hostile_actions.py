@@ -4,7 +4,8 @@ import gc
 
 import numpy as np
 
-from support import days, frozen
+from support import frozen
+from support.days import CHANGES, STEPS, override_on_instance, passing_method
 
 
 def clear_items(rotation):
@@ -42,18 +43,18 @@ def set_empty_state(rotation):
 
 
 def override_the_steps(rotation):
-    days.override_on_instance(rotation, days.STEPS, rotation.log)
+    override_on_instance(rotation, STEPS, rotation.log)
 
 
 def override_the_class(rotation):
-    for name in days.STEPS:
-        setattr(type(rotation), name, days.passing_method(name, type(rotation), rotation.log))
+    for name in STEPS:
+        setattr(type(rotation), name, passing_method(name, type(rotation), rotation.log))
 
 
 def change_the_class(rotation):
     subclass = type("Sub", (type(rotation),), {})
-    for name in days.STEPS:
-        setattr(subclass, name, days.passing_method(name, subclass, rotation.log))
+    for name in STEPS:
+        setattr(subclass, name, passing_method(name, subclass, rotation.log))
     rotation.__class__ = subclass
 
 
@@ -236,6 +237,6 @@ HARMS = {
         raise_a_chained_error,
     ],
     "raises what is no exception": [raise_what_is_no_exception, raise_generator_exit],
-    "changes as between days": days.CHANGES,
+    "changes as between days": CHANGES,
 }
 ACTIONS = {action.__name__: action for actions in HARMS.values() for action in actions}

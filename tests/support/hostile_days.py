@@ -2,7 +2,8 @@
 
 import numpy as np
 
-from support import days, frozen
+from support import frozen
+from support.days import build_child, day_rotation_class
 from support.hostile import Trigger
 from support.hostile_actions import ACTIONS
 from support.hostile_places import ITEM_PLACES, PLACES, item_with
@@ -33,11 +34,11 @@ def hostile_days(base, place, action):
 
 def make(base, *children, **attributes):
     """Make a rotation of four slots whose last child turns NaN into something finite."""
-    return days.day_rotation_class(base, **attributes)(
+    return day_rotation_class(base, **attributes)(
         max_structures=4,
         N_alloc=6,
         transformation_expression="none",
-        child_rotations=[*children, days.build_child("fill", 4)],
+        child_rotations=[*children, build_child("fill", 4)],
         trace_sink=[],
     )
 

@@ -4,7 +4,7 @@ import sys
 
 import numpy as np
 
-from support import days
+from support.days import Thing
 from support.hostile import (
     Comparing,
     Deleted,
@@ -337,7 +337,7 @@ def place_day_index(rotation, trigger):
 
 
 def place_day_conversion(rotation, trigger):
-    rotation.context = days.Thing(current_day_index=Number(trigger, 2))
+    rotation.context = Thing(current_day_index=Number(trigger, 2))
 
 
 def place_drawn_item_deletion(rotation, trigger):
@@ -467,7 +467,7 @@ def place_context_lookup(rotation, trigger):
 
 
 def place_day_index_index(rotation, trigger):
-    rotation.context = days.Thing(current_day_index=firing(trigger, __index__=2))
+    rotation.context = Thing(current_day_index=firing(trigger, __index__=2))
 
 
 def place_live_count_comparison(rotation, trigger):
@@ -560,7 +560,7 @@ def record_property(trigger, name):
 
 
 def record_with(**changed):
-    return lambda record: days.Thing(**{**vars(record), **changed})
+    return lambda record: Thing(**{**vars(record), **changed})
 
 
 def place_record_key(rotation, trigger):

@@ -5,7 +5,7 @@ import sys
 
 import numpy as np
 
-from support import days
+from support.days import Sum, passing_method
 from support.hostile import Comparing, Deleted, Hashed, Number, WatchedMap, firing, watched
 
 CAPACITY = 4
@@ -470,11 +470,11 @@ def no_children(rotation, state):
 
 
 def more_children(rotation, state):
-    rotation.child_rotations.append(days.Sum())
+    rotation.child_rotations.append(Sum())
 
 
 def other_children(rotation, state):
-    rotation.child_rotations = [days.Sum()]
+    rotation.child_rotations = [Sum()]
 
 
 def other_tables(rotation, state):
@@ -509,7 +509,7 @@ def override_the_steps(rotation, state):
 def override_the_class(rotation, state):
     cls = type(rotation)
     for name in ["_validate_child_states", "_snapshot_child_states", "_restore_child_snapshots"]:
-        setattr(cls, name, days.passing_method(name, cls))
+        setattr(cls, name, passing_method(name, cls))
 
 
 def fail(error):

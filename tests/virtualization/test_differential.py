@@ -12,7 +12,19 @@ from hypothesis import HealthCheck, assume, example, given, settings
 from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, invariant, precondition, rule
 
-from support import days, frozen
+from support import frozen
+from support.days import (
+    CHANGES_BY_NAME,
+    CHILD_KINDS,
+    ODD_CHILD_KINDS,
+    STEPS,
+    SubDict,
+    Thing,
+    build_child,
+    build_item,
+    day_rotation_class,
+    run_days,
+)
 from support.siblings import Siblings, installed_real_base, load_base
 
 NAN = float("nan")
@@ -225,7 +237,7 @@ metadata = st.sampled_from(
         "xy",
         [1],
         [("a", 1, 2)],
-        days.SubDict(x=1),
+        SubDict(x=1),
         ("pairing", {"p": 1}),
         ("generator", [("g", 1)]),
         ("iter", []),
@@ -309,7 +321,7 @@ def day_specs(draw, items):
         "inputs": [draw(inputs)] + [draw(inputs)] * draw(st.integers(0, 1)),
         "masks": draw(st.one_of(st.none(), own_masks())),
         "context": draw(contexts) if draw(st.booleans()) else None,
-        "change": draw(st.sampled_from([None] * 20 + sorted(days.CHANGES_BY_NAME))),
+        "change": draw(st.sampled_from([None] * 20 + sorted(CHANGES_BY_NAME))),
     }
 
 
@@ -317,8 +329,8 @@ def day_specs(draw, items):
 def scenarios(draw, items=None, capacity=None):
     """Draw a scenario of odd items, or of the items and the capacity given."""
     items = item_specs() if items is None else items
-    children = st.lists(st.sampled_from(days.CHILD_KINDS), max_size=3)
-    odd = st.lists(st.sampled_from(days.CHILD_KINDS + days.ODD_CHILD_KINDS), max_size=3)
+    children = st.lists(st.sampled_from(CHILD_KINDS), max_size=3)
+    odd = st.lists(st.sampled_from(CHILD_KINDS + ODD_CHILD_KINDS), max_size=3)
     return {
         "max_structures": capacity or draw(st.integers(1, 5)),
         "policy": draw(st.sampled_from(["proportional", "equal_split"])),
@@ -331,7 +343,7 @@ def scenarios(draw, items=None, capacity=None):
 
 def assert_same(scenario, **overrides):
     """Play the scenario on both modules, compare the whole logs, and return the native one."""
-    native, twin = (days.run_days(base, scenario, **overrides) for base in both())
+    native, twin = (run_days(base, scenario, **overrides) for base in both())
     for position, (one, other) in enumerate(zip(native, twin, strict=False)):
         assert one == other, f"entry {position} of the log"
     assert len(native) == len(twin)
@@ -352,7 +364,7 @@ steady_changes = st.sampled_from(
     [None] * 12
     + ["hold_metadata", "edit_held_metadata", "release_metadata", "swap_metadata"] * 2
     + ["repeat_metadata", "equal_metadata", "inactive_metadata", "swap_slots", "swap_legs"] * 2
-    + sorted(days.CHANGES_BY_NAME)
+    + sorted(CHANGES_BY_NAME)
 )
 
 ITEM_EDITS = {
@@ -395,28 +407,28 @@ def test_random_well_formed_days_are_the_same_on_both(scenario):
 
 
 @FAST
-@given(scenarios(), st.sets(st.sampled_from(days.STEPS), min_size=1))
+@given(scenarios(), st.sets(st.sampled_from(STEPS), min_size=1))
 def test_random_days_with_steps_overridden_on_the_class_are_the_same(scenario, steps):
     assert_same(scenario, on_class=sorted(steps))
 
 
 @FAST
-@given(scenarios(), st.sets(st.sampled_from(days.STEPS), min_size=1))
+@given(scenarios(), st.sets(st.sampled_from(STEPS), min_size=1))
 def test_random_days_with_steps_overridden_on_the_instance_are_the_same(scenario, steps):
     assert_same(scenario, on_instance=sorted(steps))
 
 
 @FAST
-@given(scenarios(), st.sampled_from(days.STEPS))
+@given(scenarios(), st.sampled_from(STEPS))
 def test_override_that_only_calls_super_changes_nothing(scenario, step):
     native, _ = both()
-    plain = days.run_days(native, scenario)
-    on_class = days.run_days(native, scenario, on_class=[step], with_calls=False)
+    plain = run_days(native, scenario)
+    on_class = run_days(native, scenario, on_class=[step], with_calls=False)
     unframed = [without_frames(entry) for entry in plain]
     assert [without_frames(entry) for entry in on_class] == unframed
     # A copy would share the override of the original, which then records into the original.
     assume(not any("copy" in (day["change"] or "") for day in scenario["days"]))
-    on_instance = days.run_days(native, scenario, on_instance=[step], with_calls=False)
+    on_instance = run_days(native, scenario, on_instance=[step], with_calls=False)
     assert [without_frames(entry) for entry in on_instance] == unframed
 
 
@@ -424,7 +436,7 @@ def test_override_that_only_calls_super_changes_nothing(scenario, step):
 @given(scenarios())
 def test_same_days_again_are_the_same_days(scenario):
     native, _ = both()
-    assert days.run_days(native, scenario) == days.run_days(native, scenario)
+    assert run_days(native, scenario) == run_days(native, scenario)
 
 
 def without_frames(entry):
@@ -432,7 +444,7 @@ def without_frames(entry):
     return (*entry[:2], entry[-1]) if entry and entry[0] == "raised" else entry
 
 
-@pytest.mark.parametrize("change", sorted(days.CHANGES_BY_NAME))
+@pytest.mark.parametrize("change", sorted(CHANGES_BY_NAME))
 @pytest.mark.parametrize("policy", ["proportional", "equal_split"])
 def test_attributes_changed_between_days_are_used_by_the_next(change, policy):
     """Steady days, so that anything kept from the day before would show."""
@@ -467,7 +479,7 @@ def test_attributes_changed_between_days_are_used_by_the_next(change, policy):
     st.lists(
         st.tuples(
             st.sampled_from(["nothing"] * 5 + sorted(ITEM_EDITS)),
-            st.sampled_from([None] * 5 + sorted(days.CHANGES_BY_NAME)),
+            st.sampled_from([None] * 5 + sorted(CHANGES_BY_NAME)),
             st.sampled_from([None, None, 0, 1, 5]),
         ),
         min_size=2,
@@ -481,14 +493,14 @@ def test_days_that_reuse_their_items_are_the_same(specs, edits):
 
 
 def reused_items_log(base, specs, edits):
-    rotation = days.day_rotation_class(base)(
+    rotation = day_rotation_class(base)(
         max_structures=4,
         N_alloc=6,
         transformation_expression="none",
-        child_rotations=[days.build_child("fill", 4)],
+        child_rotations=[build_child("fill", 4)],
         trace_sink=[],
     )
-    items = [days.build_item(base, spec) for spec in specs]
+    items = [build_item(base, spec) for spec in specs]
     rotation.items = items
     log = []
     for edit, change, missing in edits:
@@ -499,7 +511,7 @@ def reused_items_log(base, specs, edits):
         log.append(frozen.freeze(vars(rotation)))
         log.append(frozen.outcome(ITEM_EDITS[edit], items))
         if change is not None:
-            log.append(frozen.outcome(days.CHANGES_BY_NAME[change], rotation))
+            log.append(frozen.outcome(CHANGES_BY_NAME[change], rotation))
     return log
 
 
@@ -525,13 +537,13 @@ def test_steady_days_are_the_same(specs, plan):
 
 
 def steady_log(base, specs, plan):
-    rotation = days.day_rotation_class(base)(
+    rotation = day_rotation_class(base)(
         max_structures=5,
         N_alloc=6,
         transformation_expression="none",
-        child_rotations=[days.build_child("fill", 5)],
+        child_rotations=[build_child("fill", 5)],
     )
-    pool = [days.build_item(base, spec) for spec in specs]
+    pool = [build_item(base, spec) for spec in specs]
     log = []
     for chosen, missing, edit, change in plan:
         rotation.items = [pool[index % len(pool)] for index in chosen]
@@ -542,7 +554,7 @@ def steady_log(base, specs, plan):
         log.append(frozen.freeze(vars(rotation)))
         log.append(frozen.outcome(ITEM_EDITS[edit], rotation.items))
         if change is not None:
-            log.append(frozen.outcome(days.CHANGES_BY_NAME[change], rotation))
+            log.append(frozen.outcome(CHANGES_BY_NAME[change], rotation))
     return log
 
 
@@ -555,10 +567,10 @@ def steady_log(base, specs, plan):
 def test_normalized_structures_are_the_same(spec):
     results = []
     for base in both():
-        rotation = days.day_rotation_class(base)(
+        rotation = day_rotation_class(base)(
             max_structures=2, N_alloc=6, transformation_expression="none"
         )
-        item = days.build_item(base, spec)
+        item = build_item(base, spec)
         results.append((frozen.outcome(rotation._normalize_structure, item), frozen.freeze(item)))
     assert results[0] == results[1]
 
@@ -568,7 +580,7 @@ def test_normalized_structures_are_the_same(spec):
 def test_validity_is_the_same(legs, combined, masks, N, value):
     results = []
     for base in both():
-        rotation = days.day_rotation_class(base)(
+        rotation = day_rotation_class(base)(
             max_structures=2, N_alloc=6, transformation_expression="none"
         )
         structure = base.VirtualStructure(("a",), tuple(legs), value)
@@ -622,7 +634,7 @@ unmap_weights = st.one_of(
 def test_unmapping_is_the_same(legs_by_slot, outputs, kind_of_row, policy, N):
     results = []
     for base in both():
-        rotation = days.day_rotation_class(base)(
+        rotation = day_rotation_class(base)(
             max_structures=4, N_alloc=6, transformation_expression="none"
         )
         rotation._legs_by_slot = legs_by_slot
@@ -683,7 +695,7 @@ def states(draw):
 def test_validated_states_are_the_same(state):
     results = []
     for base in both():
-        rotation = days.day_rotation_class(base)(
+        rotation = day_rotation_class(base)(
             max_structures=4, N_alloc=6, transformation_expression="none"
         )
         given_state = copy.deepcopy(state)
@@ -774,12 +786,12 @@ class World:
 
     def __init__(self, base, children):
         self.faults = Faults()
-        self.rotation = days.day_rotation_class(base)(
+        self.rotation = day_rotation_class(base)(
             max_structures=4,
             N_alloc=6,
             transformation_expression="none",
             child_rotations=[
-                FaultyChild(self.faults, number) if stateful else days.build_child("double", 4)
+                FaultyChild(self.faults, number) if stateful else build_child("double", 4)
                 for number, stateful in enumerate(children)
             ],
         )
@@ -794,7 +806,7 @@ class World:
         return copy.deepcopy(self.stored.get(name))
 
     def day(self, specs, missing):
-        self.rotation.items = [days.build_item(self.base, spec) for spec in specs]
+        self.rotation.items = [build_item(self.base, spec) for spec in specs]
         row = np.ones(self.rotation._n_alloc)
         if missing < len(row):
             row[missing] = NAN
@@ -994,7 +1006,7 @@ def test_days_on_the_real_framework_are_the_same(expression, policy, rows, seed)
 
 
 def real_log(base, expression, policy, rows, random):
-    rotation = days.day_rotation_class(base)(
+    rotation = day_rotation_class(base)(
         max_structures=5,
         N_alloc=6,
         transformation_expression=expression,
@@ -1013,7 +1025,7 @@ def real_log(base, expression, policy, rows, random):
     universe = (random.random((len(rows), 6)) < 0.9).astype(np.uint8)
     log = []
     for day, (row,) in enumerate(rows):
-        context = days.Thing(universe_mask=universe[:, : len(row)], current_day_index=day)
+        context = Thing(universe_mask=universe[:, : len(row)], current_day_index=day)
         log.append(frozen.outcome(rotation, np.array(row), context=context))
         log.append(frozen.freeze({**vars(rotation), "child_rotations": None}))
         log.append(frozen.outcome(rotation.get_state))

@@ -8,10 +8,7 @@ import contextlib
 import copy
 import functools
 import gc
-import os
-import subprocess
 import sys
-import textwrap
 import types
 import weakref
 from unittest import mock
@@ -19,11 +16,13 @@ from unittest import mock
 import numpy as np
 import pytest
 
-from support import days, frozen
+from support import frozen
+from support.days import STEPS, Thing, day_rotation_class
 from support.hostile import Trigger
 from support.hostile_days import hostile_days, make
 from support.hostile_places import DELETIONS, ITEM_PLACES, PLACES, item_with
-from support.siblings import Siblings, base_location, load_base
+from support.isolated import run_isolated
+from support.siblings import Siblings, load_base
 
 NAN = float("nan")
 
@@ -264,7 +263,7 @@ def odd_ids_in_a_record_that_was_not_normalised(base):
 @scenario
 def odd_days(base):
     def use(rotation, number):
-        context = days.Thing(current_day_index=number)
+        context = Thing(current_day_index=number)
         child_context = frozen.outcome(rotation._make_child_context, None, number)
         return frozen.outcome(rotation, np.ones(6), context=context), child_context
 
@@ -466,7 +465,7 @@ def metadata_in_containers_of_its_own(base):
         FailingIterator(),
         NoIterator(),
         mock.MagicMock(),
-        {days.Thing(): 1, ("key",): 2, b"key": 3},
+        {Thing(): 1, ("key",): 2, b"key": 3},
         np.array([("a", "b")]),
     ]
 
@@ -497,7 +496,7 @@ def items_in_dicts_of_their_own(base):
         base.VirtualStructure(**item),
         type("Sub", (base.VirtualStructure,), {"value": property(lambda self: 7.0)}),
         {**item, 5: "key that is no string"},
-        {days.Thing(): 1, **item},
+        {Thing(): 1, **item},
         (("a",), ((0, 1.0),), 2.0),
         "abc",
         None,
@@ -840,7 +839,7 @@ def attribute_access_of_the_class_itself(base):
                 return {0: ((5, 1.0),)}
             raise AttributeError(name)
 
-    cls = days.day_rotation_class(base)
+    cls = day_rotation_class(base)
     watched = type("Watched", (Watch, cls), {})
     rotation = watched(max_structures=4, N_alloc=6, transformation_expression="none")
     rotation.items = plain_items()
@@ -867,7 +866,7 @@ def class_attributes_in_place_of_instance_attributes(base):
 @scenario
 def steps_that_are_no_functions(base):
     log = []
-    for name in days.STEPS:
+    for name in STEPS:
         for step in [None, 5, staticmethod(lambda *args: 0), classmethod(lambda *args: 0)]:
             rotation = make(base, **{name: step})
             rotation.items = plain_items()
@@ -1375,7 +1374,7 @@ def overridden_parts_of_a_restore(base):
             rotation = make(base, **{name: lambda self, *args, result=result: result})
             log.append(frozen.outcome(rotation.set_state, {"child_states": [1]}))
     for result in [None, [], 0, "notes", {0: 1}, {1: 1}, [KeyError("x")], np.zeros(2)]:
-        child = days.Thing()
+        child = Thing()
         child.get_state = dict
         child.set_state = functools.partial(raise_error, LookupError("set"))
         rotation = make(base, _restore_child_snapshots=lambda self, *args, result=result: result)
@@ -1473,7 +1472,7 @@ def fresh_objects_at_old_addresses(base):
 def classes_that_come_and_go(base):
     log = []
     for day in range(12):
-        cls = days.day_rotation_class(base)
+        cls = day_rotation_class(base)
         if day % 3 == 0:
             cls._structure_is_valid = lambda self, *args: True
         elif day % 3 == 1:
@@ -1663,8 +1662,8 @@ def test_day_keeps_nothing_of_what_it_was_given(base, fails):
 
     rotation = make(base, child)
     rotation.trace_sink = None
-    item = days.Thing(key=("a",), legs=[(0, 1.0)], value=1.0, metadata={"m": 1})
-    context, mask = days.Thing(current_day_index=1), np.zeros(6, dtype=np.uint8)
+    item = Thing(key=("a",), legs=[(0, 1.0)], value=1.0, metadata={"m": 1})
+    context, mask = Thing(current_day_index=1), np.zeros(6, dtype=np.uint8)
     watched = [weakref.ref(thing) for thing in [item, context, mask]]
     rotation.items = [item]
     with contextlib.suppress(LookupError):
@@ -1717,33 +1716,12 @@ def test_failing_days_leak_no_references(base):
 # Isolated: what would take the interpreter down with it
 
 
-def run_isolated(kind, script):
-    """Run a script on the module of the kind in an interpreter of its own."""
-    setup = f"""
-        import sys
-        sys.path[:0] = {[os.path.dirname(os.path.dirname(days.__file__))]!r}
-        from support.siblings import Siblings, load_base
-        from support import days, siblings
-        siblings.base_location = lambda kind: {str(base_location(kind))!r}
-        base = load_base({kind!r}, Siblings())
-        import gc
-        import numpy as np
-    """
-    code = textwrap.dedent(setup) + textwrap.dedent(script)
-    return subprocess.run(
-        [sys.executable, "-X", "faulthandler", "-c", code],
-        capture_output=True,
-        text=True,
-        timeout=60,
-        check=False,
-    )
-
-
 @pytest.mark.parametrize("kind", ["native", "twin"])
 def test_row_key_nested_without_end_is_a_recursion_error(kind):
-    done = run_isolated(
+    printed = run_isolated(
         kind,
         """
+        base = load_base(kind, Siblings())
         mask = base._AllOnesVirtualMask(3, np.ones(4))
         key = 0
         for _ in range(100000):
@@ -1753,17 +1731,21 @@ def test_row_key_nested_without_end_is_a_recursion_error(kind):
         except RecursionError:
             print("recursion")
         """,
+        allocator="default",
     )
-    assert (done.returncode, done.stdout.strip()) == (0, "recursion"), done.stderr[-2000:]
+    assert printed == "recursion\n"
 
 
 @pytest.mark.parametrize("kind", ["native", "twin"])
 def test_finalizers_at_any_moment_do_no_harm(kind):
     """The collector runs at nearly every allocation, and what it finds changes what is in use."""
-    done = run_isolated(
+    printed = run_isolated(
         kind,
         """
+        base = load_base(kind, Siblings())
         import random
+
+        from support.days import day_rotation_class
 
         random.seed(4)
 
@@ -1775,7 +1757,7 @@ def test_finalizers_at_any_moment_do_no_harm(kind):
             def __del__(self):
                 self.action()
 
-        rotation = days.day_rotation_class(base)(
+        rotation = day_rotation_class(base)(
             max_structures=4, N_alloc=6, transformation_expression="none", trace_sink=[]
         )
         items = []
@@ -1822,5 +1804,6 @@ def test_finalizers_at_any_moment_do_no_harm(kind):
                 rotation._legs_by_slot = {}
         print("finished", finished > 100)
         """,
+        allocator="default",
     )
-    assert (done.returncode, done.stdout.strip()) == (0, "finished True"), done.stderr[-2000:]
+    assert printed == "finished True\n"

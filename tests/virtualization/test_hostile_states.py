@@ -6,7 +6,8 @@ import types
 import numpy as np
 import pytest
 
-from support import days, frozen
+from support import frozen
+from support.days import Sum, day_rotation_class
 from support.hostile import Trigger
 from support.hostile_states import CAPACITY, OVERRIDES, RESTORE_HARMS, ROTATION_SPOTS, SPOTS, WIDTH
 from support.siblings import Siblings, load_base
@@ -56,11 +57,11 @@ def hostile_restore(base, spot, act, *, way, children=2):
 
 def make(base, children):
     """Make a rotation with some children and a day behind it."""
-    rotation = days.day_rotation_class(base)(
+    rotation = day_rotation_class(base)(
         max_structures=CAPACITY,
         N_alloc=WIDTH,
         transformation_expression="none",
-        child_rotations=[days.Sum() for _ in range(children)],
+        child_rotations=[Sum() for _ in range(children)],
     )
     rotation.items = [
         {"key": (name,), "legs": ((leg, 1.0),), "value": 1.0} for leg, name in enumerate("ab")

@@ -8,7 +8,8 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
-from support import days, frozen
+from support import frozen
+from support.days import day_rotation_class, visible_attributes
 from support.tampering import SLOTS, WAYS, N, TamperedRotation, play, way
 
 NAN = float("nan")
@@ -449,7 +450,7 @@ def test_thousands_of_structures_on_and_off(modules):
     count = 800
 
     def logs(module, overridden):
-        rotation = days.day_rotation_class(module, overridden=overridden)(
+        rotation = day_rotation_class(module, overridden=overridden)(
             max_structures=count, transformation_expression="none", N_alloc=N
         )
         made = {}
@@ -472,7 +473,7 @@ def test_thousands_of_structures_on_and_off(modules):
             inputs[rng.integers(0, N)] = NAN
             rotation.items = made[kind].with_values(values)
             log.append(rotation(inputs).tobytes())
-            log.append(frozen.freeze(days.visible_attributes(rotation, ["items"])))
+            log.append(frozen.freeze(visible_attributes(rotation, ["items"])))
         return log
 
     expected = logs(twin, ())
