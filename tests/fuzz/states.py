@@ -5,14 +5,19 @@ import types
 
 import numpy as np
 
+from adversary.actions.in_restores import NAMES, RESTORE_HARMS
+from adversary.places.in_states import SPOTS
+from adversary.values.children import FailingChild, OneState, build_child
+from adversary.values.chosen import anything, chance, container, mutated, number, pick
+from adversary.values.items import OwnGet, SubDict, Thing, form_item
+from adversary.values.odd_containers import Key
+from adversary.values.odd_numbers import Int
+from adversary.values.triggers import Trigger
 from fuzz.items import CHILDREN, KEYS, WIDTH, one_day, plain_item, plain_legs
-from fuzz.oddities import Int, Key, anything, chance, container, mutated, number, pick
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
 from support import frozen
-from support.days import OwnGet, SubDict, Thing, build_child, form_item
-from support.hostile import Trigger
-from support.hostile_states import NAMES, RESTORE_HARMS, SPOTS
+from support.player import Player
 
 __all__ = ["play", "subjects"]
 
@@ -33,21 +38,20 @@ def play(random, base):
     trigger.fired = 0
     trigger.action = lambda: act(rotation, state)
     draw = random.random()
-    log = []
+    player = Player(rotation, seen=lambda rotation: [state, held, vars(rotation)])
     if draw < 0.2:
-        log.append(frozen.outcome(rotation._validate_state_components, state))
+        player.act(rotation._validate_state_components, state)
     elif draw < 0.9:
-        log.append(frozen.outcome(rotation.set_state, state))
+        player.act(rotation.set_state, state)
     else:
-        store = types.SimpleNamespace(read=lambda name: state)
-        log.append(frozen.outcome(rotation.recover, store))
+        player.act(rotation.recover, types.SimpleNamespace(read=lambda name: state))
     trigger.action = None
-    log.append(trigger.fired)
-    log.append(frozen.freeze([state, held, vars(rotation)]))
+    player.log.append(trigger.fired)
+    player.look()
     if chance(random, 0.3):
-        one_day(random, rotation, log)
-        log.append(frozen.freeze(vars(rotation)))
-    return log
+        one_day(random, player)
+        player.look()
+    return player.log
 
 
 def make_rotation(random, base):
@@ -79,36 +83,6 @@ def hold(random, rotation):
         return vars(rotation).copy()
     entries[-1] = entries[0]
     return rotation._legs_by_slot
-
-
-class FailingChild:
-    """Child whose state cannot be set, not even the one that it had."""
-
-    def __call__(self, values, *, context):
-        return values
-
-    def get_state(self):
-        return {"mine": [1]}
-
-    def set_state(self, state):
-        raise LookupError("set_state", frozen.freeze(state))
-
-
-class OneState:
-    """Child that has one state object all its life, and hands it out."""
-
-    def __init__(self):
-        self.state = {"mine": [1]}
-
-    def __call__(self, values, *, context):
-        return values
-
-    def get_state(self):
-        return self.state
-
-    def set_state(self, state):
-        self.state.clear()
-        self.state["mine"] = state
 
 
 def make_child(random):

@@ -4,10 +4,13 @@ import functools
 
 import pytest
 
-from support.hostile_actions import HARMS
-from support.hostile_days import hostile_days
-from support.hostile_places import DELETIONS, ITEM_PLACES, PLACES
+from adversary.actions.in_days import HARMS
+from adversary.day import hostile_days
+from adversary.places.in_days import DELETIONS, PLACES
+from adversary.places.in_items import ITEM_PLACES
 from support.siblings import Siblings, load_base
+
+pytestmark = pytest.mark.usefixtures("quick_collections")
 
 
 @functools.cache

@@ -6,10 +6,14 @@ import types
 import numpy as np
 import pytest
 
+from adversary.actions.in_restores import OVERRIDES, RESTORE_HARMS
+from adversary.places.in_restores import ROTATION_SPOTS, WIDTH
+from adversary.places.in_states import CAPACITY, SPOTS
+from adversary.values.children import Sum
+from adversary.values.triggers import Trigger
 from support import frozen
-from support.days import Sum, day_rotation_class
-from support.hostile import Trigger
-from support.hostile_states import CAPACITY, OVERRIDES, RESTORE_HARMS, ROTATION_SPOTS, SPOTS, WIDTH
+from support.days import day_rotation_class
+from support.player import Player
 from support.siblings import Siblings, load_base
 
 HARMS = {**RESTORE_HARMS, "overrides": OVERRIDES}
@@ -47,12 +51,15 @@ def hostile_restore(base, spot, act, *, way, children=2):
         else:
             act(rotation, state)
 
+    player = Player(rotation, seen=lambda rotation: [state, vars(rotation)])
     trigger.fired, trigger.action = 0, take_action
-    log = [frozen.outcome(way, rotation, state)]
+    player.act(way, rotation, state)
     trigger.action = None
-    log += [frozen.freeze([state, vars(rotation)]), trigger.fired, acted]
-    log += [frozen.outcome(rotation, np.ones(WIDTH)), frozen.freeze(vars(rotation))]
-    return log
+    player.look()
+    player.log.append((trigger.fired, acted))
+    player.call(np.ones(WIDTH))
+    player.look()
+    return trigger.fired, player.log
 
 
 def make(base, children):
@@ -105,7 +112,7 @@ def acts_that_differ(spot, harm, **options):
     different = []
     for act in HARMS[harm]:
         native, twin = (hostile_restore(base, spot, act, **options) for base in both())
-        assert twin[2] == 1, "the place never ran its action"
+        assert twin[0] == 1, "the place never ran its action"
         if native != twin:
             different.append(act.__name__)
     return different
