@@ -44,13 +44,10 @@ class Same(str):
 
 def put_before(dictionary, name):
     """Put an odd key where the lookup of the name meets it first."""
-    value = dictionary.pop(name, None)
+    first = {name: dictionary.pop(name)} if name in dictionary else {}
     entries = dict(dictionary)
     dictionary.clear()
-    dictionary[Odd(name)] = "odd"
-    if value is not None:
-        dictionary[name] = value
-    dictionary.update(entries)
+    dictionary.update({Odd(name): "odd", **first, **entries})
 
 
 def respell(dictionary, name):

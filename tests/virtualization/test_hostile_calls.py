@@ -1,7 +1,5 @@
 """Every place outside of a day and a restore where the user's code can run, meeting every harm."""
 
-import functools
-
 import numpy as np
 import pytest
 
@@ -10,16 +8,9 @@ from adversary.day import make
 from adversary.places.in_calls import CALLS
 from adversary.values.triggers import Trigger
 from support.player import Player
-from support.siblings import Siblings, load_base
+from support.siblings import both_modules
 
 pytestmark = pytest.mark.usefixtures("quick_collections")
-
-
-@functools.cache
-def both():
-    """Load both modules once, on the same siblings."""
-    siblings = Siblings()
-    return load_base("native", siblings), load_base("twin", siblings)
 
 
 def hostile_call(base, name, action):
@@ -60,7 +51,7 @@ CASES = [(name, harm) for name in sorted(CALLS) for harm in HARMS]
 def test_harm_in_the_middle_of_a_call(name, harm):
     different = []
     for action in HARMS[harm]:
-        native, twin = (hostile_call(base, name, action) for base in both())
+        native, twin = (hostile_call(base, name, action) for base in both_modules())
         assert twin[-1] == 1, "the place never ran its action"
         if native != twin:
             different.append(action.__name__)

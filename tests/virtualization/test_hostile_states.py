@@ -1,6 +1,5 @@
 """Every place in a restore where the user's code can run, meeting every harm it can do there."""
 
-import functools
 import types
 
 import numpy as np
@@ -14,16 +13,9 @@ from adversary.values.triggers import Trigger
 from support import frozen
 from support.days import day_rotation_class
 from support.player import Player
-from support.siblings import Siblings, load_base
+from support.siblings import both_modules
 
 HARMS = {**RESTORE_HARMS, "overrides": OVERRIDES}
-
-
-@functools.cache
-def both():
-    """Load both modules once, on the same siblings."""
-    siblings = Siblings()
-    return load_base("native", siblings), load_base("twin", siblings)
 
 
 def hostile_restore(base, spot, act, *, way, children=2):
@@ -111,7 +103,7 @@ def test_harm_in_the_middle_of_a_restore_without_children(spot, harm):
 def acts_that_differ(spot, harm, **options):
     different = []
     for act in HARMS[harm]:
-        native, twin = (hostile_restore(base, spot, act, **options) for base in both())
+        native, twin = (hostile_restore(base, spot, act, **options) for base in both_modules())
         assert twin[0] == 1, "the place never ran its action"
         if native != twin:
             different.append(act.__name__)

@@ -8,8 +8,6 @@ import numpy as np
 
 N = 6
 SLOTS = 4
-
-
 EMPTY_TABLES = {"slot_by_key": {}, "key_by_slot": {}, "legs_by_slot": {}}
 STEPS = ["_normalize_structure", "_slot_for_key", "_structure_is_valid"]
 

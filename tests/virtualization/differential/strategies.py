@@ -1,6 +1,5 @@
 """Random items, legs, masks and numbers: mostly well-formed, with every kind of oddity mixed in."""
 
-import functools
 import os
 from decimal import Decimal
 from fractions import Fraction
@@ -12,7 +11,6 @@ from hypothesis import strategies as st
 from adversary.values.items import SubDict
 from adversary.values.odd_containers import Key
 from adversary.values.odd_numbers import INF, NAN, Float, Int
-from support.siblings import Siblings, load_base
 
 HUGE = 10**400
 
@@ -34,13 +32,6 @@ def effort(examples, **further):
 
 
 FAST = effort(80)
-
-
-@functools.cache
-def both():
-    """Load both modules once, on the same siblings."""
-    siblings = Siblings()
-    return load_base("native", siblings), load_base("twin", siblings)
 
 
 # Strategies: mostly well-formed days, with every kind of oddity mixed in

@@ -11,10 +11,9 @@ from adversary.values.items import Thing, build_item
 from adversary.values.odd_numbers import NAN
 from support import frozen
 from support.days import STEPS, day_rotation_class, run_days
-from support.siblings import installed_real_base
+from support.siblings import both_modules, installed_real_base
 from virtualization.differential.strategies import (
     FAST,
-    both,
     effort,
     item_specs,
     kept_legs,
@@ -81,7 +80,7 @@ def scenarios(draw, items=None, capacity=None):
 
 def assert_same(scenario, **overrides):
     """Play the scenario on both modules, compare the whole logs, and return the native one."""
-    native, twin = (run_days(base, scenario, **overrides) for base in both())
+    native, twin = (run_days(base, scenario, **overrides) for base in both_modules())
     for position, (one, other) in enumerate(zip(native, twin, strict=False)):
         assert one == other, f"entry {position} of the log"
     assert len(native) == len(twin)
@@ -158,7 +157,7 @@ def test_random_days_with_steps_overridden_on_the_instance_are_the_same(scenario
 @FAST
 @given(scenarios(), st.sampled_from(STEPS))
 def test_override_that_only_calls_super_changes_nothing(scenario, step):
-    native, _ = both()
+    native, _ = both_modules()
     plain = run_days(native, scenario)
     on_class = run_days(native, scenario, on_class=[step], with_calls=False)
     unframed = [without_frames(entry) for entry in plain]
@@ -172,7 +171,7 @@ def test_override_that_only_calls_super_changes_nothing(scenario, step):
 @FAST
 @given(scenarios())
 def test_same_days_again_are_the_same_days(scenario):
-    native, _ = both()
+    native, _ = both_modules()
     assert run_days(native, scenario) == run_days(native, scenario)
 
 
@@ -225,7 +224,7 @@ def test_attributes_changed_between_days_are_used_by_the_next(change, policy):
 )
 def test_days_that_reuse_their_items_are_the_same(specs, edits):
     """The same item objects day after day, edited between the days, with changing NaN inputs."""
-    logs = [reused_items_log(base, specs, edits) for base in both()]
+    logs = [reused_items_log(base, specs, edits) for base in both_modules()]
     assert logs[0] == logs[1]
 
 
@@ -268,7 +267,7 @@ def reused_items_log(base, specs, edits):
 )
 def test_steady_days_are_the_same(specs, plan):
     """The same few items in changing selections, so that whatever is kept of yesterday is used."""
-    logs = [steady_log(base, specs, plan) for base in both()]
+    logs = [steady_log(base, specs, plan) for base in both_modules()]
     for position, (native, twin) in enumerate(zip(*logs, strict=True)):
         assert native == twin, f"entry {position} of the log"
 

@@ -14,10 +14,10 @@ from adversary.values.odd_containers import Key
 from adversary.values.odd_numbers import NAN, Int
 from support import frozen
 from support.days import day_rotation_class
+from support.siblings import both_modules
 from virtualization.differential.strategies import (
     FAST,
     KEPT_LEGS,
-    both,
     effort,
     odd_ids,
     odd_weights,
@@ -76,7 +76,7 @@ def states(draw):
 @given(states())
 def test_validated_states_are_the_same(state):
     results = []
-    for base in both():
+    for base in both_modules():
         rotation = day_rotation_class(base)(
             max_structures=4, N_alloc=6, transformation_expression="none"
         )
@@ -249,7 +249,7 @@ class StateMachine(RuleBasedStateMachine):
 
     def __init__(self):
         super().__init__()
-        self.worlds = [World(base, self.CHILDREN) for base in both()]
+        self.worlds = [World(base, self.CHILDREN) for base in both_modules()]
 
     def in_both(self, operation, *args):
         native, twin = (frozen.outcome(getattr(world, operation), *args) for world in self.worlds)
@@ -346,7 +346,7 @@ def test_restore_that_fails_at_one_position_and_again_in_the_rollback(
 ):
     """`second` names the child and the number of set_state calls it lets pass before it fails."""
     logs = []
-    for base in both():
+    for base in both_modules():
         world = World(base, StateMachine.CHILDREN)
         world.day([("dict", {"key": ("a",), "legs": KEPT_LEGS[1], "value": 1.0})], 9)
         world.save(True)

@@ -8,9 +8,9 @@ from adversary.values.items import build_item
 from adversary.values.odd_numbers import INF, NAN
 from support import frozen
 from support.days import day_rotation_class
+from support.siblings import both_modules
 from virtualization.differential.strategies import (
     FAST,
-    both,
     item_specs,
     one_mask,
     plain_ids,
@@ -25,7 +25,7 @@ from virtualization.differential.strategies import (
 @example(("dict", {"key": ("iter", ["a"]), "legs": (), "value": 1.0}))
 def test_normalized_structures_are_the_same(spec):
     results = []
-    for base in both():
+    for base in both_modules():
         rotation = day_rotation_class(base)(
             max_structures=2, N_alloc=6, transformation_expression="none"
         )
@@ -38,7 +38,7 @@ def test_normalized_structures_are_the_same(spec):
 @given(plain_legs, one_mask, st.lists(one_mask, max_size=3), st.integers(-1, 7), plain_values)
 def test_validity_is_the_same(legs, combined, masks, N, value):
     results = []
-    for base in both():
+    for base in both_modules():
         rotation = day_rotation_class(base)(
             max_structures=2, N_alloc=6, transformation_expression="none"
         )
@@ -63,7 +63,7 @@ mask_items = st.recursive(
 @given(st.integers(-1, 4), mask_items)
 def test_universe_mask_indexing_is_the_same(rows, item):
     row = np.arange(1, 5, dtype=np.uint8)
-    masks = [base._AllOnesVirtualMask(rows, row) for base in both()]
+    masks = [base._AllOnesVirtualMask(rows, row) for base in both_modules()]
     results = [frozen.outcome(mask.__getitem__, item) for mask in masks]
     assert results[0] == results[1]
 
@@ -92,7 +92,7 @@ unmap_weights = st.one_of(
 )
 def test_unmapping_is_the_same(legs_by_slot, outputs, kind_of_row, policy, N):
     results = []
-    for base in both():
+    for base in both_modules():
         rotation = day_rotation_class(base)(
             max_structures=4, N_alloc=6, transformation_expression="none"
         )
