@@ -22,8 +22,5 @@ class Silent(RotationBase):
         return 0
 
 
-# ---- inputs ------------------------------------------------------------------------------------
-
-
 def inputs_of(rotation):
     return rotation.calls[-1][0]

@@ -14,9 +14,6 @@ def numbers(store):
     return [entry.version for entry in store.versions("rotation")]
 
 
-# ---- damage
-
-
 def assert_damaged(store, name="rotation"):
     with pytest.warns(DamagedRecordWarning):
         assert isinstance(store.read(name), DamagedRecord)

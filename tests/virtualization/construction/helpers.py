@@ -52,9 +52,6 @@ def unfinished(base, attributes=None, **arguments):
     return rotation, caught.value
 
 
-# --- children ---------------------------------------------------------------------------------
-
-
 class RecordingFactory:
     """Factory that records its calls and returns what it was given to return."""
 

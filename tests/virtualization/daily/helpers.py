@@ -36,9 +36,6 @@ class Log(list):
         return method
 
 
-# The call: input width
-
-
 def unallocated(base, limit=None, **attributes):
     """Make a rotation without an allocation; the limit also binds construction, so set it last."""
     rotation = make_rotation(base, attributes=attributes)

@@ -34,9 +34,6 @@ def effort(examples, **further):
 FAST = effort(80)
 
 
-# Strategies: mostly well-formed days, with every kind of oddity mixed in
-
-
 plain_ids = st.integers(0, 5)
 odd_ids = st.sampled_from(
     [

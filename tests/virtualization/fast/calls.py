@@ -54,9 +54,6 @@ def a_day(rotation, *inputs, **keywords):
     return result, frozen.freeze(kept)
 
 
-# --- the framework's __call__ -----------------------------------------------------------------
-
-
 BESIDE = {
     "function": lambda self, *args, context: ("mixin", len(args), context),
     "static": staticmethod(lambda *args, context: ("static", len(args), context)),

@@ -163,9 +163,6 @@ class Recorded(TamperedRotation):
         self.day(picks, report)
 
 
-# Code that runs between the items
-
-
 def swap_the_tables(rotation):
     for name in ("slot_by_key", "key_by_slot", "_legs_by_slot"):
         setattr(rotation, name, dict(getattr(rotation, name)))

@@ -40,9 +40,6 @@ def steady(base, **constructor):
     return make_rotation(base, [ITEMS] * 20, **constructor)
 
 
-# --- NumPy ------------------------------------------------------------------------------------
-
-
 class OtherNumpy:
     """NumPy with some functions replaced; `read` lists every name that was asked for."""
 
