@@ -102,7 +102,7 @@ format: $(TEST_READY)
 COVERED = $(sort $(filter-out tests/fuzz/% tests/cli/% tests/stores/% tests/powercut/% \
     tests/safety/test_soak.py tests/safety/test_process_end.py tests/safety/test_objects_at_exit.py \
     tests/safety/test_interrupts.py tests/safety/test_forks.py tests/safety/test_import_at_exit.py \
-    tests/test_trust_table.py tests/test_newest_python.py tests/test_instruction_gate.py \
+    tests/test_house.py tests/test_trust_table.py tests/test_newest_python.py tests/test_instruction_gate.py \
     tests/benchmarks/% tests/baskets/% tests/tables/% tests/expressions/% tests/evaluation/% tests/sweeping/% \
     tests/docs/%, \
     $(shell find tests -name 'test_*.py')))

@@ -27,6 +27,13 @@ def pytest_collection_finish():
 
 
 @pytest.fixture(scope="module")
+def quick_collections():
+    """What there was before the module's first test stays out of its collections, too."""
+    gc.collect()
+    gc.freeze()
+
+
+@pytest.fixture(scope="module")
 def all_collected():
     """The collector sees everything, also what there was before the first test."""
     gc.unfreeze()

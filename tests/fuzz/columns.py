@@ -2,13 +2,14 @@
 
 import numpy as np
 
+from adversary.actions.in_days import ACTIONS
+from adversary.values.children import build_child
+from adversary.values.chosen import anything, chance, mutated, number, pick
 from fuzz.items import ACTS, CHILDREN, KEYS, WEIGHTS, WIDTH, mask, row
-from fuzz.oddities import anything, chance, mutated, number, pick
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
-from support import days, frozen
-from support.hostile_actions import ACTIONS
+from support.player import Player
 
 __all__ = ["play", "subjects"]
 
@@ -22,12 +23,12 @@ def play(random, base):
     rotation = make_rotation(random, base)
     calls = type(rotation).log
     calls.clear()
-    log = []
+    player = Player(rotation)
     made = []
-    log.append(frozen.outcome(lambda: made.append(StructureColumns(**arguments(random)))))
+    player.act(lambda: made.append(StructureColumns(**arguments(random))))
     for columns in made:
-        report_for_days(random, rotation, columns, log)
-    return log + calls
+        report_for_days(random, player, columns)
+    return player.log + calls
 
 
 def make_rotation(random, base):
@@ -37,7 +38,7 @@ def make_rotation(random, base):
         N_alloc=WIDTH,
         transformation_expression=pick(random, ["none", "none", "ewma(3);rank", "zscore"]),
         unmap_policy=pick(random, ["proportional", "equal_split"]),
-        child_rotations=[days.build_child(kind, CAPACITY) for kind in children],
+        child_rotations=[build_child(kind, CAPACITY) for kind in children],
         trace_sink=[] if chance(random, 0.1) else None,
     )
 
@@ -63,29 +64,30 @@ def arguments(random):
     return made
 
 
-def report_for_days(random, rotation, columns, log):
+def report_for_days(random, player, columns):
+    rotation = player.rotation
     for _ in range(pick(random, [2, 3, 5])):
         rotation.items = list(columns) if chance(random, 0.1) else columns
-        one_day(random, rotation, log)
+        one_day(random, player)
         draw = random.random()
         if draw < 0.3 and len(columns):
             columns = columns.with_values([pick(random, VALUES) for _ in range(len(columns))])
         elif draw < 0.4 and len(columns) and columns.values.flags.writeable:
             columns.values[int(random.random() * len(columns))] = pick(random, EDITS)
         elif draw < 0.55:
-            log.append(frozen.outcome(ACTIONS[pick(random, ACTS)], rotation))
+            player.act(ACTIONS[pick(random, ACTS)], rotation)
         elif draw < 0.58:
-            log.append(frozen.outcome(columns.with_values, anything(random)))
+            player.act(columns.with_values, anything(random))
         elif draw < 0.6:
-            log.append(frozen.outcome(columns.weighted_sums, anything(random)))
-    log.append(frozen.freeze([vars(rotation), columns.keys, columns.legs, columns.values]))
+            player.act(columns.weighted_sums, anything(random))
+    player.seen = lambda rotation: [vars(rotation), columns.keys, columns.legs, columns.values]
+    player.look()
 
 
-def one_day(random, rotation, log):
+def one_day(random, player):
     if chance(random, 0.2):
         masks, combined, buffer = (mask(random),), mask(random), np.full(WIDTH, 77.0)
         N = pick(random, [6, 6, 5, 0])
-        log.append(frozen.outcome(rotation.compute, (np.zeros(6),), masks, combined, buffer, N))
-        log.append(frozen.freeze(buffer))
+        player.compute((np.zeros(6),), masks, combined, buffer, N)
     else:
-        log.append(frozen.outcome(rotation, row(random)))
+        player.call(row(random))

@@ -3,7 +3,8 @@
 import contextlib
 import types
 
-from fuzz.oddities import Converts, anything, chance, number, pick
+from adversary.values.answers import Converts
+from adversary.values.chosen import anything, chance, number, pick
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
 from quorvane.functions import _registry

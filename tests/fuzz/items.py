@@ -5,13 +5,17 @@ import copy
 
 import numpy as np
 
-from fuzz.oddities import anything, chance, container, mapping, mutated, number, pick
+from adversary.actions.between_days import CHANGES
+from adversary.actions.in_days import ACTIONS
+from adversary.places.in_days import DELETIONS, PLACES
+from adversary.places.in_items import ITEM_PLACES
+from adversary.values.children import build_child
+from adversary.values.chosen import anything, chance, container, mapping, mutated, number, pick
+from adversary.values.items import Thing, deliver, form_item
+from adversary.values.triggers import Trigger
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
-from support import days, frozen
-from support.hostile import Trigger
-from support.hostile_actions import ACTIONS
-from support.hostile_places import DELETIONS, ITEM_PLACES, PLACES
+from support.player import Player
 
 __all__ = ["play", "subjects"]
 
@@ -39,23 +43,23 @@ def play(random, base):
     calls = type(rotation).log
     calls.clear()
     specs = item_list(random)
-    log = []
+    player = Player(rotation)
     if chance(random, 0.5):
-        rotation.items = [days.form_item(base, *plain_item(random)) for _ in range(2)]
-        one_day(random, rotation, log)
+        rotation.items = [form_item(base, *plain_item(random)) for _ in range(2)]
+        one_day(random, player)
     trigger = Trigger()
-    items = [days.form_item(base, *spec) for spec in specs]
-    rotation.items = items if chance(random, 0.6) else days.deliver(items, pick(random, DELIVERIES))
+    items = [form_item(base, *spec) for spec in specs]
+    rotation.items = items if chance(random, 0.6) else deliver(items, pick(random, DELIVERIES))
     if chance(random, 0.15) and type(rotation.items) is list:
         become_hostile(random, rotation, trigger)
-    one_day(random, rotation, log)
+    one_day(random, player)
     trigger.action = None
     if chance(random, 0.3):
-        log.append(frozen.outcome(pick(random, days.CHANGES), rotation))
+        player.act(pick(random, CHANGES), rotation)
     rotation.items = items
-    one_day(random, rotation, log)
-    log.append(frozen.freeze(vars(rotation)))
-    return log + calls
+    one_day(random, player)
+    player.look()
+    return player.log + calls
 
 
 def make_rotation(random, base):
@@ -66,7 +70,7 @@ def make_rotation(random, base):
         N_alloc=WIDTH,
         transformation_expression=pick(random, ["none", "none", "ewma(3);rank", "zscore"]),
         unmap_policy=pick(random, ["proportional", "equal_split"]),
-        child_rotations=[days.build_child(kind, capacity) for kind in children],
+        child_rotations=[build_child(kind, capacity) for kind in children],
         trace_sink=[] if chance(random, 0.2) else None,
     )
     if chance(random, 0.1):
@@ -101,20 +105,19 @@ def take_action(act, rotation, swallowed):
         ACTIONS[act](rotation)
 
 
-def one_day(random, rotation, log):
-    attributes = vars(rotation)
+def one_day(random, player):
+    attributes = vars(player.rotation)
     if "masks" in attributes or chance(random, 0.15):
         masks, combined = attributes.pop("masks", None) or own_masks(random)
         buffer = attributes.pop("buffer", None)
         buffer = np.full(WIDTH, 77.0) if buffer is None else buffer
         N = pick(random, [6, 6, 6, 5, 0])
-        log.append(frozen.outcome(rotation.compute, (np.zeros(6),), masks, combined, buffer, N))
-        log.append(frozen.freeze(buffer))
+        player.compute((np.zeros(6),), masks, combined, buffer, N)
     else:
         context = attributes.pop("context", None)
         if chance(random, 0.2):
-            context = days.Thing(current_day_index=pick(random, [0, 3, "2", -4, 2.9, None]))
-        log.append(frozen.outcome(rotation, row(random), context=context))
+            context = Thing(current_day_index=pick(random, [0, 3, "2", -4, 2.9, None]))
+        player.call(row(random), context=context)
 
 
 def row(random):

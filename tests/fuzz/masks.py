@@ -4,7 +4,8 @@ import types
 
 import numpy as np
 
-from fuzz.oddities import anything, chance, container, number, pick
+from adversary.values.chosen import anything, chance, container, number, pick
+from adversary.values.odd_containers import BackwardsTuple
 from fuzz.subjects import both_modules
 from quorvane.functions.rotations._boilerplate import RotationBase
 from support import frozen
@@ -120,7 +121,7 @@ def item(random, depth=0):
     if draw < 0.7 and depth < 4:
         count = 2 if chance(random, 0.9) else pick(random, [0, 1, 3])
         parts = tuple(item(random, depth + 1) for _ in range(count))
-        return Reversed(parts) if chance(random, 0.05) else parts
+        return BackwardsTuple(parts) if chance(random, 0.05) else parts
     if draw < 0.8:
         return pick(random, COLUMNS)()
     if draw < 0.95:
@@ -148,15 +149,6 @@ COLUMNS = [
     lambda: np.array([], dtype=int),
     lambda: "f0",
 ]
-
-
-class Reversed(tuple):
-    """Tuple of another class that unpacks in its own order."""
-
-    __slots__ = ()
-
-    def __iter__(self):
-        return iter(tuple(self[::-1]))
 
 
 # Callers' masks

@@ -6,7 +6,7 @@ import struct
 import msgpack
 import numpy as np
 
-from fuzz.oddities import chance, pick
+from adversary.values.chosen import chance, pick
 from quorvane.stores import StateDecodeError, StateEncodeError, StateVersionError, decode, encode
 from quorvane.stores.encoding import HEADER_BYTES, Payload, _envelope, _reader, pack, seal
 from quorvane.stores.encoding._layout import Code

@@ -5,13 +5,19 @@ import types
 
 import numpy as np
 
+from adversary.actions.in_restores import NAMES, RESTORE_HARMS
+from adversary.places.in_states import SPOTS
+from adversary.values.children import FailingChild, OneState, build_child
+from adversary.values.chosen import anything, chance, container, mutated, number, pick
+from adversary.values.items import OwnGet, SubDict, Thing, form_item
+from adversary.values.odd_containers import Key
+from adversary.values.odd_numbers import Int
+from adversary.values.triggers import Trigger
 from fuzz.items import CHILDREN, KEYS, WIDTH, one_day, plain_item, plain_legs
-from fuzz.oddities import Int, Key, anything, chance, container, mutated, number, pick
 from fuzz.subjects import both_modules as subjects
 from fuzz.subjects import usual_class
-from support import days, frozen
-from support.hostile import Trigger
-from support.hostile_states import NAMES, RESTORE_HARMS, SPOTS
+from support import frozen
+from support.player import Player
 
 __all__ = ["play", "subjects"]
 
@@ -32,21 +38,20 @@ def play(random, base):
     trigger.fired = 0
     trigger.action = lambda: act(rotation, state)
     draw = random.random()
-    log = []
+    player = Player(rotation, seen=lambda rotation: [state, held, vars(rotation)])
     if draw < 0.2:
-        log.append(frozen.outcome(rotation._validate_state_components, state))
+        player.act(rotation._validate_state_components, state)
     elif draw < 0.9:
-        log.append(frozen.outcome(rotation.set_state, state))
+        player.act(rotation.set_state, state)
     else:
-        store = types.SimpleNamespace(read=lambda name: state)
-        log.append(frozen.outcome(rotation.recover, store))
+        player.act(rotation.recover, types.SimpleNamespace(read=lambda name: state))
     trigger.action = None
-    log.append(trigger.fired)
-    log.append(frozen.freeze([state, held, vars(rotation)]))
+    player.log.append(trigger.fired)
+    player.look()
     if chance(random, 0.3):
-        one_day(random, rotation, log)
-        log.append(frozen.freeze(vars(rotation)))
-    return log
+        one_day(random, player)
+        player.look()
+    return player.log
 
 
 def make_rotation(random, base):
@@ -57,7 +62,7 @@ def make_rotation(random, base):
         transformation_expression=pick(random, ["none", "none", "ewma(3)"]),
         child_rotations=[make_child(random) for _ in range(pick(random, [0, 0, 1, 2]))],
     )
-    rotation.items = [days.form_item(base, *plain_item(random)) for _ in range(2)]
+    rotation.items = [form_item(base, *plain_item(random)) for _ in range(2)]
     if chance(random, 0.7):
         frozen.outcome(rotation, np.ones(WIDTH))
     return rotation
@@ -80,44 +85,14 @@ def hold(random, rotation):
     return rotation._legs_by_slot
 
 
-class FailingChild:
-    """Child whose state cannot be set, not even the one that it had."""
-
-    def __call__(self, values, *, context):
-        return values
-
-    def get_state(self):
-        return {"mine": [1]}
-
-    def set_state(self, state):
-        raise LookupError("set_state", frozen.freeze(state))
-
-
-class OneState:
-    """Child that has one state object all its life, and hands it out."""
-
-    def __init__(self):
-        self.state = {"mine": [1]}
-
-    def __call__(self, values, *, context):
-        return values
-
-    def get_state(self):
-        return self.state
-
-    def set_state(self, state):
-        self.state.clear()
-        self.state["mine"] = state
-
-
 def make_child(random):
     if chance(random, 0.2):
         return OneState()
     if chance(random, 0.15):
         return FailingChild()
     if chance(random, 0.1):
-        return days.Thing(set_state=lambda state: None)
-    return days.build_child("sum" if chance(random, 0.5) else pick(random, CHILDREN), CAPACITY)
+        return Thing(set_state=lambda state: None)
+    return build_child("sum" if chance(random, 0.5) else pick(random, CHILDREN), CAPACITY)
 
 
 # States
@@ -140,7 +115,7 @@ def odd_state(random, rotation, trigger):
     elif draw < 0.45:
         name = pick(random, NAMES)
         state[name] = mutated(random, state[name])
-        return pick(random, [days.SubDict, days.OwnGet, collections.OrderedDict])(state)
+        return pick(random, [SubDict, OwnGet, collections.OrderedDict])(state)
     if draw >= 0.3:
         for _ in range(pick(random, [0, 1, 1, 2])):
             name = pick(random, NAMES[:-1])
@@ -175,7 +150,7 @@ def odd_map(make_key, make_value):
             (make_key(random), make_value(random)) for _ in range(pick(random, [0, 1, 2, 5]))
         ]
         try:
-            return pick(random, [dict, dict, days.SubDict, list])(entries)
+            return pick(random, [dict, dict, SubDict, list])(entries)
         except BaseException:
             return entries
 

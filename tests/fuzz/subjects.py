@@ -2,7 +2,7 @@
 
 import functools
 
-from support import days
+from support.days import day_rotation_class
 from support.siblings import installed_real_base
 
 
@@ -22,6 +22,6 @@ def usual_class(base):
 
     Steps that are overridden in the middle of a day note their calls in the class's `log`.
     """
-    made = days.day_rotation_class(base)
+    made = day_rotation_class(base)
     made.log = []
     return made

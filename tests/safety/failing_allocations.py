@@ -11,7 +11,17 @@ import sys
 
 import numpy as np
 
-from safety import subjects
+from safety.subjects.operations import OPERATIONS
+from safety.subjects.rotations import (
+    Baskets,
+    Store,
+    columns_of,
+    make_ewma,
+    plain_columns,
+    row,
+    used,
+    usual_items,
+)
 
 # So many successes in a row mean that there are no more allocations to fail.
 QUIET = 20
@@ -75,7 +85,7 @@ if sys.version_info >= (3, 12):
 def every_operation():
     """Only MemoryError comes out of anything."""
     failures = 0
-    for name, setup in subjects.OPERATIONS.items():
+    for name, setup in OPERATIONS.items():
         if not name.startswith(OUT_OF_REACH):
             for once in (True, False):
                 failures += fail_one_by_one(name, setup(), once=once)
@@ -98,12 +108,12 @@ def restoring(make, change, *, once, recover=False):
 
     In a lasting shortage the children cannot be put back; the rotation's own part is as it was.
     """
-    rotation = subjects.used(make)
+    rotation = used(make)
     old = copy.deepcopy(rotation.get_state())
     change(rotation)
     new = copy.deepcopy(rotation.get_state())
     assert frozen(old) != frozen(new)
-    store = subjects.Store(new)
+    store = Store(new)
 
     def operation():
         return rotation.recover(store) if recover else rotation.set_state(new)
@@ -124,25 +134,25 @@ def restoring(make, change, *, once, recover=False):
 
 
 def other_structures(rotation):
-    rotation.items = [*subjects.usual_items()[2:], {"key": ("z",), "legs": (), "value": 1.0}]
-    rotation(subjects.row())
-    rotation(subjects.row())
+    rotation.items = [*usual_items()[2:], {"key": ("z",), "legs": (), "value": 1.0}]
+    rotation(row())
+    rotation(row())
 
 
 def another_day(rotation):
-    rotation(subjects.row())
+    rotation(row())
 
 
 def make_childless():
-    return subjects.Baskets(transformation_expression="none")
+    return Baskets(transformation_expression="none")
 
 
 def every_restore():
     for recover in (False, True):
         for once in (True, False):
-            restoring(subjects.Baskets, other_structures, once=once, recover=recover)
+            restoring(Baskets, other_structures, once=once, recover=recover)
             restoring(make_childless, other_structures, once=once, recover=recover)
-            restoring(subjects.make_ewma, another_day, once=once, recover=recover)
+            restoring(make_ewma, another_day, once=once, recover=recover)
 
 
 def check_bookkeeping(rotation):
@@ -171,19 +181,19 @@ def plain_reports():
         {"key": (letter,), "legs": ((place, 1.0),), "value": 1.0 + place}
         for place, letter in enumerate("abcd")
     ]
-    return [plain, plain[:2], plain[1:], plain[3:], plain[:1] + subjects.usual_items()[2:]]
+    return [plain, plain[:2], plain[1:], plain[3:], plain[:1] + usual_items()[2:]]
 
 
 def column_reports():
     """Columns that come again with other values, and others between them."""
-    one = subjects.plain_columns()
-    other = subjects.columns_of(list(one)[1:])
+    one = plain_columns()
+    other = columns_of(list(one)[1:])
     return [one, one.with_values([1.0, np.nan, 3.0, 4.0]), one, other, list(other), one]
 
 
 def days_after(reports, *, once):
     """A day that was cut short does not show in the days after it."""
-    rotation, values = subjects.used(subjects.Baskets), subjects.row()
+    rotation, values = used(Baskets), row()
     days = iter(range(10**9))
 
     def forget_slots():
@@ -217,9 +227,9 @@ def first_day(*, once):
     """A rotation whose first day was cut short has a first day like any other's."""
 
     def make():
-        return subjects.Baskets(plain_reports()[0], transformation_expression="none")
+        return Baskets(plain_reports()[0], transformation_expression="none")
 
-    values = subjects.row()
+    values = row()
     expected = make()(values)
     rotations = [make()]
 
@@ -243,7 +253,7 @@ def first_days():
 
 def same_child_day(*, once):
     """A rotation that remembers has not taken in a day that it could not give the result of."""
-    ewma, plain, values = subjects.make_ewma(), subjects.make_ewma(), subjects.row()
+    ewma, plain, values = make_ewma(), make_ewma(), row()
 
     def after(result):
         if not isinstance(result, MemoryError):

@@ -11,8 +11,20 @@ import sys
 import threading
 
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
-from safety import subjects
-from safety.subjects import Baskets, N, Store, matrix, row
+from safety.subjects.failures import FAILURES
+from safety.subjects.operations import OPERATIONS
+from safety.subjects.rotations import (
+    MAKERS,
+    Baskets,
+    N,
+    Store,
+    make_ewma,
+    matrix,
+    plain_columns,
+    row,
+    used,
+    usual_items,
+)
 from support.siblings import installed_real_base
 
 # The operations of so many calls above the deepest one are run: what they need is there or not.
@@ -114,16 +126,16 @@ def through_what_is_converted():
 
         __array__ = __iter__ = __float__ = __index__ = __getitem__ = __len__ = _again
 
-    columns = subjects.plain_columns()
+    columns = plain_columns()
     for operation in (
         columns.with_values,
         columns.weighted_sums,
         lambda value: StructureColumns(value, [0], [], [], []),
         lambda value: StructureColumns([], value, [], [], []),
         lambda value: StructureColumns([("a",)], [0, 0], [], [], value),
-        *(subjects.used(make) for make in subjects.MAKERS.values()),
+        *(used(make) for make in MAKERS.values()),
         Baskets().batch_reference,
-        subjects.make_ewma().set_state,
+        make_ewma().set_state,
     ):
         again = Again(operation)
         with contextlib.suppress(RecursionError, ValueError, TypeError):
@@ -176,7 +188,7 @@ def where_no_file_can_be_opened():
 
 def every_operation():
     """Each runs at the deepest call that there was room for, and at some above it."""
-    makers = [*subjects.OPERATIONS.values(), *(make for _, make in subjects.FAILURES.values())]
+    makers = [*OPERATIONS.values(), *(make for _, make in FAILURES.values())]
     depth = deepest = 0
 
     def level():
@@ -207,7 +219,7 @@ def days_of(kind):
 
         class Reporting(base.VirtualizationBase):
             def _refresh_active_structures(self, *args):
-                return subjects.usual_items()
+                return usual_items()
 
         rotation = Reporting(
             N_alloc=N, max_structures=4, transformation_expression="none", trace_sink=[]
@@ -244,8 +256,8 @@ PROGRAMS = {
 
 def warm_up():
     """Import in the main thread what is imported when it is first used: that needs more stack."""
-    for make in subjects.MAKERS.values():
-        subjects.used(make)
+    for make in MAKERS.values():
+        used(make)
     Baskets().batch_reference(matrix())
 
 

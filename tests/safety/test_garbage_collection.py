@@ -11,7 +11,7 @@ from quorvane.functions.rotations.latitudinal import normalize, rank
 from quorvane.functions.rotations.longitudinal import ewma
 from quorvane.functions.rotations.numerical import transcendental
 from quorvane.functions.rotations.virtualization import base
-from safety.subjects import plain_columns
+from safety.subjects.rotations import plain_columns
 from support.siblings import Siblings, load_base
 
 pytestmark = pytest.mark.usefixtures("all_collected")

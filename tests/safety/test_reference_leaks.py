@@ -15,7 +15,10 @@ from quorvane.functions.rotations.longitudinal.ewma import Ewma
 from quorvane.functions.rotations.numerical.transcendental import Transcendental
 from quorvane.functions.rotations.virtualization import base
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
-from safety.subjects import FAILURES, OPERATIONS
+from safety.subjects.failures import FAILURES
+from safety.subjects.operations import OPERATIONS
+
+pytestmark = pytest.mark.usefixtures("quick_collections")
 
 REPEATS = int(
     os.environ.get("QUORVANE_REPEATS", "1000" if os.environ.get("QUORVANE_LONG") else "400")
@@ -65,13 +68,6 @@ SHARED = {
 # Only a debug build of the interpreter counts all references; its NumPy must be one too.
 count_references = getattr(sys, "gettotalrefcount", lambda: 0)
 MEASURES = ["allocated blocks", "all references", *SHARED]
-
-
-@pytest.fixture(autouse=True, scope="module")
-def quick_collections():
-    """Keep what other tests have imported meanwhile out of the collections, too."""
-    gc.collect()
-    gc.freeze()
 
 
 def measure():

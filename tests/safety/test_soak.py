@@ -6,7 +6,7 @@ import os
 import numpy as np
 import pytest
 
-from safety.subjects import Baskets, Context, Store
+from safety.subjects.rotations import Baskets, Context, Store
 
 DAYS = 1_000_000 if os.environ.get("QUORVANE_LONG") else 100_000
 WARM_UP = 10_000

@@ -9,20 +9,11 @@ import time
 import numpy as np
 import pytest
 
+from quorvane.functions.rotations.latitudinal.normalize import ZScore
+from quorvane.functions.rotations.latitudinal.rank import Rank
+from quorvane.functions.rotations.numerical.transcendental import Transcendental
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
-from safety.subjects import (
-    CHAIN,
-    Baskets,
-    N,
-    Rank,
-    Sink,
-    Store,
-    Transcendental,
-    ZScore,
-    make_ewma,
-    used,
-    usual_items,
-)
+from safety.subjects.rotations import CHAIN, Baskets, N, Sink, Store, make_ewma, used, usual_items
 
 LONG = bool(os.environ.get("QUORVANE_LONG"))
 SECONDS = 60.0 if LONG else 2.0

@@ -26,11 +26,14 @@ EXPRESSIONS = [
 ]
 
 
-def baskets():
+def random_baskets():
     generator = np.random.default_rng(3)
     for number in range(SLOTS - 1):
         ids = generator.choice(INSTRUMENTS, size=1 + number % 3, replace=False)
         yield ("basket", number), tuple((int(i), float(generator.normal())) for i in ids)
+
+
+BASKETS = list(random_baskets())
 
 
 def new_rotation(base, expression, policy="proportional"):
@@ -41,7 +44,7 @@ def new_rotation(base, expression, policy="proportional"):
         arity = 2
 
         def _refresh_active_structures(self, values, inputs, masks, combined, N):
-            for active, (key, legs) in zip(inputs[0], baskets(), strict=True):
+            for active, (key, legs) in zip(inputs[0], BASKETS, strict=True):
                 if active:
                     value = sum(values[i] * weight for i, weight in legs)
                     yield {"key": key, "legs": legs, "value": value, "metadata": {"day": value}}
@@ -71,7 +74,7 @@ def run(rotation, days):
 
 @pytest.mark.parametrize("expression", EXPRESSIONS)
 def test_stopping_after_every_day_changes_no_bit(real_base, expression):
-    days = random_days(500)
+    days = random_days(250)
     uninterrupted = run(new_rotation(real_base, expression), days)
     place = MemoryStore()
     outputs = []

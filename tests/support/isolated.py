@@ -31,6 +31,7 @@ def run_isolated(kind, script, *, allocator="debug", timeout=60):
         from support.siblings import *
         siblings.base_location = lambda kind: {str(base_location(kind))!r}
         kind = {kind!r}
+        gc.freeze()  # so that the collections of the script look at its own objects
     """
     done = subprocess.run(
         [sys.executable, "-X", "faulthandler", "-c", _dedented(setup) + _dedented(script)],

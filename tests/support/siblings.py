@@ -11,6 +11,7 @@ tests/support/twin.py). Every call makes a fresh module, so rebinding its global
 """
 
 import contextlib
+import functools
 import importlib
 import importlib.machinery
 import importlib.util
@@ -184,6 +185,13 @@ def load_base(kind, siblings):
         return base
 
 
+@functools.cache
+def both_modules():
+    """The native module and its twin on the same stand-in siblings, loaded once."""
+    siblings = Siblings()
+    return load_base("native", siblings), load_base("twin", siblings)
+
+
 @contextlib.contextmanager
 def installed_base(kind, siblings):
     """Yield a fresh base module of `kind`, itself and `siblings` installed in sys.modules."""
@@ -245,11 +253,20 @@ def _execute(location):
     module = importlib.util.module_from_spec(spec)
     sys.modules[BASE_NAME] = module
     try:
-        spec.loader.exec_module(module)
+        if location == _TWIN_PATH:
+            exec(_twin_code(), vars(module))
+        else:
+            spec.loader.exec_module(module)
     except BaseException:
         sys.modules.pop(BASE_NAME, None)
         raise
     return module
+
+
+@functools.cache
+def _twin_code():
+    """The twin's code, compiled once for the thousands of modules that are made of it."""
+    return compile(_TWIN_PATH.read_bytes(), str(_TWIN_PATH), "exec")
 
 
 def _is_ours(name):

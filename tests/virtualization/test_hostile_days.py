@@ -1,20 +1,14 @@
 """Every place in a day where the user's code can run, meeting every harm that it can do there."""
 
-import functools
-
 import pytest
 
-from support.hostile_actions import HARMS
-from support.hostile_days import hostile_days
-from support.hostile_places import DELETIONS, ITEM_PLACES, PLACES
-from support.siblings import Siblings, load_base
+from adversary.actions.in_days import HARMS
+from adversary.day import hostile_days
+from adversary.places.in_days import DELETIONS, PLACES
+from adversary.places.in_items import ITEM_PLACES
+from support.siblings import both_modules
 
-
-@functools.cache
-def both():
-    """Load both modules once, on the same siblings."""
-    siblings = Siblings()
-    return load_base("native", siblings), load_base("twin", siblings)
+pytestmark = pytest.mark.usefixtures("quick_collections")
 
 
 # What a finalizer raises reaches nobody but the hook for unraisable errors.
@@ -31,7 +25,7 @@ CASES = [
 def test_harm_in_the_middle_of_a_day(place, harm):
     different = []
     for action in HARMS[harm]:
-        native, twin = (hostile_days(base, place, action.__name__) for base in both())
+        native, twin = (hostile_days(base, place, action.__name__) for base in both_modules())
         assert twin[-1] == 1, "the place never ran its action"
         if native != twin:
             different.append(action.__name__)

@@ -1,24 +1,21 @@
 """Every place in a restore where the user's code can run, meeting every harm it can do there."""
 
-import functools
 import types
 
 import numpy as np
 import pytest
 
-from support import days, frozen
-from support.hostile import Trigger
-from support.hostile_states import CAPACITY, OVERRIDES, RESTORE_HARMS, ROTATION_SPOTS, SPOTS, WIDTH
-from support.siblings import Siblings, load_base
+from adversary.actions.in_restores import OVERRIDES, RESTORE_HARMS
+from adversary.places.in_restores import ROTATION_SPOTS, WIDTH
+from adversary.places.in_states import CAPACITY, SPOTS
+from adversary.values.children import Sum
+from adversary.values.triggers import Trigger
+from support import frozen
+from support.days import day_rotation_class
+from support.player import Player
+from support.siblings import both_modules
 
 HARMS = {**RESTORE_HARMS, "overrides": OVERRIDES}
-
-
-@functools.cache
-def both():
-    """Load both modules once, on the same siblings."""
-    siblings = Siblings()
-    return load_base("native", siblings), load_base("twin", siblings)
 
 
 def hostile_restore(base, spot, act, *, way, children=2):
@@ -46,21 +43,24 @@ def hostile_restore(base, spot, act, *, way, children=2):
         else:
             act(rotation, state)
 
+    player = Player(rotation, seen=lambda rotation: [state, vars(rotation)])
     trigger.fired, trigger.action = 0, take_action
-    log = [frozen.outcome(way, rotation, state)]
+    player.act(way, rotation, state)
     trigger.action = None
-    log += [frozen.freeze([state, vars(rotation)]), trigger.fired, acted]
-    log += [frozen.outcome(rotation, np.ones(WIDTH)), frozen.freeze(vars(rotation))]
-    return log
+    player.look()
+    player.log.append((trigger.fired, acted))
+    player.call(np.ones(WIDTH))
+    player.look()
+    return trigger.fired, player.log
 
 
 def make(base, children):
     """Make a rotation with some children and a day behind it."""
-    rotation = days.day_rotation_class(base)(
+    rotation = day_rotation_class(base)(
         max_structures=CAPACITY,
         N_alloc=WIDTH,
         transformation_expression="none",
-        child_rotations=[days.Sum() for _ in range(children)],
+        child_rotations=[Sum() for _ in range(children)],
     )
     rotation.items = [
         {"key": (name,), "legs": ((leg, 1.0),), "value": 1.0} for leg, name in enumerate("ab")
@@ -103,8 +103,8 @@ def test_harm_in_the_middle_of_a_restore_without_children(spot, harm):
 def acts_that_differ(spot, harm, **options):
     different = []
     for act in HARMS[harm]:
-        native, twin = (hostile_restore(base, spot, act, **options) for base in both())
-        assert twin[2] == 1, "the place never ran its action"
+        native, twin = (hostile_restore(base, spot, act, **options) for base in both_modules())
+        assert twin[0] == 1, "the place never ran its action"
         if native != twin:
             different.append(act.__name__)
     return different

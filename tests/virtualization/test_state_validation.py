@@ -5,14 +5,11 @@ import collections
 import numpy as np
 import pytest
 
+from adversary.values.odd_numbers import Int
 from support.fakes import make_rotation
 
 NAN = float("nan")
 KEY_A, KEY_B = ("a",), ("b", 2)
-
-
-class Int(int):
-    pass
 
 
 class Tuple(tuple):

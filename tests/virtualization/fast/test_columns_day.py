@@ -7,9 +7,12 @@ import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
+from adversary.actions.tampering import SLOTS, WAYS, N, way
+from adversary.tampered import TamperedRotation
+from adversary.values.answers import ByHash
 from quorvane.functions.rotations.virtualization.columns import StructureColumns
-from support import days, frozen
-from support.tampering import SLOTS, WAYS, N, TamperedRotation, play, way
+from support import frozen
+from support.days import day_rotation_class, visible_attributes
 
 NAN = float("nan")
 INFINITY = float("inf")
@@ -20,13 +23,6 @@ INFINITY = float("inf")
 
 class Text(str):
     """String of a class of its own, with nothing of its own."""
-
-
-class Refusing:
-    """Part of a key that cannot be hashed."""
-
-    def __hash__(self):
-        raise LookupError("not hashable")
 
 
 A, B, C, D = [((letter,), ((place, 1.0 + place),)) for place, letter in enumerate("abcd")]
@@ -46,7 +42,7 @@ LAYOUTS = {
     "key of a subclass": [A, ((Text("a"),), PAIR), ((Text("z"),), ())],
     "nested key": [((("a",),), PAIR), A],
     "unhashable key": [A, (([],), PAIR), B],
-    "refusing key": [A, B, ((Refusing(),), ())],
+    "refusing key": [A, B, ((ByHash(LookupError("not hashable")),), ())],
     "more keys than slots": [A, B, C, D, (("e",), PAIR), A],
     "nothing": [],
     "no legs": [(("a",), ()), (("b",), ())],
@@ -267,14 +263,14 @@ ColumnSide.ways = {**WAYS, **COLUMN_WAYS}
 def assert_same(modules, policy, steps):
     """Columns and their items, on both modules, with and without the fast path."""
     native, twin = modules
-    expected = play(ColumnSide(twin, False, policy, as_items=False), steps)
+    expected = ColumnSide(twin, False, policy, as_items=False).play(steps)
     for module, override, as_items in [
         (native, False, False),
         (native, True, False),
         (native, False, True),
         (twin, False, True),
     ]:
-        got = play(ColumnSide(module, override, policy, as_items), steps)
+        got = ColumnSide(module, override, policy, as_items).play(steps)
         assert got == expected, (module is native, override, as_items)
 
 
@@ -449,7 +445,7 @@ def test_thousands_of_structures_on_and_off(modules):
     count = 800
 
     def logs(module, overridden):
-        rotation = days.day_rotation_class(module, overridden=overridden)(
+        rotation = day_rotation_class(module, overridden=overridden)(
             max_structures=count, transformation_expression="none", N_alloc=N
         )
         made = {}
@@ -472,7 +468,7 @@ def test_thousands_of_structures_on_and_off(modules):
             inputs[rng.integers(0, N)] = NAN
             rotation.items = made[kind].with_values(values)
             log.append(rotation(inputs).tobytes())
-            log.append(frozen.freeze(days.visible_attributes(rotation, ["items"])))
+            log.append(frozen.freeze(visible_attributes(rotation, ["items"])))
         return log
 
     expected = logs(twin, ())

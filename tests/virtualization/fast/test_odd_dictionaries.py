@@ -8,6 +8,7 @@ down or find the day's bookkeeping half-written.
 import numpy as np
 import pytest
 
+from adversary.odd_keys import Odd, Same, put_before, respell
 from support import frozen
 from support.fakes import make_rotation, structure
 from support.isolated import run_isolated
@@ -33,114 +34,7 @@ GLOBALS = ["np", "VirtualStructure", "_VirtualContext", "_AllOnesVirtualMask"]
 NUMPY_NAMES = ["nan", "isfinite", "zeros", "float64", "array", "asarray"]
 
 ODD_KEY = """
-    class Odd:
-        'Key with the hash of a name and equal to nothing; counts down to its action.'
-
-        left = -1
-        action = None
-
-        def __init__(self, name):
-            self.hash = hash(name)
-
-        def __hash__(self):
-            return self.hash
-
-        def __eq__(self, other):
-            Odd.left -= 1
-            if Odd.left == 0:
-                Odd.action()
-            return False
-
-
-    def put_before(dictionary, name):
-        'Put an odd key where the lookup of the name meets it first.'
-        value = dictionary.pop(name, None)
-        entries = dict(dictionary)
-        dictionary.clear()
-        dictionary[Odd(name)] = "odd"
-        if value is not None:
-            dictionary[name] = value
-        dictionary.update(entries)
-
-
-    ITEMS = [
-        {"key": (name,), "legs": ((leg, 1.0), (leg + 1, -2.0)), "value": 1.0 + leg}
-        for leg, name in enumerate("abc")
-    ]
-
-
-    def prepared(base):
-        rotation = make_rotation(base, [ITEMS] * 100, trace_sink=[])
-        for _ in range(2):
-            rotation(np.ones(6))
-        return rotation
-
-
-    def day(rotation):
-        rotation(np.ones(6))
-
-
-    def compute(rotation):
-        clear = np.zeros(6, dtype=np.uint8)
-        rotation.compute((clear,), (clear,), clear, np.zeros(6), 6)
-
-
-    def unmap(rotation):
-        rotation._unmap(np.ones(4), np.zeros(6), 6)
-
-
-    def survive(rotation, count, act, calls=(day, compute, unmap)):
-        'Make the calls; the action comes at the count-th comparison.'
-        Odd.action = staticmethod(act)
-        Odd.left = count
-        for call in calls:
-            try:
-                call(rotation)
-            except (AttributeError, ValueError, IndexError, TypeError, LookupError, RuntimeError):
-                pass
-        Odd.left = -1
-
-
-    def shrink(array):
-        if isinstance(array, np.ndarray):
-            array.resize(10 ** 5, refcheck=False)
-            array.resize(0, refcheck=False)
-
-
-    def lose_tables(rotation):
-        for name in ["slot_by_key", "key_by_slot", "_legs_by_slot", "_metadata_by_slot"]:
-            vars(rotation)[name] = None
-        churn()
-
-
-    def clear_tables(rotation):
-        for name in ["slot_by_key", "key_by_slot", "_legs_by_slot", "_metadata_by_slot"]:
-            vars(rotation).get(name, []).clear()
-        churn()
-
-
-    def shrink_rows(rotation):
-        # Not the masks: a day works on views of those, which nobody can resize under.
-        for name in ["_txi_input", "_txi_output", "_txi_universe_row", "_output_buf"]:
-            shrink(vars(rotation).get(name))
-        churn()
-
-
-    def lose_everything(rotation):
-        vars(rotation).clear()
-        churn()
-
-
-    def compute_again(rotation):
-        rotation(np.ones(6))
-
-
-    def churn():
-        gc.collect()
-        [[bytearray(200) for _ in range(50)], [{} for _ in range(50)], np.ones(4)]
-
-
-    ACTIONS = [lose_tables, clear_tables, shrink_rows, lose_everything, compute_again]
+    from adversary.odd_keys import *
 """
 
 
@@ -349,43 +243,13 @@ def test_finalizers_of_replaced_entries_may_change_the_tables(kind, table):
 # --- odd keys that do nothing -----------------------------------------------------------------
 
 
-class Odd:
-    """Key with the hash of a name and equal to nothing."""
-
-    def __init__(self, name):
-        self.name = name
-
-    def __hash__(self):
-        return hash(self.name)
-
-    def __eq__(self, other):
-        return False
-
-
-class Same(str):
-    """Key of a class of its own that is equal to the plain name."""
-
-    __slots__ = ()
-
-    def __eq__(self, other):
-        return str.__eq__(self, other)
-
-    __hash__ = str.__hash__
-
-
 ITEMS = [
     structure(("a",), ((0, 1.0), (1, -2.0)), 1.0),
     structure(("b",), ((2, 0.5),), 2.0),
 ]
 
 
-def put_before(dictionary, name, key=Odd):
-    entries = dict(dictionary)
-    dictionary.clear()
-    if key is Odd:
-        dictionary[Odd(name)] = "odd"
-    for other, value in entries.items():
-        dictionary[key(other) if other == name and key is Same else other] = value
+SPELLINGS = {Odd: put_before, Same: respell}
 
 
 def logs(scenario):
@@ -405,7 +269,7 @@ def test_keys_that_only_look_odd_change_no_day(name, key):
     def scenario(base):
         rotation = make_rotation(base, [ITEMS] * 4)
         log = [a_day(rotation)]
-        put_before(vars(rotation), name, key)
+        SPELLINGS[key](vars(rotation), name)
         return [*log, a_day(rotation), a_day(rotation)]
 
     assert logs(scenario)[2][0][0] == "returned"
@@ -419,7 +283,7 @@ def test_items_whose_keys_only_look_odd_are_read_as_ever(name, key):
         rotation = make_rotation(base, [items] * 4)
         log = [a_day(rotation)]
         for item in items:
-            put_before(item, name, key)
+            SPELLINGS[key](item, name)
         return [*log, a_day(rotation), a_day(rotation)]
 
     assert logs(scenario)[2][0][0] == "returned"

@@ -9,9 +9,10 @@ import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
+from adversary.actions.tampering import WAYS, N, way
+from adversary.tampered import TamperedRotation
 from support import frozen
 from support.fakes import make_rotation, structure
-from support.tampering import WAYS, N, TamperedRotation, play, way
 
 
 class Side(TamperedRotation):
@@ -109,7 +110,7 @@ TAMPER = st.tuples(st.just("tamper"), st.sampled_from([*WAYS, *ITEM_WAYS]), st.i
 
 
 def run(module, override, policy, steps):
-    return play(Side(module, override, policy), steps)
+    return Side(module, override, policy).play(steps)
 
 
 @settings(max_examples=150, deadline=None)
