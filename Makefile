@@ -13,6 +13,8 @@
 #   make refleaks    every method on an interpreter that counts references
 #   make matrix      the tests on every Python with the oldest and the newest NumPy
 #   make newest      the tests of the compiled code and of tables on the newest Python to be had
+#   make wheels      the sdist and a wheel for every Python, as users get them, and checks of all
+#   make compilers   the core and its tests with every compiler that it promises to build with
 #   make long        the safety tests with their long repetitions
 #   make fuzz        random inputs of each kind under the sanitizers, a million or INPUTS of them
 #   make trust       asan, valgrind, refleaks, matrix, long and a shorter fuzz, with a table of
@@ -24,8 +26,9 @@
 #   make dist-test   build and test with the distribution's Python and NumPy, without pip
 #   make clean       remove what was built; `make distclean` removes $(VENV) too
 #
-# PYTHONS="3.12 3.15" chooses for `make matrix` and `make bench-pythons`, DEBUG_PYTHON=python3.11-dbg
-# for `make refleaks`.
+# PYTHONS="3.12 3.15" chooses for `make matrix`, `make wheels` and `make bench-pythons`,
+# COMPILERS="g++-14 clang++-newest" for `make compilers`, DEBUG_PYTHON=python3.11-dbg for
+# `make refleaks`.
 # PYTHON=python3.12 chooses the interpreter (with VENV=.venv312 beside the usual one).
 
 VENV ?= .venv
@@ -57,8 +60,8 @@ CXX_SOURCES = $(shell find cpp -name '*.cpp' -o -name '*.hpp')
 STUBBED = $(subst /,.,$(patsubst src/%.pyi,%,$(shell find src -name '*.pyi')))
 
 .PHONY: set-up demo cluster-demo docs test lint types check format coverage mutants trust asan \
-    valgrind refleaks matrix newest long fuzz tidy bench bench-pythons bench-instructions dist-test \
-    clean distclean python-matches
+    valgrind refleaks matrix newest wheels compilers long fuzz tidy bench bench-pythons \
+    bench-instructions dist-test clean distclean python-matches
 .DELETE_ON_ERROR:
 
 set-up: $(WHEEL_READY) $(TEST_READY)
@@ -152,6 +155,12 @@ NEWEST_TESTS = tests/virtualization tests/rotations tests/fuzz tests/safety test
 
 newest:
 	JOBS=2 MATRIX_TESTS="$(NEWEST_TESTS)" MATRIX_MARK="not plain_python" tools/newest.sh
+
+wheels:
+	JOBS=2 tools/wheels.sh $(PYTHONS)
+
+compilers: $(TOOLS_READY)
+	JOBS=2 PYTHON=$(PY) tools/compilers.sh $(COMPILERS)
 
 # The safety tests, and all others that have a long form; that of the random inputs is `make fuzz`.
 # A worker that has nothing left takes over from the other: some tests take minutes, most nothing.

@@ -13,12 +13,25 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 add_library(quorvane_flags INTERFACE)
 target_include_directories(quorvane_flags INTERFACE ${PROJECT_SOURCE_DIR}/cpp)
 
+# On Windows Clang takes the options of Microsoft's compiler, and its own behind /clang:.
+if(MSVC AND NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "Microsoft's compiler has no vectors of doubles. Clang has: cmake -T ClangCL")
+endif()
+function(quorvane_compile_options target scope)
+    if(MSVC)
+        list(TRANSFORM ARGN PREPEND /clang:)
+    endif()
+    target_compile_options(${target} ${scope} ${ARGN})
+endfunction()
+
 # Results are compared bit for bit with other implementations: no fused multiply-add where the
 # source has a multiplication and an addition. Said to the linker too, which compiles under LTO.
-target_compile_options(quorvane_flags INTERFACE -ffp-contract=off)
-target_link_options(quorvane_flags INTERFACE -ffp-contract=off)
+quorvane_compile_options(quorvane_flags INTERFACE -ffp-contract=off)
+if(NOT MSVC)
+    target_link_options(quorvane_flags INTERFACE -ffp-contract=off)
+endif()
 
-target_compile_options(quorvane_flags INTERFACE
+quorvane_compile_options(quorvane_flags INTERFACE
     -Wall -Wextra -Wpedantic
     -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wcast-qual -Wcast-align
     -Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi -Wundef -Wformat=2 -Wimplicit-fallthrough
@@ -28,7 +41,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
         -Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wuseless-cast)
 endif()
 if(QUORVANE_WERROR)
-    target_compile_options(quorvane_flags INTERFACE -Werror)
+    quorvane_compile_options(quorvane_flags INTERFACE -Werror)
 endif()
 
 if(QUORVANE_SANITIZE)

@@ -26,6 +26,7 @@ table=$work/table.txt
 tests=${MATRIX_TESTS:-tests}
 jobs=${JOBS:-1}
 debian=${MATRIX_ROOT:-/var/tmp/quorvane-debian}
+. tools/pythons.sh
 [ $# -gt 0 ] || set -- 3.11 3.12 3.13 3.14 3.15
 
 # The oldest NumPy that each Python has a wheel of; the package itself allows 1.24. Those of 3.14 and
@@ -47,18 +48,6 @@ companions_of() {
     esac
 }
 
-find_python() {
-    for candidate in "python$1" "$HOME/.pyenv/versions/$1".*/bin/python \
-        "$(uv python find "$1" 2>/dev/null || true)"; do
-        # A name that pyenv has on PATH but not switched on does not run.
-        if [ -n "$candidate" ] && "$candidate" -c 'import venv, ensurepip' 2>/dev/null; then
-            command -v "$candidate"
-            return
-        fi
-    done
-    uv python install -q "$1" 2>/dev/null && uv python find "$1"
-}
-
 row() {
     printf '%-8s %-8s %-8s %s\n' "$@" | tee -a "$table"
 }
@@ -72,13 +61,6 @@ summary() {
 failed() {
     row "$@"
     status=1
-}
-
-# The version's environment, with what a build needs. The build is against the newest NumPy, as a
-# published wheel's is: it must run on the oldest too.
-make_venv() {
-    [ -x "$venv/bin/python" ] || "$python" -m venv "$venv" || return
-    "$venv/bin/python" -m pip install -q -U numpy "scikit-build-core>=0.10" cmake ninja
 }
 
 build_wheel() {
@@ -131,7 +113,7 @@ run_version() {
     venv=$work/venv-$version
     build=$work/build-$version
     log=$work/build-$version.log
-    if ! make_venv >"$log" 2>&1; then
+    if ! make_build_venv "$venv" "$python" >"$log" 2>&1; then
         failed "$version" - - "COULD NOT BE INSTALLED, see $log"
         return
     fi
@@ -166,7 +148,7 @@ run_numpy() {
 
 run_in_debian() {
     version=$1
-    if [ "$(id -u)" != 0 ] || ! command -v debootstrap >/dev/null; then
+    if ! can_have_debian; then
         row "$version" - - "not run: no such Python here"
         return
     fi
@@ -179,14 +161,9 @@ run_in_debian() {
         return
     fi
     echo "Python $version runs in Debian's own folder, $debian ..."
-    # A copy: whoever deletes that folder must not delete this one. The builds of an earlier one stay.
-    mkdir -p "$debian/source"
-    find "$debian/source" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
-    tar -C "$root" --exclude='./build' --exclude='./.venv*' --exclude='./.git' -cf - . |
-        tar -C "$debian/source" -xf -
-    chroot "$debian" /usr/bin/env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin JOBS="$jobs" \
-        MATRIX_TESTS="$tests" MATRIX_MARK="${MATRIX_MARK:-}" MATRIX_NUMPY="${MATRIX_NUMPY:-}" \
-        MATRIX_RUN="${MATRIX_RUN:-}" MATRIX_INSIDE=1 \
+    copy_sources "$debian/source"
+    in_debian "$debian" JOBS="$jobs" MATRIX_TESTS="$tests" MATRIX_MARK="${MATRIX_MARK:-}" \
+        MATRIX_NUMPY="${MATRIX_NUMPY:-}" MATRIX_RUN="${MATRIX_RUN:-}" MATRIX_INSIDE=1 \
         /source/tools/matrix.sh "$version" || status=1
     cat "$debian/source/build/matrix/table.txt" >>"$table"
 }

@@ -1,8 +1,11 @@
 #include "capi/stack.hpp"
 
+#if defined(__APPLE__)
 #include <pthread.h>
+#endif
 
 #if defined(__linux__)
+#include <pthread.h>
 #include <sys/auxv.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>

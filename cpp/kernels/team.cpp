@@ -71,18 +71,30 @@ private:
     std::atomic<std::uint32_t> meeting_ = 0;
 };
 
+// Threads that are waited for in the end, as those of std::jthread are; Apple's library has none.
+struct Joined {
+    Joined() = default;
+    ~Joined() {
+        for (std::thread& thread : threads) thread.join();
+    }
+    Joined(const Joined&) = delete;
+    Joined& operator=(const Joined&) = delete;
+
+    std::vector<std::thread> threads;
+};
+
 }  // namespace
 
 void run_team(std::size_t workers, const std::function<void(std::size_t)>& begin,
               const std::function<void(std::size_t, MeetingPoint&)>& work) {
     std::latch started(1);
     std::optional<Barrier> barrier;
-    std::vector<std::jthread> threads;
-    threads.reserve(workers - 1);
+    Joined team;
+    team.threads.reserve(workers - 1);
     try {
         const NoSignals none;
         for (std::size_t worker = 1; worker < workers; ++worker) {
-            threads.emplace_back([&, worker] {
+            team.threads.emplace_back([&, worker] {
                 started.wait();
                 work(worker, *barrier);
             });
@@ -90,8 +102,8 @@ void run_team(std::size_t workers, const std::function<void(std::size_t)>& begin
     } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): fewer do the same
     } catch (const std::bad_alloc&) {     // NOLINT(bugprone-empty-catch): so here
     }
-    barrier.emplace(threads.size() + 1);
-    begin(threads.size() + 1);
+    barrier.emplace(team.threads.size() + 1);
+    begin(team.threads.size() + 1);
     started.count_down();
     work(0, *barrier);
 }
