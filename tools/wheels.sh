@@ -3,7 +3,7 @@
 #
 #   tools/wheels.sh [version...]              by default 3.11 3.12 3.13 3.14 3.15
 #
-#   WHEELS_GLIBC=2.17    the oldest C library that the wheels shall run with; `own` is this machine's
+#   WHEELS_GLIBC=2.28    the oldest C library that the wheels shall run with; `own` is this machine's
 #   WHEELS_TESTS=tests   what is run on the wheels but the first, which runs everything
 #   WHEELS_ROOT=folder   where Debian's newest is, or is made, for a Python that is not here
 #   CXX=g++-12           the compiler
@@ -24,7 +24,7 @@ work=$root/build/wheels
 dist=$work/dist
 table=$work/table.txt
 tools=$work/tools/bin
-glibc=${WHEELS_GLIBC:-2.17}
+glibc=${WHEELS_GLIBC:-2.28}
 tests=${WHEELS_TESTS:-tests/rotations tests/virtualization tests/baskets tests/tables tests/expressions}
 debian=${WHEELS_ROOT:-/var/tmp/quorvane-debian}
 jobs=${JOBS:-1}
@@ -32,6 +32,7 @@ jobs=${JOBS:-1}
 [ -n "${CXX:-}" ] || CXX=$(command -v g++-12 || command -v c++)
 export CXX
 export CMAKE_GENERATOR=Ninja
+export NO_COLOR=1
 [ $# -gt 0 ] || set -- 3.11 3.12 3.13 3.14 3.15
 first=$1
 

@@ -16,17 +16,26 @@ import zipfile
 from collections.abc import Iterator
 from email import message_from_bytes
 from pathlib import Path
+from typing import Any
 
 # What a source file of the package may be.
-KNOWN = re.compile(r".*(\.pyi?|/py\.typed|/report/style\.css)")
+KNOWN = re.compile(r".*(\.pyi?|\.css|/py\.typed)")
 EXTENSION = re.compile(r"quorvane_extension\(NAME (\S+)\s+PACKAGE (\S+)")
 WHEEL_NAME = re.compile(r"quorvane-(.+?)-cp3(\d+)-cp3\2-(\S+)\.whl")
 DIST_INFO = {"METADATA", "WHEEL", "RECORD", "entry_points.txt", "licenses/LICENSE"}
 
-# The libraries that every Linux has; libstdc++ only where it is not part of the modules.
-LIBRARIES = re.compile(
-    r"(libc|libm|libpthread|libdl|librt|libgcc_s|libstdc\+\+|ld-linux-.*)\.so\.\d+|ld-linux-.*"
-)
+# The libraries that every system of the wheel's kind has.
+LIBRARIES = {
+    "gnu": re.compile(
+        r"(libc|libm|libpthread|libdl|librt|libgcc_s|libstdc\+\+|ld-linux-.*)\.so\.\d+"
+    ),
+    "musl": re.compile(r"libc\.musl-\w+\.so\.1"),
+}
+# Where musl is, the C++ library may be missing: auditwheel adds it to the wheel, for all modules.
+ADDED = re.compile(r"(quorvane\.libs/)?lib(stdc\+\+|gcc_s)-[0-9a-f]{8}\.so\.[\d.]+")
+
+# A name without a version may be in no library of an older system, and nobody would tell.
+UNVERSIONED = ("VER_NDX_LOCAL", "VER_NDX_GLOBAL")
 
 
 def package_files(sources: Path) -> dict[str, bytes]:
@@ -64,6 +73,8 @@ def names_at_fault(
     expected = copies.keys() | {f"{info}/{name}" for name in DIST_INFO}
     expected |= {path for stem, path in endings.items() if stem in compiled}
     yield from (f"{name} is missing" for name in sorted(expected - files))
+    musl = any(path.endswith("-musl.so") for path in files)
+    expected |= {path for path in files if musl and ADDED.fullmatch(path)}
     yield from (f"{name} has no business there" for name in sorted(files - expected))
     yield from (f"{name} is of no known kind" for name in copies if not KNOWN.fullmatch(name))
 
@@ -92,26 +103,34 @@ def metadata_at_fault(text: bytes, version: str) -> Iterator[str]:
             yield f"METADATA has {name} {fields[name]}, not {value}"
 
 
+def symbols_at_fault(path: str, name: str, module: Any, library: str) -> Iterator[str]:
+    """Look at the names that a compiled module gives to others and wants of others."""
+    symbols = module.get_section_by_name(".dynsym")
+    versions = module.get_section_by_name(".gnu.version")
+    # The interpreter's have no version, and musl's neither.
+    free = re.compile("" if library == "musl" else r"$|_?Py|_ITM_|__gmon_start__$")
+    for index, symbol in enumerate(symbols.iter_symbols()):
+        if symbol["st_shndx"] != "SHN_UNDEF":
+            if symbol.name != f"PyInit_{name}" and symbol["st_shndx"] != "SHN_ABS":
+                yield f"{path} shows {symbol.name}"
+        elif not free.match(symbol.name) and versions.get_symbol(index)["ndx"] in UNVERSIONED:
+            yield f"{path} asks for {symbol.name}, of no version"
+
+
 def module_at_fault(path: str, name: str, content: bytes) -> Iterator[str]:
     """Look at what a compiled module shows and at what it asks for."""
     from elftools.elf.elffile import ELFFile
 
     module = ELFFile(io.BytesIO(content))
-    symbols = module.get_section_by_name(".dynsym")
-    versions = module.get_section_by_name(".gnu.version")
-    for index, symbol in enumerate(symbols.iter_symbols()):
-        defined = symbol["st_shndx"] != "SHN_UNDEF"
-        if defined and symbol.name != f"PyInit_{name}" and symbol["st_shndx"] != "SHN_ABS":
-            yield f"{path} shows {symbol.name}"
-        # One that has no version may be in no library of an older system, and nobody would tell.
-        known = re.match(r"_?Py|_ITM_|__gmon_start__|__cxa_finalize$", symbol.name)
-        bound = versions.get_symbol(index)["ndx"] not in ("VER_NDX_LOCAL", "VER_NDX_GLOBAL")
-        if symbol.name and not defined and not known and not bound:
-            yield f"{path} asks for {symbol.name}, of no version"
+    library = "musl" if path.endswith("-musl.so") else "gnu"
+    yield from symbols_at_fault(path, name, module, library)
     for tag in module.get_section_by_name(".dynamic").iter_tags():
-        if tag.entry.d_tag == "DT_NEEDED" and not LIBRARIES.fullmatch(tag.needed):
+        if tag.entry.d_tag == "DT_NEEDED" and not (
+            LIBRARIES[library].fullmatch(tag.needed)
+            or (library == "musl" and ADDED.fullmatch(tag.needed))
+        ):
             yield f"{path} needs {tag.needed}"
-        if tag.entry.d_tag in ("DT_RPATH", "DT_RUNPATH"):
+        if tag.entry.d_tag in ("DT_RPATH", "DT_RUNPATH") and library == "gnu":
             yield f"{path} looks for libraries in places of its own"
     stacks = [part for part in module.iter_segments() if part["p_type"] == "PT_GNU_STACK"]
     if not stacks or stacks[0]["p_flags"] & 1:

@@ -1,14 +1,15 @@
 """Make a folder against which the system's g++ builds for an older C library than the system's own.
 
-    python tools/wheels/old_glibc.py FOLDER VERSION        for example 2.17
+    python tools/wheels/old_glibc.py FOLDER VERSION        for example 2.28
 
 The headers and the libraries to link with come from the package ``ziglang``, which has those of
 every version of glibc; of its compiler nothing is used but that it puts them in place. The compiler
 stays the system's own, so that the code is what the tests and benchmarks know, with a version of
 each loop for each generation of processors.
 
-The standard C++ library is then linked into each module (``-static-libstdc++``), since an older
-system has an older one. FOLDER/flags.sh sets CXXFLAGS and LDFLAGS accordingly.
+The standard C++ library stays a shared one, which an exception that goes from one module to another
+needs, and so must be old as well: what GCC 12's headers ask of it that GCC 8's has not is compiled
+into the modules. FOLDER/flags.sh sets CXXFLAGS and LDFLAGS accordingly.
 """
 
 import argparse
@@ -20,13 +21,12 @@ import subprocess
 import sys
 from pathlib import Path
 
-# What this system's libstdc++.a asks of a newer glibc. Zero says that there may be other threads,
-# which is always true enough.
+# Called where an array is to have more items than memory has bytes.
 MISSING = """\
-extern "C" {
-extern char __libc_single_threaded;
-[[gnu::visibility("hidden")]] char __libc_single_threaded = 0;
-}
+#include <new>
+namespace std {
+[[noreturn]] void __throw_bad_array_new_length() { throw bad_array_new_length(); }
+}  // namespace std
 """
 
 # Link names of the libraries that the package has by the names under which they are loaded.
@@ -104,7 +104,7 @@ def main() -> None:
     """Make the folder anew."""
     parser = argparse.ArgumentParser()
     parser.add_argument("folder", type=Path)
-    parser.add_argument("version", help="of glibc, such as 2.17")
+    parser.add_argument("version", help="of glibc, such as 2.28")
     options = parser.parse_args()
     folder = options.folder.resolve()
     shutil.rmtree(folder, ignore_errors=True)
@@ -115,11 +115,11 @@ def main() -> None:
     make_libraries(folder, root, target)
     minor = options.version.partition(".")[2]
     # The compiler looks beside itself before it looks below --sysroot, so the libraries are named.
-    # What nothing uses of the C++ library is left out, and nothing of it is seen from outside.
+    # This system's C++ library may ask for more of the C library than the old one has.
     (folder / "flags.sh").write_text(
         f'export CXXFLAGS="--sysroot={root} -D__GLIBC_MINOR__={minor}"\n'
         f'export LDFLAGS="--sysroot={root} -L{root}/usr/lib {folder}/missing.o'
-        ' -static-libstdc++ -Wl,--exclude-libs,ALL -Wl,--gc-sections"\n'
+        ' -Wl,--allow-shlib-undefined"\n'
     )
     shutil.rmtree(folder / "cache")
 
