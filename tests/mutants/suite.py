@@ -1,6 +1,7 @@
 """What can catch a mutant: files of tests, and the programs that test the kernels."""
 
 import hashlib
+import os
 import re
 import sys
 import tempfile
@@ -76,6 +77,7 @@ def ask(folder, preset, tests, usual, *, options=(), tracer=(sys.executable,), e
     build = folder / "build" / preset
     usually = sum(usual.get(test, PATIENCE) for test in tests)
     longest = max(usual.get(test, PATIENCE) for test in tests)
+    slower = crowd()
     with tempfile.NamedTemporaryFile(prefix="qm-") as running:
         if tests[0].is_program:
             (test,) = tests
@@ -88,13 +90,18 @@ def ask(folder, preset, tests, usual, *, options=(), tracer=(sys.executable,), e
             folder,
             {
                 "PYTHONPATH": str(build / "python"),
-                judge.LIMIT: str(PATIENCE + SLOWNESS * longest),
+                judge.LIMIT: str(slower * (PATIENCE + SLOWNESS * longest)),
                 judge.RUNNING: running.name,
                 **(environment or {}),
             },
-            3 * PATIENCE + SLOWNESS * usually,
+            slower * (3 * PATIENCE + SLOWNESS * usually),
         )
         return answer(ended, Path(running.name).read_text(), tests[0])
+
+
+def crowd():
+    """How many times slower than alone everything goes, by those who wait for a processor."""
+    return max(1.0, os.getloadavg()[0] / (os.cpu_count() or 1))
 
 
 def answer(ended, running, first):

@@ -45,11 +45,19 @@ def folder(tmp_path):
 def test_an_end_is_told_by_who_and_how(folder, monkeypatch, name, by, how):
     if name == "hang":
         monkeypatch.setattr(suite, "PATIENCE", 2.0)
+        monkeypatch.setattr(suite, "crowd", lambda: 1.0)
     test = Test(f"tests/test_{name}.py")
     told = ask(folder, "mutants", [test], {test: 0.1 if name == "hang" else 10.0})
     # Where the machine is slow, it may be stopped before its first test begins.
     who = told.by.split("::")[0] if name == "hang" else told.by
     assert (told.passed, who, told.how) == (not by, by, how)
+
+
+def test_others_on_the_machine_are_no_reason_to_call_a_test_hanging(monkeypatch):
+    monkeypatch.setattr(suite.os, "cpu_count", lambda: 2)
+    for waiting, slower in ((0.5, 1.0), (2.0, 1.0), (10.0, 5.0)):
+        monkeypatch.setattr(suite.os, "getloadavg", lambda waiting=waiting: (waiting, 0.0, 0.0))
+        assert suite.crowd() == slower
 
 
 def test_the_first_failure_of_several_files_is_told(folder):
