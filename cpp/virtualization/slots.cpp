@@ -57,8 +57,9 @@ Ref slot_of_key(const State& state, PyObject* self, PyObject* key) {
     return new_slot(state, self, key);
 }
 
-const capi::FunctionDef stateful_def{"stateful", self_only, capi::body_of<State, stateful>,
-                                     "True, since the slots and the children carry state between days."};
+const capi::FunctionDef stateful_def{
+    "stateful", self_only, capi::body_of<State, stateful>,
+    "True, since the slots and the children carry state between days."};
 
 const capi::FunctionDef refresh_active_structures_def{
     "_refresh_active_structures", refresh_parameters,
