@@ -51,7 +51,6 @@ CLUSTER_READY := $(VENV)/.ready-cluster
 DOCS_READY := $(VENV)/.ready-docs
 TEST_READY := $(VENV)/.ready-test
 BENCH_READY := $(VENV)/.ready-bench
-MUTANTS_READY := $(VENV)/.ready-mutants
 
 # Folders are listed too: their time changes when a file is added or removed.
 SOURCES := CMakeLists.txt README.md LICENSE \
@@ -127,7 +126,7 @@ coverage: $(TEST_READY)
 SEED ?= 1
 MINUTES ?= 60
 
-mutants: $(TEST_READY) $(MUTANTS_READY)
+mutants: $(TEST_READY)
 	$(PY) -m tests.mutants --seed $(SEED) --minutes $(MINUTES)
 
 # What docs/trust.md reports on, each by itself; a failure keeps no other from running. INPUTS of
@@ -246,12 +245,8 @@ $(DOCS_READY): pyproject.toml | $(WHEEL_READY)
 	@touch $@
 
 $(TEST_READY): pyproject.toml | $(WHEEL_READY)
-	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[test,dev,docs]"
+	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[test,dev,docs,mutants]"
 	$(PY) -m pip install -qq --no-deps skfolio bokeh_sampledata
-	@touch $@
-
-$(MUTANTS_READY): pyproject.toml | $(WHEEL_READY)
-	$(PY) -m pip install -qq "$$(echo $(DIST)/quorvane-*.whl)[mutants]"
 	@touch $@
 
 # Each by itself: a Python may lack some, and none may replace the NumPy that is measured.

@@ -11,6 +11,8 @@ from mutants.reach import bits
 from mutants.running import run
 from mutants.tracing import Trace, lines_of_code
 
+pytest.importorskip("coverage", reason="coverage.py sees which lines run")
+
 CPP = """\
 inline int never() {
     return 1;
@@ -58,7 +60,6 @@ def test_lines_of_cpp_are_those_that_ran_and_those_that_can(checkout, tmp_path):
 
 
 def test_lines_of_python_are_those_of_all_processes(checkout, tmp_path):
-    pytest.importorskip("coverage", reason="coverage.py sees which lines run")
     trace = Trace(checkout, tmp_path / "trace")
     command = [sys.executable, *trace.tracer, "src/quorvane/a.py"]
     ended = run(command, checkout, trace.environment, 60)

@@ -35,9 +35,10 @@ _THREADS = ("OMP", "OPENBLAS", "MKL", "BLIS", "NUMEXPR", "QUORVANE")
 
 def cores() -> int:
     """How many cores this process may use, or the machine has where no process is told."""
-    if sys.platform == "linux":
+    try:
         return len(os.sched_getaffinity(0))
-    return os.cpu_count() or 1
+    except AttributeError:  # only Linux tells
+        return os.cpu_count() or 1
 
 
 def in_processes(
