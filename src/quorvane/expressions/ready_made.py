@@ -85,8 +85,8 @@ def rolling_std(window: int, min_periods: int | None = None, *, places: Places) 
 
     sqrt(sum((x - mean)**2) / (n - 1)) over the n numbers of the last ``window`` days; missing where
     n is below ``min_periods`` or 2. As ``pandas.DataFrame.rolling(window, min_periods).std()``,
-    with a relative error of at most 4 n * eps, and n * eps times the mean of the magnitudes
-    besides.
+    with an error of at most 2 n * eps * (1 + m / d) times the result d, m being the mean of the
+    magnitudes.
     """
     return RollingStd(window, min_periods, N_alloc=places.count)
 
