@@ -5,8 +5,14 @@
 #include <functional>
 #include <limits>
 #include <random>
+#include <span>
 #include <stdexcept>
 #include <vector>
+
+#if __has_include(<sys/mman.h>)
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
 
 #include "check.hpp"
 #include "kernels/rank.hpp"
@@ -106,10 +112,33 @@ void refuses_what_it_cannot_count() {
     CHECK(refused);
 }
 
+#if __has_include(<sys/mman.h>)
+// Rows that end where the memory ends: whatever read on would crash.
+void reads_nothing_behind_a_row() {
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    void* memory = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANON, -1, 0);
+    CHECK(memory != MAP_FAILED);
+    if (memory == MAP_FAILED) return;
+    double* end = static_cast<double*>(memory) + page / sizeof(double);
+    CHECK(mprotect(end, page, PROT_NONE) == 0);
+    for (std::size_t size = 1; size <= page / sizeof(double); ++size) {
+        const std::span<double> values(end - size, size);
+        for (std::size_t i = 0; i < size; ++i) values[i] = static_cast<double>(i * 7 % 11);
+        Row out(size);
+        rank_fraction(values, workspace, out);
+        CHECK(same(out, reference(Row(values.begin(), values.end()))));
+    }
+    munmap(memory, 2 * page);
+}
+#else
+void reads_nothing_behind_a_row() {}
+#endif
+
 }  // namespace
 
 int main() {
     knows_the_special_values();
+    reads_nothing_behind_a_row();
     refuses_what_it_cannot_count();
 
     const Source sources[] = {
