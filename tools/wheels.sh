@@ -32,7 +32,6 @@ jobs=${JOBS:-1}
 [ -n "${CXX:-}" ] || CXX=$(command -v g++-12 || command -v c++)
 export CXX
 export CMAKE_GENERATOR=Ninja
-export NO_COLOR=1
 [ $# -gt 0 ] || set -- 3.11 3.12 3.13 3.14 3.15
 first=$1
 
@@ -77,7 +76,7 @@ check_sdist() {
         "$dist"/*.tar.gz && say sdist "$(ls "$dist" | grep gz), $(stat -c %s "$dist"/*.gz) bytes" &&
         say sdist "$(tail -n 1 "$work/sdist-contents.log")" &&
         attempt twine "$tools/twine" check --strict "$dist"/*.gz &&
-        say twine "$(tail -n 1 "$work/twine.log")" &&
+        say twine "$(grep -o PASSED "$work/twine.log")" &&
         attempt pyroma "$tools/pyroma" --min 10 --file "$dist"/*.gz &&
         say pyroma "$(grep rating "$work/pyroma.log")"
 }
