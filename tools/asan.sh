@@ -81,21 +81,22 @@ run_tests() {
         sanitized "$options" -m pytest -q -p no:cacheprovider -m "not plain_python" "$@"
 }
 
-# What surrounds the compiled code runs none of it that the others do not, and random inputs have
-# a run of their own.
+# The tests of the compiled code; what surrounds it runs none of it that these do not, and random
+# inputs have a run of their own.
+SOME="tests/virtualization --ignore=tests/virtualization/fast"
+OTHERS="tests/virtualization/fast tests/rotations tests/safety tests/baskets tests/tables"
+OTHERS="$OTHERS tests/expressions tests/evaluation --ignore=tests/evaluation/report"
+OTHERS="$OTHERS tests/test_abstract_hooks.py"
+
 suite() {
-    left_out=
-    for folder in cli docs benchmarks contributing evaluation/report sweeping scikit_learn stores \
-        powercut fuzz; do
-        left_out="$left_out --ignore=tests/$folder"
-    done
     # shellcheck disable=SC2086 # several folders
     if [ "$jobs" -gt 1 ]; then
-        run_tests "$FAST_STACKS" tests/virtualization &
-        run_tests "$FAST_STACKS" tests $left_out --ignore=tests/virtualization
+        run_tests "$FAST_STACKS" $SOME &
+        run_tests "$FAST_STACKS" $OTHERS
         wait
     else
-        run_tests "$FAST_STACKS" tests $left_out
+        run_tests "$FAST_STACKS" $SOME
+        run_tests "$FAST_STACKS" $OTHERS
     fi
     keep_ours
 }

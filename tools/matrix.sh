@@ -86,7 +86,7 @@ check() {
         "$MATRIX_RUN" "$venv/bin/python"
         return
     fi
-    folders="powercut docs benchmarks branches contributing"
+    folders="powercut docs benchmarks branches contributing mutants release"
     mark=${MATRIX_MARK:-not on_twin}
     case $version in
         3.11 | 3.15) ;;
