@@ -96,6 +96,7 @@ def test_a_file_that_its_record_does_not_know_is_told(contents, tmp_path):
     with zipfile.ZipFile(path, "w") as wheel:
         wheel.writestr("one.py", b"one")
         wheel.writestr("two.py", b"two")
+        wheel.writestr("folder/", b"")
         rows = [f"one.py,sha256={digest},3", f"two.py,sha256={digest},3", f"{INFO}/RECORD,,"]
         wheel.writestr(f"{INFO}/RECORD", "\n".join(rows))
     with zipfile.ZipFile(path) as wheel:

@@ -83,7 +83,8 @@ def record_at_fault(wheel: zipfile.ZipFile, info: str) -> Iterator[str]:
     """Compare each file with the hash that the wheel itself has of it."""
     rows = csv.reader(io.StringIO(wheel.read(f"{info}/RECORD").decode()))
     hashes = {name: value for name, value, _ in rows}
-    for name in set(wheel.namelist()) - {f"{info}/RECORD"}:
+    files = {name for name in wheel.namelist() if not name.endswith("/")}
+    for name in files - {f"{info}/RECORD"}:
         digest = base64.urlsafe_b64encode(hashlib.sha256(wheel.read(name)).digest())
         if hashes.get(name) != "sha256=" + digest.decode().rstrip("="):
             yield f"{name} is not what RECORD says"
@@ -107,13 +108,15 @@ def symbols_at_fault(path: str, name: str, module: Any, library: str) -> Iterato
     """Look at the names that a compiled module gives to others and wants of others."""
     symbols = module.get_section_by_name(".dynsym")
     versions = module.get_section_by_name(".gnu.version")
-    # The interpreter's have no version, and musl's neither.
-    free = re.compile("" if library == "musl" else r"$|_?Py|_ITM_|__gmon_start__$")
+    # The interpreter's have no version, and musl's neither; the last three may be there or not.
+    free = "" if library == "musl" else r"$|_?Py|_ITM_|__gmon_start__$|__cxa_finalize$"
     for index, symbol in enumerate(symbols.iter_symbols()):
+        if symbol["st_info"]["bind"] == "STB_LOCAL":
+            continue
         if symbol["st_shndx"] != "SHN_UNDEF":
             if symbol.name != f"PyInit_{name}" and symbol["st_shndx"] != "SHN_ABS":
                 yield f"{path} shows {symbol.name}"
-        elif not free.match(symbol.name) and versions.get_symbol(index)["ndx"] in UNVERSIONED:
+        elif not re.match(free, symbol.name) and versions.get_symbol(index)["ndx"] in UNVERSIONED:
             yield f"{path} asks for {symbol.name}, of no version"
 
 
