@@ -104,9 +104,10 @@ format: $(TEST_READY)
 COVERED = $(sort $(filter-out tests/fuzz/% tests/cli/% tests/stores/% tests/powercut/% \
     tests/safety/test_soak.py tests/safety/test_process_end.py tests/safety/test_objects_at_exit.py \
     tests/safety/test_interrupts.py tests/safety/test_forks.py tests/safety/test_import_at_exit.py \
-    tests/test_house.py tests/test_trust_table.py tests/test_newest_python.py tests/test_instruction_gate.py \
-    tests/benchmarks/% tests/baskets/% tests/tables/% tests/expressions/% tests/evaluation/% tests/sweeping/% \
-    tests/docs/%, \
+    tests/test_house.py tests/test_trust_table.py tests/test_newest_python.py \
+    tests/test_instruction_gate.py tests/baskets/% tests/tables/% tests/expressions/% \
+    tests/evaluation/% tests/sweeping/% tests/scikit_learn/% tests/benchmarks/% tests/docs/% \
+    tests/contributing/% tests/mutants/% tests/release/%, \
     $(shell find tests -name 'test_*.py')))
 
 coverage: $(TEST_READY)
