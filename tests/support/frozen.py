@@ -71,28 +71,18 @@ def _freeze_tuple(value, seen):
     return ("tuple", *_freeze_parts(value, seen))
 
 
-def _freeze_list(value, seen):
-    place = id(value)
-    if place in seen:
-        return ("again", seen[place][0])
-    seen[place] = (len(seen), value)
-    return ("list", *_freeze_parts(value, seen))
+def _once(kind, parts):
+    """Freezes an object by its parts where it is met first, and after that by where that was."""
 
+    def freeze_once(value, seen):
+        place = id(value)
+        if place in seen:
+            return ("again", seen[place][0])
+        # The value is kept beside its position, lest a new object get the address of a dead one.
+        seen[place] = (len(seen), value)
+        return (kind, *parts(value, seen))
 
-def _freeze_dict(value, seen):
-    place = id(value)
-    if place in seen:
-        return ("again", seen[place][0])
-    seen[place] = (len(seen), value)
-    return ("dict", *_freeze_entries(value, seen))
-
-
-def _freeze_array(value, seen):
-    place = id(value)
-    if place in seen:
-        return ("again", seen[place][0])
-    seen[place] = (len(seen), value)
-    return ("ndarray", *_array_parts(value, seen))
+    return freeze_once
 
 
 def _freeze_scalar(value, seen):
@@ -115,51 +105,6 @@ def _freeze_in_order(value, seen):
     return (type(value).__name__, *_freeze_parts(value, seen))
 
 
-TRUE, FALSE = _freeze_by_value(True, None), _freeze_by_value(False, None)
-FREEZERS = {
-    **dict.fromkeys(AS_THEY_ARE, lambda value, seen: value),
-    float: lambda value, seen: FLOAT_BITS(value),
-    **dict.fromkeys([bool, bytes, type(Ellipsis)], _freeze_by_value),
-    tuple: _freeze_tuple,
-    list: _freeze_list,
-    dict: _freeze_dict,
-    np.ndarray: _freeze_array,
-    **dict.fromkeys(SAID_BY_NAME, _freeze_by_name),
-    slice: _freeze_slice,
-    **dict.fromkeys([range, frozenset], _freeze_in_order),
-}
-
-
-def _freeze_other(value, seen):
-    # By its class and not by `isinstance`, which asks the value, and values may lie.
-    cls = type(value)
-    if issubclass(cls, np.generic):
-        return _freeze_scalar(value, seen)
-    if issubclass(cls, SAID_BY_NAME):
-        return _freeze_by_name(value, seen)
-    if id(value) in seen:
-        return ("again", seen[id(value)][0])
-    # The value is kept beside its position, lest a new object get the address of a dead one.
-    seen[id(value)] = (len(seen), value)
-    return (cls.__name__, *_other_parts(cls, value, seen))
-
-
-def _other_parts(cls, value, seen):
-    if issubclass(cls, np.ndarray):
-        return _array_parts(value, seen)
-    if issubclass(cls, BaseException):
-        return freeze_error(value, seen)
-    parts = []
-    if issubclass(cls, dict):
-        parts = _freeze_entries(value, seen)
-    elif issubclass(cls, BUILTIN_COLLECTIONS):
-        iterate = next(base for base in cls.__mro__ if base in BUILTIN_COLLECTIONS).__iter__
-        parts = _freeze_parts(iterate(value), seen)
-    elif issubclass(cls, (int, float, str)):
-        parts = [repr(value)]
-    return (*parts, tuple(_freeze_entries(dict(getattr(value, "__dict__", {})), seen)))
-
-
 def _array_parts(value, seen):
     dtype = _dtype(value)
     content = freeze(value.tolist(), seen) if dtype == "|O" else _bits(value)
@@ -177,6 +122,48 @@ def _dtype(value):
 def _bits(value):
     # A long double has bytes that are none of its bits, with anything in them.
     return repr(value) if value.dtype.char in "gG" else value.tobytes()
+
+
+TRUE, FALSE = _freeze_by_value(True, None), _freeze_by_value(False, None)
+FREEZERS = {
+    **dict.fromkeys(AS_THEY_ARE, lambda value, seen: value),
+    float: lambda value, seen: FLOAT_BITS(value),
+    **dict.fromkeys([bool, bytes, type(Ellipsis)], _freeze_by_value),
+    tuple: _freeze_tuple,
+    list: _once("list", _freeze_parts),
+    dict: _once("dict", _freeze_entries),
+    np.ndarray: _once("ndarray", _array_parts),
+    **dict.fromkeys(SAID_BY_NAME, _freeze_by_name),
+    slice: _freeze_slice,
+    **dict.fromkeys([range, frozenset], _freeze_in_order),
+}
+
+
+def _freeze_other(value, seen):
+    # By its class and not by `isinstance`, which asks the value, and values may lie.
+    cls = type(value)
+    if issubclass(cls, np.generic):
+        return _freeze_scalar(value, seen)
+    if issubclass(cls, SAID_BY_NAME):
+        return _freeze_by_name(value, seen)
+    return _once(cls.__name__, _other_parts)(value, seen)
+
+
+def _other_parts(value, seen):
+    cls = type(value)
+    if issubclass(cls, np.ndarray):
+        return _array_parts(value, seen)
+    if issubclass(cls, BaseException):
+        return freeze_error(value, seen)
+    parts = []
+    if issubclass(cls, dict):
+        parts = _freeze_entries(value, seen)
+    elif issubclass(cls, BUILTIN_COLLECTIONS):
+        iterate = next(base for base in cls.__mro__ if base in BUILTIN_COLLECTIONS).__iter__
+        parts = _freeze_parts(iterate(value), seen)
+    elif issubclass(cls, (int, float, str)):
+        parts = [repr(value)]
+    return (*parts, tuple(_freeze_entries(dict(getattr(value, "__dict__", {})), seen)))
 
 
 def freeze_error(error, seen=None):
